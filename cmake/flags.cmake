@@ -1,0 +1,16 @@
+# What every target of ours is compiled with. Link qel_flags privately.
+add_library(qel_flags INTERFACE)
+target_compile_options(qel_flags INTERFACE
+  -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror -fno-strict-aliasing)
+# The stamps and timeouts of a 32-bit build outlive 2038.
+target_compile_definitions(qel_flags INTERFACE _GNU_SOURCE _FILE_OFFSET_BITS=64 _TIME_BITS=64)
+target_include_directories(qel_flags INTERFACE ${PROJECT_SOURCE_DIR}/src)
+
+if(QEL_SANITIZE)
+  add_compile_options(-fsanitize=${QEL_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  add_link_options(-fsanitize=${QEL_SANITIZE})
+else()
+  # Only what is called is kept: the executable lives on a small appliance.
+  add_compile_options(-ffunction-sections -fdata-sections)
+  add_link_options(-Wl,--gc-sections)
+endif()

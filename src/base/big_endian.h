@@ -1,0 +1,35 @@
+// Unsigned 32-bit words in big-endian byte order, whatever the host's.
+#ifndef QEL_BASE_BIG_ENDIAN_H
+#define QEL_BASE_BIG_ENDIAN_H
+
+#include <cstdint>
+
+// A word as it lies in a message: four bytes, no alignment. Reads and assigns like a number, so that a struct
+// of such words is both the declaration of a layout and the means to read and write it.
+class CBigEndian32 {
+public:
+    CBigEndian32() = default;
+    CBigEndian32(uint32_t value) { *this = value; }
+
+    CBigEndian32& operator=(uint32_t value) {
+        for (int i = 0; i < 4; ++i) {
+            m_aBytes[i] = static_cast<uint8_t>(value >> (24 - 8 * i));
+        }
+        return *this;
+    }
+
+    operator uint32_t() const {
+        uint32_t value = 0;
+        for (uint8_t byte : m_aBytes) {
+            value = value << 8 | byte;
+        }
+        return value;
+    }
+
+private:
+    uint8_t m_aBytes[4] = {};
+};
+
+static_assert(sizeof(CBigEndian32) == 4 && alignof(CBigEndian32) == 1);
+
+#endif

@@ -1,0 +1,29 @@
+/* The service manager. Platform contract: another platform supplies this function under this name. */
+#ifndef QEL_PLATFORM_SERVICE_H
+#define QEL_PLATFORM_SERVICE_H
+
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+enum {
+    OVU_CALLBACK_NOTIFY_SERVICE_STOP = 0,
+    OVU_CALLBACK_NOTIFY_SERVICE_SHUTDOWN = 1
+};
+
+typedef void (*OvuServiceCallback)(uint32_t event);
+
+/* Registers the process as the service `name`. From then on `callback` is called with a notice from above, on a
+ * thread of the manager's own, when the service is to stop or the host goes down; it may end the process. To be
+ * called before the process starts other threads. The three numbers belong to the manager; the daemon passes 1, 1
+ * and 3. Returns 0 or an error number; without registration no notice ever comes. */
+int OvuServiceStartService(const char* name, uint32_t first, uint32_t second, OvuServiceCallback callback,
+                           uint32_t third);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
