@@ -1,0 +1,200 @@
+#include "features/CFeatureMerge.h"
+
+#include "features/CFeatureEntry.h"
+#include "features/CQelControl.h"
+#include "server/log.h"
+
+namespace {
+
+constexpr uint32_t nMergeEvent = 31115;
+
+// Features whose addition or modification takes effect with the next restart of the appliance. Ends with 0.
+constexpr uint32_t nRebootFeatureList[] = {206, 306, 0};
+
+uint64_t pairOf(uint32_t code, uint32_t data) {
+    return uint64_t{code} << 32 | data;
+}
+
+uint64_t pairOf(const CFeatureEntry& entry) {
+    return pairOf(entry.m_nCode, entry.m_nData);
+}
+
+} // namespace
+
+int CQelControl::addFeatureList(CArray<CFeatureEntry*>& list) {
+    return CFeatureMerge(m_aFeatures, list).run();
+}
+
+CFeatureMerge::CFeatureMerge(CArray<CFeatureEntry*>& table, CArray<CFeatureEntry*>& list)
+    : m_aTable(table), m_aList(list), m_oTableByPair(table.m_vItems.size() + list.m_vItems.size()),
+      m_oTableByCode(table.m_vItems.size() + list.m_vItems.size()), m_oListByPair(list.m_vItems.size()),
+      m_oListByCode(list.m_vItems.size()) {
+    for (size_t i = 0; i < m_aTable.m_vItems.size(); ++i) {
+        if (const CFeatureEntry* entry = m_aTable.m_vItems[i]) {
+            m_oTableByPair.append(pairOf(*entry), i);
+        }
+    }
+    for (size_t i = 0; i < m_aList.m_vItems.size(); ++i) {
+        if (const CFeatureEntry* fresh = m_aList.m_vItems[i]) {
+            m_oListByPair.append(pairOf(*fresh), i);
+            m_oListByCode.append(fresh->m_nCode, i);
+        }
+    }
+}
+
+CFeatureMerge::EResult CFeatureMerge::run() {
+    withdrawGone();
+    markExisting();
+    bringIn();
+    return m_eResult;
+}
+
+// What the new list does not hold is withdrawn; so is what came with an earlier list even if this one holds
+// it, to be brought back below and pushed to its components again. Only entries that the source keeps are
+// left alone.
+void CFeatureMerge::withdrawGone() {
+    for (CFeatureEntry* entry : m_aTable.m_vItems) {
+        if (entry == nullptr || (isMatched(*entry) && entry->m_bSourced == 1)) {
+            continue;
+        }
+        entry->m_eStatus = CFeatureEntry::fsDeleted;
+        entry->setCompStatus(CCompStatus::csIdle);
+        logEvent(svInfo, nMergeEvent, "deleted feature %d %d", entry->m_nCode, entry->m_nData);
+        m_eResult = rsWithdrawn;
+    }
+}
+
+// By code and data; else by code alone, and then the list's entry is claimed, so that no second entry of the
+// table with that code can have it. A claim shows as fsModify.
+bool CFeatureMerge::isMatched(const CFeatureEntry& entry) {
+    if (m_oListByPair.first(pairOf(entry)) != m_oListByPair.nNone) {
+        return true;
+    }
+    const uint32_t claimed = m_oListByCode.firstThat(entry.m_nCode, [this](uint32_t position) {
+        return m_aList.m_vItems[position]->m_eStatus != CFeatureEntry::fsModify;
+    });
+    if (claimed == m_oListByCode.nNone) {
+        return false;
+    }
+    m_aList.m_vItems[claimed]->m_eStatus = CFeatureEntry::fsModify;
+    return true;
+}
+
+void CFeatureMerge::markExisting() {
+    for (const CFeatureEntry* fresh : m_aList.m_vItems) {
+        CFeatureEntry* entry = fresh != nullptr ? findByCodeData(*fresh) : nullptr;
+        if (entry != nullptr && entry->m_eStatus != CFeatureEntry::fsDeleted) {
+            entry->m_eStatus = CFeatureEntry::fsExisting;
+            logEvent(svInfo, nMergeEvent, "existing feature %d %d", entry->m_nCode, entry->m_nData);
+        }
+    }
+    for (size_t i = 0; i < m_aTable.m_vItems.size(); ++i) {
+        if (const CFeatureEntry* entry = m_aTable.m_vItems[i]) {
+            m_oTableByCode.append(entry->m_nCode, i);
+        }
+    }
+}
+
+CFeatureEntry* CFeatureMerge::findByCodeData(const CFeatureEntry& fresh) const {
+    const uint32_t position = m_oTableByPair.first(pairOf(fresh));
+    return position != m_oTableByPair.nNone ? m_aTable.m_vItems[position] : nullptr;
+}
+
+void CFeatureMerge::bringIn() {
+    for (CFeatureEntry*& slot : m_aList.m_vItems) {
+        if (slot != nullptr && take(slot)) {
+            slot = nullptr;
+        }
+    }
+}
+
+// False: the feature is in force unchanged, and the fresh entry stays the caller's.
+bool CFeatureMerge::take(CFeatureEntry* fresh) {
+    if (CFeatureEntry* entry = findByCodeData(*fresh)) {
+        if (entry->m_eStatus != CFeatureEntry::fsDeleted) {
+            return false;
+        }
+        reuse(*entry);
+        delete fresh;
+        return true;
+    }
+    const uint32_t position = m_oTableByCode.firstThat(fresh->m_nCode, [this](uint32_t at) {
+        return m_aTable.m_vItems[at]->m_eStatus != CFeatureEntry::fsExisting;
+    });
+    if (position == m_oTableByCode.nNone) {
+        adopt(fresh);
+        return true;
+    }
+    CFeatureEntry& other = *m_aTable.m_vItems[position];
+    if (other.m_eStatus == CFeatureEntry::fsDeleted) {
+        reuseDisabled(other, position, *fresh);
+    } else {
+        modify(other, position, *fresh);
+    }
+    testReboot(fresh->m_nCode, fresh->m_nData);
+    delete fresh;
+    return true;
+}
+
+void CFeatureMerge::reuse(CFeatureEntry& entry) {
+    entry.m_eStatus = CFeatureEntry::fsNewAdd;
+    entry.setCompStatus(CCompStatus::csIdle);
+    logEvent(svInfo, nMergeEvent, "reuse newadd feature %d %d %s", entry.m_nCode, entry.m_nData, "");
+}
+
+void CFeatureMerge::modify(CFeatureEntry& entry, uint32_t position, const CFeatureEntry& fresh) {
+    if (fresh.m_nData < entry.m_nData) {
+        m_eResult = rsWithdrawn;
+    }
+    logEvent(svInfo, nMergeEvent, "modify feature %d %d %s (%d)", entry.m_nCode, entry.m_nData, "",
+             fresh.m_nData);
+    entry.m_eStatus = CFeatureEntry::fsModify;
+    entry.m_nNewData = fresh.m_nData;
+    if (entry.setCompStatus(CCompStatus::csIdle) == 0) {
+        entry.m_eStatus = CFeatureEntry::fsExisting;
+        setData(entry, position, entry.m_nNewData);
+        entry.m_nNewData = 0;
+        logEvent(svInfo, nMergeEvent, "treated as replied feature %d %d", entry.m_nCode, entry.m_nData);
+    }
+}
+
+void CFeatureMerge::reuseDisabled(CFeatureEntry& entry, uint32_t position, const CFeatureEntry& fresh) {
+    entry.m_eStatus = CFeatureEntry::fsNewAdd;
+    entry.setCompStatus(CCompStatus::csIdle);
+    setData(entry, position, fresh.m_nData);
+    logEvent(svInfo, nMergeEvent, "newadd feature (disable reuse) %d %d", fresh.m_nCode, fresh.m_nData);
+}
+
+void CFeatureMerge::adopt(CFeatureEntry* fresh) {
+    fresh->m_eStatus = CFeatureEntry::fsNewAdd;
+    fresh->setCompStatus(CCompStatus::csIdle);
+    const size_t position = m_aTable.m_vItems.size();
+    m_aTable.m_vItems.push_back(fresh);
+    m_oTableByPair.append(pairOf(*fresh), position);
+    m_oTableByCode.append(fresh->m_nCode, position);
+    logEvent(svInfo, nMergeEvent, "newadd feature %d %d", fresh->m_nCode, fresh->m_nData);
+    testReboot(fresh->m_nCode, fresh->m_nData);
+}
+
+// No entry has the new pair yet: it is only given to an entry after the look-up by pair found none.
+void CFeatureMerge::setData(CFeatureEntry& entry, uint32_t position, uint32_t data) {
+    m_oTableByPair.remove(pairOf(entry), position);
+    entry.m_nData = data;
+    m_oTableByPair.append(pairOf(entry), position);
+}
+
+void CFeatureMerge::testReboot(uint32_t code, uint32_t data) {
+    if (needsRestart(code)) {
+        logEvent(svInfo, nMergeEvent, "found feature %d %d in reboot list", code, data);
+        m_eResult = rsRestart;
+    }
+}
+
+bool CFeatureMerge::needsRestart(uint32_t code) {
+    for (const uint32_t* listed = nRebootFeatureList; *listed != 0; ++listed) {
+        if (*listed == code) {
+            return true;
+        }
+    }
+    return false;
+}

@@ -1,0 +1,95 @@
+#include "features/CQelControl.h"
+
+#include "features/CComponent.h"
+#include "features/CFeatureEntry.h"
+#include "server/singleton.h"
+
+#include <algorithm>
+#include <new>
+
+constinit std::atomic<CQelControl*> CQelControl::m_pInstance = nullptr;
+
+namespace {
+
+// The first item, null slots aside, that the test accepts.
+template <typename T, typename Test>
+T* findItem(const CArray<T*>& array, Test test) {
+    for (T* item : array.m_vItems) {
+        if (item != nullptr && test(*item)) {
+            return item;
+        }
+    }
+    return nullptr;
+}
+
+} // namespace
+
+CQelControl* CQelControl::instance() {
+    return singleton(m_pInstance, [] { return new (std::nothrow) CQelControl; });
+}
+
+CQelControl::~CQelControl() {
+    for (CComponent* comp : m_aComponents.m_vItems) {
+        delete comp;
+    }
+    m_aComponents.m_vItems.clear();
+    for (CFeatureEntry* entry : m_aFeatures.m_vItems) {
+        delete entry;
+    }
+    m_aFeatures.m_vItems.clear();
+}
+
+void CQelControl::clearFeatureArray() {
+    for (CFeatureEntry* entry : m_aFeatures.m_vItems) {
+        if (entry != nullptr) {
+            entry->clear();
+        }
+    }
+    m_aFeatures.m_vItems.clear();
+    for (CComponent* comp : m_aComponents.m_vItems) {
+        if (comp != nullptr) {
+            comp->clearFeatureArray();
+        }
+    }
+}
+
+void CQelControl::addComponent(CComponent* comp) {
+    m_aComponents.m_vItems.push_back(comp);
+}
+
+// A component's own array may have lost features that still hold its record: it was renamed, or came back
+// anew.
+int CQelControl::delComponent(CComponent* comp) {
+    for (CFeatureEntry* entry : m_aFeatures.m_vItems) {
+        if (entry != nullptr && entry->findCompByPtr(comp) != nullptr) {
+            entry->addComponent(CFeatureEntry::opRemove, comp);
+        }
+    }
+    return m_aComponents.del(comp);
+}
+
+void CQelControl::addFeature(CFeatureEntry* entry) {
+    m_aFeatures.m_vItems.push_back(entry);
+}
+
+int CQelControl::delFeature(CFeatureEntry* entry) {
+    return m_aFeatures.del(entry);
+}
+
+CComponent* CQelControl::findCompByName(const char* name) const {
+    return findItem(m_aComponents, [name](const CComponent& comp) { return comp.equalName(name); });
+}
+
+CComponent* CQelControl::findCompByMFW(uint32_t handle) const {
+    return findItem(m_aComponents, [handle](const CComponent& comp) { return comp.equalMFW(handle); });
+}
+
+CFeatureEntry* CQelControl::findFeatureByCode(uint32_t code) const {
+    return findItem(m_aFeatures, [code](const CFeatureEntry& entry) { return entry.m_nCode == code; });
+}
+
+CFeatureEntry* CQelControl::findFeatureByCodeData(uint32_t code, uint32_t data) const {
+    return findItem(m_aFeatures, [code, data](const CFeatureEntry& entry) {
+        return entry.m_nCode == code && entry.m_nData == data;
+    });
+}

@@ -1,0 +1,66 @@
+// Registration of well-known components that run but have not announced themselves.
+#include "features/CQelControl.h"
+
+#include "base/COswLightweightMutex.h"
+#include "features/CComponent.h"
+#include "features/CFeatureEntry.h"
+#include "platform/mfw.h"
+#include "server/log.h"
+
+#include <new>
+
+namespace {
+
+struct SWellKnown {
+    char m_szName[22];    // as the component announces itself
+    char m_szProcess[22]; // the process that hosts it
+};
+
+constexpr SWellKnown oMFWList[] = {
+    {"Anchor", "anchor"},   {"Telephony", "telephony"}, {"Voice", "voice"},
+    {"Gateway", "gateway"}, {"Tracing", "tracing"},
+};
+
+// What such a component runs with is taken as told and answered.
+void takeAsAnswered(const CArray<CFeatureEntry*>& features, CComponent* comp) {
+    for (CFeatureEntry* entry : features.m_vItems) {
+        CCompStatus* record = entry != nullptr ? entry->findCompByPtr(comp) : nullptr;
+        if (record != nullptr && entry->findCompName(comp->m_szName) != 0) {
+            record->m_eStatus = entry->m_eStatus != CFeatureEntry::fsDeleted ? CCompStatus::csEnabling
+                                                                             : CCompStatus::csDisabling;
+            entry->addComponent(CFeatureEntry::opReply, comp);
+        }
+    }
+}
+
+} // namespace
+
+int CQelControl::auditComponent() {
+    int result = 0;
+    for (const SWellKnown& row : oMFWList) {
+        if (findCompByName(row.m_szName) != nullptr) {
+            continue;
+        }
+        uint32_t handle = OVU_MFW_NO_HANDLE;
+        result = OvuMfwGetProcessHandle(row.m_szProcess, &handle);
+        if (result != 0) {
+            logEvent(svInfo, 31415, "failed to get Mfw Handle for %s", row.m_szProcess);
+            continue;
+        }
+        logEvent(svInfo, 31415, "got Mfw Handle 0x%x for %s", handle, row.m_szProcess);
+
+        const CScopedLock lock(oMutex);
+        auto* comp = new (std::nothrow) CComponent(this);
+        if (comp == nullptr) {
+            logEvent(svError, 31124, "failed to new obj");
+            continue;
+        }
+        comp->init({0, 17, 0, 0, 1, handle}, row.m_szName, nReplyOk, nullptr);
+        comp->clearFeatureArray();
+        comp->notifyAllFeatures();
+        addComponent(comp);
+        takeAsAnswered(m_aFeatures, comp);
+        comp->m_bMonitor = 1;
+    }
+    return result;
+}

@@ -1,0 +1,122 @@
+#include "messaging/CMFWServer.h"
+
+#include "base/big_endian.h"
+#include "messaging/wire.h"
+#include "server/log.h"
+#include "server/singleton.h"
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+#include <new>
+
+constinit std::atomic<CMFWServer*> CMFWServer::m_pInstance = nullptr;
+
+CMFWServer* CMFWServer::instance() {
+    return singleton(m_pInstance, [] { return new (std::nothrow) CMFWServer; });
+}
+
+CMFWServer* CMFWServer::existing() {
+    return m_pInstance.load();
+}
+
+CMFWServer::CMFWServer() {
+    CMFWServer::init();
+}
+
+CMFWServer::~CMFWServer() {
+    cleanUp();
+}
+
+int CMFWServer::init() {
+    if (const int error = OvuMfwInitialize()) {
+        logEvent(svError, 31146, "MFW server init failed rc=%d", error);
+        return error;
+    }
+    if (const int error = OvuMfwGetProcessHandle(nullptr, &m_nProcessHandle)) {
+        logEvent(svError, 31147, "MFW server init OvuMfwGetProcessHandle rc=%d", error);
+        return error;
+    }
+    if (const int error = addCallback(0, DefaultCallback)) {
+        logEvent(svError, 31148, "MFW server init failed to addCallback rc=%d", error);
+        return error;
+    }
+    return 0;
+}
+
+void CMFWServer::clear() {
+    if (delCallback(0) != 0) {
+        logEvent(svError, 31149, "enter MFW server init failed to delCallback.");
+    }
+    cleanUp();
+}
+
+void CMFWServer::cleanUp() {
+    if (const int error = OvuMfwCleanup()) {
+        logEvent(svError, 31145, "OvuMfwCleanup rc = %d", error);
+    }
+}
+
+int CMFWServer::addCallback(uint32_t type, OvuMfwCallback callback) {
+    const int error = OvuMfwRegisterCallback(static_cast<uint16_t>(type & 0xFFFF), callback);
+    if (error != 0) {
+        logEvent(svError, 31151, "register callback failed rc = %d", error);
+    }
+    return error;
+}
+
+int CMFWServer::delCallback(uint32_t type) {
+    const int error = OvuMfwDeregisterCallback(static_cast<uint16_t>(type & 0xFFFF));
+    if (error != 0) {
+        logEvent(svWarning, 31152, "deregister callback failed rc = %d", error);
+    }
+    return error;
+}
+
+int CMFWServer::sendMessage(uint32_t handle, uint32_t userDefinedId, sOvuMfwMessage* message,
+                            uint32_t length) {
+    // The address is only a trace; its low 32 bits print alike on every host.
+    logEvent(svInfo, 31153, "enter MFW server sendMessage (0x%x, %d, 0x%x %d)", handle, userDefinedId,
+             static_cast<uint32_t>(reinterpret_cast<uintptr_t>(message)), length);
+    if (handle == OVU_MFW_NO_HANDLE) {
+        logEvent(svInfo, 31154, "sendMessage invalid handle");
+        return nErrorNoHandle;
+    }
+    const int error =
+        OvuMfwSendMessage(handle, static_cast<uint16_t>(userDefinedId & 0xFFFF), 0, message, length);
+    if (error != 0) {
+        logEvent(svError, 31155, "OvuMfwSendMessage error = %ld", long{error});
+    }
+    return error;
+}
+
+int CMFWServer::recvMessage(uint32_t timeoutMs) {
+    const int result = OvuMfwProcessNextMessage(timeoutMs);
+    if (result != 0 && result != OVU_MFW_NO_MESSAGE) {
+        logEvent(svError, 31156, "OvuMfwProcessNextMessage error = %ld", long{result});
+    }
+    return result;
+}
+
+void CMFWServer::DefaultCallback(uint16_t type, uint32_t userDefinedId, const sOvuMfwMessage* message,
+                                 uint32_t length) {
+    if (message == nullptr) {
+        return;
+    }
+    const auto sender = readBody<CBigEndian32>(message->sender, sizeof message->sender);
+    logEvent(svInfo, 31157,
+             "DefaultCallback received a message from %lX:Type = %X, userDefinedId = %d, data[ 0 ] = %X, "
+             "dataLength = %d",
+             static_cast<unsigned long>(sender), type, userDefinedId, message->data[0], length);
+}
+
+int CMFWServer::sendBody(uint32_t handle, const void* body, uint32_t length) {
+    const size_t size = std::max<size_t>(sizeof(sOvuMfwMessage), OVU_MFW_DATA_OFFSET + size_t{length});
+    const std::unique_ptr<uint8_t[]> record(new (std::nothrow) uint8_t[size]());
+    if (record == nullptr) {
+        logEvent(svError, 31124, "failed to new obj");
+        return nErrorNoMemory;
+    }
+    std::memcpy(record.get() + OVU_MFW_DATA_OFFSET, body, length);
+    return sendMessage(handle, nQelServerMfwMsgId, reinterpret_cast<sOvuMfwMessage*>(record.get()), length);
+}
