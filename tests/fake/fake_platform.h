@@ -1,0 +1,95 @@
+// A platform that the test scripts: it records what the daemon asks of it, delivers messages on demand, keeps
+// the log as lines, and fails any call that it is told to fail. It starts no thread and waits for nothing.
+#ifndef QEL_TESTS_FAKE_PLATFORM_H
+#define QEL_TESTS_FAKE_PLATFORM_H
+
+#include "platform/diag.h"
+#include "platform/mfw.h"
+#include "platform/os.h"
+#include "platform/service.h"
+
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <set>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+struct SSent {
+    uint32_t m_nHandle;
+    uint16_t m_nType;
+    std::string m_sBody; // raw bytes
+};
+
+struct SLogged {
+    uint16_t m_nSeverity;
+    uint32_t m_nEvent;
+    std::string m_sText;
+
+    bool operator==(const SLogged&) const = default;
+};
+
+class CFakePlatform {
+public:
+    static CFakePlatform& get();
+    // Back to a platform that has seen nothing and fails nothing; the clock stands at 1,000,000 seconds.
+    void reset();
+
+    // From the n-th call of `function` on (counted from 1, from now), `times` calls return `error` and do
+    // nothing.
+    void fail(const std::string& function, int error, int nth = 1, int times = 1);
+    int callsOf(const std::string& function) const;
+
+    // Queues a message for OvuMfwProcessNextMessage.
+    void deliver(uint16_t type, std::string_view body);
+    // Hands a message straight to a callback, as the framework would.
+    static void handOver(OvuMfwCallback callback, uint16_t type, std::string_view body,
+                         uint32_t sender = 0x1234);
+
+    // Texts of the log lines with this event number, oldest first.
+    std::vector<std::string> logged(uint32_t event) const;
+    std::vector<SSent> takeSent();
+    std::vector<SLogged> takeLog();
+
+    void advance(uint32_t seconds) { m_nMicroseconds += uint64_t{seconds} * 1000000; }
+    void advanceMs(uint32_t milliseconds) { m_nMicroseconds += uint64_t{milliseconds} * 1000; }
+
+    // What every call does first: 0 to go on, else the error to return.
+    int enter(const std::string& function);
+
+    uint64_t m_nMicroseconds = 0; // since the epoch; the test owns the clock
+    bool m_bKeepLog = true;       // false: lines are dropped, for long runs
+    bool m_bDiagnostics = true;   // false: no diagnostics module can be registered
+    bool m_bKeepSent = true;
+    std::vector<SSent> m_vSent;
+    std::vector<SLogged> m_vLog;
+    std::vector<std::string> m_vCalls; // "function argument", in order
+    std::map<uint16_t, OvuMfwCallback> m_oCallbacks;
+    std::map<std::string, uint32_t> m_oProcesses; // name to handle, for look-ups
+    std::set<uint32_t> m_oDead;                   // sends to these handles fail with 111
+    std::deque<std::pair<uint16_t, std::string>> m_vIncoming;
+    std::map<std::string, uint32_t> m_oEvents; // that exist, by name
+    std::vector<uint32_t> m_vWaits;            // milliseconds that osReceiveEvent was given
+    std::function<bool()> m_fnReceiveEvent;    // true: the event has come; unset: it never comes
+    std::function<void()> m_fnOnReceive;       // runs at each OvuMfwProcessNextMessage, before it delivers
+    OvuServiceCallback m_fnService = nullptr;
+    int m_nProcessState = OS_PROCESS_NOT_RUNNING;
+
+private:
+    struct SFailure {
+        int m_nFrom;
+        int m_nTimes;
+        int m_nError;
+    };
+    std::map<std::string, int> m_oCalls;
+    std::map<std::string, SFailure> m_oFailures;
+};
+
+// "00 24 ff" to bytes; blanks are free.
+std::string fromHex(std::string_view hex);
+std::string toHex(std::string_view bytes);
+
+#endif
