@@ -39,7 +39,8 @@ typedef void (*OvuMfwCallback)(uint16_t type, uint32_t userDefinedId, const sOvu
 
 /* Opens this process's endpoint. May be called again while open: harmless. Clean-up closes the endpoint and forgets
  * all callbacks, however often it was initialised; after that it can be initialised anew. Clean-up of what is not
- * open is harmless too, and is safe while another thread is inside any function of the framework. */
+ * open is harmless too, and is safe while another thread is inside any function of the framework; it does not wait
+ * for a callback that runs on another thread. */
 int OvuMfwInitialize(void);
 int OvuMfwCleanup(void);
 
@@ -48,7 +49,8 @@ int OvuMfwCleanup(void);
 int OvuMfwGetProcessHandle(const char* processName, uint32_t* handle);
 
 /* Messages of `type` go to `callback`; the callback of type 0 also gets those whose type has none. A second
- * registration replaces the first; deregistering what is not registered is an error. */
+ * registration replaces the first; deregistering what is not registered is an error. A message that no callback
+ * takes is dropped, and counts as processed. */
 int OvuMfwRegisterCallback(uint16_t type, OvuMfwCallback callback);
 int OvuMfwDeregisterCallback(uint16_t type);
 

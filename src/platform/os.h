@@ -38,7 +38,7 @@ int osCreateEvent(const char* name, uint32_t flags, uint32_t* handle);
 int osOpenEvent(const char* name, uint32_t* handle);
 
 /* Signals the event: one waiting receiver (or, if none waits, the next one) is let through. Signals that nobody
- * has received yet count as one. Does not block. */
+ * has received yet count as one, and are lost when the last process that has the event open ends. Does not block. */
 int osSendEvent(uint32_t handle);
 
 /* Waits at most `waitMs` milliseconds for the event. 0: it was signalled, and the signal is used up. Any other

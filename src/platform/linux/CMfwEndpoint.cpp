@@ -1,0 +1,280 @@
+#include "platform/linux/CMfwEndpoint.h"
+
+#include "platform/linux/errors.h"
+#include "platform/mfw.h"
+
+#include <algorithm>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+
+namespace {
+
+// What a descriptor in the epoll set means: one of these, or a connection's id.
+constexpr uint64_t ID_LISTENER = 0;
+constexpr uint64_t ID_WAKEUP = 1;
+constexpr uint64_t ID_FIRST_CONNECTION = 2;
+
+constexpr size_t MAX_CONNECTIONS = 2048;
+constexpr int MAX_CONNECTIONS_OF_PEER =
+    16;                         // it needs two at most; old ones of a peer that started anew may be unread
+constexpr int MAX_LET_IN = 512; // in one go
+constexpr int MAX_READ = 16;    // messages of one connection, in one go
+constexpr int MAX_READY = 512;  // connections looked at in one go
+
+} // namespace
+
+int CMfwEndpoint::open(const std::string& processName) {
+    if (!isFileNamePart(processName.c_str())) {
+        return EINVAL;
+    }
+    const std::lock_guard<std::mutex> guard(m_oMutex);
+    m_nNextId = ID_FIRST_CONNECTION;
+    const int error = openDescriptors(processName);
+    if (error != 0) {
+        m_oName.withdraw(m_oDirectory);
+    }
+    m_bOpen = error == 0;
+    return error;
+}
+
+// The name comes last: who finds it can connect.
+int CMfwEndpoint::openDescriptors(const std::string& processName) {
+    if (const int error = m_oDirectory.open()) {
+        return error;
+    }
+    m_oEpoll = CFileDescriptor(epoll_create1(EPOLL_CLOEXEC));
+    m_oWakeup = CFileDescriptor(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
+    if (!m_oEpoll || !m_oWakeup) {
+        return lastError();
+    }
+    int error = m_oName.claim(m_oDirectory, m_nHandle);
+    if (error == 0) {
+        error = openMfwListener(m_oDirectory, m_nHandle, m_oListener);
+    }
+    if (error == 0) {
+        error = watch(m_oListener.get(), ID_LISTENER);
+    }
+    if (error == 0) {
+        m_bListening = true;
+        error = watch(m_oWakeup.get(), ID_WAKEUP);
+    }
+    return error != 0 ? error : m_oName.publish(processName);
+}
+
+void CMfwEndpoint::close() {
+    const std::lock_guard<std::mutex> guard(m_oMutex);
+    if (!m_bOpen) {
+        return;
+    }
+    m_bOpen = false;
+    m_oName.withdraw(m_oDirectory);
+    m_oListener.close();
+    m_oSendingTo.clear();
+    m_oConnections.clear();
+    wake();
+}
+
+int CMfwEndpoint::watch(int fd, uint64_t id) const {
+    epoll_event event{};
+    event.events = EPOLLIN;
+    event.data.u64 = id;
+    return epoll_ctl(m_oEpoll.get(), EPOLL_CTL_ADD, fd, &event) == 0 ? 0 : lastError();
+}
+
+void CMfwEndpoint::wake() const {
+    eventfd_write(m_oWakeup.get(), 1); // fails only where it is awake anyway
+}
+
+int CMfwEndpoint::send(uint32_t handle, uint16_t type, uint32_t userId, const uint8_t* body,
+                       uint32_t length) {
+    if (handle == m_nHandle) {
+        return sendToSelf(type, userId, body, length);
+    }
+    CMfwOutgoingFrame frame;
+    if (const int error = frame.prepare(type, userId, body, length)) {
+        return error;
+    }
+    return sendToPeer(handle, frame);
+}
+
+int CMfwEndpoint::sendToSelf(uint16_t type, uint32_t userId, const uint8_t* body, uint32_t length) {
+    SMfwMessage message;
+    message.m_nType = type;
+    message.m_nUserId = userId;
+    message.m_nSender = m_nHandle;
+    message.m_nLength = length;
+    message.m_oBody.assign(body, body + length);
+    const std::lock_guard<std::mutex> guard(m_oMutex);
+    if (!m_bOpen) {
+        return ENOTCONN;
+    }
+    if (!m_oInbox.hasRoom(m_nHandle)) {
+        return EAGAIN;
+    }
+    m_oInbox.add(std::move(message));
+    wake();
+    return 0;
+}
+
+// A peer that closed its endpoint and opened it anew is noticed here, by the first message that does not get
+// through.
+int CMfwEndpoint::sendToPeer(uint32_t handle, const CMfwOutgoingFrame& frame) {
+    const std::lock_guard<std::mutex> guard(m_oMutex);
+    if (!m_bOpen) {
+        return ENOTCONN;
+    }
+    int error = ENOTCONN;
+    for (int attempt = 0; attempt < 2 && isGone(error); ++attempt) {
+        CMfwConnection* connection = nullptr;
+        if (const int failure = connectionTo(handle, connection)) {
+            return failure;
+        }
+        error = connection->send(frame);
+    }
+    return error;
+}
+
+int CMfwEndpoint::connectionTo(uint32_t handle, CMfwConnection*& connection) {
+    if (const auto known = m_oSendingTo.find(handle); known != m_oSendingTo.end()) {
+        CMfwConnection& present = m_oConnections.at(known->second);
+        if (present.isSendable()) {
+            connection = &present;
+            return 0;
+        }
+    }
+    CMfwConnection fresh;
+    if (const int error = fresh.connect(m_oDirectory, handle)) {
+        return error;
+    }
+    m_oSendingTo.erase(handle);
+    uint64_t id = 0;
+    const int error = add(std::move(fresh), id);
+    if (error == 0) {
+        connection = &m_oConnections.at(id);
+    }
+    return error;
+}
+
+int CMfwEndpoint::add(CMfwConnection connection, uint64_t& id) {
+    id = m_nNextId++;
+    if (const int error = watch(connection.fd(), id)) {
+        return error;
+    }
+    m_oSendingTo.try_emplace(connection.peer(), id);
+    m_oConnections.emplace(id, std::move(connection));
+    return 0;
+}
+
+void CMfwEndpoint::forget(CConnections::iterator place) {
+    const auto sending = m_oSendingTo.find(place->second.peer());
+    if (sending != m_oSendingTo.end() && sending->second == place->first) {
+        m_oSendingTo.erase(sending);
+    }
+    m_oConnections.erase(place);
+}
+
+int CMfwEndpoint::receive(const CDeadline& deadline, SMfwMessage& message) {
+    for (;;) {
+        {
+            const std::lock_guard<std::mutex> guard(m_oMutex);
+            if (!m_bOpen) {
+                return OVU_MFW_NO_MESSAGE;
+            }
+            takeIn();
+            if (m_oInbox.take(message)) {
+                return 0;
+            }
+        }
+        if (!deadline.waitReadable(m_oEpoll.get())) {
+            return OVU_MFW_NO_MESSAGE;
+        }
+    }
+}
+
+// Looks once at everything that is ready. Those whose queue in the inbox is full are passed over; they stay
+// ready, which does no harm, for then there is something to deliver and nobody waits.
+void CMfwEndpoint::takeIn() {
+    setListening(true);
+    epoll_event ready[MAX_READY];
+    const int count = epoll_wait(m_oEpoll.get(), ready, MAX_READY, 0);
+    for (int i = 0; i < count; ++i) {
+        switch (ready[i].data.u64) {
+        case ID_LISTENER:
+            letIn();
+            break;
+        case ID_WAKEUP: {
+            eventfd_t wakeups;
+            eventfd_read(m_oWakeup.get(), &wakeups);
+            break;
+        }
+        default:
+            read(ready[i].data.u64);
+        }
+    }
+}
+
+// Where nobody can be let in for want of descriptors or memory, the listener is left alone until the next
+// receive: it stays ready, and would keep this one from sleeping.
+void CMfwEndpoint::letIn() {
+    for (int i = 0; i < MAX_LET_IN; ++i) {
+        CMfwConnection connection;
+        const int error = connection.accept(m_oListener.get());
+        if (error == EAGAIN) {
+            return;
+        }
+        if (error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM) {
+            setListening(false);
+            return;
+        }
+        uint64_t id = 0;
+        if (error == 0 && mayJoin(connection) && add(std::move(connection), id) == 0) {
+            read(id);
+        }
+    }
+}
+
+bool CMfwEndpoint::mayJoin(const CMfwConnection& connection) const {
+    const auto ofSamePeer = [&](const auto& other) { return other.second.peer() == connection.peer(); };
+    return m_oConnections.size() < MAX_CONNECTIONS &&
+           std::count_if(m_oConnections.begin(), m_oConnections.end(), ofSamePeer) < MAX_CONNECTIONS_OF_PEER;
+}
+
+void CMfwEndpoint::setListening(bool listening) {
+    if (m_bListening == listening) {
+        return;
+    }
+    epoll_event event{};
+    event.events = listening ? static_cast<uint32_t>(EPOLLIN) : 0U;
+    event.data.u64 = ID_LISTENER;
+    if (epoll_ctl(m_oEpoll.get(), EPOLL_CTL_MOD, m_oListener.get(), &event) == 0) {
+        m_bListening = listening;
+    }
+}
+
+void CMfwEndpoint::read(uint64_t id) {
+    const auto place = m_oConnections.find(id);
+    if (place != m_oConnections.end() && !readSome(place->second)) {
+        forget(place);
+    }
+}
+
+// False: nothing more will come of this connection.
+bool CMfwEndpoint::readSome(const CMfwConnection& connection) {
+    for (int i = 0; i < MAX_READ && m_oInbox.hasRoom(connection.peer()); ++i) {
+        SMfwMessage message;
+        switch (m_oReader.receive(connection.fd(), message)) {
+        case EMfwReceived::Message:
+            message.m_nSender = connection.peer();
+            m_oInbox.add(std::move(message));
+            break;
+        case EMfwReceived::Dropped:
+            break;
+        case EMfwReceived::Nothing:
+            return true;
+        case EMfwReceived::Closed:
+        case EMfwReceived::Garbage:
+            return false;
+        }
+    }
+    return true;
+}

@@ -1,0 +1,80 @@
+// This process's endpoint of the message framework: its listening socket, its connections and its inbox.
+//
+// One mutex guards all of it; it is never held while a callback runs or while somebody waits. The endpoint is
+// shared by the threads that are inside its operations: closed by one, it is destroyed by the last that
+// leaves, so that nobody waits on a descriptor whose number means something else by now. There is no thread
+// of its own: connections are let in, read and forgotten while somebody receives.
+#ifndef QEL_PLATFORM_LINUX_CMFWENDPOINT_H
+#define QEL_PLATFORM_LINUX_CMFWENDPOINT_H
+
+#include "platform/linux/CDeadline.h"
+#include "platform/linux/CMfwConnection.h"
+#include "platform/linux/CMfwInbox.h"
+#include "platform/linux/mfw_names.h"
+
+#include <mutex>
+#include <unordered_map>
+
+class CMfwEndpoint {
+public:
+    explicit CMfwEndpoint(uint32_t handle) : m_nHandle(handle), m_oInbox(handle) {}
+    ~CMfwEndpoint() { close(); }
+    CMfwEndpoint(const CMfwEndpoint&) = delete;
+    CMfwEndpoint& operator=(const CMfwEndpoint&) = delete;
+
+    // Called once, before the endpoint is shared. On failure nothing is left behind.
+    [[nodiscard]] int open(const std::string& processName);
+
+    // Closes the connections and takes the name back. Wakes who waits in receive().
+    void close();
+
+    // Sends to a process, or to this one. Does not block.
+    [[nodiscard]] int send(uint32_t handle, uint16_t type, uint32_t userId, const uint8_t* body,
+                           uint32_t length);
+
+    // Waits for a message. 0: it is in `message`. OVU_MFW_NO_MESSAGE: the time is up, or the endpoint was
+    // closed.
+    [[nodiscard]] int receive(const CDeadline& deadline, SMfwMessage& message);
+
+private:
+    using CConnections = std::unordered_map<uint64_t, CMfwConnection>; // by their ids
+
+    [[nodiscard]] int openDescriptors(const std::string& processName);
+    [[nodiscard]] int watch(int fd, uint64_t id) const;
+    void wake() const;
+
+    [[nodiscard]] int sendToSelf(uint16_t type, uint32_t userId, const uint8_t* body, uint32_t length);
+    [[nodiscard]] int sendToPeer(uint32_t handle, const CMfwOutgoingFrame& frame);
+    [[nodiscard]] int connectionTo(uint32_t handle, CMfwConnection*& connection);
+
+    void takeIn();
+    void letIn();
+    [[nodiscard]] bool mayJoin(const CMfwConnection& connection) const;
+    void setListening(bool listening);
+    void read(uint64_t id);
+    [[nodiscard]] bool readSome(const CMfwConnection& connection);
+    [[nodiscard]] int add(CMfwConnection connection, uint64_t& id);
+    void forget(CConnections::iterator place);
+
+    const uint32_t m_nHandle;
+
+    // Open until the destruction, for a receiver waits on them without the mutex.
+    CRuntimeDirectory m_oDirectory;
+    CFileDescriptor m_oEpoll;
+    CFileDescriptor m_oWakeup; // eventfd
+
+    std::mutex m_oMutex; // of all below
+    bool m_bOpen = false;
+    CMfwNameClaim m_oName;
+    CFileDescriptor m_oListener;
+    bool m_bListening = false;
+    CConnections m_oConnections;
+    uint64_t m_nNextId;
+    // The connection that messages to a process go by, one for as long as it lives: this keeps them in order
+    // where the two have connected to each other at the same moment, and there are two.
+    std::unordered_map<uint32_t, uint64_t> m_oSendingTo;
+    CMfwInbox m_oInbox;
+    CMfwFrameReader m_oReader;
+};
+
+#endif

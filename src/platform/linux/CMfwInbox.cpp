@@ -1,0 +1,52 @@
+#include "platform/linux/CMfwInbox.h"
+
+namespace {
+
+constexpr size_t MAX_MESSAGES = 64;       // of one sender
+constexpr size_t MAX_OWN_MESSAGES = 1024; // of this process itself
+constexpr size_t MAX_BYTES = 1024 * 1024; // of one sender's bodies
+constexpr size_t MAX_ALL_BYTES = 32 * 1024 * 1024;
+
+} // namespace
+
+bool CMfwInbox::hasRoom(uint32_t sender) const {
+    const auto found = m_oQueues.find(sender);
+    if (found == m_oQueues.end()) {
+        return true;
+    }
+    const SQueue& queue = found->second;
+    if (sender == m_nOwn) {
+        return queue.m_oMessages.size() < MAX_OWN_MESSAGES;
+    }
+    return queue.m_oMessages.size() < MAX_MESSAGES && queue.m_nBytes < MAX_BYTES && m_nBytes < MAX_ALL_BYTES;
+}
+
+void CMfwInbox::add(SMfwMessage message) {
+    const auto [place, isFirst] = m_oQueues.try_emplace(message.m_nSender);
+    if (isFirst) {
+        m_oTurns.push_back(message.m_nSender);
+    }
+    place->second.m_nBytes += message.m_nLength;
+    m_nBytes += message.m_nLength;
+    place->second.m_oMessages.push_back(std::move(message));
+}
+
+bool CMfwInbox::take(SMfwMessage& message) {
+    if (m_oTurns.empty()) {
+        return false;
+    }
+    const uint32_t sender = m_oTurns.front();
+    m_oTurns.pop_front();
+    const auto place = m_oQueues.find(sender);
+    SQueue& queue = place->second;
+    message = std::move(queue.m_oMessages.front());
+    queue.m_oMessages.pop_front();
+    queue.m_nBytes -= message.m_nLength;
+    m_nBytes -= message.m_nLength;
+    if (queue.m_oMessages.empty()) {
+        m_oQueues.erase(place);
+    } else {
+        m_oTurns.push_back(sender);
+    }
+    return true;
+}

@@ -1,0 +1,137 @@
+#include "platform/linux/CRuntimeDirectory.h"
+
+#include "platform/linux/errors.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <memory>
+#include <sys/socket.h>
+#include <sys/stat.h>
+
+namespace {
+
+constexpr mode_t DIRECTORY_MODE = 0700;
+constexpr mode_t FILE_MODE = 0666;
+constexpr size_t MAX_NAME_PART = 200; // leaves room for the prefixes within NAME_MAX
+
+struct SLocation {
+    std::string m_sPath;
+    bool m_bInSharedPlace; // anybody could have made it before us
+};
+
+const char* environment(const char* variable) {
+    const char* value = std::getenv(variable);
+    return value != nullptr && *value != '\0' ? value : nullptr;
+}
+
+SLocation runtimeLocation() {
+    if (const char* own = environment("QEL_RUNTIME_DIR")) {
+        return {own, false};
+    }
+    if (geteuid() == 0) {
+        return {"/run/qel", false};
+    }
+    if (const char* session = environment("XDG_RUNTIME_DIR")) {
+        return {std::string(session) + "/qel", false};
+    }
+    return {"/tmp/qel-" + std::to_string(geteuid()), true};
+}
+
+bool isOurs(int fd) {
+    struct stat status {};
+    return fstat(fd, &status) == 0 && status.st_uid == geteuid() && (status.st_mode & S_IWOTH) == 0;
+}
+
+} // namespace
+
+int CRuntimeDirectory::open() {
+    const SLocation location = runtimeLocation();
+    if (mkdir(location.m_sPath.c_str(), DIRECTORY_MODE) != 0 && errno != EEXIST) {
+        return lastError();
+    }
+    const int flags = O_PATH | O_DIRECTORY | O_CLOEXEC | (location.m_bInSharedPlace ? O_NOFOLLOW : 0);
+    CFileDescriptor directory(::open(location.m_sPath.c_str(), flags));
+    if (!directory) {
+        return lastError();
+    }
+    if (location.m_bInSharedPlace && !isOurs(directory.get())) {
+        return EACCES;
+    }
+    m_oDirectory = std::move(directory);
+    return 0;
+}
+
+CFileDescriptor CRuntimeDirectory::openFile(const std::string& name, int flags) const {
+    return CFileDescriptor(openat(fd(), name.c_str(), flags | O_CLOEXEC | O_NOFOLLOW));
+}
+
+// Never O_CREAT on what exists: in a directory with the sticky bit the kernel refuses that for another user's
+// file.
+CFileDescriptor CRuntimeDirectory::openOrCreateFile(const std::string& name) const {
+    for (;;) {
+        CFileDescriptor existing = openFile(name, O_RDWR);
+        if (existing || errno != ENOENT) {
+            return existing;
+        }
+        const int flags = O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC;
+        CFileDescriptor created(openat(fd(), name.c_str(), flags, FILE_MODE));
+        if (created && fchmod(created.get(), FILE_MODE) != 0) {
+            return {};
+        }
+        if (created || errno != EEXIST) {
+            return created;
+        }
+    }
+}
+
+int CRuntimeDirectory::setMode(const std::string& name, unsigned int mode) const {
+    return fchmodat(fd(), name.c_str(), static_cast<mode_t>(mode), 0) == 0 ? 0 : lastError();
+}
+
+void CRuntimeDirectory::remove(const std::string& name) const {
+    unlinkat(fd(), name.c_str(), 0);
+}
+
+bool CRuntimeDirectory::isSameFile(const std::string& name, int fileFd) const {
+    struct stat named {};
+    struct stat opened {};
+    return fstatat(fd(), name.c_str(), &named, AT_SYMLINK_NOFOLLOW) == 0 && fstat(fileFd, &opened) == 0 &&
+           named.st_dev == opened.st_dev && named.st_ino == opened.st_ino;
+}
+
+std::vector<std::string> CRuntimeDirectory::list(std::string_view prefix) const {
+    struct SCloseDirectory {
+        void operator()(DIR* stream) const { closedir(stream); }
+    };
+    std::vector<std::string> names;
+    const int streamFd = openat(fd(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const std::unique_ptr<DIR, SCloseDirectory> stream(streamFd < 0 ? nullptr : fdopendir(streamFd));
+    if (stream == nullptr) {
+        CFileDescriptor closed(streamFd);
+        return names;
+    }
+    while (const dirent* entry = readdir(stream.get())) {
+        if (std::string_view(entry->d_name).substr(0, prefix.size()) == prefix) {
+            names.emplace_back(entry->d_name);
+        }
+    }
+    return names;
+}
+
+sockaddr_un CRuntimeDirectory::socketAddress(const std::string& name) const {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    const std::string path = "/proc/self/fd/" + std::to_string(fd()) + "/" + name;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    return address;
+}
+
+bool isFileNamePart(const char* name) {
+    if (name == nullptr || *name == '\0' || std::strchr(name, '/') != nullptr) {
+        return false;
+    }
+    return strnlen(name, MAX_NAME_PART + 1) <= MAX_NAME_PART;
+}

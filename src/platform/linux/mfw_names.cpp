@@ -1,0 +1,126 @@
+#include "platform/linux/mfw_names.h"
+
+#include "platform/linux/errors.h"
+
+#include <charconv>
+#include <chrono>
+#include <cstdlib>
+#include <fcntl.h>
+#include <optional>
+#include <sys/file.h>
+#include <thread>
+
+namespace {
+
+constexpr std::string_view NAME_PREFIX = "name.";
+
+// Another process holds a dead one's lock for some system calls only, while it clears away.
+constexpr int CLAIM_ATTEMPTS = 500;
+constexpr std::chrono::milliseconds CLAIM_PAUSE{1};
+
+std::string nameFile(uint32_t handle) {
+    return std::string(NAME_PREFIX) + std::to_string(handle);
+}
+
+std::optional<uint32_t> handleOf(const std::string& file) {
+    uint32_t handle = 0;
+    const char* end = file.data() + file.size();
+    const auto parsed = std::from_chars(file.data() + NAME_PREFIX.size(), end, handle);
+    const bool whole = parsed.ec == std::errc() && parsed.ptr == end && file == nameFile(handle);
+    return whole ? std::optional(handle) : std::nullopt;
+}
+
+// To be called with the exclusive lock on the file that `lockedFd` has open.
+void removeIfSame(const CRuntimeDirectory& directory, uint32_t handle, int lockedFd) {
+    if (directory.isSameFile(nameFile(handle), lockedFd)) {
+        directory.remove(mfwSocketName(handle));
+        directory.remove(nameFile(handle));
+    }
+}
+
+// The lock that an owner holds is exclusive. Asking with a shared one, several may look at the same time.
+bool isAlive(int fd) {
+    return flock(fd, LOCK_SH | LOCK_NB) != 0;
+}
+
+std::string readName(int fd) {
+    char text[256];
+    const ssize_t size = pread(fd, text, sizeof text, 0);
+    return size > 0 ? std::string(text, static_cast<size_t>(size)) : std::string();
+}
+
+} // namespace
+
+std::string mfwSocketName(uint32_t handle) {
+    return "mfw." + std::to_string(handle);
+}
+
+std::string ownProcessName() {
+    const char* name = std::getenv("QEL_PROCESS_NAME");
+    return name != nullptr && *name != '\0' ? name : program_invocation_short_name;
+}
+
+int CMfwNameClaim::claim(const CRuntimeDirectory& directory, uint32_t handle) {
+    const std::string file = nameFile(handle);
+    for (int attempt = 0; attempt < CLAIM_ATTEMPTS; ++attempt) {
+        CFileDescriptor found = directory.openFile(file, O_RDWR);
+        const bool stale = static_cast<bool>(found);
+        CFileDescriptor opened = stale ? std::move(found) : directory.openOrCreateFile(file);
+        if (!opened) {
+            return lastError();
+        }
+        if (flock(opened.get(), LOCK_EX | LOCK_NB) != 0) {
+            std::this_thread::sleep_for(CLAIM_PAUSE);
+            continue;
+        }
+        if (stale) { // not reused: its text would be taken for our name
+            removeIfSame(directory, handle, opened.get());
+            continue;
+        }
+        if (directory.isSameFile(file, opened.get())) {
+            directory.remove(mfwSocketName(handle));
+            m_nHandle = handle;
+            m_oLocked = std::move(opened);
+            return 0;
+        }
+    }
+    return EBUSY;
+}
+
+int CMfwNameClaim::publish(const std::string& name) {
+    const ssize_t written = pwrite(m_oLocked.get(), name.data(), name.size(), 0);
+    return written == static_cast<ssize_t>(name.size()) ? 0 : lastError();
+}
+
+void CMfwNameClaim::withdraw(const CRuntimeDirectory& directory) {
+    if (m_oLocked) {
+        removeIfSame(directory, m_nHandle, m_oLocked.get());
+        m_oLocked.close();
+    }
+}
+
+int findProcess(const CRuntimeDirectory& directory, const std::string& name, uint32_t& handle) {
+    std::optional<uint32_t> lowest;
+    for (const std::string& file : directory.list(NAME_PREFIX)) {
+        const std::optional<uint32_t> candidate = handleOf(file);
+        if (!candidate) {
+            continue;
+        }
+        const CFileDescriptor opened = directory.openFile(file, O_RDONLY);
+        if (!opened) {
+            continue;
+        }
+        if (!isAlive(opened.get())) {
+            if (flock(opened.get(), LOCK_EX | LOCK_NB) == 0) {
+                removeIfSame(directory, *candidate, opened.get());
+            }
+        } else if (readName(opened.get()) == name && (!lowest || *candidate < *lowest)) {
+            lowest = candidate;
+        }
+    }
+    if (!lowest) {
+        return ESRCH;
+    }
+    handle = *lowest;
+    return 0;
+}
