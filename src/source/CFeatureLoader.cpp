@@ -1,0 +1,104 @@
+#include "source/CFeatureLoader.h"
+
+#include "server/log.h"
+#include "source/events.h"
+
+#include <fmt/core.h>
+
+#include <algorithm>
+#include <unordered_map>
+
+namespace {
+
+constexpr size_t nMaxLoggedErrors = 50; // of one list; a broken generator must not flood the log
+
+bool isSameContent(const SFeatureRecord& one, const SFeatureRecord& other) {
+    return one.m_nCode == other.m_nCode && one.m_nData == other.m_nData &&
+           one.m_bSourced == other.m_bSourced && one.m_vComponents == other.m_vComponents;
+}
+
+// The records whose code no other record has, by code; null where several have it.
+std::unordered_map<uint32_t, const SFeatureRecord*>
+singleRecords(const std::vector<SFeatureRecord>& records) {
+    std::unordered_map<uint32_t, const SFeatureRecord*> singles;
+    singles.reserve(records.size());
+    for (const SFeatureRecord& record : records) {
+        const auto [place, isNew] = singles.try_emplace(record.m_nCode, &record);
+        if (!isNew) {
+            place->second = nullptr;
+        }
+    }
+    return singles;
+}
+
+} // namespace
+
+std::optional<CFreshList> CFeatureLoader::load(CMediator& mediator) {
+    SFeatureList list = readFeatureList(m_sPath);
+    if (list.isGood()) {
+        list.m_vErrors = findUndeliverable(list.m_vFeatures);
+    }
+    if (!list.isGood()) {
+        refuse(list.m_vErrors);
+        return std::nullopt;
+    }
+    if (m_bAccepted && std::equal(m_vAccepted.begin(), m_vAccepted.end(), list.m_vFeatures.begin(),
+                                  list.m_vFeatures.end(), isSameContent)) {
+        logEvent(svInfo, evListUnchanged, "feature list %s: unchanged, %zu features", m_sPath.c_str(),
+                 m_vAccepted.size());
+        return std::nullopt;
+    }
+    CFreshList fresh;
+    fresh.reserve(list.m_vFeatures.size());
+    for (const SFeatureRecord& record : list.m_vFeatures) {
+        fresh.push_back(build(record, mediator));
+    }
+    m_vAccepted = std::move(list.m_vFeatures);
+    m_bAccepted = true;
+    return fresh;
+}
+
+void CFeatureLoader::refuse(const std::vector<SListError>& errors) const {
+    const size_t logged = std::min(errors.size(), nMaxLoggedErrors);
+    for (size_t i = 0; i < logged; ++i) {
+        logEvent(svError, evListError, "%s", printListError(m_sPath, errors[i]).c_str());
+    }
+    logEvent(svError, evListRefused, "feature list %s refused: %zu errors, %zu of them told; %s",
+             m_sPath.c_str(), errors.size(), logged,
+             m_bAccepted ? "the list in force stays in force" : "no list is in force");
+}
+
+// A modification to 0 cannot be told: 0 means that none is pending. Only a kept feature is modified, and only
+// one whose code stands once before and after; any other change of data is a withdrawal and a new feature.
+std::vector<SListError> CFeatureLoader::findUndeliverable(const std::vector<SFeatureRecord>& records) const {
+    std::vector<SListError> errors;
+    const auto accepted = singleRecords(m_vAccepted);
+    const auto fresh = singleRecords(records);
+    for (const SFeatureRecord& record : records) {
+        const auto before = accepted.find(record.m_nCode);
+        if (!record.m_bSourced || record.m_nData != 0 || fresh.at(record.m_nCode) == nullptr ||
+            before == accepted.end() || before->second == nullptr) {
+            continue;
+        }
+        if (before->second->m_bSourced && before->second->m_nData != 0) {
+            errors.push_back(
+                {record.m_nLine, fmt::format("the data of sourced feature {} cannot change from {} to 0: "
+                                             "withdraw it with one list, bring it back with the next",
+                                             record.m_nCode, before->second->m_nData)});
+        }
+    }
+    return errors;
+}
+
+SFreshFeature CFeatureLoader::build(const SFeatureRecord& record, CMediator& mediator) {
+    auto entry = std::make_unique<CFeatureEntry>(&mediator);
+    entry->m_nCode = record.m_nCode;
+    entry->m_nData = record.m_nData;
+    for (const std::string& name : record.m_vComponents) {
+        entry->addCompName(m_oNames.intern(name));
+    }
+    if (CFeatureEntry::hasDescriptionFile()) {
+        entry->setupName();
+    }
+    return {std::move(entry), record.m_bSourced};
+}

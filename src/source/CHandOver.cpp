@@ -1,0 +1,261 @@
+#include "source/CHandOver.h"
+
+#include "features/CComponent.h"
+#include "features/CFeatureMerge.h"
+#include "features/CQelControl.h"
+#include "server/log.h"
+#include "source/events.h"
+
+#include <algorithm>
+#include <string_view>
+#include <unordered_map>
+#include <unordered_set>
+
+namespace {
+
+using CNames = std::vector<const char*>;
+
+uint64_t pairOf(const CFeatureEntry& entry) {
+    return uint64_t{entry.m_nCode} << 32 | entry.m_nData;
+}
+
+// Those of `names` that are not among `others`.
+CNames missingFrom(const CNames& others, const CNames& names) {
+    CNames missing;
+    for (const char* name : names) {
+        if (std::find(others.begin(), others.end(), std::string_view(name)) == others.end()) {
+            missing.push_back(name);
+        }
+    }
+    return missing;
+}
+
+// How each feature of a list comes into the table.
+enum EWay {
+    wyMerge, // by the control's merge
+    wyPlace, // directly, after it
+    wyHold   // later: the entry in force is withdrawn first
+};
+
+// An entry in force that the merge will make stand for a feature of the list.
+struct SKept {
+    CFeatureEntry* m_pEntry;
+    bool m_bUntouched; // the merge is to leave it or modify it, not to tell it again as new
+    bool m_bSourced;   // what the list says
+    CNames m_vAdded;   // components that are new
+};
+
+// What is to be done with one list, decided before anything is touched but pending data.
+class CHandOverPlan {
+public:
+    CHandOverPlan(CQelControl& control, const CFreshList& list) : m_oControl(control) {
+        for (const SFreshFeature& fresh : list) {
+            SCode& code = m_oCodes[fresh.m_pEntry->m_nCode];
+            ++code.m_nFeatures;
+            code.m_nData = fresh.m_pEntry->m_nData;
+        }
+        for (CFeatureEntry* entry : control.features().m_vItems) {
+            if (entry != nullptr) {
+                settlePending(*entry);
+                m_oByPair.try_emplace(pairOf(*entry), entry);
+                m_oFirstByCode.try_emplace(entry->m_nCode, entry);
+            }
+        }
+        m_vWays.reserve(list.size());
+        for (const SFreshFeature& fresh : list) {
+            m_vWays.push_back(decide(fresh));
+        }
+    }
+
+    EWay way(size_t position) const { return m_vWays[position]; }
+
+    // Flags the entries that the merge must not withdraw, and no others: an entry that goes could claim the
+    // list's entry of another. The merge modifies no entry that still counts as unchanged by the one before.
+    void prepare() const {
+        for (CFeatureEntry* entry : m_oControl.features().m_vItems) {
+            if (entry != nullptr) {
+                entry->m_bSourced = 0;
+            }
+        }
+        for (const SKept& kept : m_vKept) {
+            if (kept.m_bUntouched) {
+                kept.m_pEntry->m_bSourced = 1;
+                if (kept.m_pEntry->m_eStatus == CFeatureEntry::fsExisting) {
+                    kept.m_pEntry->m_eStatus = CFeatureEntry::fsActive;
+                }
+            }
+        }
+    }
+
+    // Returns the components to be added.
+    std::vector<CHandOver::SAddition> complete() {
+        std::vector<CHandOver::SAddition> additions;
+        for (SKept& kept : m_vKept) {
+            CFeatureEntry& entry = *kept.m_pEntry;
+            entry.m_bSourced = kept.m_bSourced ? 1 : 0;
+            if (entry.m_eStatus != CFeatureEntry::fsModify) {
+                entry.m_nNewData = 0; // of a modification that the merge ended
+            }
+            if (!kept.m_vAdded.empty()) {
+                additions.push_back({&entry, std::move(kept.m_vAdded)});
+            }
+        }
+        return additions;
+    }
+
+private:
+    struct SCode {
+        uint32_t m_nFeatures = 0; // of the list, with this code
+        uint32_t m_nData = 0;     // of the last of them
+    };
+
+    // A modification that the list takes back, or that is in the way of another pair of its code, is taken as
+    // done.
+    void settlePending(CFeatureEntry& entry) const {
+        if (entry.m_eStatus != CFeatureEntry::fsModify) {
+            return;
+        }
+        const auto code = m_oCodes.find(entry.m_nCode);
+        if (code != m_oCodes.end() &&
+            (code->second.m_nFeatures > 1 || code->second.m_nData == entry.m_nData)) {
+            entry.commitNewData();
+        }
+    }
+
+    EWay decide(const SFreshFeature& fresh) {
+        const CFeatureEntry& wanted = *fresh.m_pEntry;
+        const bool isSingle = m_oCodes.at(wanted.m_nCode).m_nFeatures == 1;
+        CFeatureEntry* entry = entryFor(wanted, isSingle);
+        if (entry == nullptr) {
+            return fresh.m_bSourced || !isSingle ? wyPlace : wyMerge;
+        }
+        if (!missingFrom(wanted.m_vCompNames, entry->m_vCompNames).empty()) {
+            return wyHold;
+        }
+        m_vKept.push_back({entry, isUntouched(fresh, *entry), fresh.m_bSourced,
+                           missingFrom(entry->m_vCompNames, wanted.m_vCompNames)});
+        return wyMerge;
+    }
+
+    // The entry that the merge will pick: the same pair, else the first of the code. The latter only where
+    // the list has the code once; with several, the merge would turn one pair into another that the list has
+    // as well.
+    CFeatureEntry* entryFor(const CFeatureEntry& wanted, bool isSingle) const {
+        if (const auto same = m_oByPair.find(pairOf(wanted)); same != m_oByPair.end()) {
+            return same->second;
+        }
+        const auto first = m_oFirstByCode.find(wanted.m_nCode);
+        return isSingle && first != m_oFirstByCode.end() ? first->second : nullptr;
+    }
+
+    // A modification to 0 cannot be told; lists with one are refused, but one may come about where the list
+    // between was never handed over. The feature is then told as new.
+    bool isUntouched(const SFreshFeature& fresh, const CFeatureEntry& entry) const {
+        if (pairOf(*fresh.m_pEntry) == pairOf(entry)) {
+            return fresh.m_bSourced;
+        }
+        return fresh.m_bSourced && entry.m_bSourced == 1 && fresh.m_pEntry->m_nData != 0 &&
+               isKnownToAll(entry);
+    }
+
+    // Whether every component that the feature concerns has been taken into its delivery. One that is not
+    // would join in the middle of the modification.
+    bool isKnownToAll(const CFeatureEntry& entry) const {
+        const auto& components = m_oControl.components().m_vItems;
+        return std::all_of(components.begin(), components.end(), [&entry](const CComponent* component) {
+            return component == nullptr || entry.findCompName(component->m_szName) == 0 ||
+                   entry.findCompByPtr(component) != nullptr;
+        });
+    }
+
+    CQelControl& m_oControl;
+    std::unordered_map<uint32_t, SCode> m_oCodes;
+    std::unordered_map<uint64_t, CFeatureEntry*> m_oByPair;
+    std::unordered_map<uint32_t, CFeatureEntry*> m_oFirstByCode;
+    std::vector<EWay> m_vWays; // by position in the list
+    std::vector<SKept> m_vKept;
+};
+
+// The merge takes over or deletes what it nulls; the rest is ours again.
+int runMerge(CQelControl& control, CArray<CFeatureEntry*>& merged) {
+    const int result = control.addFeatureList(merged);
+    for (CFeatureEntry* unchanged : merged.m_vItems) {
+        delete unchanged;
+    }
+    merged.m_vItems.clear();
+    return result;
+}
+
+} // namespace
+
+int CHandOver::apply(CFreshList list) {
+    CHandOverPlan plan(m_oControl, list);
+    plan.prepare();
+    CArray<CFeatureEntry*> merged;
+    for (size_t i = 0; i < list.size(); ++i) {
+        if (plan.way(i) == wyMerge) {
+            merged.m_vItems.push_back(list[i].m_pEntry.release());
+        }
+    }
+    int result = runMerge(m_oControl, merged);
+    m_vAdditions = plan.complete();
+    addComponents();
+    m_vHeldBack.clear();
+    for (size_t i = 0; i < list.size(); ++i) {
+        if (plan.way(i) == wyPlace) {
+            result = place(list[i]) != 0 ? CFeatureMerge::rsRestart : result;
+        } else if (plan.way(i) == wyHold) {
+            m_vHeldBack.push_back(std::move(list[i]));
+        }
+    }
+    return result;
+}
+
+int CHandOver::carryOn() {
+    addComponents();
+    return placeHeldBack();
+}
+
+// A component that joins in a modification is told the old data first; should it fail to answer that, nobody
+// would tell it the new, and the modification would never end. So it joins afterwards.
+void CHandOver::addComponents() {
+    std::vector<SAddition> waiting;
+    for (SAddition& addition : m_vAdditions) {
+        if (addition.m_pEntry->m_eStatus == CFeatureEntry::fsModify) {
+            waiting.push_back(std::move(addition));
+            continue;
+        }
+        for (const char* name : addition.m_vNames) {
+            addition.m_pEntry->addCompName(name);
+        }
+    }
+    m_vAdditions = std::move(waiting);
+}
+
+int CHandOver::placeHeldBack() {
+    std::unordered_set<uint32_t> withdrawn;
+    for (const CFeatureEntry* entry : m_oControl.features().m_vItems) {
+        if (entry != nullptr && entry->m_eStatus == CFeatureEntry::fsDeleted) {
+            withdrawn.insert(entry->m_nCode);
+        }
+    }
+    int result = 0;
+    CFreshList waiting;
+    for (SFreshFeature& fresh : m_vHeldBack) {
+        if (withdrawn.count(fresh.m_pEntry->m_nCode) != 0) {
+            waiting.push_back(std::move(fresh));
+        } else {
+            result |= place(fresh);
+        }
+    }
+    m_vHeldBack = std::move(waiting);
+    return result;
+}
+
+int CHandOver::place(SFreshFeature& fresh) {
+    CFeatureEntry* entry = fresh.m_pEntry.release();
+    entry->m_bSourced = fresh.m_bSourced ? 1 : 0;
+    m_oControl.addFeature(entry);
+    logEvent(svInfo, evPlaced, "feature %u %u placed", entry->m_nCode, entry->m_nData);
+    return CFeatureMerge::needsRestart(entry->m_nCode) ? 1 : 0;
+}

@@ -1,0 +1,20 @@
+// The feature source's events in the log.
+#ifndef QEL_SOURCE_EVENTS_H
+#define QEL_SOURCE_EVENTS_H
+
+#include <cstdint>
+
+enum ESourceEvent : uint32_t {
+    evListError = 31170,     // error: one fault of a list, with file and line
+    evListRefused = 31171,   // error: the list is not used; how many faults it has
+    evHandedOver = 31172,    // information: how many features, and the merge's result
+    evListUnchanged = 31173, // information: the file changed, what it says did not
+    evRestartNeeded = 31174, // warning: a feature takes effect with the appliance's next restart only
+    evWithdrawn = 31175,     // information: the list withdrew a feature or lowered its data
+    evHeldBack = 31176,      // information: features that wait for a withdrawal or a modification to end
+    evPlaced = 31177,        // information: one feature brought in beside the merge
+    evTrouble = 31178,       // error or warning: changes of the list cannot be watched or handed over
+    evWatching = 31179       // information: changes of the list are being watched
+};
+
+#endif

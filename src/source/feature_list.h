@@ -1,0 +1,47 @@
+// Reads and checks the operator's feature list file. Knows nothing of the daemon: qelctl checks files with it
+// too.
+#ifndef QEL_SOURCE_FEATURE_LIST_H
+#define QEL_SOURCE_FEATURE_LIST_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+// One [[feature]] table of the file. No two of a list have the same code and data, and none is 0, 0.
+struct SFeatureRecord {
+    uint32_t m_nCode = 0;
+    uint32_t m_nData = 0;
+    std::vector<std::string> m_vComponents; // 1 to 16 characters each, none twice; may be empty
+    bool m_bSourced = false;                // kept from list to list: a change of its data is a modification
+    uint32_t m_nLine = 0;                   // of the table's header, counted from 1
+};
+
+struct SListError {
+    uint32_t m_nLine = 0; // counted from 1; 0: the file as a whole
+    std::string m_sText;  // one line, without control characters
+};
+
+// What a file holds. The features are meaningful only where there is no error.
+struct SFeatureList {
+    bool isGood() const { return m_vErrors.empty(); }
+
+    std::vector<SFeatureRecord> m_vFeatures; // in the file's order
+    std::vector<SListError> m_vErrors;       // all there are, by line
+};
+
+inline constexpr size_t nMaxListFileSize = 32 * 1024 * 1024; // bytes; 100,000 features take about 8 MB
+inline constexpr size_t nMaxComponents = 256;                // names of one feature
+
+// Reads the whole file, then checks it. A file that changes while it is read is read again; for that, and for
+// nothing else, it may wait: a tenth of a second at most. Any thread.
+[[nodiscard]] SFeatureList readFeatureList(const std::string& path);
+
+// Checks a text as if it were a file's contents.
+[[nodiscard]] SFeatureList parseFeatureList(std::string_view text);
+
+// "PATH:LINE: text", or "PATH: text" for what concerns the file as a whole.
+std::string printListError(const std::string& path, const SListError& error);
+
+#endif
