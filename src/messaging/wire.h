@@ -114,7 +114,9 @@ template <typename T>
 T readBody(const uint8_t* body, size_t length) {
     static_assert(std::is_trivially_copyable_v<T> && alignof(T) == 1);
     T message;
-    std::memcpy(static_cast<void*>(&message), body, std::min(length, sizeof message));
+    if (length != 0) {
+        std::memcpy(static_cast<void*>(&message), body, std::min(length, sizeof message));
+    }
     return message;
 }
 

@@ -1,0 +1,84 @@
+#include "client/CFeatureTable.h"
+
+#include <utility>
+
+std::optional<SFeature> CFeatureTable::findHeld(const SFeature& feature) const {
+    if (holds(feature)) {
+        return feature;
+    }
+    auto it = m_oHeld.lower_bound({feature.m_nCode, 0});
+    if (it == m_oHeld.end() || it->first.m_nCode != feature.m_nCode) {
+        return std::nullopt;
+    }
+    return it->first;
+}
+
+std::vector<SFeature> CFeatureTable::list(size_t limit) const {
+    std::vector<SFeature> features;
+    for (auto it = m_oHeld.begin(); it != m_oHeld.end() && features.size() < limit; ++it) {
+        features.push_back(it->first);
+    }
+    return features;
+}
+
+void CFeatureTable::beginFetch(bool anew) {
+    for (auto& [feature, seen] : m_oHeld) {
+        seen = false;
+    }
+    m_oSetAside.clear();
+    if (anew) {
+        m_oRefused.clear();
+    }
+}
+
+bool CFeatureTable::see(const SFeature& feature) {
+    if (auto it = m_oHeld.find(feature); it != m_oHeld.end()) {
+        it->second = true;
+        return false;
+    }
+    if (m_oRefused.count(feature)) {
+        return false;
+    }
+    if (findUnseen(feature.m_nCode)) {
+        m_oSetAside.insert(feature);
+        return false;
+    }
+    return true;
+}
+
+void CFeatureTable::forgetSetAside(uint32_t code) {
+    m_oSetAside.erase(m_oSetAside.lower_bound({code, 0}), m_oSetAside.upper_bound({code, UINT32_MAX}));
+}
+
+std::vector<CFeatureTable::SChange> CFeatureTable::takeChanges() {
+    std::vector<SChange> changes;
+    for (const SFeature& feature : std::exchange(m_oSetAside, {})) {
+        auto old = findUnseen(feature.m_nCode);
+        if (old) {
+            m_oHeld[*old] = true; // spoken for
+        }
+        changes.push_back({old, feature});
+    }
+    return changes;
+}
+
+std::vector<SFeature> CFeatureTable::gone() const {
+    std::vector<SFeature> features;
+    for (const auto& [feature, seen] : m_oHeld) {
+        auto aside = m_oSetAside.lower_bound({feature.m_nCode, 0});
+        bool replaced = aside != m_oSetAside.end() && aside->m_nCode == feature.m_nCode;
+        if (!seen && !replaced) {
+            features.push_back(feature);
+        }
+    }
+    return features;
+}
+
+std::optional<SFeature> CFeatureTable::findUnseen(uint32_t code) const {
+    for (auto it = m_oHeld.lower_bound({code, 0}); it != m_oHeld.end() && it->first.m_nCode == code; ++it) {
+        if (!it->second) {
+            return it->first;
+        }
+    }
+    return std::nullopt;
+}

@@ -1,0 +1,153 @@
+// The C interface: checks arguments, keeps callbacks and second threads out, and lets no exception through.
+#include "client/qelclient.h"
+
+#include "client/CQelClient.h"
+
+#include <climits>
+#include <cstring>
+#include <memory>
+#include <new>
+
+struct qel_client : CQelClient {
+    using CQelClient::CQelClient;
+};
+
+namespace {
+
+std::atomic<bool> bOpen{false}; // there is a client in this process
+
+// Runs `work` inside the client, if nobody else is.
+template <typename Work>
+int enter(qel_client* client, Work work) {
+    if (!client) {
+        return QEL_EINVAL;
+    }
+    if (client->m_bBusy.exchange(true)) {
+        return QEL_EBUSY;
+    }
+    int rc = QEL_ENOMEM;
+    try {
+        rc = work();
+    } catch (const std::bad_alloc&) {
+    }
+    client->m_bBusy = false;
+    return rc;
+}
+
+bool isName(const char* name) {
+    size_t length = name ? strnlen(name, nMaxNameLength + 1) : 0;
+    return length >= 1 && length <= nMaxNameLength;
+}
+
+int openClient(const char* name, const qel_options& options, qel_client** client) {
+    auto fresh = std::make_unique<qel_client>(name, options);
+    if (!fresh->open()) {
+        return QEL_EPLATFORM;
+    }
+    *client = fresh.release();
+    return QEL_OK;
+}
+
+} // namespace
+
+static_assert(QEL_MAX_NAME == nMaxNameLength && QEL_MAX_ANNOUNCED == nMaxKnownPairs &&
+              QEL_TEXT_SIZE == nMaxReplyTextLength + 1);
+
+int qel_open(const char* name, const qel_options* options, qel_client** client) {
+    if (!isName(name) || !client) {
+        return QEL_EINVAL;
+    }
+    if (bOpen.exchange(true)) {
+        return QEL_EBUSY;
+    }
+    int rc = QEL_ENOMEM;
+    try {
+        rc = openClient(name, options ? *options : qel_options{}, client);
+    } catch (const std::bad_alloc&) {
+    }
+    bOpen = rc == QEL_OK;
+    return rc;
+}
+
+int qel_hold(qel_client* client, uint32_t code, uint32_t data) {
+    if (code == 0 && data == 0) {
+        return QEL_EINVAL;
+    }
+    return enter(client, [&] { return client->hold({code, data}); });
+}
+
+int qel_announce(qel_client* client, int timeout_ms) {
+    return enter(client, [&] { return client->announce(timeout_ms); });
+}
+
+int qel_fetch(qel_client* client, int timeout_ms) {
+    return enter(client, [&] { return client->fetch(timeout_ms); });
+}
+
+int qel_monitor(qel_client* client, int timeout_ms) {
+    return enter(client, [&] { return client->monitor(timeout_ms); });
+}
+
+int qel_wait(qel_client* client, int timeout_ms) {
+    return enter(client, [&] { return client->wait(timeout_ms); });
+}
+
+int qel_run(qel_client* client, int timeout_ms) {
+    return enter(client, [&] { return client->run(timeout_ms); });
+}
+
+void qel_stop(qel_client* client) {
+    if (client) {
+        client->stop();
+    }
+}
+
+int qel_shutdown(qel_client* client, const char* text) {
+    return enter(client, [&] { return client->shutdown(text); });
+}
+
+void qel_close(qel_client* client) {
+    if (client && !client->m_bBusy.exchange(true)) {
+        delete client;
+        bOpen = false;
+    }
+}
+
+int qel_features(const qel_client* client, qel_pair* pairs, size_t room) {
+    if (!client || (!pairs && room)) {
+        return QEL_EINVAL;
+    }
+    try {
+        for (const SFeature& feature : client->table().list(room)) {
+            *pairs++ = {feature.m_nCode, feature.m_nData};
+        }
+    } catch (const std::bad_alloc&) {
+        return QEL_ENOMEM;
+    }
+    return static_cast<int>(client->table().size());
+}
+
+int qel_state(const qel_client* client) {
+    return client ? client->state() : QEL_EINVAL;
+}
+
+const char* qel_strerror(int error) {
+    switch (error) {
+    case QEL_EINVAL:
+        return "invalid argument";
+    case QEL_EBUSY:
+        return "the client is in use";
+    case QEL_EPLATFORM:
+        return "no endpoint on the message framework";
+    case QEL_ENODAEMON:
+        return "the daemon is not running";
+    case QEL_ETIMEDOUT:
+        return "the daemon did not answer in time";
+    case QEL_ESTOPPED:
+        return "stopped";
+    case QEL_ENOMEM:
+        return "out of memory";
+    default:
+        return error >= 0 ? "success" : "unknown error";
+    }
+}

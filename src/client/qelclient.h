@@ -1,0 +1,186 @@
+/* libqelclient: what a component links to receive its features from the daemon.
+ *
+ * A component that needs nothing special is five calls:
+ *
+ *     qel_client* client;
+ *     struct qel_options options = {.notify = takeFeature};
+ *     int rc = qel_open("Voice", &options, &client);
+ *     if (rc == 0) rc = qel_run(client, QEL_FOREVER);   (until somebody calls qel_stop)
+ *     qel_shutdown(client, "good night");
+ *     qel_close(client);
+ *
+ * qel_run finds the daemon, announces the component, fetches its list, starts monitoring and then answers
+ * every notification with what the callback returns. The library keeps the table of features held. When the
+ * daemon was restarted it finds it again, announces the component anew with what it holds, and calls the
+ * callback for every difference, and for nothing else.
+ *
+ * Results: 0 or a positive count is success, negative is one of QEL_E..., told in words by qel_strerror().
+ *
+ * Times are milliseconds. 0: handle what is there, do not wait. QEL_FOREVER: no limit. No call waits longer
+ * than it was asked to, but for the time that the callback itself takes.
+ *
+ * Threads: there is one client in a process, since the message framework gives a process one endpoint, which
+ * is the client's from qel_open to qel_close. One thread at a time uses it. qel_stop alone may be called at
+ * any time, from any thread and from a signal handler. Callbacks run on the thread that is in the library,
+ * and only inside qel_announce, qel_fetch, qel_monitor, qel_wait, qel_run and (trace only) qel_shutdown. In a
+ * callback the queries (qel_features, qel_state) and qel_stop may be called; every other call returns
+ * QEL_EBUSY there. */
+#ifndef QEL_CLIENT_QELCLIENT_H
+#define QEL_CLIENT_QELCLIENT_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#if defined(__GNUC__)
+#define QEL_API __attribute__((visibility("default")))
+#else
+#define QEL_API
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+enum {
+    QEL_FOREVER = -1,        /* time limit: none */
+    QEL_MAX_NAME = 16,       /* characters of a component's name */
+    QEL_MAX_ANNOUNCED = 100, /* pairs held that an announcement tells of; more may be held */
+    QEL_TEXT_SIZE = 501      /* bytes of a reply text, NUL included */
+};
+
+/* Errors. */
+enum {
+    QEL_EINVAL = -1,    /* an argument is null, too long or out of range */
+    QEL_EBUSY = -2,     /* a client is open already; or called from a callback */
+    QEL_EPLATFORM = -3, /* the message framework refused an endpoint */
+    QEL_ENODAEMON = -4, /* no daemon was found within the time */
+    QEL_ETIMEDOUT = -5, /* the daemon is there but what was asked for was not done within the time */
+    QEL_ESTOPPED = -6,  /* qel_stop was called */
+    QEL_ENOMEM = -7
+};
+
+/* What a notification is about, seen from what this component holds, whichever message told it. QEL_OVERDUE:
+ * the daemon waited too long for the answer about the feature. The result of the callback is ignored and no
+ * answer is sent, for none is awaited any more; an enable or a disable that is still due comes again. */
+enum {
+    QEL_ENABLE = 1,  /* take the feature up: code, data */
+    QEL_MODIFY = 2,  /* a feature held changes: code, data (held so far), new_data */
+    QEL_DISABLE = 3, /* a feature held is withdrawn: code, data (held so far) */
+    QEL_OVERDUE = 4  /* the daemon gave up waiting: code, data */
+};
+
+/* What the callback answers. */
+enum {
+    QEL_OK = 0,      /* carried out */
+    QEL_REFUSED = 1, /* not carried out; any value that is not one of these counts as this */
+    QEL_NO_REPLY = 2 /* say nothing: the daemon counts the answer as overdue after 10 seconds */
+};
+
+/* How far the client has come, each state including the ones before it. */
+enum {
+    QEL_STATE_SEEKING = 0, /* no daemon, or not announced to it yet */
+    QEL_STATE_ANNOUNCED = 1,
+    QEL_STATE_FETCHED = 2,   /* the table holds the whole list */
+    QEL_STATE_MONITORING = 3 /* changes arrive by themselves */
+};
+
+typedef struct qel_client qel_client;
+
+struct qel_pair {
+    uint32_t code;
+    uint32_t data;
+};
+
+struct qel_notification {
+    int kind; /* QEL_ENABLE to QEL_OVERDUE */
+    uint32_t code;
+    uint32_t data;
+    uint32_t new_data; /* QEL_MODIFY: the data from now on; else 0 */
+    int fetched;       /* 1: a difference found while fetching the list, which the daemon takes as delivered
+                          whatever       the callback answers; 0: the daemon awaits the answer */
+};
+
+/* Called for every change. Returns QEL_OK, QEL_REFUSED or QEL_NO_REPLY, and may write a text for the daemon's
+ * log into `text` (QEL_TEXT_SIZE bytes, empty before the call). The table follows the answer: with QEL_OK a
+ * feature is held, changed or dropped; otherwise it stays as it was (but a feature that a fetch found
+ * withdrawn is dropped whatever the answer). Features that are refused while fetching are offered again by
+ * the next fetch. Should return within 10 seconds, the time that the daemon gives an answer. */
+typedef int (*qel_notify_fn)(void* user, const struct qel_notification* notification, char* text);
+
+/* Sees every message as it is sent (`sent` 1) or received (0), also those that the library then ignores.
+ * `body` is valid during the call. */
+typedef void (*qel_trace_fn)(void* user, int sent, const uint8_t* body, size_t length);
+
+struct qel_options {
+    qel_notify_fn notify; /* null: everything is answered QEL_OK */
+    qel_trace_fn trace;   /* null: none */
+    void* user;           /* handed to both; the caller's */
+    uint32_t
+        answer_timeout_ms; /* how long an answer from the daemon may take before the client starts over; 0:
+                              the default of 10 seconds, which leaves a daemon time for 64 clients at once */
+    int notify_unchanged;  /* 1: call `notify` also for what the component holds exactly so already (kind
+                              QEL_ENABLE) or was told to drop and does not hold (QEL_DISABLE). The daemon
+                              repeats  itself with every new list; by default that is answered QEL_OK in
+                              silence
+                            */
+};
+
+/* Opens the process's endpoint for the component `name`, 1 to QEL_MAX_NAME characters. `options` is copied;
+ * null means all zero. On success *client is the caller's until qel_close; otherwise it is left alone.
+ * QEL_EINVAL, QEL_EBUSY, QEL_EPLATFORM, QEL_ENOMEM. Sends nothing and does not block. */
+QEL_API int qel_open(const char* name, const struct qel_options* options, qel_client** client);
+
+/* Enters a feature into the table, as held from an earlier run. Before the announcement, which tells the
+ * daemon of the first QEL_MAX_ANNOUNCED in order of code. 0 for success; QEL_EINVAL, QEL_EBUSY, QEL_ENOMEM.
+ */
+QEL_API int qel_hold(qel_client* client, uint32_t code, uint32_t data);
+
+/* Each brings the client up to a state (and through those before it) and keeps it there: what was asked for
+ * once is done again whenever the daemon was restarted. Finds the daemon first, if need be. qel_fetch may be
+ * called without end: each call fetches the list again. qel_monitor does not imply a fetch: without one, the
+ * daemon notifies feature by feature what the announcement did not tell it is held. 0 (qel_fetch: the number
+ * of features held) for success; QEL_ENODAEMON, QEL_ETIMEDOUT: not yet, the effort goes on in the next call;
+ * QEL_ESTOPPED, QEL_EBUSY, QEL_EINVAL, QEL_ENOMEM. */
+QEL_API int qel_announce(qel_client* client, int timeout_ms);
+QEL_API int qel_fetch(qel_client* client, int timeout_ms);
+QEL_API int qel_monitor(qel_client* client, int timeout_ms);
+
+/* Handles messages, and keeps the connection with the daemon, until something was notified or the time is up.
+ * The number of notifications handled (0: the time is up); QEL_ESTOPPED, QEL_EBUSY, QEL_EINVAL, QEL_ENOMEM. A
+ * daemon that went is no error: it is waited for. */
+QEL_API int qel_wait(qel_client* client, int timeout_ms);
+
+/* All in one: announces, fetches, monitors, and keeps that up until qel_stop or until the time is up. Then
+ * returns 0 if it ever came up; else QEL_ENODAEMON or QEL_ETIMEDOUT, or after qel_stop QEL_ESTOPPED.
+ * QEL_EBUSY, QEL_EINVAL, QEL_ENOMEM. */
+QEL_API int qel_run(qel_client* client, int timeout_ms);
+
+/* Makes the call that is under way, or if none is the next one that could wait, return QEL_ESTOPPED within
+ * half a second. */
+QEL_API void qel_stop(qel_client* client);
+
+/* Tells the daemon that the component goes, with a text for its log (null: none; cut at QEL_TEXT_SIZE - 1).
+ * The table stays as it is, and qel_announce starts anew. There is no answer to it, so it does not wait. 0
+ * when sent; QEL_ENODAEMON when there was no daemon to tell; QEL_EBUSY, QEL_EINVAL, QEL_ENOMEM. */
+QEL_API int qel_shutdown(qel_client* client, const char* text);
+
+/* Closes the endpoint and frees the client. Tells the daemon nothing: call qel_shutdown before, unless the
+ * daemon should take the component for one that will be back. Null is allowed; in a callback it does nothing.
+ */
+QEL_API void qel_close(qel_client* client);
+
+/* Writes at most `room` of the features held, in order of code, to `pairs` (null: with room 0); returns how
+ * many are held. QEL_EINVAL. */
+QEL_API int qel_features(const qel_client* client, struct qel_pair* pairs, size_t room);
+
+/* QEL_STATE_SEEKING to QEL_STATE_MONITORING; QEL_EINVAL. */
+QEL_API int qel_state(const qel_client* client);
+
+/* An error in words, without a full stop. Never null; the text lives for ever. Any thread. */
+QEL_API const char* qel_strerror(int error);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,0 +1,211 @@
+// qelctl component
+#include "client/qelclient.h"
+#include "ctl/commands.h"
+#include "ctl/describe.h"
+#include "ctl/terminal.h"
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <climits>
+#include <csignal>
+#include <ctime>
+#include <fmt/chrono.h>
+#include <fmt/format.h>
+#include <map>
+#include <string>
+
+namespace {
+
+using CClock = std::chrono::steady_clock;
+
+std::atomic<qel_client*> pSignalled{nullptr}; // whom a signal stops
+
+void cbSignal(int) {
+    qel_stop(pSignalled);
+}
+
+std::string timeOfDay() {
+    timespec now = {};
+    clock_gettime(CLOCK_REALTIME, &now);
+    return fmt::format("{:%H:%M:%S}.{:03}", fmt::localtime(now.tv_sec), now.tv_nsec / 1000000);
+}
+
+// One run of the command: what is counted and printed while the library does the talking.
+class CPromptComponent {
+public:
+    explicit CPromptComponent(const SComponentOptions& options) : m_oOptions(options) {}
+    ~CPromptComponent();
+    CPromptComponent(const CPromptComponent&) = delete;
+    CPromptComponent& operator=(const CPromptComponent&) = delete;
+
+    int run();
+
+private:
+    int open();
+    int bringUp();
+    int bring(int (*step)(qel_client*, int));
+    void keepUp();
+    int timeLeft() const;
+    void printLine(std::string_view arrow, const SMessageText& message, EColour colour);
+    void printSummary() const;
+    int answer(const qel_notification& notification, char* text);
+
+    static void cbTrace(void* user, int sent, const uint8_t* body, size_t length);
+    static int cbNotify(void* user, const qel_notification* notification, char* text);
+
+    const SComponentOptions& m_oOptions;
+    qel_client* m_pClient = nullptr;
+    CClock::time_point m_tEnd = CClock::time_point::max();
+    std::map<std::string, int> m_oSent; // messages by kind
+    std::map<std::string, int> m_oReceived;
+    int m_nUnanswered = 0;
+};
+
+CPromptComponent::~CPromptComponent() {
+    pSignalled = nullptr;
+    qel_close(m_pClient);
+}
+
+int CPromptComponent::run() {
+    if (m_oOptions.m_nSeconds > 0) {
+        auto span = std::chrono::duration<double>(m_oOptions.m_nSeconds);
+        m_tEnd = CClock::now() + std::chrono::duration_cast<CClock::duration>(span);
+    }
+    int rc = open();
+    if (rc == QEL_OK) {
+        rc = bringUp();
+    }
+    if (rc >= 0) {
+        keepUp();
+    }
+    bool ended = rc >= 0 || rc == QEL_ESTOPPED || timeLeft() == 0;
+    if (m_pClient && qel_state(m_pClient) != QEL_STATE_SEEKING) {
+        qel_shutdown(m_pClient, "stopped at the prompt");
+    }
+    if (rc == QEL_ENODAEMON || !ended) {
+        complain(qel_strerror(rc));
+        return rc == QEL_ENODAEMON || rc == QEL_ETIMEDOUT ? exitNoDaemon : exitFailed;
+    }
+    printSummary();
+    return exitOk;
+}
+
+int CPromptComponent::open() {
+    qel_options options = {};
+    options.notify = cbNotify;
+    options.trace = cbTrace;
+    options.user = this;
+    options.notify_unchanged = 1;
+    int rc = qel_open(m_oOptions.m_sName.c_str(), &options, &m_pClient);
+    if (rc != QEL_OK) {
+        return rc;
+    }
+    pSignalled = m_pClient;
+    struct sigaction action = {};
+    action.sa_handler = cbSignal;
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+    for (const SFeature& feature : m_oOptions.m_vHeld) {
+        qel_hold(m_pClient, feature.m_nCode, feature.m_nData);
+    }
+    return QEL_OK;
+}
+
+int CPromptComponent::bringUp() {
+    int rc = m_oOptions.m_bWait ? QEL_OK : qel_announce(m_pClient, 0);
+    if (rc == QEL_OK || rc == QEL_ETIMEDOUT) {
+        rc = bring(qel_announce);
+    }
+    if (rc >= 0 && m_oOptions.m_bFetch) {
+        rc = bring(qel_fetch);
+    }
+    if (rc >= 0 && m_oOptions.m_bMonitor) {
+        rc = bring(qel_monitor);
+    }
+    return rc;
+}
+
+int CPromptComponent::bring(int (*step)(qel_client*, int)) {
+    return step(m_pClient, timeLeft());
+}
+
+void CPromptComponent::keepUp() {
+    constexpr int nSlice = 500; // milliseconds between looks at the connection
+    bool connected = true;
+    while (timeLeft() != 0) {
+        int left = timeLeft();
+        if (qel_wait(m_pClient, left < 0 ? nSlice : std::min(left, nSlice)) < 0) {
+            return;
+        }
+        bool now = qel_state(m_pClient) != QEL_STATE_SEEKING;
+        if (now != connected) {
+            printLine("--", {now ? "back" : "lost", "the daemon"}, EColour::yellow);
+            connected = now;
+        }
+    }
+}
+
+// Milliseconds until --for is over, QEL_FOREVER without it.
+int CPromptComponent::timeLeft() const {
+    if (m_tEnd == CClock::time_point::max()) {
+        return QEL_FOREVER;
+    }
+    auto left = std::chrono::ceil<std::chrono::milliseconds>(m_tEnd - CClock::now()).count();
+    return static_cast<int>(std::clamp<int64_t>(left, 0, INT_MAX));
+}
+
+void CPromptComponent::printLine(std::string_view arrow, const SMessageText& message, EColour colour) {
+    std::string what = paint(fmt::format("{} {:<8}", arrow, message.m_sKind), colour, stdout);
+    fmt::print("{} {} {}\n", timeOfDay(), what, message.m_sDetail);
+    std::fflush(stdout);
+}
+
+void CPromptComponent::printSummary() const {
+    auto list = [](const std::map<std::string, int>& counts) {
+        std::string text;
+        for (const auto& [kind, count] : counts) {
+            text += fmt::format("{}{} {}", text.empty() ? "" : ", ", count, kind);
+        }
+        return text.empty() ? std::string("nothing") : text;
+    };
+    auto held = static_cast<size_t>(qel_features(m_pClient, nullptr, 0));
+    fmt::print("{} sent {}; received {}; left {} unanswered; holds {}\n", timeOfDay(), list(m_oSent),
+               list(m_oReceived), m_nUnanswered, counted(held, "feature"));
+}
+
+int CPromptComponent::answer(const qel_notification& notification, char* text) {
+    if (notification.fetched || notification.kind == QEL_OVERDUE) {
+        return QEL_OK;
+    }
+    const auto& refused = m_oOptions.m_vRefused;
+    bool refuse = std::find(refused.begin(), refused.end(), notification.code) != refused.end();
+    if (refuse || m_oOptions.m_eAnswer == EAnswer::fail) {
+        *fmt::format_to_n(text, QEL_TEXT_SIZE - 1, "refused at the prompt").out = '\0';
+        return QEL_REFUSED;
+    }
+    if (m_oOptions.m_eAnswer == EAnswer::none) {
+        ++m_nUnanswered;
+        return QEL_NO_REPLY;
+    }
+    return QEL_OK;
+}
+
+void CPromptComponent::cbTrace(void* user, int sent, const uint8_t* body, size_t length) {
+    auto& self = *static_cast<CPromptComponent*>(user);
+    SMessageText message = sent ? describeSent(body, length) : describeReceived(body, length);
+    ++(sent ? self.m_oSent : self.m_oReceived)[message.m_sKind];
+    self.printLine(sent ? "->" : "<-", message, sent ? EColour::dim : EColour::green);
+}
+
+int CPromptComponent::cbNotify(void* user, const qel_notification* notification, char* text) {
+    return static_cast<CPromptComponent*>(user)->answer(*notification, text);
+}
+
+} // namespace
+
+int runComponent(const SComponentOptions& options) {
+    setProcessName(options.m_sProcess);
+    std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
+    return CPromptComponent(options).run();
+}
