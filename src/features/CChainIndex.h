@@ -16,7 +16,7 @@ public:
     static constexpr uint32_t nNone = UINT32_MAX;
 
     explicit CChainIndex(size_t capacity)
-        : m_vChains(std::bit_ceil(capacity * 2 + 1)), m_nShift(64 - std::countr_zero(m_vChains.size())) {
+        : m_vChains(std::bit_ceil(capacity * 2 + 2)), m_nShift(64 - std::countr_zero(m_vChains.size())) {
         m_vNext.reserve(capacity);
     }
 
