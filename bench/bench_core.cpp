@@ -152,14 +152,15 @@ void freeList(CArray<CFeatureEntry*>& list) {
 
 // --- Messages ---
 
-void dispatch(State& state, const CRecord& record, uint8_t monitor = 1) {
+// `items`: what the message makes the daemon look through; 1 for a message that costs the same on every
+// table.
+void dispatch(State& state, const CRecord& record, int64_t items) {
     CWorld& here = world(state);
     here.settle(0);
-    here.m_oControl.components().m_vItems.back()->m_bMonitor = monitor;
     for (auto _ : state) {
         record.dispatch();
     }
-    here.m_oControl.components().m_vItems.back()->m_bMonitor = 1;
+    perItem(state, items);
 }
 
 uint32_t lastHandle(const State& state) {
@@ -171,11 +172,11 @@ std::string lastName(const State& state) {
 }
 
 void messageKnownName(State& state) {
-    dispatch(state, nameMessage(0, CompNameMsgType, lastHandle(state), lastName(state), 1));
+    dispatch(state, nameMessage(0, CompNameMsgType, lastHandle(state), lastName(state), 1), 1);
 }
 
 void messageInitList(State& state) {
-    dispatch(state, nameMessage(0, InitListMsgType, lastHandle(state), lastName(state), 1));
+    dispatch(state, nameMessage(0, InitListMsgType, lastHandle(state), lastName(state), 1), 1);
 }
 
 void messageGetFeature(State& state) {
@@ -191,25 +192,24 @@ void messageGetFeature(State& state) {
         }
     }
     comp->rewindFeatureList();
+    perItem(state, 1);
 }
 
 void messageStartMonitor(State& state) {
-    dispatch(state, nameMessage(0, nQelClientStartMonitorMsgType, lastHandle(state), lastName(state), 1));
-    perItem(state, state.range(0)); // looks through the component's features
+    dispatch(state, nameMessage(0, nQelClientStartMonitorMsgType, lastHandle(state), lastName(state), 1),
+             state.range(0));
 }
 
 void messageWriteReply(State& state) {
-    dispatch(state, replyMessage(WriteReplyMsgType, lastHandle(state)));
-    perItem(state, state.range(0));
+    dispatch(state, replyMessage(WriteReplyMsgType, lastHandle(state)), state.range(0));
 }
 
 void messageActiveFeatures(State& state) {
-    dispatch(state, CRecord(CQelMessageHeader{0, 24, nQelOAMActiveFeatureMsgType, 0, 7, 1}));
-    perItem(state, state.range(0));
+    dispatch(state, CRecord(CQelMessageHeader{0, 24, nQelOAMActiveFeatureMsgType, 0, 7, 1}), state.range(0));
 }
 
 void messageUnknown(State& state) {
-    dispatch(state, CRecord(CQelMessageHeader{0, 24, 99, 0, 7, 1}));
+    dispatch(state, CRecord(CQelMessageHeader{0, 24, 99, 0, 7, 1}), 1);
 }
 
 // A component that comes back as another process is taken into every feature again.

@@ -2,7 +2,6 @@
 #ifndef QEL_FEATURES_CCHAININDEX_H
 #define QEL_FEATURES_CCHAININDEX_H
 
-#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -15,20 +14,25 @@ class CChainIndex {
 public:
     static constexpr uint32_t nNone = UINT32_MAX;
 
-    explicit CChainIndex(size_t capacity)
-        : m_vChains(std::bit_ceil(capacity * 2 + 2)), m_nShift(64 - std::countr_zero(m_vChains.size())) {
+    // A feature's code and data; an index by code alone leaves the data 0.
+    struct SKey {
+        uint32_t m_nCode = 0;
+        uint32_t m_nData = 0;
+        bool operator==(const SKey&) const = default;
+    };
+
+    explicit CChainIndex(size_t capacity) : m_vChains(capacity + capacity / 2 + 8) {
         m_vNext.reserve(capacity);
     }
 
-    void append(uint64_t key, size_t position) {
+    void append(SKey key, size_t position) {
         const auto at = static_cast<uint32_t>(position);
         if (m_vNext.size() <= at) {
             m_vNext.resize(size_t{at} + 1, nNone);
         }
         m_vNext[at] = nNone;
         SChain& chain = m_vChains[slotOf(key)];
-        chain.m_bUsed = true;
-        chain.m_nKey = key;
+        chain.m_oKey = key;
         if (chain.m_nFirst == nNone) {
             chain.m_nFirst = at;
         } else {
@@ -38,12 +42,12 @@ public:
     }
 
     // The key's first position, or nNone.
-    uint32_t first(uint64_t key) const { return m_vChains[slotOf(key)].m_nFirst; }
+    uint32_t first(SKey key) const { return m_vChains[slotOf(key)].m_nFirst; }
 
     // The key's first position that the test accepts, or nNone. Those before it are forgotten: all look-ups
     // of one key together cost no more than its chain is long.
     template <typename Test>
-    uint32_t firstThat(uint64_t key, Test test) {
+    uint32_t firstThat(SKey key, Test test) {
         SChain& chain = m_vChains[slotOf(key)];
         while (chain.m_nFirst != nNone && !test(chain.m_nFirst)) {
             chain.m_nFirst = m_vNext[chain.m_nFirst];
@@ -51,7 +55,7 @@ public:
         return chain.m_nFirst;
     }
 
-    void remove(uint64_t key, uint32_t position) {
+    void remove(SKey key, uint32_t position) {
         SChain& chain = m_vChains[slotOf(key)];
         uint32_t before = nNone;
         uint32_t at = chain.m_nFirst;
@@ -63,32 +67,31 @@ public:
             return;
         }
         (before == nNone ? chain.m_nFirst : m_vNext[before]) = m_vNext[at];
-        if (chain.m_nLast == at) {
+        if (chain.m_nLast == at && before != nNone) {
             chain.m_nLast = before;
         }
     }
 
 private:
     struct SChain {
-        uint64_t m_nKey = 0;
-        uint32_t m_nFirst = nNone;
-        uint32_t m_nLast = nNone; // meaningless while m_nFirst is nNone
-        bool m_bUsed = false;
+        SKey m_oKey;
+        uint32_t m_nFirst = nNone; // nNone: the chain is empty
+        uint32_t m_nLast = nNone;  // nNone: the slot was never used
     };
 
-    // The key's slot, or the free one where it would stand. Multiplicative hashing spreads keys that follow
-    // each other.
-    size_t slotOf(uint64_t key) const {
-        const size_t mask = m_vChains.size() - 1;
-        size_t slot = static_cast<size_t>(key * 0x9E3779B97F4A7C15 >> m_nShift) & mask;
-        while (m_vChains[slot].m_bUsed && m_vChains[slot].m_nKey != key) {
-            slot = (slot + 1) & mask;
+    // The key's slot, or the free one where it would stand. Keys of eight codes that follow each other stand
+    // together: a list is mostly in order, and then the next look-up finds its slot in the cache.
+    size_t slotOf(SKey key) const {
+        const uint64_t block = uint64_t{key.m_nCode >> 3} << 32 | key.m_nData >> 3;
+        const uint64_t hash = block * 0x9E3779B97F4A7C15 >> 32;
+        auto slot = static_cast<size_t>(hash * (m_vChains.size() - 7) >> 32) + (key.m_nCode & 7);
+        while (m_vChains[slot].m_nLast != nNone && m_vChains[slot].m_oKey != key) {
+            slot = slot + 1 < m_vChains.size() ? slot + 1 : 0;
         }
         return slot;
     }
 
-    std::vector<SChain> m_vChains; // its size is a power of two, more than twice the keys
-    int m_nShift;
+    std::vector<SChain> m_vChains; // half as many again as there can be keys, and a block
     std::vector<uint32_t> m_vNext; // the position after each in its chain
 };
 

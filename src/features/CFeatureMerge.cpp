@@ -11,12 +11,12 @@ constexpr uint32_t nMergeEvent = 31115;
 // Features whose addition or modification takes effect with the next restart of the appliance. Ends with 0.
 constexpr uint32_t nRebootFeatureList[] = {206, 306, 0};
 
-uint64_t pairOf(uint32_t code, uint32_t data) {
-    return uint64_t{code} << 32 | data;
+CChainIndex::SKey pairOf(const CFeatureEntry& entry) {
+    return {entry.m_nCode, entry.m_nData};
 }
 
-uint64_t pairOf(const CFeatureEntry& entry) {
-    return pairOf(entry.m_nCode, entry.m_nData);
+CChainIndex::SKey codeOf(const CFeatureEntry& entry) {
+    return {entry.m_nCode, 0};
 }
 
 } // namespace
@@ -37,7 +37,7 @@ CFeatureMerge::CFeatureMerge(CArray<CFeatureEntry*>& table, CArray<CFeatureEntry
     for (size_t i = 0; i < m_aList.m_vItems.size(); ++i) {
         if (const CFeatureEntry* fresh = m_aList.m_vItems[i]) {
             m_oListByPair.append(pairOf(*fresh), i);
-            m_oListByCode.append(fresh->m_nCode, i);
+            m_oListByCode.append(codeOf(*fresh), i);
         }
     }
 }
@@ -70,7 +70,7 @@ bool CFeatureMerge::isMatched(const CFeatureEntry& entry) {
     if (m_oListByPair.first(pairOf(entry)) != m_oListByPair.nNone) {
         return true;
     }
-    const uint32_t claimed = m_oListByCode.firstThat(entry.m_nCode, [this](uint32_t position) {
+    const uint32_t claimed = m_oListByCode.firstThat(codeOf(entry), [this](uint32_t position) {
         return m_aList.m_vItems[position]->m_eStatus != CFeatureEntry::fsModify;
     });
     if (claimed == m_oListByCode.nNone) {
@@ -90,7 +90,7 @@ void CFeatureMerge::markExisting() {
     }
     for (size_t i = 0; i < m_aTable.m_vItems.size(); ++i) {
         if (const CFeatureEntry* entry = m_aTable.m_vItems[i]) {
-            m_oTableByCode.append(entry->m_nCode, i);
+            m_oTableByCode.append(codeOf(*entry), i);
         }
     }
 }
@@ -118,7 +118,7 @@ bool CFeatureMerge::take(CFeatureEntry* fresh) {
         delete fresh;
         return true;
     }
-    const uint32_t position = m_oTableByCode.firstThat(fresh->m_nCode, [this](uint32_t at) {
+    const uint32_t position = m_oTableByCode.firstThat(codeOf(*fresh), [this](uint32_t at) {
         return m_aTable.m_vItems[at]->m_eStatus != CFeatureEntry::fsExisting;
     });
     if (position == m_oTableByCode.nNone) {
@@ -171,7 +171,7 @@ void CFeatureMerge::adopt(CFeatureEntry* fresh) {
     const size_t position = m_aTable.m_vItems.size();
     m_aTable.m_vItems.push_back(fresh);
     m_oTableByPair.append(pairOf(*fresh), position);
-    m_oTableByCode.append(fresh->m_nCode, position);
+    m_oTableByCode.append(codeOf(*fresh), position);
     logEvent(svInfo, nMergeEvent, "newadd feature %d %d", fresh->m_nCode, fresh->m_nData);
     testReboot(fresh->m_nCode, fresh->m_nData);
 }
