@@ -4,6 +4,7 @@
 #include "server/CQelServer.h"
 #include "server/log.h"
 #include "server/names.h"
+#include "tools/tool_modes.h"
 
 #include <atomic>
 #include <cstdio>
@@ -107,7 +108,12 @@ struct SMode {
 };
 
 constexpr SMode aModes[] = {
+    {"-newkey", makeKeyPair},
     {"-run", run},
+    {"-check", checkKeyPair},
+    {"-signature", signFile},
+    {"-signverify", verifyFile},
+    {"-certverify", verifyCertificate},
     {"-stop", stop},
 };
 

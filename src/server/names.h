@@ -11,6 +11,8 @@ inline constexpr char sServiceEventName[] = "QELEVENTSERVER1";  // stop event, o
 inline constexpr char sServiceEventName1[] = "QELEVENTSERVER1"; // the same, of the command line
 inline constexpr char sQelServerLogFileName[] =
     "/var/log/QelServer.log"; // text log; QEL_LOG_FILE overrides it
+inline constexpr char sQelDefaultCertPath[] = "/ov/etc/t31syscert1.pem"; // that signatures are verified with
+inline constexpr char sQelDefaultKeyPath[] = "/tmp/t31";                 // of a new key pair
 
 // Milliseconds.
 inline constexpr uint32_t nMaxLoopDelay = 35;   // what a turn lasts at least, its wait included

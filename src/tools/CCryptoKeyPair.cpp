@@ -1,0 +1,199 @@
+// CCrypto: key pairs, made and checked.
+#include "base/clock.h"
+#include "tools/CCrypto.h"
+#include "tools/COutputFile.h"
+#include "tools/certificate_time.h"
+#include "tools/key_input.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <openssl/core_names.h>
+#include <openssl/params.h>
+#include <openssl/pem.h>
+#include <openssl/rsa.h>
+#include <string>
+#include <vector>
+
+namespace {
+
+constexpr size_t nMaxBasePath = 244; // leaves room for the suffixes within 255 characters
+constexpr size_t nKeyBits = 2048;
+constexpr unsigned nPublicExponent = 65537;
+constexpr int64_t nValidSeconds = 315360000; // 3650 days
+
+struct SNameEntry {
+    const char* m_szField;
+    const char* m_szValue;
+};
+
+// Subject and issuer. The country carries the organisation's name, and stays so.
+constexpr SNameEntry aNameEntries[] = {{"C", "Tarsil"}, {"CN", "Halyx"}, {"O", "Dorna"}, {"OU", "Platforms"}};
+
+constexpr SKeyTexts oPrivateKeyTexts{"Failed to get SSL key", "Failed to read file name",
+                                     "Failed to load private key file", nullptr,
+                                     "Failed to get private key structure"};
+constexpr SKeyTexts oCertificateTexts{"Failed to get SSL BIO key", "Failed to read file name",
+                                      "Failed to get load certificate", "Failed to get public key",
+                                      "Failed to get public key structure"};
+
+CKeyHandle failedKey(const char* text) {
+    std::puts(text);
+    return nullptr;
+}
+
+bool generate(EVP_PKEY* key) {
+    size_t bits = nKeyBits;
+    unsigned exponent = nPublicExponent;
+    const OSSL_PARAM parameters[] = {OSSL_PARAM_construct_size_t(OSSL_PKEY_PARAM_RSA_BITS, &bits),
+                                     OSSL_PARAM_construct_uint(OSSL_PKEY_PARAM_RSA_E, &exponent),
+                                     OSSL_PARAM_construct_end()};
+    const CKeyContextHandle context(EVP_PKEY_CTX_new_from_name(nullptr, "RSA", nullptr));
+    return context != nullptr && EVP_PKEY_keygen_init(context.get()) == 1 &&
+           EVP_PKEY_CTX_set_params(context.get(), parameters) == 1 &&
+           EVP_PKEY_generate(context.get(), &key) == 1;
+}
+
+CKeyHandle newKey() {
+    CKeyHandle key(EVP_PKEY_new());
+    if (key == nullptr) {
+        return failedKey("Failed to EVP_PKEY_new");
+    }
+    if (!generate(key.get())) {
+        return failedKey("Failed to RSA_generate_key");
+    }
+    if (EVP_PKEY_is_a(key.get(), "RSA") != 1) {
+        return failedKey("Failed to EVP_PKEY_assign_RSA");
+    }
+    return key;
+}
+
+// Values go in under the type that they have in the certificate: given as mere text, a country of more than
+// two letters is refused.
+bool addEntries(X509_NAME* name) {
+    return std::all_of(std::begin(aNameEntries), std::end(aNameEntries), [name](const SNameEntry& entry) {
+        const auto* value = reinterpret_cast<const unsigned char*>(entry.m_szValue);
+        return X509_NAME_add_entry_by_txt(name, entry.m_szField, V_ASN1_PRINTABLESTRING, value, -1, -1, 0) ==
+               1;
+    });
+}
+
+bool setValidity(X509* certificate, int64_t now) {
+    const CTimeHandle notBefore = certificateTime(now);
+    const CTimeHandle notAfter = certificateTime(now + nValidSeconds);
+    return notBefore != nullptr && notAfter != nullptr &&
+           X509_set1_notBefore(certificate, notBefore.get()) == 1 &&
+           X509_set1_notAfter(certificate, notAfter.get()) == 1;
+}
+
+CCertificateHandle newCertificate(EVP_PKEY* key) {
+    CCertificateHandle certificate(X509_new());
+    X509* const raw = certificate.get();
+    const uint32_t now = nowSeconds();
+    std::srand(now);
+    if (raw == nullptr || X509_set_version(raw, X509_VERSION_3) != 1 ||
+        ASN1_INTEGER_set(X509_get_serialNumber(raw), std::rand()) != 1 || !setValidity(raw, now) ||
+        X509_set_pubkey(raw, key) != 1 || !addEntries(X509_get_subject_name(raw)) ||
+        X509_set_issuer_name(raw, X509_get_subject_name(raw)) != 1 || X509_sign(raw, key, EVP_sha1()) <= 0) {
+        return nullptr;
+    }
+    return certificate;
+}
+
+bool tellUnlessWritten(bool isWritten, const COutputFile& file) {
+    if (!isWritten) {
+        std::printf("Cannot write file (%s)\n", file.path());
+    }
+    return isWritten;
+}
+
+// `write` puts PEM into a BIO and returns 1 for success.
+template <typename FWrite>
+bool fill(COutputFile& file, FWrite write) {
+    return tellUnlessWritten(file.bio() != nullptr && write(file.bio()) == 1 && file.finish(), file);
+}
+
+bool publish(COutputFile& file) {
+    return tellUnlessWritten(file.publish(), file);
+}
+
+bool writeFiles(const std::string& path, EVP_PKEY* key, X509* certificate) {
+    COutputFile privateFile(path, COutputFile::acOwner);
+    COutputFile publicFile(path + ".pub", COutputFile::acUmask);
+    COutputFile certificateFile(path + ".crt", COutputFile::acUmask);
+    return fill(privateFile,
+                [key](BIO* out) {
+                    return PEM_write_bio_PrivateKey(out, key, nullptr, nullptr, 0, nullptr, nullptr);
+                }) &&
+           fill(publicFile, [key](BIO* out) { return PEM_write_bio_PUBKEY(out, key); }) &&
+           fill(certificateFile, [certificate](BIO* out) { return PEM_write_bio_X509(out, certificate); }) &&
+           publish(privateFile) && publish(publicFile) && publish(certificateFile);
+}
+
+using CBlock = std::vector<unsigned char>;
+
+// The raw operation of either half of a key, without padding. Empty on failure.
+CBlock transform(EVP_PKEY* key, const CBlock& input, decltype(&EVP_PKEY_sign_init) init,
+                 decltype(&EVP_PKEY_sign) apply) {
+    const CKeyContextHandle context(EVP_PKEY_CTX_new_from_pkey(nullptr, key, nullptr));
+    CBlock output(static_cast<size_t>(EVP_PKEY_get_size(key)));
+    size_t length = output.size();
+    if (context == nullptr || init(context.get()) != 1 ||
+        EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_NO_PADDING) != 1 ||
+        apply(context.get(), output.data(), &length, input.data(), input.size()) != 1) {
+        return {};
+    }
+    output.resize(length);
+    return output;
+}
+
+// Fails where the certificate's key has another size, too.
+bool isPair(EVP_PKEY* privateKey, EVP_PKEY* publicKey) {
+    CBlock block(static_cast<size_t>(EVP_PKEY_get_size(privateKey)));
+    for (size_t i = 0; i < block.size(); ++i) {
+        block[i] = static_cast<unsigned char>(i); // the first is 0, so that the number is below the modulus
+    }
+    const CBlock secret = transform(privateKey, block, EVP_PKEY_sign_init, EVP_PKEY_sign);
+    return !secret.empty() &&
+           transform(publicKey, secret, EVP_PKEY_verify_recover_init, EVP_PKEY_verify_recover) == block;
+}
+
+int fail(const char* text, const char* file) {
+    std::printf("%s %s\n", text, file);
+    return 0;
+}
+
+} // namespace
+
+int CCrypto::generateRSA(const char* path) {
+    if (path == nullptr || std::strlen(path) > nMaxBasePath) {
+        return fail("Invalid file name", path != nullptr ? path : "(null)");
+    }
+    const CKeyHandle key = newKey();
+    if (key == nullptr) {
+        return 0;
+    }
+    const CCertificateHandle certificate = newCertificate(key.get());
+    return certificate != nullptr && writeFiles(path, key.get(), certificate.get()) ? 1 : 0;
+}
+
+int CCrypto::verifyRSA(const char* privateKeyFile, const char* certificateFile) {
+    if (privateKeyFile == nullptr || certificateFile == nullptr) {
+        std::puts("Invalid parameter.");
+        return 0;
+    }
+    const SKeyInput privateKey = readPrivateKey(privateKeyFile, oPrivateKeyTexts);
+    if (privateKey.m_szFailure != nullptr) {
+        return fail(privateKey.m_szFailure, privateKeyFile);
+    }
+    const SKeyInput certificate = readCertificate(certificateFile, oCertificateTexts);
+    if (certificate.m_szFailure != nullptr) {
+        return fail(certificate.m_szFailure, certificateFile);
+    }
+    if (!isPair(privateKey.m_pKey.get(), certificate.m_pKey.get())) {
+        std::printf("Invalid key pair (%s, %s)\n", privateKeyFile, certificateFile);
+        return 0;
+    }
+    return 1;
+}

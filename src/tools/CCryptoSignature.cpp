@@ -1,0 +1,184 @@
+// CCrypto: signatures over files, and the certificates that verify them.
+#include "base/clock.h"
+#include "tools/CCrypto.h"
+#include "tools/certificate_time.h"
+#include "tools/key_input.h"
+
+#include <cstdio>
+#include <memory>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <utility>
+#include <vector>
+
+namespace {
+
+constexpr size_t nBlockSize = 1024;
+constexpr size_t nMaxSignature = 4096;
+
+constexpr SKeyTexts oPrivateKeyTexts{"Cannot open private key file", "Cannot open private key file",
+                                     "Cannot read private key file", nullptr, "Cannot read private key file"};
+constexpr SKeyTexts oCertificateTexts{"Cannot open public key file", "Cannot open public key file",
+                                      "Cannot read public certificate file", "Cannot read public key file",
+                                      "Cannot read public key file"};
+
+struct SFileClose {
+    void operator()(FILE* file) const { std::fclose(file); }
+};
+using CStreamHandle = std::unique_ptr<FILE, SFileClose>;
+
+using CSignature = std::vector<unsigned char>;
+
+int fail(const char* text, const char* file) {
+    std::printf("%s (%s)\n", text, file);
+    return 0;
+}
+
+int failParameter() {
+    std::puts("Invalid parameter.");
+    return 0;
+}
+
+// Hands the file to `update` block by block. False if a block cannot be read or is not taken.
+template <typename FUpdate>
+bool readBlocks(FILE* file, FUpdate update) {
+    unsigned char block[nBlockSize];
+    size_t count = 0;
+    do {
+        count = std::fread(block, 1, sizeof block, file);
+        if (update(block, count) != 1) {
+            return false;
+        }
+    } while (count == sizeof block);
+    return std::ferror(file) == 0;
+}
+
+// Empty on failure.
+CSignature sign(EVP_PKEY* key, FILE* data) {
+    const CDigestHandle digest(EVP_MD_CTX_new());
+    EVP_MD_CTX* const raw = digest.get();
+    if (raw == nullptr || EVP_DigestSignInit(raw, nullptr, EVP_sha1(), nullptr, key) != 1 ||
+        !readBlocks(
+            data, [raw](const void* block, size_t size) { return EVP_DigestSignUpdate(raw, block, size); })) {
+        return {};
+    }
+    CSignature signature(nMaxSignature);
+    size_t length = signature.size();
+    if (EVP_DigestSignFinal(raw, signature.data(), &length) != 1) {
+        return {};
+    }
+    signature.resize(length);
+    return signature;
+}
+
+// What cannot be written whole is removed, if it is a file at all.
+bool writeWhole(CStreamHandle file, const CSignature& signature, const char* path) {
+    struct stat status {};
+    const bool isFile = ::fstat(::fileno(file.get()), &status) == 0 && S_ISREG(status.st_mode);
+    const size_t written = std::fwrite(signature.data(), 1, signature.size(), file.get());
+    const bool isClosed = std::fclose(file.release()) == 0;
+    if (written == signature.size() && isClosed) {
+        return true;
+    }
+    if (isFile) {
+        ::unlink(path);
+    }
+    return false;
+}
+
+enum EVerdict { vdUnreadable, vdWrong, vdRight };
+
+EVerdict verify(EVP_PKEY* key, FILE* data, const CSignature& signature) {
+    const CDigestHandle digest(EVP_MD_CTX_new());
+    EVP_MD_CTX* const raw = digest.get();
+    if (raw == nullptr || EVP_DigestVerifyInit(raw, nullptr, EVP_sha1(), nullptr, key) != 1) {
+        return vdWrong;
+    }
+    if (!readBlocks(data, [raw](const void* block, size_t size) {
+            return EVP_DigestVerifyUpdate(raw, block, size);
+        })) {
+        return vdUnreadable;
+    }
+    // 1 alone is a success: a signature that does not match gives 0, one that makes no sense a negative
+    // number.
+    return EVP_DigestVerifyFinal(raw, signature.data(), signature.size()) == 1 ? vdRight : vdWrong;
+}
+
+bool readSignature(const char* path, CSignature& signature) {
+    const CStreamHandle file(std::fopen(path, "rb"));
+    if (file == nullptr) {
+        return false;
+    }
+    signature.resize(nMaxSignature);
+    signature.resize(std::fread(signature.data(), 1, signature.size(), file.get()));
+    return std::ferror(file.get()) == 0;
+}
+
+} // namespace
+
+int CCrypto::generateSignature(const char* privateKeyFile, const char* dataFile, const char* signatureFile) {
+    if (privateKeyFile == nullptr || dataFile == nullptr || signatureFile == nullptr) {
+        return failParameter();
+    }
+    const SKeyInput privateKey = readPrivateKey(privateKeyFile, oPrivateKeyTexts);
+    if (privateKey.m_szFailure != nullptr) {
+        return fail(privateKey.m_szFailure, privateKeyFile);
+    }
+    const CStreamHandle data(std::fopen(dataFile, "rb"));
+    if (data == nullptr) {
+        return fail("Cannot open data file", dataFile);
+    }
+    const CSignature signature = sign(privateKey.m_pKey.get(), data.get());
+    if (signature.empty()) {
+        return fail("Cannot open data file", dataFile); // the same line, and stays so
+    }
+    CStreamHandle output(std::fopen(signatureFile, "wb"));
+    if (output == nullptr) {
+        return fail("Cannot open signature file", signatureFile);
+    }
+    if (!writeWhole(std::move(output), signature, signatureFile)) {
+        return fail("Cannot write to signature file", signatureFile);
+    }
+    return 1;
+}
+
+int CCrypto::verifySignature(const char* certificateFile, const char* dataFile, const char* signatureFile) {
+    if (certificateFile == nullptr || dataFile == nullptr || signatureFile == nullptr) {
+        return failParameter();
+    }
+    const SKeyInput certificate = readCertificate(certificateFile, oCertificateTexts);
+    if (certificate.m_szFailure != nullptr) {
+        return fail(certificate.m_szFailure, certificateFile);
+    }
+    CSignature signature;
+    if (!readSignature(signatureFile, signature)) {
+        return fail("Cannot open signature file", signatureFile);
+    }
+    const CStreamHandle data(std::fopen(dataFile, "rb"));
+    const EVerdict verdict =
+        data != nullptr ? verify(certificate.m_pKey.get(), data.get(), signature) : vdUnreadable;
+    if (verdict == vdUnreadable) {
+        return fail("Cannot open data file", dataFile);
+    }
+    const bool isRight = verdict == vdRight;
+    std::printf("%s: (%s %s) \n", isRight ? "Verify pass" : "Cannot verify", dataFile, signatureFile);
+    return isRight ? 1 : 0;
+}
+
+int CCrypto::verifyCert(const char* certificateFile) {
+    if (certificateFile == nullptr || *certificateFile == '\0') {
+        return failParameter();
+    }
+    const SKeyInput certificate = readCertificate(certificateFile, oCertificateTexts);
+    if (certificate.m_szFailure != nullptr) {
+        return fail(certificate.m_szFailure, certificateFile);
+    }
+    const CTimeHandle now = certificateTime(nowSeconds());
+    if (!isAtOrBefore(X509_get0_notBefore(certificate.m_pCertificate.get()), now.get())) {
+        return fail("Certificate not yet valid", certificateFile);
+    }
+    if (!isAfter(X509_get0_notAfter(certificate.m_pCertificate.get()), now.get())) {
+        return fail("Certificate has expired", certificateFile);
+    }
+    return 1;
+}
