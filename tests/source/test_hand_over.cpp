@@ -1,173 +1,188 @@
-#include "table_fixture.h"
+#include "fake/fake_platform.h"
+#include "features/CComponent.h"
+#include "features/CQelControl.h"
+#include "messaging/wire.h"
+#include "source/CHandOver.h"
+#include "source/CNamePool.h"
+
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <map>
+#include <random>
+#include <set>
+#include <sstream>
 
 namespace {
 
-using CTold = std::vector<std::string>;
-
-class CHandOverTest : public CTableTest {
+// A list reads "CODE DATA *COMPONENTS, CODE DATA :COMPONENTS"; the star is for sourced. A component's name is
+// one letter.
+class CHandOverTest : public testing::Test {
 protected:
     CHandOverTest() {
-        announce("Voice");
-        announce("Gateway");
+        CFakePlatform::get().reset();
+        CFakePlatform::get().m_bKeepLog = false;
+        for (const char* name : {"G", "P", "V"}) {
+            auto* component = new CComponent(&m_oControl);
+            CQelMessageHeader header;
+            header.m_nHandle = static_cast<uint32_t>(*name);
+            component->init(header, name, 1, nullptr);
+            component->notifyAllFeatures();
+            component->m_bMonitor = 1;
+            m_oControl.addComponent(component);
+        }
     }
 
-    // Hands over and settles.
-    void force(const CWanted& list) {
-        give(list);
-        passes(20);
-        ASSERT_EQ(standing(), list);
-        told("Voice");
-        told("Gateway");
+    // The features are handed over in any order.
+    int give(const std::string& list) {
+        CFreshList fresh;
+        std::istringstream text(list);
+        for (std::string code, data, names; text >> code >> data >> names;) {
+            auto entry = std::make_unique<CFeatureEntry>(&m_oControl);
+            entry->m_nCode = static_cast<uint32_t>(std::stoul(code));
+            entry->m_nData = static_cast<uint32_t>(std::stoul(data));
+            for (const char name : names.substr(1, names.find(',') - 1)) {
+                entry->addCompName(m_oNames.intern(std::string(1, name)));
+            }
+            fresh.push_back({std::move(entry), names[0] == '*'});
+        }
+        std::shuffle(fresh.begin(), fresh.end(), m_oRandom);
+        return m_oHandOver.apply(std::move(fresh));
     }
-};
 
-TEST_F(CHandOverTest, SourcedFeatureIsKeptWhileOthersAreToldAgain) {
-    force({{1, 10, {"Voice"}, true}, {2, 20}});
-    const CFeatureEntry* kept = entry(1);
-    EXPECT_EQ(give({{1, 10, {"Voice"}, true}, {2, 20}}), 2);
-    passes(20);
-    EXPECT_EQ(entry(1), kept);
-    EXPECT_EQ(told("Voice"), CTold{"notify 2 20"});
-}
+    // Passes of the daemon; what is sent is answered unless lost. How often a restart was asked for.
+    int passes(uint32_t count, const std::function<bool()>& isLost = nullptr) {
+        int restarts = 0;
+        for (; count > 0; --count) {
+            CFakePlatform::get().advance(8);
+            m_oControl.audit();
+            for (const SSent& sent : CFakePlatform::get().takeSent()) {
+                CComponent* component = m_oControl.findCompByMFW(sent.m_nHandle);
+                remember(component->m_szName, sent.m_sBody);
+                component->m_nReplyStatus = nReplyOk;
+                if (isLost == nullptr || !isLost()) {
+                    component->replyFeatureArray();
+                }
+            }
+            m_oControl.timeout();
+            CFakePlatform::get().takeSent(); // resent ones say nothing new
+            restarts += m_oHandOver.carryOn();
+        }
+        return restarts;
+    }
 
-TEST_F(CHandOverTest, ChangeRightAfterAHandOverIsAModification) {
-    force({{1, 10, {"Voice"}, true}});
-    give({{1, 10, {"Voice"}, true}}); // leaves the entry marked as unchanged
-    give({{1, 11, {"Voice"}, true}});
-    passes(20);
-    EXPECT_EQ(told("Voice"), CTold{"modify 1 10 11"});
-    EXPECT_EQ(standing(), (CWanted{{1, 11, {"Voice"}, true}}));
-}
-
-TEST_F(CHandOverTest, ModificationUnderWayIsTakenBack) {
-    force({{1, 10, {"Voice"}, true}});
-    give({{1, 11, {"Voice"}, true}});
-    pass([] { return false; }); // told, not answered
-    give({{1, 10, {"Voice"}, true}});
-    passes(20);
-    EXPECT_EQ(told("Voice"), (CTold{"modify 1 10 11", "modify 1 11 10"}));
-    EXPECT_EQ(standing(), (CWanted{{1, 10, {"Voice"}, true}}));
-}
-
-// One component has answered already and would keep the new data if the entry were just set back.
-TEST_F(CHandOverTest, ModificationIsTakenBackWhereTheCodeNowStandsTwice) {
-    const SWanted before{1, 10, {"Gateway", "Voice"}, true};
-    force({before});
-    give({{1, 11, {"Gateway", "Voice"}, true}});
-    bool isFirst = true;
-    pass([&isFirst] { return std::exchange(isFirst, false); });
-    give({before, {1, 30, {"Voice"}, true}});
-    passes(20);
-    EXPECT_TRUE(isInForceAt("Voice", before) && isInForceAt("Gateway", before));
-    EXPECT_EQ(standing(), (CWanted{before, {1, 30, {"Voice"}, true}}));
-}
-
-TEST_F(CHandOverTest, KeptDataThatBecomesZeroIsToldAsNew) {
-    force({{1, 10, {"Voice"}, true}});
-    give({{1, 0, {"Voice"}, true}});
-    passes(20);
-    EXPECT_EQ(told("Voice"), CTold{"notify 1 0"});
-    EXPECT_EQ(standing(), (CWanted{{1, 0, {"Voice"}, true}}));
-}
-
-TEST_F(CHandOverTest, BecomingSourcedKeepsAndCeasingToTellsAgain) {
-    force({{1, 10}});
-    give({{1, 10, {"Voice"}, true}});
-    passes(5);
-    EXPECT_EQ(told("Voice"), CTold{});
-    EXPECT_EQ(standing(), (CWanted{{1, 10, {"Voice"}, true}}));
-    give({{1, 10}});
-    passes(5);
-    EXPECT_EQ(told("Voice"), CTold{"notify 1 10"});
-    EXPECT_EQ(standing(), CWanted({{1, 10}}));
-}
-
-TEST_F(CHandOverTest, EndedModificationLeavesNoPendingData) {
-    force({{1, 10, {"Voice"}, true}});
-    give({{1, 11, {"Voice"}, true}});
-    give({});
-    give({{1, 12, {"Voice"}, true}});
-    EXPECT_EQ(entry(1)->m_nNewData, 0u);
-    EXPECT_EQ(standing(), (CWanted{{1, 12, {"Voice"}, true}}));
-}
-
-TEST_F(CHandOverTest, AddedComponentIsToldAndOthersAreNot) {
-    force({{1, 10, {"Voice"}, true}});
-    give({{1, 10, {"Gateway", "Voice"}, true}});
-    passes(5);
-    EXPECT_EQ(told("Gateway"), CTold{"notify 1 10"});
-    EXPECT_EQ(told("Voice"), CTold{});
-    EXPECT_EQ(standing(), (CWanted{{1, 10, {"Gateway", "Voice"}, true}}));
-}
-
-// Told the old data in between, it would be left with that if its answer was late.
-TEST_F(CHandOverTest, ComponentAddedWithAModificationJoinsAfterIt) {
-    force({{1, 10, {"Voice"}, true}});
-    give({{1, 11, {"Gateway", "Voice"}, true}});
-    pass([] { return false; });
-    EXPECT_EQ(told("Gateway"), CTold{});
-    passes(20);
-    EXPECT_EQ(told("Gateway"), CTold{"notify 1 11"});
-    EXPECT_EQ(told("Voice"), CTold{"modify 1 10 11"});
-    EXPECT_EQ(standing(), (CWanted{{1, 11, {"Gateway", "Voice"}, true}}));
-}
-
-TEST_F(CHandOverTest, DroppedComponentIsToldToDisable) {
-    for (const bool isSourced : {false, true}) {
-        force({{1, 10, {"Gateway", "Voice"}, isSourced}});
-        give({{1, 10, {"Voice"}, isSourced}});
-        EXPECT_EQ(m_oHandOver.waiting(), 1u);
-        EXPECT_EQ(standing(false), CWanted{}) << "the withdrawal comes first";
-        passes(20);
-        EXPECT_EQ(told("Gateway"), CTold{"disable 1 10"});
-        EXPECT_EQ(told("Voice"), (CTold{"disable 1 10", "notify 1 10"}));
-        EXPECT_EQ(standing(), (CWanted{{1, 10, {"Voice"}, isSourced}}));
+    // The table stands for the list alone, and nobody was told last to disable what it is to have.
+    void expectSettled(const std::string& list) const {
+        std::set<std::string> standing;
+        for (const CFeatureEntry* entry : m_oControl.features().m_vItems) {
+            if (entry != nullptr) {
+                const std::string pair = fmt::format("{} {}", entry->m_nCode, entry->m_nData);
+                const std::set<std::string> names(entry->m_vCompNames.begin(), entry->m_vCompNames.end());
+                standing.insert(
+                    fmt::format("{} {}{}", pair, entry->m_bSourced == 1 ? "*" : ":", fmt::join(names, "")));
+                EXPECT_EQ(entry->m_eStatus, CFeatureEntry::fsActive) << pair;
+                EXPECT_EQ(entry->m_nNewData, 0u) << pair;
+                for (const std::string& name : names) {
+                    EXPECT_EQ(m_oInForce.count(name + pair), 1u) << pair << " at " << name;
+                }
+            }
+        }
+        EXPECT_EQ(fmt::format("{}", fmt::join(standing, ", ")), list);
         EXPECT_EQ(m_oHandOver.waiting(), 0u);
     }
-}
 
-TEST_F(CHandOverTest, NewListReplacesWhatIsHeldBack) {
-    force({{1, 10, {"Gateway", "Voice"}}});
-    give({{1, 10, {"Voice"}}});
-    give({{1, 10, {"Gateway", "Voice"}}});
-    passes(20);
-    EXPECT_EQ(standing(), (CWanted{{1, 10, {"Gateway", "Voice"}}}));
-    give({{1, 10, {"Voice"}}});
-    give({});
-    passes(20);
-    EXPECT_EQ(standing(), CWanted{});
-}
+    CNamePool m_oNames;
+    CQelControl m_oControl;
+    CHandOver m_oHandOver{m_oControl};
+    std::mt19937 m_oRandom{1};
+    // By component: "+CODE DATA" to enable, "-CODE DATA" to disable, "~CODE DATA +CODE DATA" to modify.
+    std::map<std::string, std::string> m_oTold;
 
-TEST_F(CHandOverTest, SeveralDataValuesOfOneCodeStandSideBySide) {
-    for (const bool isSourced : {false, true}) {
-        const auto feature = [isSourced](uint32_t data) { return SWanted{1, data, {"Voice"}, isSourced}; };
-        force({feature(10), feature(20), feature(30)});
-        force({feature(0), feature(20), feature(25), feature(40)});
-        force({feature(20)});
-        force({feature(10), feature(15), feature(20)});
+private:
+    void remember(const std::string& name, const std::string& body) {
+        const auto message =
+            readBody<CQelServerMessage>(reinterpret_cast<const uint8_t*>(body.data()), body.size());
+        const uint32_t type = message.m_oHeader.m_nType;
+        const uint32_t code = message.m_nCode;
+        const auto with = [code](uint32_t data) { return fmt::format("{} {}", code, data); };
+        if (type != nQelServerNotifyMsgType) {
+            m_oTold[name] += (type == nQelServerDisableMsgType ? " -" : " ~") + with(message.m_nData);
+            m_oInForce.erase(name + with(message.m_nData));
+        }
+        if (type != nQelServerDisableMsgType) {
+            const auto pair = with(type == nQelServerModifyMsgType ? message.m_nExtra : message.m_nData);
+            m_oTold[name] += " +" + pair;
+            m_oInForce.insert(name + pair);
+        }
+    }
+
+    std::set<std::string> m_oInForce; // as told last
+};
+
+TEST_F(CHandOverTest, EachIsToldOfWhatConcernsItAndOfNothingElse) {
+    const struct {
+        const char* m_sFault;
+        std::vector<std::string> m_vSteps; // the first list settles; "half": a pass, one answer
+        const char* m_sTold;               // what V | G are told of those
+    } aCases[] = {
+        {"kept one told again", {"1 10 *V, 2 20 :V", "1 10 *V, 2 20 :V"}, " +2 20 |"},
+        {"change right after a hand-over lost", {"1 10 *V", "1 10 *V", "1 11 *V"}, " ~1 10 +1 11 |"},
+        {"not set back", {"1 10 *PV", "1 11 *PV", "half", "1 10 *PV"}, " ~1 10 +1 11 ~1 11 +1 10 |"},
+        {"set back untold", {"1 5 *PV", "1 6 *PV", "half", "1 5 *PV, 1 7 *P"}, " ~1 5 +1 6 -1 6 +1 5 |"},
+        {"modified to 0, which cannot be told", {"1 10 *V", "1 0 *V"}, " +1 0 |"},
+        {"told again as it becomes sourced", {"1 10 :V", "1 10 *V"}, " |"},
+        {"kept though sourced no longer", {"1 10 *V", "1 10 :V"}, " +1 10 |"},
+        {"all told of an added component", {"1 10 *V", "1 10 *GV"}, " | +1 10"},
+        {"joined amid a modification", {"1 10 *V", "1 11 *GV"}, " ~1 10 +1 11 | +1 11"},
+        {"dropped untold", {"1 10 :GV", "1 10 :V"}, " -1 10 +1 10 | -1 10"},
+        {"joined amid the next modification", {"1 10 *V", "1 10 *GV", "1 11 *GV"}, " +1 11 | +1 11"},
+    };
+    for (const auto& row : aCases) {
+        const auto allButFirst = [isLost = false]() mutable { return std::exchange(isLost, true); };
+        SCOPED_TRACE(row.m_sFault);
+        give(row.m_vSteps[0]);
+        passes(20);
+        m_oTold.clear();
+        for (size_t i = 1; i < row.m_vSteps.size(); ++i) {
+            row.m_vSteps[i] == "half" ? passes(1, allButFirst) : give(row.m_vSteps[i]);
+        }
+        passes(20);
+        EXPECT_EQ(m_oTold["V"] + " |" + m_oTold["G"], row.m_sTold);
+        expectSettled(row.m_vSteps.back());
     }
 }
 
 // 206 is one of the codes that need a restart, whether the merge brings it in or not.
 TEST_F(CHandOverTest, FeatureThatNeedsARestartIsReported) {
-    EXPECT_EQ(give({{206, 1}}), 1);
-    passes(5);
-    EXPECT_EQ(give({}), 2);
-    passes(5);
-    EXPECT_EQ(give({{206, 1, {"Gateway", "Voice"}, true}}), 1);
-    passes(5);
-    EXPECT_EQ(give({{206, 1, {"Voice"}, true}}), 2);
-    int results = 0;
-    for (int i = 0; i < 5; ++i) {
-        m_oControl.audit();
-        for (CComponent* component : m_oControl.components().m_vItems) {
-            component->m_nReplyStatus = nReplyOk;
-            component->replyFeatureArray();
-        }
-        m_oControl.timeout();
-        results += m_oHandOver.carryOn();
+    const std::tuple<const char*, int, int> aLists[] = {
+        {"206 1 :V", 1, 0}, {"", 2, 0}, {"206 1 *GV", 1, 0}, {"206 1 *V", 2, 1}};
+    for (const auto& [list, atOnce, later] : aLists) {
+        EXPECT_EQ(give(list), atOnce) << list;
+        EXPECT_EQ(passes(5), later) << list;
     }
-    EXPECT_EQ(results, 1);
+}
+
+// Lists come while the last one is still under way, and replies get lost.
+TEST_F(CHandOverTest, TableComesToStandForTheLastOfRandomLists) {
+    const auto upTo = [this](uint32_t limit) { return static_cast<uint32_t>(m_oRandom() % (limit + 1)); };
+    for (int round = 0; round < 1000 && !HasFailure(); ++round) {
+        SCOPED_TRACE(round);
+        std::string list;
+        for (uint32_t lists = 1 + upTo(3); lists > 0; --lists) {
+            list.clear();
+            for (uint32_t i = 0; i < 16; ++i) {
+                std::string names = upTo(1) == 1 ? "*GPV" : ":GPV";
+                std::erase_if(names, [&](char name) { return std::isalpha(name) && upTo(2) == 0; });
+                const auto feature = fmt::format("{} {} {}", 1 + i / 4, i % 4, names);
+                list += upTo(3) != 0 ? "" : (list.empty() ? "" : ", ") + feature;
+            }
+            give(list);
+            passes(upTo(6), [&upTo] { return upTo(3) == 0; });
+        }
+        passes(80);
+        expectSettled(list);
+    }
 }
 
 } // namespace
