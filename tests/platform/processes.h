@@ -1,83 +1,147 @@
-// What the platform's tests share: a runtime directory of their own, real processes to play with, and the
-// messages that came in.
+// What the platform's tests share: real processes in a runtime directory of their own, and what came in.
 #ifndef QEL_TESTS_PLATFORM_PROCESSES_H
 #define QEL_TESTS_PLATFORM_PROCESSES_H
 
+#include "platform/linux/CFileDescriptor.h"
 #include "platform/mfw.h"
 #include "platform/os.h"
 
+#include <algorithm>
+#include <csignal>
+#include <filesystem>
 #include <functional>
 #include <gtest/gtest.h>
 #include <string>
-#include <sys/types.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
 #include <vector>
 
 // One end of a line between two processes, on which they tell each other single words.
 class CLine {
 public:
-    explicit CLine(int fd) : m_nFd(fd) {}
-    void tell(char word) const;
-    char hear() const; // '\0' where the other process is gone
+    explicit CLine(int fd) : m_oSocket(fd) {}
+    void tell(char word) const { send(m_oSocket.get(), &word, 1, MSG_NOSIGNAL); }
+    char hear() const { // '\0' where the other process is gone
+        char word = '\0';
+        return recv(m_oSocket.get(), &word, 1, 0) == 1 ? word : '\0';
+    }
 
-private:
-    int m_nFd;
+protected:
+    CFileDescriptor m_oSocket;
 };
 
-// A process that runs `body` and exits with its result; killed with the test at the latest. To be started
-// while the test has no endpoint and no further thread.
-class CChild {
+// Runs `body` and exits with its result. To be started while the test has no endpoint and no further thread.
+class CChild : public CLine {
 public:
-    explicit CChild(const std::function<int(const CLine&)>& body);
-    ~CChild();
-    CChild(const CChild&) = delete;
-    CChild(CChild&& other) noexcept
-        : m_nPid(std::exchange(other.m_nPid, -1)), m_nFd(std::exchange(other.m_nFd, -1)) {}
+    explicit CChild(const std::function<int(const CLine&)>& body) : CLine(-1) {
+        int ends[2] = {-1, -1};
+        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+        m_nPid = fork();
+        if (m_nPid == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            close(ends[0]);
+            _exit(body(CLine(ends[1])));
+        }
+        close(ends[1]);
+        m_oSocket = CFileDescriptor(ends[0]);
+    }
+    CChild(CChild&& other) noexcept : CLine(std::move(other)), m_nPid(std::exchange(other.m_nPid, -1)) {}
+    ~CChild() { end(SIGKILL); }
 
     uint32_t handle() const { return static_cast<uint32_t>(m_nPid); }
-    pid_t pid() const { return m_nPid; }
-    void tell(char word) const { CLine(m_nFd).tell(word); }
-    char hear() const { return CLine(m_nFd).hear(); }
-    int wait();      // for its end; its exit status, or 128 + signal
-    void killHard(); // as the kernel would, with no chance to clean up
+    int end(int signal = 0) { // sends the signal, if any; exit status, or 128 + what it died of
+        int status = 0;
+        if (m_nPid > 0) {
+            kill(m_nPid, signal);
+            waitpid(std::exchange(m_nPid, -1), &status, 0);
+        }
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
 
 private:
     pid_t m_nPid = -1;
-    int m_nFd = -1;
 };
-
-// A child with an endpoint called `name`, heard to be open, that then runs `body`.
-CChild startPeer(const std::string& name, const std::function<int(const CLine&)>& body);
-
-// Does nothing more, least of all reading, until it is told to go.
-int hang(const CLine& line);
 
 struct SReceived {
     uint16_t m_nType;
     uint32_t m_nUserId;
     uint32_t m_nSender;
-    std::vector<uint8_t> m_oRecord; // the body, and what must be readable behind it
+    std::string m_sRecord; // the body, and what must be readable behind it
     uint32_t m_nLength;
-    std::string text() const { return {m_oRecord.begin(), m_oRecord.begin() + m_nLength}; }
+    std::string text() const { return m_sRecord.substr(0, m_nLength); }
 };
 
-extern std::vector<SReceived>& oReceived; // never destroyed: a test ends its process in the middle of traffic
-void keep(uint16_t type, uint32_t userId, const sOvuMfwMessage* message, uint32_t length); // into oReceived
+inline std::vector<SReceived> oReceived;
+
+inline void keep(uint16_t type, uint32_t userId, const sOvuMfwMessage* message, uint32_t length) {
+    const uint8_t* s = message->sender;
+    const uint32_t sender = static_cast<uint32_t>(s[0] << 24 | s[1] << 16 | s[2] << 8 | s[3]);
+    const char* body = reinterpret_cast<const char*>(message) + OVU_MFW_DATA_OFFSET;
+    oReceived.push_back({type, userId, sender, {body, std::max<size_t>(length, OVU_MFW_MIN_DATA)}, length});
+}
 
 // Takes in one message and returns its text; "none" where none came for ten seconds.
-std::string receiveText();
+inline std::string receiveText() {
+    const size_t before = oReceived.size();
+    const int result = OvuMfwProcessNextMessage(10000);
+    return result == 0 && oReceived.size() == before + 1 ? oReceived.back().text() : "none";
+}
 
-int sendText(uint32_t handle, uint16_t type, const std::string& text, uint32_t userId = 0);
+// What stands in the record before the text must not matter.
+inline int sendText(uint32_t handle, uint16_t type, const std::string& text, uint32_t userId = 0) {
+    const std::string record = std::string(OVU_MFW_DATA_OFFSET, '\xFF') + text;
+    return OvuMfwSendMessage(handle, type, userId, reinterpret_cast<const sOvuMfwMessage*>(record.data()),
+                             static_cast<uint32_t>(text.size()));
+}
+
+// A child with an endpoint called `name`, heard to be open, that then runs `body`.
+inline CChild startPeer(const std::string& name, const std::function<int(const CLine&)>& body) {
+    CChild child([&](const CLine& line) {
+        setenv("QEL_PROCESS_NAME", name.c_str(), 1);
+        OvuMfwRegisterCallback(0, keep);
+        line.tell(OvuMfwInitialize() == 0 ? 'o' : '?');
+        return body(line);
+    });
+    EXPECT_EQ(child.hear(), 'o');
+    return child;
+}
+
+// Does nothing more, least of all reading, until it is told to go.
+inline const auto hang = [](const CLine& line) { return line.hear() == 'g' ? 0 : 1; };
+
+// A socket that the test plays a peer with, attached to `path` by bind or connect.
+inline CFileDescriptor socketAt(const std::string& path, int type, decltype(&connect) attach) {
+    CFileDescriptor opened(socket(AF_UNIX, type | SOCK_CLOEXEC, 0));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    EXPECT_EQ(attach(opened.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0) << path;
+    return opened;
+}
 
 class CPlatformTest : public ::testing::Test {
 protected:
-    void SetUp() override;
-    void TearDown() override;
+    void SetUp() override {
+        ASSERT_NE(mkdtemp(m_sDirectory.data()), nullptr);
+        setenv("QEL_RUNTIME_DIR", m_sDirectory.c_str(), 1);
+        oReceived.clear();
+    }
+    void TearDown() override {
+        OvuMfwCleanup();
+        std::filesystem::remove_all(m_sDirectory);
+    }
 
-    // Opens an endpoint whose messages all go to keep().
-    void openEndpoint(const std::string& name = "tested");
-    bool exists(const std::string& file) const;
+    void openEndpoint() { // called "tested"; its messages all go to keep()
+        setenv("QEL_PROCESS_NAME", "tested", 1);
+        ASSERT_EQ(OvuMfwInitialize(), 0);
+        ASSERT_EQ(OvuMfwRegisterCallback(0, keep), 0);
+    }
+    bool exists(const std::string& file) const { return std::filesystem::exists(m_sDirectory + "/" + file); }
 
-    std::string m_sDirectory;
+    const uint32_t m_nOwn = static_cast<uint32_t>(getpid());
+    std::string m_sDirectory = ::testing::TempDir() + "qel-platform-XXXXXX";
 };
 
 #endif
