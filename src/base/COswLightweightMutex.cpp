@@ -1,6 +1,6 @@
 #include "base/COswLightweightMutex.h"
 
-COswLightweightMutex oMutex;
+COswLightweightMutex& oMutex = *new COswLightweightMutex;
 
 COswLightweightMutex::COswLightweightMutex() {
     osInitializeLwtMutex(&m_nWord);

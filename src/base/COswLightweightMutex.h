@@ -38,7 +38,8 @@ private:
     int m_nLocked;
 };
 
-// The daemon's one lock: held around the set-up of a component.
-extern COswLightweightMutex oMutex;
+// The daemon's one lock: held around the set-up of a component. Exists before main() and is never destroyed:
+// the service manager's thread may end the process while the main loop holds it.
+extern COswLightweightMutex& oMutex;
 
 #endif

@@ -10,6 +10,8 @@
 #include <cstdlib>
 #include <ctime>
 #include <fcntl.h>
+#include <memory>
+#include <new>
 #include <string>
 #include <unistd.h>
 
@@ -66,7 +68,7 @@ int CQelServer::LogFile(uint16_t severity, uint32_t event, const char* text) {
     return LogFile(text);
 }
 
-int CQelServer::LogFile(const char* text) {
+int CQelServer::LogFile(const char* text) try {
     const std::string line = timestamp() + ": " + text + "\n";
     if (!bQelServerDebugFlag) {
         return appendToTextLog(line) ? 1 : 0;
@@ -74,6 +76,8 @@ int CQelServer::LogFile(const char* text) {
     std::fputs(line.c_str(), stdout);
     std::fflush(stdout);
     return 1;
+} catch (const std::bad_alloc&) {
+    return 0;
 }
 
 int logEvent(ESeverity severity, uint32_t event, const char* format, ...) {
@@ -85,9 +89,13 @@ int logEvent(ESeverity severity, uint32_t event, const char* format, ...) {
     if (length < static_cast<int>(sizeof text)) {
         return CQelServer::LogFile(severity, event, text);
     }
-    std::string longText(static_cast<size_t>(length), '\0');
+    const size_t size = static_cast<size_t>(length) + 1;
+    const std::unique_ptr<char[]> longText(new (std::nothrow) char[size]);
+    if (longText == nullptr) {
+        return CQelServer::LogFile(severity, event, text); // its beginning is better than nothing
+    }
     va_start(arguments, format);
-    std::vsnprintf(longText.data(), longText.size() + 1, format, arguments);
+    std::vsnprintf(longText.get(), size, format, arguments);
     va_end(arguments);
-    return CQelServer::LogFile(severity, event, longText.c_str());
+    return CQelServer::LogFile(severity, event, longText.get());
 }
