@@ -9,6 +9,12 @@ namespace {
 
 constexpr size_t nBufferSize = 4096;
 
+// Where the stream stands, at its end. What is no size is none: a directory can be opened, and ends nowhere.
+uint32_t sizeOf(FILE* stream) {
+    const long end = std::ftell(stream);
+    return end < 0 || static_cast<unsigned long>(end) > UINT32_MAX ? 0 : static_cast<uint32_t>(end);
+}
+
 } // namespace
 
 CFile::CFile(const char* path, int mode, int text) {
@@ -52,7 +58,7 @@ int CFile::open(const char* path, int mode, int text) {
     }
     m_eState = state;
     std::fseek(m_pStream, 0, SEEK_END);
-    m_nSize = static_cast<uint32_t>(std::max(std::ftell(m_pStream), 0L));
+    m_nSize = sizeOf(m_pStream);
     std::fseek(m_pStream, 0, SEEK_SET);
     setBufferingMode(1);
     return 1;

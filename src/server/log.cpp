@@ -40,10 +40,28 @@ const char* textLogPath() {
     return path != nullptr ? path : sQelServerLogFileName;
 }
 
+// A peer chooses its name and its reply text: control characters are written as "\x0a", so that none of them
+// can end the line and begin another.
+std::string printable(const char* text) {
+    std::string result;
+    for (; *text != '\0'; ++text) {
+        const auto byte = static_cast<unsigned char>(*text);
+        if (byte >= ' ' && byte != 0x7F) {
+            result += *text;
+            continue;
+        }
+        char escaped[8];
+        std::snprintf(escaped, sizeof escaped, "\\x%02x", byte);
+        result += escaped;
+    }
+    return result;
+}
+
 // Opened and closed for each line, so that the log can be rotated or removed while the daemon runs. One write
-// a line: lines of two threads do not mix.
+// a line: lines of two threads do not mix. Does not wait for the reader of a pipe.
 bool appendToTextLog(const std::string& line) {
-    const int file = ::open(textLogPath(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, 0666);
+    const int file =
+        ::open(textLogPath(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0666);
     if (file < 0) {
         return false;
     }
@@ -69,7 +87,7 @@ int CQelServer::LogFile(uint16_t severity, uint32_t event, const char* text) {
 }
 
 int CQelServer::LogFile(const char* text) try {
-    const std::string line = timestamp() + ": " + text + "\n";
+    const std::string line = timestamp() + ": " + printable(text) + "\n";
     if (!bQelServerDebugFlag) {
         return appendToTextLog(line) ? 1 : 0;
     }
