@@ -1,223 +1,243 @@
 // Whole conversations through the dispatcher: bytes in, bytes and log lines out.
 #include "world.h"
 
-#include "server/CQelServer.h"
+#include <algorithm>
+#include <fstream>
+#include <functional>
+#include <sstream>
+#include <tuple>
+#include <utility>
 
 namespace {
 
 using enum CCompStatus::ECStatus;
-using EFStatus = CFeatureEntry::EFStatus;
+using CConversationTest = CHeartTest;
+using CHostileBodyTest = CHeartTest;
 
-// The two lines with which every message begins.
-std::string came(int length, const std::string& words) {
-    return "4 31011 cbQelServer received a message from 1234: Type = 6, Id = 0, data[ 0 ] = 0, Length = " +
-           std::to_string(length) + "\n4 31014 cbQelServer clientMsg header: (" + words + ")\n";
-}
-
-std::string sent(std::string_view hex) {
-    return "-> 33: " + toHex(fromHex(hex)) + "\n";
-}
-
-class CConversationTest : public CHeartTest {
-protected:
-    // The message, and all that the daemon logs and sends for it.
-    static void expect(std::string_view hex, const std::string& outcome) {
-        receive(fromHex(hex));
-        EXPECT_EQ(transcript(), outcome);
+// "1:10 3:30" to entries, each made by `make`.
+CEntries entriesOf(std::istream& pairs, const std::function<CFeatureEntry*(uint32_t, uint32_t)>& make) {
+    CEntries entries;
+    uint32_t code = 0;
+    uint32_t data = 0;
+    for (char colon = 0; pairs >> code >> colon >> data;) {
+        entries.push_back(make(code, data));
     }
-    static void fill() {
-        for (const uint32_t code : {1u, 2u, 3u}) {
-            feature(control(), code, code * 10);
+    return entries;
+}
+
+// What the daemon logged and sent since the last call. The endpoint logs each send: there the message stands.
+std::string transcript() {
+    std::string text;
+    const std::vector<SSent> sent = platform().takeSent();
+    auto message = sent.begin();
+    for (const SLogged& line : platform().takeLog()) {
+        if (line.m_nEvent == 31153 && message != sent.end()) {
+            text += "-> " + std::to_string(message->m_nHandle) + ": " + toHex(message->m_sBody) + "\n";
+            ++message;
+        } else {
+            text += std::to_string(line.m_nSeverity) + " " + std::to_string(line.m_nEvent) + " " +
+                    line.m_sText + "\n";
         }
     }
-    static size_t components() { return control().components().m_vItems.size(); }
-};
-
-TEST_F(CConversationTest, ATypicalExchangeByteByByteAndLineByLine) {
-    fill();
-    // It announces itself, and that it holds (2, 20).
-    expect("00000000 0000003c 00000000 00000000 00000005 00000021 0000004d"
-           "566f696365000000000000000000000000000000 00000001 00000002 00000014",
-           came(60, "0, 60, 0, 0, 5, 0x21") +
-               "4 31015 CompNameMsgType Voice\n"
-               "4 31125 adding new compstatus Voice 0 at feature 1 10\n"
-               "4 31125 adding new compstatus Voice 0 at feature 2 20\n"
-               "4 31125 adding new compstatus Voice 0 at feature 3 30\n" +
-               sent("00000000 00000024 00000000 00000000 00000005 00000000 00000000 00000000 00000000"));
-    // It fetches a page.
-    expect("00000000 00000018 00000000 00000002 00000006 00000021",
-           came(24, "0, 24, 0, 2, 6, 0x21") +
-               "4 31021 cbQelServer recv nQelClientGetFeatureMsgType.\n"
-               "4 31023 find comp with name Voice\n"
-               "4 31108 replied feature (1, 10) at comp Voice\n"
-               "4 31116  at feature (1 1)\n" +
-               sent("00000000 00000024 00000000 00000000 00000006 00000000 00000001 0000000a 00000000"));
-    // It starts again from the first page.
-    expect("00000000 00000018 00000000 00000001 00000006 00000021",
-           came(24, "0, 24, 0, 1, 6, 0x21") +
-               "4 31018 InitListMsgType 0x21\n"
-               "4 31020 found comp with name Voice\n" +
-               sent("00000000 00000024 00000000 00000000 00000006 00000000 00000000 00000000 00000000"));
-    fetch(0x21);
-    EXPECT_EQ(told(), CTexts{"33: 0 1 10 0"});
-    // It is monitored from now on. What it holds counts as answered.
-    expect("00000000 00000018 00000000 00000003 00000007 00000021",
-           came(24, "0, 24, 0, 3, 7, 0x21") +
-               "4 31024 cbQelServer recv nQelClientStartMonitorMsgType.\n"
-               "4 31025 found comp with name Voice\n" +
-               sent("00000000 00000024 00000000 00000000 00000007 00000000 00000000 00000000 00000000") +
-               "4 31108 notifying feature (2, 20) at comp Voice\n"
-               "4 31108 already has feature (1, 2, 20) at comp Voice\n"
-               "4 31133 feature (1): comp (Voice) in wrong state 2\n"
-               "4 31129 feature (2): got reply ok from comp (Voice) 2\n");
-    // The daemon notifies it of the next one, and it answers.
-    control().audit();
-    EXPECT_EQ(transcript(),
-              "4 31108 notifying feature (3, 30) at comp Voice\n" +
-                  sent("00000000 00000024 00000001 00000000 00000007 00000000 00000003 0000001e 00000000"));
-    expect("00000000 00000023 00000001 00000005 00000008 00000021 00000000 00000001 6f6b00",
-           came(35, "0, 35, 1, 5, 8, 0x21") +
-               "4 31029 cbQelServer recv clientReplyMsg.\n"
-               "4 31030 WriteReplyMsgType (1 ok)\n"
-               "4 31031 found comp with name Voice\n"
-               "4 31133 feature (1): comp (Voice) in wrong state 2\n"
-               "4 31133 feature (2): comp (Voice) in wrong state 2\n"
-               "4 31129 feature (3): got reply ok from comp (Voice) 2\n"
-               "4 31032 sendMessage with (3, 30)\n" +
-               sent("00000000 00000024 00000000 00000000 00000008 00000000 00000003 0000001e 00000000"));
-
-    // A new list changes 1, withdraws 2 and leaves 3.
-    size_t left = 0;
-    EXPECT_EQ(newList(control(), {fresh(1, 11), fresh(3, 30)}, &left), 2);
-    EXPECT_EQ(left, 1u);
-    control().audit();
-    control().timeout();
-    EXPECT_EQ(transcript(),
-              "4 31115 deleted feature 2 20\n"
-              "4 31115 existing feature 3 30\n"
-              "4 31115 modify feature 1 10  (11)\n"
-              "4 31108 modifying feature (1, 10 11) at comp Voice\n" +
-                  sent("00000000 00000024 00000002 00000000 00000008 00000000 00000001 0000000a 0000000b") +
-                  "4 31115 newadd or existing to active feature 3 30\n");
-    // Each answer is followed by what is pending next.
-    expect("00000000 00000021 00000001 00000005 00000009 00000021 00000000 00000001 00",
-           came(33, "0, 33, 1, 5, 9, 0x21") +
-               "4 31029 cbQelServer recv clientReplyMsg.\n"
-               "4 31030 WriteReplyMsgType (1 )\n"
-               "4 31031 found comp with name Voice\n"
-               "4 31131 feature (1): got reply ok moded comp (Voice) 10\n"
-               "4 31131 feature (1): moded FeatureData update (0)\n"
-               "4 31032 sendMessage with (1, 11)\n" +
-               sent("00000000 00000024 00000000 00000000 00000009 00000000 00000001 0000000b 00000000") +
-               "4 31108 disabling feature (2, 20) at comp Voice\n" +
-               sent("00000000 00000024 00000003 00000000 00000009 00000000 00000002 00000014 00000000"));
-    // It does not answer this one.
-    platform().advance(11);
-    control().timeout();
-    control().timeout();
-    EXPECT_EQ(transcript(),
-              "4 31115 timeout feature 2 for comp Voice at state 5\n" +
-                  sent("00000000 00000024 00000004 00000000 00000009 00000000 00000002 00000014 00000000") +
-                  "4 31115 remove deleted feature 2 20\n"
-                  "4 31117 deleted feature (2, 20) from Voice\n");
-    // It goes.
-    expect("00000000 00000024 00000001 00000006 0000000a 00000021 00000000 00000001 62796500",
-           came(36, "0, 36, 1, 6, 10, 0x21") + "4 31029 cbQelServer recv clientReplyMsg.\n"
-                                               "4 31033 ShutdownMsgType (1 bye)\n"
-                                               "4 31034 found comp with name Voice\n"
-                                               "4 31135 feature: remove comp Voice (10)\n"
-                                               "4 31117 removed feature (1) from Voice\n"
-                                               "4 31135 feature: remove comp Voice (2)\n"
-                                               "4 31117 removed feature (3) from Voice\n");
-    EXPECT_EQ(components(), 0u);
+    return text;
 }
 
-TEST_F(CConversationTest, AnotherProcessUnderTheNameIsToldAnew) {
-    fill();
-    announce("Voice", 77, 0x21);
-    monitor(0x21);
-    reply(0x21, 1);
-    transcript();
-    announce("Voice", 77, 0x22); // the same process: only where to answer is new
-    EXPECT_EQ(platform().logged(31125).size(), 0u);
-    EXPECT_EQ(told(), CTexts{"34: 0 0 0 0"});
-    CComponent* voice = control().findCompByMFW(0x22);
-    ASSERT_NE(voice, nullptr);
-    EXPECT_EQ(control().features().m_vItems[0]->findCompByPtr(voice)->m_eStatus, csEnabled);
-
-    announce("Voice", 78, 0x23);
-    EXPECT_EQ(platform().logged(31125), (CTexts{"adding new compstatus Voice 2 at feature 1 10",
-                                                "adding new compstatus Voice 1 at feature 2 20",
-                                                "adding new compstatus Voice 0 at feature 3 30"}));
-    EXPECT_EQ(components(), 1u);
-    EXPECT_EQ(voice->m_aFeatures.m_vItems, control().features().m_vItems);
-    EXPECT_EQ(voice->m_bMonitor, 1); // once monitored, for its life
-    shutDown(0x23);
-    for (const CFeatureEntry* entry : control().features().m_vItems) {
-        EXPECT_TRUE(entry->m_vCompStatus.empty()) << entry->m_nCode;
+// Does what a line of the script says; false for a line that tells what is expected.
+bool perform(const std::string& line) {
+    std::istringstream words(line);
+    std::string mark;
+    std::string verb;
+    words >> mark;
+    if (mark == "<-") {
+        receive(fromHex(line.substr(2)));
+        return true;
     }
+    words >> verb;
+    if (mark != "!") {
+        return false;
+    }
+    if (verb == "features") {
+        entriesOf(words, [](uint32_t code, uint32_t data) { return &feature(code, data); });
+    } else if (verb == "list") {
+        newList(entriesOf(words, [](uint32_t code, uint32_t data) { return fresh(code, data); }));
+    } else if (verb == "advance") {
+        words >> verb;
+        platform().advance(static_cast<uint32_t>(std::stoul(verb)));
+    } else {
+        verb == "audit" ? control().audit() : control().timeout();
+    }
+    return true;
+}
+
+TEST_F(CConversationTest, AWholeConversationByteByByteAndLineByLine) {
+    std::ifstream script(QEL_TEST_SCRIPT);
+    std::string done = "nothing";
+    std::string expected;
+    int performed = 0;
+    for (std::string line; std::getline(script, line);) {
+        if (line.empty() || line[0] == '#') {
+            continue;
+        }
+        if (line[0] == '-') { // blanks between bytes are free
+            line.erase(std::remove(line.begin() + line.find(':') + 2, line.end(), ' '), line.end());
+        }
+        if (line[0] == '<' || line[0] == '!') {
+            EXPECT_EQ(transcript(), std::exchange(expected, "")) << "after: " << done;
+            performed += perform(done = line);
+        } else {
+            expected += line + "\n";
+        }
+    }
+    EXPECT_EQ(transcript(), expected) << "after: " << done;
+    EXPECT_GT(performed, 0) << QEL_TEST_SCRIPT;
+    EXPECT_TRUE(control().components().m_vItems.empty());
 }
 
 // Renamed, it is concerned by other features; back as another process, its array forgets the first ones.
-TEST_F(CConversationTest, ARenamedComponentLeavesNoRecordBehind) {
-    CFeatureEntry& ofVoice = *feature(control(), 1, 10);
-    CFeatureEntry& ofGateway = *feature(control(), 2, 20, EFStatus::fsNewAdd, {"Gateway"});
+TEST_F(CConversationTest, ARestartedProcessIsToldAnewAndLeavesNoRecordBehind) {
+    const auto recordsOf = [](const CFeatureEntry& entry) { return entry.m_vCompStatus.size(); };
+    const CFeatureEntry& ofVoice = feature(1, 10);
+    const CFeatureEntry& ofGateway = feature(2, 20, EFStatus::fsNewAdd, {"Gateway"});
     announce("Voice", 77, 0x21);
-    initList(0x21, "Gateway");
-    announce("Gateway", 78, 0x21);
-    EXPECT_EQ(components(), 1u);
-    EXPECT_EQ(ofVoice.m_vCompStatus.size(), 1u);
-    EXPECT_EQ(ofGateway.m_vCompStatus.size(), 1u);
-    shutDown(0x21);
-    EXPECT_TRUE(ofVoice.m_vCompStatus.empty() && ofGateway.m_vCompStatus.empty());
-    control().audit(); // nobody is left to be told
-    EXPECT_TRUE(platform().logged(31107).empty());
+    monitor(0x21);
+    reply(0x21, 1);
+    announce("Voice", 77, 0x22); // the same process: only where to answer is new
+    EXPECT_EQ(ofVoice.m_vCompStatus.at(0)->m_eStatus, csEnabled);
+    announce("Voice", 78, 0x23);
+    EXPECT_TRUE(ofVoice.m_vCompStatus.at(0)->m_eStatus == csIdle && recordsOf(ofVoice) == 2);
+    const CComponent& voice = *control().findCompByMFW(0x23);
+    EXPECT_TRUE(voice.m_bMonitor == 1 && voice.m_aFeatures.m_vItems.size() == 1); // monitored for its life
+    request(InitListMsgType, 0x23, "Gateway");
+    announce("Gateway", 79, 0x23);
+    EXPECT_TRUE(recordsOf(ofVoice) == 2 && recordsOf(ofGateway) == 1);
+    EXPECT_EQ(control().components().m_vItems.size(), 1u);
+    shutDown(0x23);
+    EXPECT_TRUE(recordsOf(ofVoice) == 0 && recordsOf(ofGateway) == 0);
 }
 
 TEST_F(CConversationTest, TheListInForceForOAM) {
-    newList(control(), {fresh(1, 10), fresh(206, 0xFFFFFFFF)});
-    feature(control(), 3, 30); // kept by the source: not packed, but counted
+    newList({fresh(1, 10), fresh(206, 0xFFFFFFFF)});
+    feature(3, 30); // kept by the source: not packed, but counted
     control().addFeature(nullptr);
     control().features().m_vItems[0]->m_eStatus = EFStatus::fsDeleted;
-    transcript();
-    expect("00000000 00000018 0000000b 00000063 00abcdef 00000021",
-           came(24, "0, 24, 11, 99, 11259375, 0x21") + "4 31036 cbQelServer recv OAMActiveFeature.\n" +
-               sent("00000000 00000000 0000000b 00000000 00abcdef 00000000 00000004"
-                    "00000003 00000001 0000000a 00000000 00000000 000000ce ffffffff 00000000"));
-    platform().m_oDead.insert(0x21);
-    receive(header(11, 0, 0x21));
-    EXPECT_EQ(platform().logged(31073), CTexts{"failed to send message"});
-    EXPECT_EQ(control().packFeatures(nullptr), 0);
-    empty(control());
-    EXPECT_EQ(control().getPackSize(), 4);
+    told();
+    receive(fromHex("00000000 00000018 0000000b 00000063 00abcdef 00000021"));
+    EXPECT_EQ(toHex(platform().takeSent().at(0).m_sBody),
+              toHex(fromHex("00000000 00000000 0000000b 00000000 00abcdef 00000000 00000004"
+                            "00000003 00000001 0000000a 00000000 00000000 000000ce ffffffff 00000000")));
 }
 
 TEST_F(CConversationTest, WhoIsNotKnownAndWhatIsNoMessageGetNoAnswer) {
-    struct {
-        uint32_t m_nClass, m_nSubType;
-        SLogged m_oLast;
-    } const rows[] = {
-        {0, 1, {2, 31019, "failed to find component (-2)"}},
+    const std::tuple<uint32_t, uint32_t, SLogged> rows[] = {
         {0, 2, {2, 31019, "failed to  find component (-2)"}},
-        {0, 3, {2, 31019, "failed to find component (-2)"}},
-        {0, 4, {4, 31026, "cbQelServer recv nQelClientServerDataMsgType."}},
-        {0, 5, {4, 31027, "cbQelServer recv nQelClientWriteReplyMsgType."}},
-        {0, 6, {4, 31028, "cbQelServer recv unknown."}},
         {0, 0xFFFFFFFF, {4, 31028, "cbQelServer recv unknown."}},
-        {1, 0, {2, 31035, "cbQelServer recv unknown msg."}},
         {1, 5, {2, 31019, "failed to find component (-2)"}},
-        {1, 6, {2, 31019, "failed to find component (-2)"}},
         {1, 7, {2, 31035, "cbQelServer recv unknown msg."}},
-        {2, 0, {2, 31043, "cbQelServer recv unknown"}},
-        {0x80000000, 0, {2, 31043, "cbQelServer recv unknown"}},
-    };
-    for (const auto& row : rows) {
-        receive(header(row.m_nClass, row.m_nSubType, 0xFFFFFFFE));
-        EXPECT_EQ(platform().m_vLog.back(), row.m_oLast);
+        {0x80000000, 0, {2, 31043, "cbQelServer recv unknown"}}};
+    for (const auto& [type, subType, last] : rows) {
+        receive(header(type, subType, 0xFFFFFFFE));
+        EXPECT_EQ(platform().m_vLog.back(), last);
         EXPECT_TRUE(told().empty());
     }
-    CQelServer::cbQelServer(6, 0, nullptr, 100);
-    EXPECT_EQ(transcript(), "");
+}
+
+TEST_F(CConversationTest, WhatIsSentOfACodeMakesTheHeldPairOutOfDate) {
+    CComponent& voice = component("Voice");
+    voice.setKnownPairs(std::vector<CQelPair>{{6, 60}, {7, 70}, {8, 80}, {8, 81}});
+    voice.sendMessage(1, 7, 71); // other data
+    voice.sendMessage(3, 6, 60); // another type, of the pair held
+    voice.sendMessage(1, 8, 81); // held
+    EXPECT_EQ(told(), (CTexts{"33: 1 7 71 0", "33: 3 6 60 0"}));
+    voice.sendMessage(1, 6, 60);
+    voice.sendMessage(1, 7, 70);
+    voice.sendMessage(1, 8, 80);
+    EXPECT_EQ(told(), (CTexts{"33: 1 6 60 0", "33: 1 7 70 0"}));
+}
+
+TEST_F(CConversationTest, PagesHandOutWhatIsInForceAndCountAsAnswered) {
+    CComponent& voice = component("Voice");
+    const CCompStatus& gone = record(feature(1, 10, EFStatus::fsDeleted), voice, csEnabled);
+    CFeatureEntry& changed = feature(2, 20, EFStatus::fsModify);
+    const CCompStatus& atChanged = record(changed, voice, csIdle);
+    voice.addFeatureEntry(&feature(3, 30)); // without a record
+    record(feature(4, 40), voice, csDisabled);
+    changed.m_nNewData = 21;
+    for (int i = 0; i < 3; ++i) {
+        request(nQelClientGetFeatureMsgType, 0x21);
+    }
+    EXPECT_EQ(told(), (CTexts{"33: 0 2 21 0", "33: 0 4 40 0", "33: 0 0 0 0"}));
+    EXPECT_TRUE(gone.m_eStatus == csDisabled && atChanged.m_eStatus == csModified);
+    EXPECT_TRUE(changed.m_nNewData == 0 && changed.m_eStatus == EFStatus::fsActive); // committed for all
+}
+
+TEST_F(CConversationTest, WellKnownComponentsThatRunAreTakenAsAnswered) {
+    const CFeatureEntry& first = feature(1, 10);
+    const CFeatureEntry& gone = feature(2, 20, EFStatus::fsDeleted);
+    component("Tracing", 0x33);
+    platform().m_oProcesses = {{"anchor", 0x31}, {"tracing", 0x34}};
+    platform().fail("osLockLwtMutex", 1); // it goes on without
+    control().auditComponent();
+    EXPECT_TRUE(first.m_vCompStatus.at(0)->m_eStatus == csEnabled &&
+                gone.m_vCompStatus.at(0)->m_eStatus == csDisabled);
+}
+
+// --- Messages that lie about themselves; bytes at random are among the random lives ---
+
+TEST_F(CHostileBodyTest, ANameThatDoesNotFitIsNotStored) {
+    const CComponent& voice = component("Voice", 0x20);
+    for (const size_t length : {17u, 20u, 20u}) { // it is not found the second time either
+        const std::string name(length, 'n');
+        announce(name, 77, 0x21);
+        EXPECT_EQ(platform().logged(31015), CTexts{"CompNameMsgType " + name});
+        EXPECT_EQ(told(), CTexts{"33: 0 0 0 0"});
+        EXPECT_NE(control().components().m_vItems.back(), &voice);
+        EXPECT_STREQ(control().components().m_vItems.back()->m_szName, "");
+        request(InitListMsgType, 0x20, name);
+        EXPECT_STREQ(voice.m_szName, "Voice");
+        told();
+    }
+    announce("sixteen_letters_", 0, 0x22);
+    EXPECT_EQ(platform().logged(31016), CTexts{"Name Msg has no process id"});
+    EXPECT_NE(control().findCompByName("sixteen_letters_"), nullptr);
+    told();
+    announce("", 77, 0x23);
+    EXPECT_EQ(platform().m_vLog.back(), (SLogged{2, 31016, "Name Msg has no name"}));
+    EXPECT_TRUE(told().empty());
+}
+
+TEST_F(CHostileBodyTest, NoMorePairsAreTakenThanThereAreAndFit) {
+    std::string pairs;
+    for (uint32_t i = 0; i < 150; ++i) {
+        pairs += words({i + 1, i + 2}); // the answer 0, 0 would make a pair of code 0 out of date
+    }
+    using CRow = std::tuple<uint32_t, size_t, uint32_t>; // pairs claimed, bytes sent, pairs taken
+    for (const auto& [claimed, bytes, taken] : {CRow{0xFFFFFFFF, 1200, 100},
+                                                {4000000000, 16, 2},
+                                                {101, 808, 100},
+                                                {3, 23, 2},
+                                                {2, 1200, 2},
+                                                {5, 0, 0}}) {
+        announce("Voice", 77, 0x21, claimed, pairs.substr(0, bytes));
+        const CComponent& voice = *control().findCompByMFW(0x21);
+        ASSERT_EQ(voice.m_nKnownCount, taken) << claimed;
+        EXPECT_TRUE(taken == 0 || voice.m_aKnown[taken - 1].m_nData == taken + 1);
+        EXPECT_EQ(platform().logged(31017).size(), taken < claimed ? 1u : 0u);
+        EXPECT_EQ(told(), CTexts{"33: 0 0 0 0"});
+    }
+}
+
+// 5000 bytes go on past the smallest record there can be.
+TEST_F(CHostileBodyTest, AReplyTextIsLoggedWholeAndStoredIfItFits) {
+    announce("Voice", 77, 0x21);
+    const CComponent& voice = *control().findCompByMFW(0x21);
+    for (const size_t length : {501u, 5000u, 500u}) {
+        told();
+        const std::string text(length, 't');
+        receive(header(1, WriteReplyMsgType, 0x21) + words({0, 3}) + text);
+        EXPECT_EQ(platform().logged(31030), CTexts{"WriteReplyMsgType (3 " + text + ")"});
+        EXPECT_EQ(voice.m_szReplyText, length == 500 ? text : "");
+    }
+    EXPECT_EQ(voice.m_nReplyStatus, 3u);
 }
 
 } // namespace
