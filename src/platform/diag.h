@@ -1,6 +1,6 @@
-/* The diagnostics log. Platform contract: another platform supplies these functions under these names. Both may be
- * called from any thread, do not block, and fail cheaply: where registration fails, it is tried again for every
- * line that is logged. */
+/* The diagnostics log. Platform contract: another platform supplies these functions under these names. Both
+ * may be called from any thread, do not block, and fail cheaply: where registration fails, it is tried again
+ * for every line that is logged. */
 #ifndef QEL_PLATFORM_DIAG_H
 #define QEL_PLATFORM_DIAG_H
 
