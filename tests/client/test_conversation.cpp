@@ -1,90 +1,212 @@
-#include "fake_daemon.h"
+#include "client_test.h"
+#include "fake/fake_platform.h"
 
 #include <chrono>
 #include <cstring>
+#include <sstream>
+#include <unistd.h>
 
 extern "C" int openFromC(qel_client** client);
 
 namespace {
 
-constexpr int nLong = 5000; // milliseconds: for what ends by itself
-constexpr uint32_t REPLY = nQelServerReplyMsgType;
-constexpr uint32_t NOTIFY = nQelServerNotifyMsgType;
-constexpr uint32_t MODIFY = nQelServerModifyMsgType;
-constexpr uint32_t DISABLE = nQelServerDisableMsgType;
-constexpr uint32_t OVERDUE = nQelServerTimeoutMsgType;
-constexpr uint32_t GET = nQelClientGetFeatureMsgType;
+// What the client sends: class and sub-type, the word (of 32 bits) that counts, what it must be if not N.
+const std::map<std::string, std::array<uint32_t, 4>> oRequests = {
+    {"name", {0, 0, 12}},    {"init", {0, 1, 12}}, {"get", {0, 2, 12}},
+    {"monitor", {0, 3, 12}}, {"ok", {1, 5, 7, 1}}, {"fail", {1, 5, 7, 0}}};
+const std::map<std::string, uint32_t> oTypes = {
+    {"late", 0},     {"enable", 1}, {"modify", 2},  {"disable", 3}, {"overdue", 4},
+    {"stranger", 1}, {"cut", 1},    {"unknown", 5}, {"oam", 11},    {"wild", 0xFFFFFFFF}};
 
-using CTold = std::vector<std::string>;
-
+// The daemon's side of a conversation is a script, of which it plays a word each time the client receives:
+//   name=N init get monitor ok fail   the client's next message must be this, an announcement of N pairs
+//   -  C:D  late=C:D                  answers it: with nothing, with a feature, under the tag three before
+//   enable=C:D modify=C:D>E disable=C:D overdue=C:D      notifies; stranger=C:D: somebody else does
+//   cut=N unknown=C:D oam=C:D wild=C:D                   sends garbage: N bytes, or of a type that is none
+//   hold=C:D (at first)  quiet  restart      holds a feature; does nothing; is another process from now on
 class CConversation : public CClientTest {
 protected:
-    void bringUp() {
-        ASSERT_GE(qel_fetch(m_pClient, nLong), 0);
-        ASSERT_EQ(qel_monitor(m_pClient, nLong), 0);
+    CConversation() {
+        m_rPlatform.reset();
+        m_rPlatform.m_fnOnReceive = [this] { turn(); };
+        m_rPlatform.m_oProcesses["qelserver"] = m_nDaemon;
     }
 
-    // Waits until the callback was called that often.
-    void waitForTold(size_t count) {
-        while (m_vTold.size() < count) {
-            ASSERT_GT(qel_wait(m_pClient, nLong), 0) << "told only " << m_vTold.size();
+    void begin(const std::string& script, uint32_t answerTimeout = 0) {
+        open(answerTimeout);
+        std::istringstream words(script);
+        m_vScript.assign(std::istream_iterator<std::string>(words), {});
+        while (m_vScript.front().starts_with("hold=")) {
+            turn();
         }
     }
+
+    // Keeps the client announced, fetched and monitoring until the script has been played.
+    void attend() {
+        qel_run(m_pClient, nLong);
+        EXPECT_TRUE(m_vScript.empty()) << "waits for " << m_vScript.front();
+        EXPECT_EQ(m_rPlatform.m_vSent.size(), m_nTaken) << "sent more than is due";
+    }
+
+    void turn() {
+        if (m_vScript.empty()) {
+            qel_stop(m_pClient);
+            return;
+        }
+        std::string word = m_vScript.front();
+        std::string verb = word.substr(0, word.find('='));
+        std::array<uint32_t, 3> n = {};
+        std::sscanf(word.c_str() + (verb == word ? 0 : verb.size() + 1), "%u:%u>%u", &n[0], &n[1], &n[2]);
+        if (oRequests.count(verb) && m_nTaken == m_rPlatform.m_vSent.size()) {
+            return; // the client's turn
+        }
+        EXPECT_TRUE(oRequests.count(verb) || m_nTaken == m_rPlatform.m_vSent.size())
+            << "sent before " << word;
+        if (oRequests.count(verb)) {
+            expect(word, oRequests.at(verb), n[0]);
+        } else if (verb == "restart") {
+            m_rPlatform.m_oProcesses["qelserver"] = ++m_nDaemon;
+        } else if (verb == "hold") {
+            EXPECT_EQ(qel_hold(m_pClient, n[0], n[1]), 0);
+        } else if (verb != "quiet") {
+            send(verb, n);
+        }
+        m_vScript.pop_front();
+    }
+
+    void expect(const std::string& word, const std::array<uint32_t, 4>& request, uint32_t pairs) {
+        std::string hex = toHex(m_rPlatform.m_vSent[m_nTaken++].m_sBody);
+        const auto& [type, subType, at, status] = request;
+        size_t length = type == 0 ? 52 + 8 * pairs : hex.size() / 2;
+        auto due = fmt::format("{:08x}{:08x}{:08x}{:08x}", length, type, subType, pairs + status);
+        EXPECT_EQ(hex.substr(8, 24) + hex.substr(std::min<size_t>(8 * at, hex.size()), 8), due) << word;
+        EXPECT_EQ(hex.size(), 2 * length) << word;
+        m_nTag = static_cast<uint32_t>(std::stoul(hex.substr(32, 8), nullptr, 16));
+    }
+
+    void send(const std::string& verb, const std::array<uint32_t, 3>& n) {
+        uint32_t type = oTypes.count(verb) ? oTypes.at(verb) : 0;
+        uint32_t tag = verb == "late" ? m_nTag - 3 : m_nTag;
+        std::string body = fromHex(fmt::format(
+            "0000000000000024{:08x}00000000{:08x}00000000{:08x}{:08x}{:08x}", type, tag, n[0], n[1], n[2]));
+        body.resize(verb == "cut" ? n[0] : body.size());
+        CFakePlatform::handOver(m_rPlatform.m_oCallbacks.at(6), 6, body, verb == "stranger" ? 66 : m_nDaemon);
+    }
+
+    CFakePlatform& m_rPlatform = CFakePlatform::get();
+    std::deque<std::string> m_vScript; // what is left of it
+    uint32_t m_nDaemon = 0x1234;
+    uint32_t m_nTag = 0; // of the client's latest message
+    size_t m_nTaken = 0; // messages from the client that the script has seen
 };
+
+struct SFault {
+    const char* m_szName;
+    const char* m_szScript;
+    const char* m_szTold; // and what is held in the end
+    uint32_t m_nAnswerTimeout = 0;
+
+    friend void PrintTo(const SFault& fault, std::ostream* out) { *out << fault.m_szName; }
+};
+class CFault : public CConversation, public ::testing::WithParamInterface<SFault> {};
 
 } // namespace
 
+// The component refuses 13 and gives no answer about 14.
+TEST_P(CFault, IsNotThere) {
+    m_fnAnswer = [](const qel_notification& n, char*) {
+        return n.code == 13 ? QEL_REFUSED : n.code == 14 ? QEL_NO_REPLY : QEL_OK;
+    };
+    begin(GetParam().m_szScript, GetParam().m_nAnswerTimeout);
+    attend();
+    qel_pair pairs[4] = {};
+    for (int i = 0; i < qel_features(m_pClient, pairs, 4); ++i) {
+        m_sTold += fmt::format("{}{}:{}", i == 0 ? "holds " : " ", pairs[i].code, pairs[i].data);
+    }
+    EXPECT_EQ(m_sTold, GetParam().m_szTold);
+    EXPECT_EQ(qel_state(m_pClient), QEL_STATE_MONITORING);
+}
+
+const SFault aFaults[] = {
+    {"NotificationAmidPagingLostOrAnsweredTwice",
+     "name=0 - init - get enable=9:1 9:1 " // overtaken by its own page: no reply is awaited any more
+     "get enable=8:1 1:1 ok 8:1 get - "    // on no page: answered before the next request
+     "monitor disable=1:1 - ok 1:1",       // between the last page and the start of monitoring
+     "enable 9:1, enable 1:1, enable 8:1, disable 1:1, holds 8:1 9:1"},
+    {"ReplyThatTheDaemonNoLongerAwaits",
+     "name=0 - init - get enable=16:1 overdue=16:1 - monitor - " // overdue before the component is told
+     "enable=14:1 quiet overdue=14:1 "                           // answered by nothing
+     "enable=15:1 overdue=15:1 quiet " // overdue while the component still works on it
+     "enable=15:1 ok -",               // comes again: held by now, answered in silence
+     "enable 16:1, overdue 16:1, enable 14:1, overdue 14:1, enable 15:1, overdue 15:1, holds 15:1 16:1"},
+    {"NotificationMisjudgedAgainstWhatIsHeld",
+     "hold=1:5 name=1 - init - get 1:5 get - monitor - enable=1:5 ok - " // held exactly so: a repetition
+     "enable=1:6 ok - "                       // a list put new data in place of the old
+     "modify=1:6>7 ok - modify=1:6>7 ok - "   // the second a repetition
+     "disable=1:6 ok - disable=1:6 ok - "     // before the new data was in force; then not held
+     "modify=1:6>8 ok - "                     // of what was never taken up
+     "enable=13:1 fail - enable=13:1 fail - " // refused, so not held, and offered again
+     "enable=2:0 ok - enable=0:3 ok -",       // data may be 0, and so may a code
+     "modify 1:5>6, modify 1:6>7, disable 1:7, enable 1:8, enable 13:1, enable 13:1, enable 2:0, "
+     "enable 0:3, holds 0:3 1:8 2:0"},
+    {"DifferenceLostOrToldTwiceAfterRestart",
+     "name=0 - init - get 1:1 get 2:1 get 3:1 get 13:1 get - monitor - restart "
+     "name=3 - init - get 1:1 get 2:2 get 4:1 get 13:1 get - "
+     "name=0 - init - get 1:1 get 2:2 get 4:1 get 13:1 get - " // again, without 3 that seems to be gone
+     "monitor - enable=3:1 ok -",
+     "enable 1:1, enable 2:1, enable 3:1, enable 13:1, enable 4:1, enable 13:1, modify 2:1>2, "
+     "disable 3:1, enable 3:1, holds 1:1 2:2 3:1 4:1"},
+    {"HalfAListWhenTheDaemonDiesAmidPaging",
+     "name=0 - init - get 1:1 get restart name=1 - init - get 1:2 get 2:1 get - monitor -",
+     "enable 1:1, enable 2:1, modify 1:1>2, holds 1:2 2:1"},
+    {"LatePageTakenForAnAnswerOrAFeatureSkipped", // as would happen if the page alone were asked for again
+     "name=0 - init - get name=0 - init - get late=5:5 6:6 get - monitor -", "enable 6:6, holds 6:6", 200},
+    {"SkippedPageTakenForAWithdrawal", // a withdrawn feature left the daemon's table during the paging
+     "hold=1:1 hold=2:1 name=2 - init - get 1:1 get - name=0 - init - get 1:1 get 2:1 get - monitor -",
+     "holds 1:1 2:1"},
+    {"OneCodeInForceTwiceTakenForAChange",
+     "hold=1:1 name=1 - init - get 1:2 get 1:1 get 3:1 get 3:2 get - monitor -",
+     "enable 3:1, enable 3:2, enable 1:2, holds 1:1 1:2 3:1 3:2"},
+    {"NotificationFromBeforeTheAnnouncementAnswered", // it is about an earlier life of the component
+     "name=0 enable=5:5 - init - get - monitor -", ""},
+    {"GarbageOrAStrangerTakenForTheDaemon",
+     "name=0 - init - get - monitor - cut=1 cut=23 cut=24 cut=35 "
+     "unknown=66:6 oam=66:6 wild=66:6 late=66:6 stranger=66:6 enable=1:1 ok -",
+     "enable 1:1, holds 1:1"},
+};
+INSTANTIATE_TEST_SUITE_P(Conversation, CFault, ::testing::ValuesIn(aFaults),
+                         [](const auto& fault) { return std::string(fault.param.m_szName); });
+
 TEST_F(CConversation, MessagesThatDifferFromTheWireLayout) {
-    const std::string name = "566f6963650000000000000000000000 00000000"; // "Voice" in 20 bytes
-    CFakeDaemon daemon([&](CDaemonScript& script) {
-        script.expectHex("00000000 00000044 00000000 00000000 00000001 H H " + name +
-                             "00000002 00000065 00000005 00000066 ffffffff",
-                         "announcement");
-        script.answer();
-        script.expectHex("00000000 00000034 00000000 00000001 00000002 H H " + name + "00000000", "InitList");
-        script.answer();
-        script.expectHex("00000000 00000034 00000000 00000002 00000003 H H " + name + "00000000",
-                         "GetFeature");
-        script.answer({102, 0xFFFFFFFF});
-        script.expectHex("00000000 00000034 00000000 00000002 00000004 H H " + name + "00000000",
-                         "GetFeature");
-        script.answer({101, 5});
-        script.expectHex("00000000 00000034 00000000 00000002 00000005 H H " + name + "00000000",
-                         "GetFeature");
-        script.answer();
-        script.expectHex("00000000 00000034 00000000 00000003 00000006 H H " + name + "00000000",
-                         "StartMonitor");
-        script.answer();
-        script.send(NOTIFY, {7, 8});
-        script.expectHex("00000000 00000023 00000001 00000005 00000007 H 00000000 00000000 6e6f00",
-                         "refusal");
-        script.answer({7, 8});
-        script.send(NOTIFY, {9, 8});
-        script.expectHex("00000000 00000021 00000001 00000005 00000008 H 00000000 00000001 00", "acceptance");
-        script.answer({9, 8});
-        script.expectHex("00000000 00000024 00000001 00000006 00000009 H 00000000 00000001 62796500",
-                         "shutdown");
-    });
-    daemon.start();
-    open();
     m_fnAnswer = [](const qel_notification& n, char* text) {
         std::strcpy(text, n.code == 7 ? "no" : "");
         return n.code == 7 ? QEL_REFUSED : QEL_OK;
     };
-    ASSERT_EQ(qel_hold(m_pClient, 102, 0xFFFFFFFF), 0);
-    ASSERT_EQ(qel_hold(m_pClient, 101, 5), 0);
-    bringUp();
-    waitForTold(2);
-    EXPECT_EQ(m_vTold, (CTold{"enable 7:8", "enable 9:8"}));
-    qel_wait(m_pClient, 200); // the answer to the last reply
+    begin("hold=102:4294967295 hold=101:5 name=2 - init - get 102:4294967295 get 101:5 get - monitor - "
+          "enable=7:8 fail 7:8 enable=9:8 ok -");
+    attend();
     EXPECT_EQ(qel_shutdown(m_pClient, "bye"), 0);
-    EXPECT_TRUE(daemon.finish());
-    EXPECT_EQ(qel_features(m_pClient, nullptr, 0), 3);
+    // The client's handle is 1; its process id, and "Voice" in 20 bytes.
+    std::string who = fmt::format(" 00000001 {:08x} 566f6963 65000000 00000000 00000000 00000000 ", getpid());
+    const std::string aExpected[] = {
+        "00000000 00000044 00000000 00000000 00000001" + who + "00000002 00000065 00000005 00000066 ffffffff",
+        "00000000 00000034 00000000 00000001 00000002" + who + "00000000", // InitList
+        "00000000 00000034 00000000 00000002 00000003" + who + "00000000", // GetFeature
+        "00000000 00000034 00000000 00000002 00000004" + who + "00000000",
+        "00000000 00000034 00000000 00000002 00000005" + who + "00000000",
+        "00000000 00000034 00000000 00000003 00000006" + who + "00000000", // StartMonitor
+        "00000000 00000023 00000001 00000005 00000007 00000001 00000000 00000000 6e6f00",
+        "00000000 00000021 00000001 00000005 00000008 00000001 00000000 00000001 00",
+        "00000000 00000024 00000001 00000006 00000009 00000001 00000000 00000001 62796500"};
+    ASSERT_EQ(m_rPlatform.m_vSent.size(), std::size(aExpected));
+    for (size_t i = 0; i < std::size(aExpected); ++i) {
+        EXPECT_EQ(toHex(m_rPlatform.m_vSent[i].m_sBody), toHex(fromHex(aExpected[i])));
+    }
 }
 
 TEST_F(CConversation, DaemonNotThereYetBlocksTooLongOrIsGivenUp) {
-    CFakeDaemon daemon([](CDaemonScript& script) { script.serve(CompNameMsgType); });
-    open();
+    m_rPlatform.m_oProcesses.clear();
+    begin("name=0 - init quiet");
     auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(qel_announce(m_pClient, 0), QEL_ENODAEMON);
     EXPECT_EQ(qel_announce(m_pClient, 50), QEL_ENODAEMON);
@@ -92,209 +214,44 @@ TEST_F(CConversation, DaemonNotThereYetBlocksTooLongOrIsGivenUp) {
     EXPECT_GE(took, std::chrono::milliseconds(50));
     EXPECT_LT(took, std::chrono::milliseconds(500));
     EXPECT_EQ(qel_shutdown(m_pClient, nullptr), QEL_ENODAEMON);
-    daemon.start();
+    m_rPlatform.m_oProcesses["qelserver"] = m_nDaemon;
     EXPECT_EQ(qel_announce(m_pClient, nLong), 0);
     EXPECT_EQ(qel_state(m_pClient), QEL_STATE_ANNOUNCED);
-    EXPECT_TRUE(daemon.finish());
-}
-
-// Asking for the page again would skip a feature, and the late page would be taken for a newer one.
-TEST_F(CConversation, LatePageTakenForAnAnswerOrAFeatureSkipped) {
-    CFakeDaemon daemon([](CDaemonScript& script) {
-        script.serve(CompNameMsgType);
-        script.serve(InitListMsgType);
-        script.expect(0, GET);
-        uint32_t unanswered = script.latestTag();
-        script.serve(CompNameMsgType);
-        script.serve(InitListMsgType);
-        script.expect(0, GET);
-        script.send(REPLY, {5, 5}, 0, unanswered);
-        script.answer({6, 6});
-        script.serve(GET);
-    });
-    daemon.start();
-    qel_options options = {};
-    options.answer_timeout_ms = 100;
-    open(options);
-    EXPECT_EQ(qel_fetch(m_pClient, nLong), 1);
-    EXPECT_EQ(m_vTold, CTold{"enable 6:6"});
-    EXPECT_TRUE(daemon.finish());
-}
-
-TEST_F(CConversation, NotificationsAmidPagingLostOrAnsweredTwice) {
-    CFakeDaemon daemon([](CDaemonScript& script) {
-        script.serve(CompNameMsgType);
-        script.serve(InitListMsgType);
-        script.expect(0, GET);
-        script.send(NOTIFY, {9, 1}); // overtaken by its own page: the daemon awaits no reply any more
-        script.answer({9, 1});
-        script.expect(0, GET);
-        script.send(NOTIFY, {8, 1}); // on no page: answered before the next request
-        script.answer({1, 1});
-        script.expectReply(1);
-        script.answer({8, 1});
-        script.serve(GET);
-        script.expect(0, nQelClientStartMonitorMsgType);
-        script.send(DISABLE, {1, 1}); // between the last page and the start of monitoring
-        script.answer();
-        script.expectReply(1);
-        script.answer({1, 1});
-    });
-    daemon.start();
-    open();
-    bringUp();
-    waitForTold(4);
-    EXPECT_EQ(m_vTold, (CTold{"enable 9:1", "enable 1:1", "enable 8:1", "disable 1:1"}));
-    EXPECT_TRUE(daemon.finish());
-}
-
-TEST_F(CConversation, ReplyToSomethingThatTheDaemonNoLongerAwaits) {
-    CFakeDaemon daemon([](CDaemonScript& script) {
-        script.serveUp(0, {});
-        script.send(NOTIFY, {1, 1}); // answered by nothing
-        script.expectSilence(50);
-        script.send(OVERDUE, {1, 1});
-        script.expectSilence(50);
-        script.send(NOTIFY, {2, 1}); // overdue while the component still works on it
-        script.send(OVERDUE, {2, 1});
-        script.expectSilence(100);
-        script.send(NOTIFY, {2, 1}); // comes again: held by now, answered in silence
-        script.expectReply(1);
-    });
-    daemon.start();
-    open();
-    m_fnAnswer = [](const qel_notification& n, char*) { return n.code == 1 ? QEL_NO_REPLY : QEL_OK; };
-    m_fnAnswer = [silent = m_fnAnswer](const qel_notification& n, char* text) {
-        std::chrono::milliseconds busy(n.code == 2 && n.kind == QEL_ENABLE ? 50 : 0);
-        for (auto end = std::chrono::steady_clock::now() + busy; std::chrono::steady_clock::now() < end;) {
-        }
-        return silent(n, text);
-    };
-    bringUp();
-    waitForTold(4);
-    qel_wait(m_pClient, 300);
-    EXPECT_EQ(m_vTold, (CTold{"enable 1:1", "overdue 1:1", "enable 2:1", "overdue 2:1"}));
-    EXPECT_TRUE(daemon.finish());
-}
-
-TEST_F(CConversation, NotificationsMisjudgedAgainstWhatIsHeld) {
-    struct SCase {
-        uint32_t m_nType;
-        SFeature m_oFeature;
-        uint32_t m_nNewData;
-        const char* m_szTold; // empty: nothing, the client answers itself
-        uint32_t m_nStatus;
-    };
-    static const SCase aCases[] = {
-        {NOTIFY, {1, 5}, 0, "", 1},             // held exactly so: a repetition
-        {NOTIFY, {1, 6}, 0, "modify 1:5>6", 1}, // a list put new data in place of the old
-        {MODIFY, {1, 6}, 7, "modify 1:6>7", 1}, //
-        {MODIFY, {1, 6}, 7, "", 1},             // repeated
-        {DISABLE, {1, 6}, 0, "disable 1:7", 1}, // withdrawn before the new data was in force
-        {DISABLE, {1, 6}, 0, "", 1},            // not held
-        {MODIFY, {1, 6}, 8, "enable 1:8", 1},   // a modification of what was never taken up
-        {NOTIFY, {13, 1}, 0, "enable 13:1", 0}, // refused, and so not held
-        {NOTIFY, {13, 1}, 0, "enable 13:1", 0}, // offered again
-        {NOTIFY, {2, 0}, 0, "enable 2:0", 1},   // data may be 0
-        {NOTIFY, {0, 3}, 0, "enable 0:3", 1},   // and so may a code
-    };
-    CFakeDaemon daemon([&](CDaemonScript& script) {
-        script.serveUp(1, {{1, 5}});
-        for (const SCase& c : aCases) {
-            script.send(c.m_nType, c.m_oFeature, c.m_nNewData);
-            script.expectReply(c.m_nStatus);
-            script.answer(c.m_oFeature);
-        }
-    });
-    daemon.start();
-    open();
-    m_fnAnswer = [](const qel_notification& n, char*) { return n.code == 13 ? QEL_REFUSED : QEL_OK; };
-    qel_hold(m_pClient, 1, 5);
-    bringUp();
-    CTold expected;
-    for (const SCase& c : aCases) {
-        if (*c.m_szTold) {
-            expected.push_back(c.m_szTold);
-        }
-    }
-    waitForTold(expected.size());
-    EXPECT_EQ(m_vTold, expected);
-    EXPECT_TRUE(daemon.finish());
-    qel_pair held[2] = {};
-    EXPECT_EQ(qel_features(m_pClient, held, 2), 3);
-    EXPECT_EQ(held[1].code * 100 + held[1].data, 108u);
+    EXPECT_EQ(qel_fetch(m_pClient, 0), QEL_ETIMEDOUT);
 }
 
 TEST_F(CConversation, MoreThanAHundredHeldOverrunTheAnnouncement) {
-    std::vector<SFeature> list;
+    std::string script = "name=100 - init - get ";
     for (uint32_t code = 1; code <= 150; ++code) {
-        list.push_back({code, code});
+        script = fmt::format("hold={0}:{0} {1}{0}:{0} get ", code, script);
     }
-    CFakeDaemon daemon([&](CDaemonScript& script) { script.serveList(100, list); });
-    daemon.start();
-    open();
-    for (const SFeature& feature : list) {
-        qel_hold(m_pClient, feature.m_nCode, feature.m_nData);
-    }
-    EXPECT_EQ(qel_fetch(m_pClient, nLong), 150);
-    EXPECT_EQ(m_vTold, CTold());
-    EXPECT_TRUE(daemon.finish());
-}
-
-TEST_F(CConversation, GarbageOrAStrangerTakenForTheDaemon) {
-    CFakeDaemon stranger([](CDaemonScript& script) { script.send(NOTIFY, {66, 6}); }, "stranger");
-    CFakeDaemon daemon([](CDaemonScript& script) {
-        script.serveUp(0, {});
-        for (size_t length : {1u, 23u, 24u, 35u}) { // a notification cut short
-            CBytes body(length);
-            if (length > 11) {
-                body[11] = NOTIFY;
-            }
-            script.sendBytes(body);
-        }
-        for (uint32_t type : {5u, 11u, 0xFFFFFFFFu}) {
-            script.send(type, {66, 6});
-        }
-        script.send(REPLY, {66, 6}, 0, 12345);
-        script.expectSilence(50);
-        script.send(NOTIFY, {1, 1});
-        script.expectReply(1);
-    });
-    daemon.start();
-    open();
-    bringUp();
-    stranger.start();
-    EXPECT_TRUE(stranger.finish());
-    waitForTold(1);
-    EXPECT_EQ(m_vTold, CTold{"enable 1:1"});
-    EXPECT_TRUE(daemon.finish());
+    begin(script + "- monitor -");
+    attend();
+    EXPECT_EQ(m_sTold, "");
+    EXPECT_EQ(qel_features(m_pClient, nullptr, 0), 150);
 }
 
 TEST_F(CConversation, CallbacksThatReenterTheClient) {
-    CFakeDaemon daemon([](CDaemonScript& script) { script.serveUp(0, {{1, 1}}); });
-    daemon.start();
-    open();
+    begin("name=0 - init - get 1:1 get - monitor -");
     m_fnAnswer = [this](const qel_notification&, char*) {
-        EXPECT_EQ(qel_wait(m_pClient, 0), QEL_EBUSY);
-        EXPECT_EQ(qel_run(m_pClient, 0), QEL_EBUSY);
-        EXPECT_EQ(qel_shutdown(m_pClient, nullptr), QEL_EBUSY);
-        EXPECT_EQ(qel_hold(m_pClient, 5, 5), QEL_EBUSY);
+        for (int rc : {qel_run(m_pClient, 0), qel_shutdown(m_pClient, nullptr), qel_hold(m_pClient, 5, 5)}) {
+            EXPECT_EQ(rc, QEL_EBUSY);
+        }
         qel_close(m_pClient);
         EXPECT_EQ(qel_features(m_pClient, nullptr, 0), 0);
         qel_stop(m_pClient);
         return QEL_OK;
     };
     EXPECT_EQ(qel_run(m_pClient, nLong), QEL_ESTOPPED); // stopped before it was up
-    EXPECT_EQ(qel_run(m_pClient, 200), 0);              // goes on where it was
-    EXPECT_EQ(m_vTold, CTold{"enable 1:1"});
-    EXPECT_TRUE(daemon.finish());
+    attend();                                           // goes on where it was
+    EXPECT_EQ(m_sTold, "enable 1:1, ");
 }
 
 TEST_F(CConversation, ArgumentsTakenUnchecked) {
     qel_client* other = nullptr;
-    EXPECT_EQ(qel_open("", nullptr, &other), QEL_EINVAL);
-    EXPECT_EQ(qel_open("SeventeenLetters!", nullptr, &other), QEL_EINVAL);
-    EXPECT_EQ(qel_open(nullptr, nullptr, &other), QEL_EINVAL);
+    for (const char* name : {"", "SeventeenLetters!", static_cast<const char*>(nullptr)}) {
+        EXPECT_EQ(qel_open(name, nullptr, &other), QEL_EINVAL);
+    }
     EXPECT_EQ(openFromC(&m_pClient), 0);
     EXPECT_EQ(qel_open("Second", nullptr, &other), QEL_EBUSY);
     EXPECT_EQ(other, nullptr);

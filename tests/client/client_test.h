@@ -1,0 +1,36 @@
+#ifndef QEL_TESTS_CLIENT_CLIENT_TEST_H
+#define QEL_TESTS_CLIENT_CLIENT_TEST_H
+
+#include "client/qelclient.h"
+
+#include <fmt/format.h>
+#include <functional>
+#include <gtest/gtest.h>
+#include <string>
+
+constexpr int nLong = 10000; // milliseconds: for what ends by itself
+
+// A client called Voice, whose callbacks are written down.
+class CClientTest : public ::testing::Test {
+protected:
+    ~CClientTest() override { qel_close(m_pClient); }
+
+    void open(uint32_t answerTimeout = 0) {
+        qel_options options = {cbNotify, nullptr, this, answerTimeout, 0};
+        ASSERT_EQ(qel_open("Voice", &options, &m_pClient), 0);
+    }
+
+    static int cbNotify(void* user, const qel_notification* n, char* text) {
+        static const char* const aKinds[] = {"", "enable", "modify", "disable", "overdue"};
+        auto& self = *static_cast<CClientTest*>(user);
+        self.m_sTold += fmt::format("{} {}:{}", aKinds[n->kind], n->code, n->data);
+        self.m_sTold += n->kind == QEL_MODIFY ? fmt::format(">{}, ", n->new_data) : ", ";
+        return self.m_fnAnswer ? self.m_fnAnswer(*n, text) : QEL_OK;
+    }
+
+    qel_client* m_pClient = nullptr;
+    std::string m_sTold; // "enable 1:2, modify 1:2>3, disable 1:3, overdue 1:3, "
+    std::function<int(const qel_notification&, char*)> m_fnAnswer;
+};
+
+#endif
