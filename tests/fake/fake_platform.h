@@ -6,7 +6,6 @@
 #include "platform/diag.h"
 #include "platform/mfw.h"
 #include "platform/os.h"
-#include "platform/service.h"
 
 #include <cstdint>
 #include <deque>
@@ -38,45 +37,41 @@ public:
     // Back to a platform that has seen nothing and fails nothing; the clock stands at 1,000,000 seconds.
     void reset();
 
-    // From the n-th call of `function` on (counted from 1, from now), `times` calls return `error` and do
-    // nothing.
+    // From the n-th call of `function` on (counted from 1, from now), `times` calls do nothing but fail.
     void fail(const std::string& function, int error, int nth = 1, int times = 1);
-    int callsOf(const std::string& function) const;
+    int callsOf(const std::string& function) { return m_oCalls[function]; }
 
     // Queues a message for OvuMfwProcessNextMessage.
-    void deliver(uint16_t type, std::string_view body);
+    void deliver(uint16_t type, std::string_view body) { m_vIncoming.emplace_back(type, body); }
     // Hands a message straight to a callback, as the framework would.
-    static void handOver(OvuMfwCallback callback, uint16_t type, std::string_view body,
-                         uint32_t sender = 0x1234);
+    static void handOver(OvuMfwCallback, uint16_t type, std::string_view body, uint32_t from = 0x1234);
 
     // Texts of the log lines with this event number, oldest first.
     std::vector<std::string> logged(uint32_t event) const;
-    std::vector<SSent> takeSent();
-    std::vector<SLogged> takeLog();
+    std::vector<SSent> takeSent() { return std::exchange(m_vSent, {}); }
+    std::vector<SLogged> takeLog() { return std::exchange(m_vLog, {}); }
 
     void advance(uint32_t seconds) { m_nMicroseconds += uint64_t{seconds} * 1000000; }
-    void advanceMs(uint32_t milliseconds) { m_nMicroseconds += uint64_t{milliseconds} * 1000; }
 
     // What every call does first: 0 to go on, else the error to return.
     int enter(const std::string& function);
+    // Likewise, and keeps the call in m_vCalls.
+    int enter(const std::string& function, const std::string& argument);
 
     uint64_t m_nMicroseconds = 0; // since the epoch; the test owns the clock
     bool m_bKeepLog = true;       // false: lines are dropped, for long runs
-    bool m_bDiagnostics = true;   // false: no diagnostics module can be registered
     bool m_bKeepSent = true;
     std::vector<SSent> m_vSent;
     std::vector<SLogged> m_vLog;
-    std::vector<std::string> m_vCalls; // "function argument", in order
+    std::vector<std::string> m_vCalls; // "function argument", in order; not of each function
     std::map<uint16_t, OvuMfwCallback> m_oCallbacks;
     std::map<std::string, uint32_t> m_oProcesses; // name to handle, for look-ups
     std::set<uint32_t> m_oDead;                   // sends to these handles fail with 111
     std::deque<std::pair<uint16_t, std::string>> m_vIncoming;
     std::map<std::string, uint32_t> m_oEvents; // that exist, by name
     std::vector<uint32_t> m_vWaits;            // milliseconds that osReceiveEvent was given
-    std::function<bool()> m_fnReceiveEvent;    // true: the event has come; unset: it never comes
-    std::function<void()> m_fnOnReceive;       // runs at each OvuMfwProcessNextMessage, before it delivers
-    OvuServiceCallback m_fnService = nullptr;
-    int m_nProcessState = OS_PROCESS_NOT_RUNNING;
+    std::function<bool()> m_fnReceiveEvent = [] { return false; }; // true: the event has come
+    std::function<void()> m_fnOnReceive = [] {}; // runs at each OvuMfwProcessNextMessage, before it delivers
 
 private:
     struct SFailure {

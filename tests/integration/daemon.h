@@ -2,84 +2,172 @@
 #ifndef QEL_TESTS_INTEGRATION_DAEMON_H
 #define QEL_TESTS_INTEGRATION_DAEMON_H
 
-#include "messaging/wire.h"
 #include "platform/processes.h"
 
-#include <functional>
+#include <chrono>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <fnmatch.h>
+#include <fstream>
 #include <map>
-#include <memory>
-#include <string>
-#include <vector>
+#include <optional>
+#include <sstream>
+#include <unistd.h>
 
-inline constexpr int nPatience = 30000; // milliseconds; for what comes at once but under sanitizers
-
-// Asks again and again; false where it did not come true in time.
-bool eventually(const std::function<bool()>& isTrue, int milliseconds = nPatience);
-
-// Whether a text is of a pattern as file names have them; '#' stands for a digit.
-bool isLike(const std::string& text, std::string pattern);
+inline constexpr uint32_t nPatience = 30000; // milliseconds; for what comes at once but under sanitizers
 
 // How each line of the text log begins.
-inline constexpr char szStamp[] = "####-##-## ##:##:##.###: ";
+inline const std::string sStamp = "####-##-## ##:##:##.###: ";
 
-// The daemon's executable, run with the test's environment. Killed and reaped with the object at the latest.
-class CProgram {
-public:
-    CProgram(const std::vector<std::string>& arguments, std::string outputFile);
-    ~CProgram();
-    CProgram(const CProgram&) = delete;
+inline std::string textOf(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
 
-    bool isRunning(); // reaps it where it has ended
-    int wait();       // exit status, or 128 + signal; -1: it did not end
-    void signal(int number) const;
-    std::string output() const; // standard output and standard error
+// Asks again and again; false where it did not come true in time.
+inline bool eventually(const std::function<bool()>& isTrue) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(nPatience);
+    while (!isTrue()) {
+        if (std::chrono::steady_clock::now() > end) {
+            return false;
+        }
+        usleep(2000);
+    }
+    return true;
+}
 
-private:
-    pid_t m_nPid = -1;
-    int m_nStatus = -1;
-    std::string m_sOutputFile;
-};
+// Whether a text is of a pattern as file names have them; '#' stands for a digit.
+inline testing::AssertionResult isLike(const std::string& text, std::string pattern) {
+    for (size_t at = 0; (at = pattern.find('#', at)) != std::string::npos;) {
+        pattern.replace(at, 1, "[0-9]");
+    }
+    const bool isMatch = fnmatch(pattern.c_str(), text.c_str(), 0) == 0;
+    return (isMatch ? testing::AssertionSuccess() : testing::AssertionFailure()) << text;
+}
 
-// Bodies as components send them; answers go to `handle`, by default the calling process's.
-std::string words(const std::vector<uint32_t>& values);
-std::string nameMessage(uint32_t tag, const std::string& name, uint32_t pairCount = 0);
-std::string request(uint32_t subType, uint32_t tag);
-std::string reply(uint32_t subType, uint32_t tag, uint32_t status);
-std::string oamRequest(uint32_t tag);
-// As words in hexadecimal.
-std::string inHex(const std::string& body);
+inline std::string words(const std::vector<uint32_t>& values) {
+    std::string body;
+    for (const uint32_t value : values) {
+        for (int shift = 24; shift >= 0; shift -= 8) {
+            body += static_cast<char>(value >> shift & 0xFF);
+        }
+    }
+    return body;
+}
+
+// A body as words in hexadecimal.
+inline std::string inHex(const std::string& body) {
+    std::string hex;
+    for (size_t i = 0; i < body.size(); ++i) {
+        hex += fmt::format("{}{:02x}", i > 0 && i % 4 == 0 ? " " : "", static_cast<uint8_t>(body[i]));
+    }
+    return hex;
+}
+
+// Bodies as components send them. Answers go to the calling process: its id is the handle here.
+enum : uint32_t { nGetFeature = 2, nStartMonitor = 3, nWriteReply = 5, nShutdown = 6 };
+
+inline const auto ownHandle = [] { return static_cast<uint32_t>(getpid()); };
+inline std::string nameMessage(uint32_t tag, std::string name, uint32_t pairCount = 0) {
+    name.resize(20);
+    return words({0, 0, 0, 0, tag, ownHandle(), ownHandle()}) + name + words({pairCount});
+}
+inline std::string request(uint32_t subType, uint32_t tag) {
+    return words({0, 0, 0, subType, tag, ownHandle(), 0, 0, 0, 0, 0, 0, 0});
+}
+inline std::string reply(uint32_t subType, uint32_t tag, uint32_t status) {
+    return words({0, 0, 1, subType, tag, ownHandle(), 0, status, 0});
+}
+inline std::string oamRequest(uint32_t tag) {
+    return words({0, 0, 11, 0, tag, ownHandle()});
+}
+
+// One table of the list file.
+inline std::string feature(uint32_t code, uint32_t data, const char* component, const char* more = "") {
+    return fmt::format("[[feature]]\ncode = {}\ndata = {}\ncomponents = [\"{}\"]\n{}\n", code, data,
+                       component, more);
+}
 
 class CDaemonTest : public CPlatformTest {
 protected:
-    void SetUp() override;
-    void TearDown() override;
+    using Features = std::map<uint32_t, uint32_t>; // code to data
 
-    std::unique_ptr<CProgram> run(const std::vector<std::string>& arguments);
-    void startDaemon(); // and waits until it can be found
-    void sendStop();    // until it has ended; one that comes before the daemon made its event is lost
-    void stopDaemon();  // by its event; it must end well and have printed nothing
+    void SetUp() override {
+        CPlatformTest::SetUp();
+        setenv("QEL_DIAG", "off", 1);
+        setenv("QEL_LOG_FILE", file("log").c_str(), 1);
+        setenv("QEL_FEATURE_LIST", file("features.toml").c_str(), 1);
+        writeList(feature(1, 1, "Nobody"));
+    }
 
+    // Runs the daemon's executable to its end, and returns its output and a last line with its status.
+    std::string attempt(const std::string& arguments) const {
+        const std::string line = "(timeout 60 " QEL_DAEMON " " + arguments + "; echo status $?) >";
+        EXPECT_EQ(std::system((line + file("attempt") + " 2>&1").c_str()), 0);
+        return textOf(file("attempt"));
+    }
+    // A daemon that hangs is ended by SIGALRM after four times the patience.
+    void launchDaemon(const char* option = nullptr) {
+        m_oDaemon.emplace([&](const CLine&) {
+            alarm(4 * nPatience / 1000);
+            unsetenv("QEL_PROCESS_NAME");
+            const int output = open(file("output").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+            dup2(output, STDOUT_FILENO);
+            dup2(output, STDERR_FILENO);
+            return execl(QEL_DAEMON, QEL_DAEMON, "-run", option, nullptr);
+        });
+    }
+    // Waits until it answers, and leaves the test with an endpoint.
+    void startDaemon(const char* option = nullptr) {
+        OvuMfwCleanup();
+        launchDaemon(option);
+        ASSERT_TRUE(eventually([this] { return findDaemon(); })); // it reads its list first
+        openEndpoint();
+        ASSERT_NE(ask(oamRequest(0)), "");
+    }
+    void stopDaemon(bool isSilent = true) { // by its event; it must end well
+        EXPECT_TRUE(isLike(attempt("-stop"), "Sending stop event (0x*)\nstatus 0\n"));
+        EXPECT_EQ(m_oDaemon->end(), 0);
+        EXPECT_EQ(textOf(file("output")).empty(), isSilent) << textOf(file("output"));
+    }
+
+    bool findDaemon() { return OvuMfwGetProcessHandle("qelserver", &m_nHandle) == 0; }
     void send(const std::string& body) const { EXPECT_EQ(sendText(m_nHandle, 6, body), 0); }
     // The next message, in hexadecimal; empty where none comes.
-    static std::string receive(uint32_t milliseconds = nPatience);
-    // Sends and returns the answer.
+    static std::string receive() {
+        const size_t before = oReceived.size();
+        OvuMfwProcessNextMessage(nPatience);
+        return oReceived.size() > before ? inHex(oReceived.back().text()) : "";
+    }
     std::string ask(const std::string& body) const { return send(body), receive(); }
 
-    // The list in force as OAM sees it, code to data, without what is being withdrawn.
-    std::map<uint32_t, uint32_t> featuresInForce() const;
+    // The list in force as OAM sees it, without what is being withdrawn.
+    Features featuresInForce() const {
+        Features features;
+        std::istringstream answer(ask(oamRequest(1)));
+        answer.ignore(7 * 9) >> std::hex; // header and count
+        for (uint32_t status, code, data, textLength; answer >> status >> code >> data >> textLength;) {
+            if (status != 3) {
+                features[code] = data;
+            }
+        }
+        return features;
+    }
 
-    void writeList(const std::string& toml) const;
-    std::string log() const;
-    size_t countInLog(const std::string& text) const;
+    std::string file(const char* name) const { return m_sDirectory + "/" + name; }
+    void writeList(const std::string& toml) const { std::ofstream(file("features.toml")) << toml; }
+    std::string log() const { return textOf(file("log")); }
+    size_t countInLog(const std::string& text) const {
+        const std::string all = log();
+        size_t count = 0;
+        for (size_t at = all.find(text); at != std::string::npos; at = all.find(text, at + 1)) {
+            ++count;
+        }
+        return count;
+    }
 
-    std::unique_ptr<CProgram> m_pDaemon;
+    std::optional<CChild> m_oDaemon;
     uint32_t m_nHandle = 0; // of the daemon
-
-private:
-    int m_nPrograms = 0;
 };
-
-// One table of the list file.
-std::string feature(uint32_t code, uint32_t data, const std::string& component, bool isSourced = false);
 
 #endif

@@ -1,122 +1,108 @@
 #include "integration/daemon.h"
 
-#include <csignal>
-#include <filesystem>
+#include <cstring>
+#include <random>
 
 namespace {
 
 using CCommandLineTest = CDaemonTest;
 
-TEST_F(CCommandLineTest, WordsThatStartNothing) {
-    const struct {
-        std::vector<std::string> m_vArguments;
-        int m_nStatus;
-        const char* m_szOutput;
-    } cases[] = {{{}, 1, "Usage: qelserver -[newkey|run|check|signature|signverify] [...]\n"},
-                 {{"-runx"}, 0, ""},
-                 {{"-ru"}, 0, ""},
-                 {{"run"}, 0, ""},
-                 {{"-Stop"}, 0, ""},
-                 {{""}, 0, ""},
-                 {{"-debug", "-run"}, 0, ""}};
-    for (const auto& c : cases) {
-        const auto program = run(c.m_vArguments);
-        EXPECT_EQ(program->wait(), c.m_nStatus);
-        EXPECT_EQ(program->output(), c.m_szOutput);
+TEST_F(CCommandLineTest, WordThatStartsNothingPrintsOrReturnsSomethingElse) {
+    const char* cases[][2] = {
+        {"", "Usage: qelserver -[newkey|run|check|signature|signverify] [...]\nstatus 1\n"},
+        {"-ru", "status 0\n"},
+        {"-Stop", "status 0\n"},
+        {"''", "status 0\n"},
+        {"-debug -run", "status 0\n"}};
+    for (const auto& [arguments, outcome] : cases) {
+        EXPECT_EQ(attempt(arguments), outcome) << arguments;
     }
     EXPECT_EQ(log(), "");
 }
 
-TEST_F(CCommandLineTest, StopWithoutADaemonLeavesAnEventThatTheNextStartReplaces) {
-    for (int i = 0; i < 2; ++i) { // creates the event; opens it
-        const auto stop = run({"-stop"});
-        EXPECT_EQ(stop->wait(), 0);
-        EXPECT_TRUE(isLike(stop->output(), "Sending stop event (0x*)\n")) << stop->output();
+TEST_F(CCommandLineTest, HostThatGivesNoEventOrNothingAtAllIsNotTold) {
+    std::filesystem::create_directory(file("event.QELEVENTSERVER1")); // it exists, but cannot be opened
+    const std::string outcome = attempt("-stop");
+    const int error = std::atoi(outcome.c_str() + std::strlen("Failed to create event ("));
+    EXPECT_GT(error, 0);
+    EXPECT_EQ(outcome, fmt::format("Failed to create event ({0}, 0xffffffff)\nstatus {0}\n", error));
+    EXPECT_EQ(attempt("-run"), "status 1\n");
+    EXPECT_TRUE(isLike(log(), "*: failed to create event.\n*: can't init server object.\n"));
+    std::filesystem::remove(file("log"));
+
+    setenv("QEL_RUNTIME_DIR", file("none/none").c_str(), 1);
+    EXPECT_EQ(attempt("-stop"), "status 0\n");
+    EXPECT_TRUE(isLike(attempt("-run"), "osGetProcessState error #*\nstatus 1\n"));
+    EXPECT_TRUE(isLike(
+        log(), "*: run qel service.\n*: failed to init message framework.\n*: can't init server object.\n"))
+        << "an unknown state does not keep it from starting";
+}
+
+TEST_F(CCommandLineTest, WhatAStopOrAKilledDaemonLeftEndsTheNextOne) {
+    EXPECT_TRUE(isLike(attempt("-stop"), "Sending stop event (0x*)\nstatus 0\n")); // creates the event
+    EXPECT_TRUE(isLike(attempt("-stop"), "Sending stop event (0x*)\nstatus 0\n")); // opens it
+    for (int i = 0; i < 3; ++i) {
+        startDaemon();
+        EXPECT_NE(ask(nameMessage(1, "Phone")), "") << "a signal left in the old event must not end it";
+        EXPECT_EQ(m_oDaemon->end(SIGKILL), 128 + SIGKILL);
+        EXPECT_TRUE(exists("event.QELEVENTSERVER1"));
     }
     startDaemon();
-    openEndpoint();
-    EXPECT_NE(ask(nameMessage(1, "Phone")), "") << "a signal left in the old event must not end it";
+    EXPECT_EQ(attempt("-run"), "Another instance of Qel server is running\nstatus 1\n");
+    EXPECT_NE(ask(nameMessage(1, "Phone")), "");
     stopDaemon();
-    EXPECT_TRUE(isLike(log(), "*: recv stop event\n" + std::string(szStamp) + "main thread exited\n*"));
+    EXPECT_TRUE(isLike(log(), "*: recv stop event\n" + sStamp + "main thread exited\n*"));
     EXPECT_FALSE(exists("event.QELEVENTSERVER1"));
 }
 
-TEST_F(CCommandLineTest, EventThatExistsButCannotBeOpened) {
-    std::filesystem::create_directory(m_sDirectory + "/event.QELEVENTSERVER1"); // in the event's place
-    const auto stop = run({"-stop"});
-    const int error = stop->wait();
-    EXPECT_GT(error, 0);
-    EXPECT_EQ(stop->output(), "Failed to create event (" + std::to_string(error) + ", 0xffffffff)\n");
-    const auto daemon = run({"-run"});
-    EXPECT_EQ(daemon->wait(), 1);
-    EXPECT_EQ(daemon->output(), "");
-    EXPECT_EQ(countInLog(": failed to create event.\n"), 1u);
-    EXPECT_EQ(countInLog(": can't init server object.\n"), 1u);
-}
-
-TEST_F(CCommandLineTest, HostThatGivesNothing) {
-    setenv("QEL_RUNTIME_DIR", (m_sDirectory + "/none/none").c_str(), 1);
-    const auto stop = run({"-stop"});
-    EXPECT_EQ(stop->wait(), 0);
-    EXPECT_EQ(stop->output(), "");
-    const auto daemon = run({"-run"});
-    EXPECT_EQ(daemon->wait(), 1);
-    EXPECT_TRUE(isLike(daemon->output(), "osGetProcessState error #*\n"));
-    EXPECT_EQ(countInLog(": run qel service.\n"), 1u) << "an unknown state does not keep it from starting";
-    EXPECT_EQ(countInLog(": failed to init message framework.\n"), 1u);
-    EXPECT_EQ(countInLog(": can't init server object.\n"), 1u);
-}
-
-TEST_F(CCommandLineTest, OfTwoThatStartTogetherOneServes) {
-    auto one = run({"-run"});
-    auto other = run({"-run"});
-    ASSERT_TRUE(eventually([&] { return !one->isRunning() || !other->isRunning(); }));
-    if (!one->isRunning()) {
-        std::swap(one, other);
-    }
-    EXPECT_EQ(other->wait(), 1);
-    EXPECT_EQ(other->output(), "Another instance of Qel server is running\n");
-    ASSERT_TRUE(eventually([&] { return OvuMfwGetProcessHandle("qelserver", &m_nHandle) == 0; }));
-    m_pDaemon = std::move(one);
-    stopDaemon();
-}
-
-TEST_F(CCommandLineTest, OnlyTheExactWordDebugs) {
-    m_pDaemon = run({"-run", "-debug"});
-    ASSERT_TRUE(eventually([&] { return OvuMfwGetProcessHandle("qelserver", &m_nHandle) == 0; }));
-    sendStop();
-    EXPECT_EQ(m_pDaemon->wait(), 0);
-    const std::string output = m_pDaemon->output();
-    const std::string started = std::string(szStamp) + "run qel service.\n";
-    EXPECT_TRUE(isLike(output, started + "*"));
-    EXPECT_EQ(output.find("OvuServiceStartService"), std::string::npos);
+TEST_F(CCommandLineTest, OtherThanTheExactWordDebugs) {
+    const std::string started = sStamp + "run qel service.\n";
+    startDaemon("-debug");
+    stopDaemon(false);
+    EXPECT_TRUE(isLike(textOf(file("output")), started + "*"));
+    EXPECT_EQ(textOf(file("output")).find("OvuServiceStartService"), std::string::npos);
     EXPECT_EQ(log(), "");
-
-    m_pDaemon = run({"-run", "-Debug"});
-    ASSERT_TRUE(eventually([&] { return OvuMfwGetProcessHandle("qelserver", &m_nHandle) == 0; }));
+    startDaemon("-Debug");
     stopDaemon();
-    EXPECT_TRUE(isLike(log(), started + szStamp + "OvuServiceStartService return 0\n*"));
+    EXPECT_TRUE(isLike(log(), started + sStamp + "OvuServiceStartService return 0\n*"));
 }
 
-TEST_F(CCommandLineTest, KilledHardItStartsAgain) {
-    for (int i = 0; i < 3; ++i) {
-        startDaemon();
-        ASSERT_TRUE(eventually([this] { return exists("event.QELEVENTSERVER1"); })); // it is left behind
-        m_pDaemon->signal(SIGKILL);
-        EXPECT_EQ(m_pDaemon->wait(), 128 + SIGKILL);
+// Keeps the daemon at work with whatever a component can say, and reads only now and then.
+int flood(const CLine&) {
+    for (std::mt19937 random(7);;) {
+        uint32_t daemon = 0;
+        OvuMfwGetProcessHandle("qelserver", &daemon);
+        const uint32_t tag = static_cast<uint32_t>(random());
+        const std::string bodies[] = {nameMessage(tag, "Phone"),   request(nGetFeature, tag),
+                                      request(nStartMonitor, tag), reply(nWriteReply, tag, tag % 2),
+                                      reply(nShutdown, tag, 0),    oamRequest(tag)};
+        sendText(daemon, 6, bodies[random() % std::size(bodies)]);
+        OvuMfwProcessNextMessage(1);
+        oReceived.clear();
     }
-    startDaemon();
-    openEndpoint();
-    EXPECT_NE(ask(nameMessage(1, "Phone")), "");
-    stopDaemon();
 }
 
-TEST_F(CCommandLineTest, LogThatCannotBeOpenedDropsTheLinesOnly) {
-    setenv("QEL_LOG_FILE", "/none/log", 1);
-    startDaemon();
-    openEndpoint();
-    EXPECT_NE(ask(nameMessage(1, "Phone")), "");
-    stopDaemon();
+// QEL_TEST_SIGTERMS in the environment: how often, 60 by default.
+TEST_F(CCommandLineTest, TerminatedAtSomeMomentItHangsOrFails) {
+    const char* times = std::getenv("QEL_TEST_SIGTERMS");
+    writeList(feature(1, 1, "Phone") + feature(2, 2, "Phone", "sourced = true") + feature(3, 3, "ALL"));
+    const CChild one = startPeer("one", flood);
+    const CChild other = startPeer("other", flood);
+    std::mt19937 random(11);
+    for (int i = times != nullptr ? std::atoi(times) : 60; i > 0; --i) {
+        launchDaemon();
+        ASSERT_TRUE(eventually([this] { return countInLog(": OvuServiceStartService return 0\n") == 1; }));
+        usleep(static_cast<useconds_t>(random() % 120000));
+        ASSERT_EQ(m_oDaemon->end(random() % 4 == 0 ? SIGINT : SIGTERM), 0);
+        ASSERT_EQ(textOf(file("output")), "");
+
+        std::istringstream lines(log());
+        for (std::string text; std::getline(lines, text);) { // of two threads at the end
+            ASSERT_TRUE(isLike(text, sStamp + "*"));
+        }
+        EXPECT_EQ(countInLog(": the Callback event is 'OVU_CALLBACK_NOTIFY_SERVICE_STOP'\n"), 1u);
+        std::filesystem::remove(file("log"));
+    }
 }
 
 } // namespace

@@ -1,0 +1,248 @@
+// The signing tools against the stock command, each test in a directory of its own with a key pair of ours in
+// it: key, key.pub and key.crt.
+#include "base/clock.h"
+#include "tools/CCrypto.h"
+#include "tools/handles.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <openssl/pem.h>
+#include <random>
+#include <unistd.h>
+
+namespace {
+
+std::string contents(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+void put(const std::string& path, const std::string& text) {
+    std::ofstream(path, std::ios::binary) << text;
+}
+
+// A line for the shell, in which $qel and $openssl are the tools. Returns its output, on either channel, and
+// a last line with its status.
+std::string attempt(const std::string& line) {
+    std::string output;
+    FILE* pipe = ::popen(("exec 2>&1 </dev/null; (" + line + "); echo status $?").c_str(), "r");
+    for (int c = std::fgetc(pipe); c != EOF; c = std::fgetc(pipe)) {
+        output += static_cast<char>(c);
+    }
+    ::pclose(pipe);
+    return output;
+}
+
+// One that must succeed.
+std::string run(const std::string& line) {
+    const std::string output = attempt(line);
+    const size_t end = output.rfind("status 0\n");
+    EXPECT_NE(end, std::string::npos) << line << "\n" << output;
+    return output.substr(0, end);
+}
+
+class CToolsTest : public testing::Test {
+protected:
+    void SetUp() override {
+        std::string path = testing::TempDir() + "qel-tools-XXXXXX";
+        ASSERT_NE(::mkdtemp(path.data()), nullptr);
+        std::filesystem::current_path(path);
+        ::setenv("qel", QEL_DAEMON, 1);
+        ::setenv("openssl", QEL_OPENSSL, 1);
+        run("$qel -newkey key; echo data >data");
+    }
+    void TearDown() override {
+        const std::filesystem::path path = std::filesystem::current_path();
+        std::filesystem::current_path("/");
+        std::filesystem::remove_all(path);
+    }
+};
+
+TEST_F(CToolsTest, TextOrStatusIsAnother) {
+    const char* cases[][2] = {
+        {"-check key", "wrong parameters\nstatus 0\n"},
+        {"-check locked crt", "Failed to load private key file locked\nstatus 1\n"},
+        {"-check locked2 crt", "Failed to load private key file locked2\nstatus 1\n"},
+        {"-check eckey eccrt", "Failed to get private key structure eckey\nstatus 1\n"},
+        {"-check key none", "Failed to read file name none\nstatus 1\n"},
+        {"-check key key", "Failed to get load certificate key\nstatus 1\n"},
+        {"-check key keyless", "Failed to get public key keyless\nstatus 1\n"},
+        {"-check key eccrt", "Failed to get public key structure eccrt\nstatus 1\n"},
+        {"-signature key data",
+         "Usage: qelserver -signature <private key> <data file> <signature>\nstatus 0\n"},
+        {"-signature none data s", "Cannot open private key file (none)\nstatus 1\n"},
+        {"-signature eckey data s", "Cannot read private key file (eckey)\nstatus 1\n"},
+        {"-signature key dir s", "Cannot open data file (dir)\nstatus 1\n"},
+        {"-signature key data none/s", "Cannot open signature file (none/s)\nstatus 1\n"},
+        {"-signverify data", "Usage: qelserver -signverify <data file> <signature>\nstatus 0\n"},
+        {"-signverify data sig", "Cannot open public key file (/ov/etc/t31syscert1.pem)\nstatus 1\n"},
+        {"-signverify key data sig", "Cannot read public certificate file (key)\nstatus 1\n"},
+        {"-signverify keyless data sig", "Cannot read public key file (keyless)\nstatus 1\n"},
+        {"-signverify crt none none", "Cannot open signature file (none)\nstatus 1\n"},
+        {"-signverify crt none sig", "Cannot open data file (none)\nstatus 1\n"},
+        {"-signverify crt data data", "Cannot verify: (data data) \nstatus 1\n"},
+        {"-signverify crt data sig", "Verify pass: (data sig) \nstatus 0\n"},
+        {"-certverify", "Usage: qelserver -certverify <certificate file>\nstatus 0\n"},
+        {"-certverify ''", "Invalid parameter.\nstatus 1\n"},
+        {"-certverify none", "Cannot open public key file (none)\nstatus 1\n"},
+        {"-certverify keyless", "Cannot read public key file (keyless)\nstatus 1\n"},
+        {"-certverify crt", "status 0\n"},
+    };
+    run("mkdir dir; cp key.crt crt; $qel -signature key data sig");
+    run("$openssl req -x509 -newkey ec -pkeyopt group:P-256 -nodes -subj /CN=x -keyout eckey -out eccrt");
+    run("$openssl pkey -in key -aes128 -passout pass:secret -out locked");
+    run("$openssl pkey -in key -aes128 -passout pass: -out locked2");
+    // The key of a kind that nobody knows: the last byte of RSA's identifier is another.
+    run("$openssl x509 -in crt -outform der | LC_ALL=C sed 's/\\x0d\\x01\\x01\\x01/\\x0d\\x01\\x01\\x7f/' "
+        ">der");
+    run("(echo -----BEGIN CERTIFICATE-----; base64 der; echo -----END CERTIFICATE-----) >keyless");
+    for (const auto& [arguments, outcome] : cases) {
+        EXPECT_EQ(attempt(std::string("$qel ") + arguments), outcome) << arguments;
+    }
+    EXPECT_EQ(attempt("test -e s"), "status 1\n"); // nothing refused left a signature
+}
+
+TEST_F(CToolsTest, KeyPairIsNotWhatTheStockCommandTakesForOne) {
+    const std::string name = "C=Tarsil,CN=Halyx,O=Dorna,OU=Platforms\n";
+    EXPECT_EQ(run("$openssl x509 -in key.crt -noout -subject -issuer | tr -d ' '"),
+              "subject=" + name + "issuer=" + name);
+    const std::string text = run("$openssl x509 -in key.crt -noout -text");
+    for (const char* part : {"Version: 3 (0x2)", "sha1WithRSAEncryption", "(2048 bit)", "65537 (0x10001)"}) {
+        EXPECT_NE(text.find(part), std::string::npos) << part << text;
+    }
+    run("$openssl pkey -in key -check -noout && $openssl pkey -in key -pubout | cmp - key.pub");
+    run("$openssl x509 -in key.crt -noout -pubkey | cmp - key.pub");
+    run("$openssl verify -auth_level 0 -check_ss_sig -CAfile key.crt key.crt && $qel -check key key.crt");
+}
+
+TEST_F(CToolsTest, StockKeyOfSomeSizeIsRefusedOrMixedUp) {
+    for (const char* bits : {"1024", "1032", "4096"}) {
+        run(std::string("$openssl req -x509 -nodes -subj /CN=x -keyout k -out c -newkey rsa:") + bits);
+        run("$openssl rsa -in k -traditional -out t && $qel -check k c && $qel -check t c");
+        EXPECT_EQ(attempt("$qel -check key c"), "Invalid key pair (key, c)\nstatus 1\n") << bits;
+        EXPECT_EQ(attempt("$qel -check k key.crt"), "Invalid key pair (k, key.crt)\nstatus 1\n") << bits;
+        run("$qel -signature k c s && $qel -signverify c c s && $qel -certverify c");
+        EXPECT_EQ(attempt("$qel -signverify key.crt c s"), "Cannot verify: (c s) \nstatus 1\n") << bits;
+    }
+}
+
+TEST_F(CToolsTest, PrivateKeyIsOpenToOthersOrHalfOfAFileIsLeft) {
+    put("old", "old"); // somebody holds the file open that the key replaces
+    run("chmod 644 old && ln old new && umask 0 && $qel -newkey new && $qel -check new new.crt");
+    EXPECT_EQ(contents("old"), "old");
+    EXPECT_EQ(run("stat -c %a new new.pub new.crt"), "600\n666\n666\n");
+
+    // A private key is longer than a file may become here.
+    EXPECT_EQ(run("mkdir d; trap '' XFSZ; ulimit -f 1; $qel -newkey d/k"), "Cannot write file (d/k)\n");
+    EXPECT_EQ(run("mkdir d/k.crt; $qel -newkey d/k"), "Cannot write file (d/k.crt)\n");
+    EXPECT_EQ(run("mknod d/p p; $qel -newkey d/p"), "Cannot write file (d/p)\n");
+    EXPECT_EQ(run("ls d"), "k.crt\np\n");
+    EXPECT_EQ(attempt("touch s; trap '' XFSZ; ulimit -f 0; $qel -signature key data s; ls s").substr(0, 40),
+              "Cannot write to signature file (s)\nls: c");
+    const std::string longest(244, 'x');
+    EXPECT_EQ(run("$qel -newkey " + longest + "; $qel -check " + longest + " " + longest + ".crt"), "");
+    EXPECT_EQ(run("$qel -newkey " + longest + "x"), "Invalid file name " + longest + "x\n");
+}
+
+TEST_F(CToolsTest, ValidityIsOffByASecondOrByAnEra) {
+    static uint32_t nNow = 0;
+    const SClock clock{[] { return nNow; }, oSystemClock.m_fnTimeOfDay};
+    useClock(clock);
+    const auto verifyAt = [](int64_t seconds) {
+        nNow = static_cast<uint32_t>(seconds);
+        return CCrypto::verifyCert("new.crt");
+    };
+    for (const int64_t begin : {1000000000LL, 2208988800LL, 4294967295LL}) { // 2001, 2040, 2106
+        const int64_t end = begin + 315360000;
+        nNow = static_cast<uint32_t>(begin);
+        EXPECT_EQ(CCrypto::generateRSA("new"), 1);
+        const std::string dates = "b=" + std::to_string(begin) + " e=" + std::to_string(end);
+        EXPECT_EQ(run("$openssl x509 -in new.crt -noout -dates"),
+                  run("export LC_ALL=C " + dates +
+                      " f='%b %e %T %Y GMT'; "
+                      "date -u -d @$b \"+notBefore=$f\"; date -u -d @$e \"+notAfter=$f\""));
+        EXPECT_EQ(verifyAt(begin - 1), 0) << begin;
+        EXPECT_EQ(verifyAt(begin), 1) << begin;
+        EXPECT_EQ(verifyAt(end <= UINT32_MAX ? end - 1 : begin), 1)
+            << begin; // the clock's own end comes first
+        EXPECT_EQ(verifyAt(end <= UINT32_MAX ? end : 0), 0) << begin;
+    }
+    useClock(oSystemClock);
+}
+
+TEST_F(CToolsTest, MalformedTimeIsTakenForOne) {
+    // Both take the place of two of 13 characters. The signature is not looked at.
+    const char* cases[][3] = {
+        {"200101000000Z", "490101000000Z", "status 0\n"},
+        {"209901000000Z", "490101000000Z", "Certificate not yet valid (at)\nstatus 1\n"},
+        {"2001010000Z", "20490101000000Z", "Certificate not yet valid (at)\nstatus 1\n"},
+        {"20200101000000Z", "4901010000Z", "Certificate has expired (at)\nstatus 1\n"}};
+    const auto encoded = [](const std::string& text) {
+        return std::string{text.size() == 15 ? '\x18' : '\x17', static_cast<char>(text.size())} + text;
+    };
+    run("$openssl x509 -in key.crt -outform der -out der");
+    for (const auto& [begin, end, outcome] : cases) {
+        std::string der = contents("der");
+        put("changed", der.replace(der.find("\x17\x0d"), 30, encoded(begin) + encoded(end)));
+        run("(echo -----BEGIN CERTIFICATE-----; base64 changed; echo -----END CERTIFICATE-----) >at");
+        EXPECT_EQ(attempt("$qel -certverify at"), outcome) << begin << " " << end;
+    }
+}
+
+TEST_F(CToolsTest, SignatureOfSomeSizeIsNotTheStockCommands) {
+    for (const size_t size : {0u, 1023u, 1024u, 1025u, 1000000u}) {
+        std::string data(size, '\0');
+        std::generate(data.begin(), data.end(), std::mt19937{20});
+        put("data", data);
+        run("$qel -signature key data ours && $openssl dgst -sha1 -verify key.pub -signature ours data");
+        EXPECT_EQ(
+            run("$openssl dgst -sha1 -sign key -out theirs data && $qel -signverify key.crt data theirs"),
+            "Verify pass: (data theirs) \n");
+        put("data", data + "x");
+        EXPECT_EQ(attempt("$qel -signverify key.crt data ours"), "Cannot verify: (data ours) \nstatus 1\n");
+    }
+}
+
+// A change beside the certificate's key (name, date, its own signature) leaves the one that signed. A changed
+// key is worth nothing. QEL_TEST_CHANGES in the environment: how many random changes, 1000 by default.
+TEST_F(CToolsTest, ChangedSignatureOrKeyIsAccepted) {
+    run("$qel -signature key data s && $openssl dgst -sha256 -sign key -out sha256 data");
+    const std::string good = contents("s");
+    const auto isAccepted = [](const char* certificate, const std::string& signature) {
+        put("changed", signature);
+        return CCrypto::verifySignature(certificate, "data", "changed") == 1;
+    };
+    for (const std::string& bad : {std::string(), good + '\0', '\0' + good, good.substr(1),
+                                   std::string(5000, '\xFF'), contents("sha256")}) {
+        EXPECT_FALSE(isAccepted("key.crt", bad)) << bad.size();
+    }
+    std::mt19937 random(20);
+    const auto changed = [&random](std::string bytes) {
+        char& byte = bytes[random() % bytes.size()];
+        byte = static_cast<char>(byte ^ 1 << random() % 8);
+        return random() % 4 == 0 ? bytes.erase(random() % bytes.size(), 1) : bytes;
+    };
+    const std::string goodCertificate = contents("key.crt");
+    const auto parsed = [](const std::string& text) {
+        const CBioHandle in(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
+        return CCertificateHandle(PEM_read_bio_X509(in.get(), nullptr, nullptr, nullptr));
+    };
+    const CCertificateHandle original = parsed(goodCertificate);
+    const char* changes = std::getenv("QEL_TEST_CHANGES");
+    int refused = 0;
+    for (int round = changes != nullptr ? std::atoi(changes) : 1000; round > 0; --round) {
+        ASSERT_FALSE(isAccepted("key.crt", changed(good))) << round;
+        const std::string text = changed(goodCertificate);
+        put("c", text);
+        const CCertificateHandle now = parsed(text);
+        const bool isSame =
+            now && EVP_PKEY_eq(X509_get0_pubkey(now.get()), X509_get0_pubkey(original.get())) == 1;
+        ASSERT_EQ(isAccepted("c", good), isSame) << round << "\n" << text;
+        refused += now && !isSame ? 1 : 0;
+    }
+    EXPECT_GT(refused, 50); // well-formed, but for another key
+}
+
+} // namespace
