@@ -61,7 +61,8 @@ enum {
 
 /* What a notification is about, seen from what this component holds, whichever message told it. QEL_OVERDUE:
  * the daemon waited too long for the answer about the feature. The result of the callback is ignored and no
- * answer is sent, for none is awaited any more; an enable or a disable that is still due comes again. */
+ * answer is sent, for none is awaited any more; an enable that is still due comes again (a disable does not).
+ */
 enum {
     QEL_ENABLE = 1,  /* take the feature up: code, data */
     QEL_MODIFY = 2,  /* a feature held changes: code, data (held so far), new_data */
@@ -96,8 +97,9 @@ struct qel_notification {
     uint32_t code;
     uint32_t data;
     uint32_t new_data; /* QEL_MODIFY: the data from now on; else 0 */
-    int fetched;       /* 1: a difference found while fetching the list, which the daemon takes as delivered
-                          whatever       the callback answers; 0: the daemon awaits the answer */
+    /* 1: a difference found while fetching the list, which the daemon takes as delivered whatever the
+     * callback answers; 0: the daemon awaits the answer. */
+    int fetched;
 };
 
 /* Called for every change. Returns QEL_OK, QEL_REFUSED or QEL_NO_REPLY, and may write a text for the daemon's
@@ -115,14 +117,13 @@ struct qel_options {
     qel_notify_fn notify; /* null: everything is answered QEL_OK */
     qel_trace_fn trace;   /* null: none */
     void* user;           /* handed to both; the caller's */
-    uint32_t
-        answer_timeout_ms; /* how long an answer from the daemon may take before the client starts over; 0:
-                              the default of 10 seconds, which leaves a daemon time for 64 clients at once */
-    int notify_unchanged;  /* 1: call `notify` also for what the component holds exactly so already (kind
-                              QEL_ENABLE) or was told to drop and does not hold (QEL_DISABLE). The daemon
-                              repeats  itself with every new list; by default that is answered QEL_OK in
-                              silence
-                            */
+    /* How long an answer from the daemon may take before the client starts over; 0: the default of 10
+     * seconds, which leaves a daemon time for 64 clients at once. */
+    uint32_t answer_timeout_ms;
+    /* 1: call `notify` also for what the component holds exactly so already (kind QEL_ENABLE) or was told to
+     * drop and does not hold (QEL_DISABLE). The daemon repeats itself with every new list; by default that is
+     * answered QEL_OK in silence. */
+    int notify_unchanged;
 };
 
 /* Opens the process's endpoint for the component `name`, 1 to QEL_MAX_NAME characters. `options` is copied;

@@ -4,7 +4,7 @@
 
 #include <cstdlib>
 #include <fstream>
-#include <iterator>
+#include <sstream>
 
 namespace {
 
@@ -27,7 +27,9 @@ uint32_t readCode(const char* text) {
 CFeatureNames CFeatureNames::load() {
     const char* path = std::getenv("QEL_DESCRIPTION");
     std::ifstream file(path ? path : QEL_DESCRIPTION_FILE, std::ios::binary);
-    return parse({std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()});
+    std::ostringstream text;
+    text << file.rdbuf(); // nothing, where there is no such file or it cannot be read
+    return parse(text.str());
 }
 
 CFeatureNames CFeatureNames::parse(const std::string& text) {

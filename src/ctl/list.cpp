@@ -97,12 +97,13 @@ int runList(const SListOptions& options) {
         return exitFailed;
     }
     CFeatureNames names = CFeatureNames::load();
-    if (options.m_bJson) {
-        printJson(query.features(), names);
-        return exitOk;
+    options.m_bJson ? printJson(query.features(), names) : printTable(query.features(), names);
+    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
+        complain("the list could not be written to standard output");
+        return exitFailed;
     }
-    printTable(query.features(), names);
-    std::fflush(stdout);
-    printSummary(query.features());
+    if (!options.m_bJson) {
+        printSummary(query.features());
+    }
     return exitOk;
 }

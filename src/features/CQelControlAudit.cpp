@@ -51,7 +51,7 @@ bool repair(CFeatureEntry& entry, CComponent& comp, CCompStatus* record, bool is
     return true;
 }
 
-// As CComponent::pushChange(), but what waits for the answer to a modification, or has answered it, is told
+// As CComponent::pushChange(), but who owes the answer to a modification, or to what came before it, is told
 // of the modification again as far as its sends go.
 bool pushAgain(CFeatureEntry& entry, CComponent& comp, CCompStatus& record) {
     if (entry.m_eStatus != CFeatureEntry::fsModify) {

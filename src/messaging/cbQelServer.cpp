@@ -38,9 +38,12 @@ struct SRequest {
         return readBody<CQelReplyMessage>(m_aBody.data(), m_aBody.size()).m_nStatus;
     }
 
-    // Up to its NUL, however long.
+    // Up to its NUL: whole, though only a short one is stored. But what is no text at all, however many
+    // megabytes a peer sends, must not hold up the loop or fill the log.
     std::string replyText() const {
-        const auto text = m_aBody.subspan(offsetof(CQelReplyMessage, m_szText));
+        constexpr size_t nMaxLogged = 8192;
+        const size_t begin = offsetof(CQelReplyMessage, m_szText);
+        const auto text = m_aBody.subspan(begin, std::min(m_aBody.size() - begin, nMaxLogged));
         return std::string(text.begin(), std::find(text.begin(), text.end(), uint8_t{0}));
     }
 };
