@@ -192,7 +192,7 @@ TEST_F(CToolsTest, MalformedTimeIsTakenForOne) {
 }
 
 TEST_F(CToolsTest, SignatureOfSomeSizeIsNotTheStockCommands) {
-    for (const size_t size : {0u, 1023u, 1024u, 1025u, 1000000u}) {
+    for (const size_t size : {0u, 1u, 1023u, 1024u, 1025u, 2048u, 1000000u}) {
         std::string data(size, '\0');
         std::generate(data.begin(), data.end(), std::mt19937{20});
         put("data", data);
