@@ -3,6 +3,7 @@
 
 #include "client/CQelClient.h"
 
+#include <algorithm>
 #include <climits>
 #include <cstring>
 #include <memory>
@@ -118,9 +119,10 @@ int qel_features(const qel_client* client, qel_pair* pairs, size_t room) {
         return QEL_EINVAL;
     }
     try {
-        for (const SFeature& feature : client->table().list(room)) {
-            *pairs++ = {feature.m_nCode, feature.m_nData};
-        }
+        const auto features = client->table().list(room);
+        std::transform(features.begin(), features.end(), pairs, [](const SFeature& feature) {
+            return qel_pair{feature.m_nCode, feature.m_nData};
+        });
     } catch (const std::bad_alloc&) {
         return QEL_ENOMEM;
     }

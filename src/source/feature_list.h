@@ -31,8 +31,9 @@ struct SFeatureList {
     std::vector<SListError> m_vErrors;       // all there are, by line
 };
 
-inline constexpr size_t nMaxListFileSize = 32 * 1024 * 1024; // bytes; 100,000 features take about 8 MB
-inline constexpr size_t nMaxComponents = 256;                // names of one feature
+inline constexpr size_t nMaxListFileSize =
+    size_t{32} * 1024 * 1024;                 // bytes; 100,000 features take about 8 MB
+inline constexpr size_t nMaxComponents = 256; // names of one feature
 
 // Reads the whole file, then checks it. A file that changes while it is read is read again; for that, and for
 // nothing else, it may wait: a tenth of a second at most. Any thread.
