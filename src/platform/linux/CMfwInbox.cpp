@@ -2,10 +2,10 @@
 
 namespace {
 
-constexpr size_t MAX_MESSAGES = 64;       // of one sender
-constexpr size_t MAX_OWN_MESSAGES = 1024; // of this process itself
-constexpr size_t MAX_BYTES = 1024 * 1024; // of one sender's bodies
-constexpr size_t MAX_ALL_BYTES = 32 * 1024 * 1024;
+constexpr size_t MAX_MESSAGES = 64;               // of one sender
+constexpr size_t MAX_OWN_MESSAGES = 1024;         // of this process itself
+constexpr size_t MAX_BYTES = size_t{1024} * 1024; // of one sender's bodies
+constexpr size_t MAX_ALL_BYTES = size_t{32} * 1024 * 1024;
 
 } // namespace
 
