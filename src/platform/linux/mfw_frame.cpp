@@ -15,10 +15,11 @@ namespace {
 constexpr int SEALS = F_SEAL_SEAL | F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE;
 constexpr size_t FRAMEWORK_BYTES = 20; // of a record, before the sender's handle
 
-// Room for the one descriptor that a frame may carry, and for some more, so that they are seen and closed.
+// A frame carries one descriptor at most. There is room for as many as a packet can have (unix(7):
+// SCM_MAX_FD), so that what is too many is seen and closed: an emulator would keep what we have no room for.
 union UControl {
     cmsghdr m_oAligned;
-    char m_aBytes[CMSG_SPACE(4 * sizeof(int))];
+    char m_aBytes[CMSG_SPACE(253 * sizeof(int))];
 };
 
 int writeWhole(int fd, const uint8_t* data, size_t size) {
@@ -135,7 +136,7 @@ int CMfwOutgoingFrame::send(int socket) const {
 
 EMfwReceived CMfwFrameReader::receive(int socket, SMfwMessage& message) {
     iovec part{m_oPacket.data(), m_oPacket.size()};
-    UControl control{};
+    UControl control;
     msghdr packet{};
     packet.msg_iov = &part;
     packet.msg_iovlen = 1;
