@@ -1,0 +1,35 @@
+# The libraries that several directories link.
+find_package(Threads REQUIRED)
+find_package(PkgConfig REQUIRED)
+
+if(NOT CMAKE_CROSSCOMPILING)
+  find_package(fmt REQUIRED)
+  find_package(toml11 REQUIRED)
+  find_package(CLI11 REQUIRED)
+  find_package(nlohmann_json REQUIRED)
+  find_package(OpenSSL 3.0 REQUIRED COMPONENTS Crypto)
+  if(QEL_TESTS)
+    find_package(GTest REQUIRED)
+  endif()
+  return()
+endif()
+
+# A cross build takes the header-only libraries (fmt is one of them on request) from the host: through links, since the
+# host's include directory would bring its C library's headers along.
+set(headers ${CMAKE_BINARY_DIR}/host-headers)
+file(MAKE_DIRECTORY ${headers})
+foreach(entry fmt toml toml.hpp CLI nlohmann)
+  file(CREATE_LINK /usr/include/${entry} ${headers}/${entry} SYMBOLIC)
+endforeach()
+foreach(library fmt::fmt toml11::toml11 CLI11::CLI11 nlohmann_json::nlohmann_json)
+  add_library(${library} INTERFACE IMPORTED)
+  target_include_directories(${library} INTERFACE ${headers})
+endforeach()
+target_compile_definitions(fmt::fmt INTERFACE FMT_HEADER_ONLY=1)
+
+set(OPENSSL_ROOT_DIR ${QEL_CROSS_DEPENDENCIES})
+set(OPENSSL_USE_STATIC_LIBS TRUE)
+find_package(OpenSSL 3.0 REQUIRED COMPONENTS Crypto)
+if(QEL_TESTS)
+  add_subdirectory(/usr/src/googletest ${CMAKE_BINARY_DIR}/googletest EXCLUDE_FROM_ALL)
+endif()
