@@ -2,7 +2,6 @@
 #ifndef QEL_FEATURES_CCOMPSTATUS_H
 #define QEL_FEATURES_CCOMPSTATUS_H
 
-#include <array>
 #include <cstdint>
 
 class CComponent;
@@ -10,10 +9,13 @@ class CComponent;
 // A plain record, created and deleted by the feature entry that it belongs to. Only CFeatureEntry continues a
 // phase; the sweeps of the control and of the component start one by writing the waiting state with a fresh
 // stamp.
+//
+// There is one for every feature at every component, and every pass reads them all: it is kept small, 16 bytes
+// with 64-bit pointers.
 struct CCompStatus {
     // Idle, then three phases of four states each: waiting, success, failure, timed out. In the waiting
     // states (1, 5 and 9), and only there, a reply can be overdue.
-    enum ECStatus : int32_t {
+    enum ECStatus : int8_t {
         csIdle = 0,            // taken into delivery; nothing sent yet
         csEnabling = 1,        // feature sent; waiting for the reply
         csEnabled = 2,         // accepted
@@ -32,9 +34,9 @@ struct CCompStatus {
     CComponent* m_pComponent = nullptr; // whose record it is; not owned
     uint32_t m_tStamp = 0;              // seconds since the epoch: last change of state, or last send
     ECStatus m_eStatus = csIdle;
-    uint32_t m_nEnableTries = 0; // sends in the current cycle of each phase
-    uint32_t m_nDisableTries = 0;
-    uint32_t m_nModifyTries = 0;
+    uint8_t m_nEnableTries = 0; // sends in the current cycle of each phase: one more than allowed at most
+    uint8_t m_nDisableTries = 0;
+    uint8_t m_nModifyTries = 0;
 };
 
 #endif

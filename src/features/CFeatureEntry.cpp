@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <new>
 
 using enum CCompStatus::ECStatus;
 
@@ -40,16 +39,25 @@ int CFeatureEntry::findCompName(const char* name) const {
                        [name](const char* own) { return own != nullptr && std::strcmp(own, name) == 0; });
 }
 
+// A component's walk through its features finds it in the same slot of nearly every one, wherever that is:
+// the slot of the latest find is tried first.
 CCompStatus* CFeatureEntry::findCompByPtr(const CComponent* comp) const {
+    static constinit size_t nLatest = 0;
     if (comp == nullptr) {
         return nullptr;
     }
-    for (CCompStatus* record : m_vCompStatus) {
-        if (record != nullptr && record->m_pComponent == comp) {
-            return record;
-        }
+    const auto isRecord = [comp](const CCompStatus* record) {
+        return record != nullptr && record->m_pComponent == comp;
+    };
+    if (nLatest < m_vCompStatus.size() && isRecord(m_vCompStatus[nLatest])) {
+        return m_vCompStatus[nLatest];
     }
-    return nullptr;
+    const auto found = std::find_if(m_vCompStatus.begin(), m_vCompStatus.end(), isRecord);
+    if (found == m_vCompStatus.end()) {
+        return nullptr;
+    }
+    nLatest = static_cast<size_t>(found - m_vCompStatus.begin());
+    return *found;
 }
 
 int CFeatureEntry::addComponent(EOperator op, CComponent* comp) {
@@ -112,7 +120,7 @@ int CFeatureEntry::add(CComponent* comp) {
         auto first = std::find(m_vCompStatus.begin(), m_vCompStatus.end(), record);
         m_vCompStatus.erase(std::remove(first + 1, m_vCompStatus.end(), record), m_vCompStatus.end());
     } else {
-        record = new (std::nothrow) CCompStatus;
+        record = makeRecord();
     }
     if (record == nullptr) {
         logEvent(svError, 31124, "failed to new obj");
@@ -125,6 +133,14 @@ int CFeatureEntry::add(CComponent* comp) {
     return 1;
 }
 
+// A feature mostly comes to hold one record for each of its names.
+CCompStatus* CFeatureEntry::makeRecord() {
+    if (m_vCompStatus.capacity() == 0) {
+        m_vCompStatus.reserve(m_vCompNames.size());
+    }
+    return m_oRecords.make(m_vCompNames.size());
+}
+
 int CFeatureEntry::notify(CCompStatus& record) {
     const SState* state = stateOf(record.m_eStatus);
     if (state != nullptr && state->isSettled()) {
@@ -132,7 +148,7 @@ int CFeatureEntry::notify(CCompStatus& record) {
     }
     const SPhase& phase = state != nullptr ? state->phase() : enablePhase();
     const char* name = record.m_pComponent->m_szName;
-    uint32_t& tries = record.*phase.m_pTries;
+    uint8_t& tries = record.*phase.m_pTries;
     if (++tries > nMaxTries) {
         tries = 0;
         record.m_eStatus = phase.m_eFailure;
@@ -189,7 +205,7 @@ void CFeatureEntry::commitNewData() {
 int CFeatureEntry::remove(CCompStatus& record) {
     logEvent(svInfo, 31135, "feature: remove comp %s (%d)", record.m_pComponent->m_szName, record.m_eStatus);
     std::erase(m_vCompStatus, &record);
-    delete &record;
+    m_oRecords.drop(&record);
     return 1;
 }
 
@@ -274,7 +290,7 @@ void CFeatureEntry::deleteRecords() {
     std::sort(m_vCompStatus.begin(), m_vCompStatus.end());
     m_vCompStatus.erase(std::unique(m_vCompStatus.begin(), m_vCompStatus.end()), m_vCompStatus.end());
     for (CCompStatus* record : m_vCompStatus) {
-        delete record;
+        m_oRecords.drop(record);
     }
     m_vCompStatus.clear();
 }

@@ -5,6 +5,7 @@
 #include "base/CMediator.h"
 #include "base/CString.h"
 #include "features/CCompStatus.h"
+#include "features/CRecordPool.h"
 
 #include <cstdint>
 #include <string_view>
@@ -55,7 +56,7 @@ public:
     };
 
     // The feature's own state between merge and settlement.
-    enum EFStatus : int32_t {
+    enum EFStatus : int8_t {
         fsNewAdd = 0,  // new, or withdrawn and taken into use again
         fsModify = 1,  // its data changes
         fsActive = 2,  // delivered and settled
@@ -114,18 +115,20 @@ public:
     // signed 32-bit range it wraps, so that 4294967295 reads as -1.
     static int doC2N(const char* text);
 
+    // What every pass over the table reads stands first, within one cache line or two.
     EFStatus m_eStatus = fsNewAdd;
+    uint8_t m_bSourced = 0; // 1: the source keeps this entry from list to list
     uint32_t m_nCode = 0;
     uint32_t m_nData = 0;
-    CString m_sName;
     uint32_t m_nNewData = 0;                 // waits to take effect at the end of a modification; 0: none
-    std::vector<const char*> m_vCompNames;   // not owned
     std::vector<CCompStatus*> m_vCompStatus; // owned; in the order in which components were taken in
+    std::vector<const char*> m_vCompNames;   // not owned
     int32_t m_nTimeoutIndex = 0;             // slot of the overdue record returned last
-    uint8_t m_bSourced = 0;                  // 1: the source keeps this entry from list to list
+    CString m_sName;
 
 private:
     int add(CComponent* comp);
+    CCompStatus* makeRecord();
     int reply(CCompStatus& record);
     int remove(CCompStatus& record);
     int confirm(CCompStatus& record);
@@ -133,6 +136,8 @@ private:
     void endModification();
     void deleteRecords();
     CCompStatus* findTimeout(size_t from);
+
+    CRecordPool m_oRecords; // of m_vCompStatus; a record there may also come from elsewhere, made by `new`
 };
 
 #endif

@@ -14,7 +14,7 @@ struct SPhase {
     CCompStatus::ECStatus m_eSuccess;
     CCompStatus::ECStatus m_eFailure;
     CCompStatus::ECStatus m_eOverdue; // where a reply that is overdue leaves the record
-    uint32_t CCompStatus::*m_pTries;  // counts the sends of the phase
+    uint8_t CCompStatus::*m_pTries;   // counts the sends of the phase
     const char* m_szGivenUp;          // log word: three sends, no reply
     uint32_t m_nOkEvent;              // log event and words of a reply
     const char* m_szOk;
