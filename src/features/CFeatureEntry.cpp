@@ -1,6 +1,8 @@
 #include "features/CFeatureEntry.h"
 
+#include "base/CSlotPool.h"
 #include "base/clock.h"
+#include "base/sanitizer.h"
 #include "features/CComponent.h"
 #include "features/description.h"
 #include "features/phases.h"
@@ -10,6 +12,29 @@
 #include <cstring>
 
 using enum CCompStatus::ECStatus;
+
+namespace {
+
+constinit CSlotPool oEntryPool(sizeof(CFeatureEntry));
+
+// AddressSanitizer sees the use of a deleted entry where the memory is the heap's.
+constexpr bool isPooled(size_t size) {
+    return size == sizeof(CFeatureEntry) && !bAddressSanitizer;
+}
+
+} // namespace
+
+void* CFeatureEntry::operator new(size_t size) {
+    return isPooled(size) ? oEntryPool.take() : ::operator new(size);
+}
+
+void CFeatureEntry::operator delete(void* memory, size_t size) {
+    if (isPooled(size)) {
+        oEntryPool.give(memory);
+    } else {
+        ::operator delete(memory);
+    }
+}
 
 CFeatureEntry::CFeatureEntry(CMediator* mediator) : CParty(mediator) {
     static const bool bRunOnce = descriptionPath() != nullptr; // the environment is read before it can change

@@ -72,6 +72,10 @@ public:
     explicit CFeatureEntry(CMediator* mediator);
     ~CFeatureEntry() override;
 
+    // Entries that are made one after the other lie one after the other; see CSlotPool. From any thread.
+    static void* operator new(size_t size);
+    static void operator delete(void* memory, size_t size);
+
     // Appends the pointer; the string is the caller's and must outlive its use here.
     void addCompName(const char* name);
     // 1 if the feature concerns the component called `name`: one of the names added, exactly, or one of the

@@ -1,26 +1,12 @@
 #include "features/CRecordPool.h"
 
+#include "base/sanitizer.h"
+
 #include <algorithm>
 #include <cstdint>
 #include <functional>
 #include <new>
 #include <type_traits>
-
-// With AddressSanitizer, what is not in use is poisoned: the use of a dropped record is found as that of a
-// deleted one would be.
-#if defined(__SANITIZE_ADDRESS__)
-#define QEL_POISONS
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define QEL_POISONS
-#endif
-#endif
-#ifdef QEL_POISONS
-#include <sanitizer/asan_interface.h>
-#else
-#define ASAN_POISON_MEMORY_REGION(address, size) static_cast<void>(0)
-#define ASAN_UNPOISON_MEMORY_REGION(address, size) static_cast<void>(0)
-#endif
 
 static_assert(std::is_trivially_destructible_v<CCompStatus>);
 

@@ -9,6 +9,7 @@
 // A pass reads all records of one feature after those of the other, but components announce themselves one by
 // one: taken from the heap each, the records of a feature would be as far apart as the table is large. Here
 // they come from a few blocks. A record keeps its address until it is dropped; what was dropped is reused.
+// With AddressSanitizer what is not in use is poisoned.
 class CRecordPool {
 public:
     CRecordPool() = default;
