@@ -7,6 +7,7 @@
 #include "base/CMediator.h"
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 
 class CComponent;
@@ -41,6 +42,9 @@ public:
     // Bytes of the packed list, and the list itself. 0 if there is no buffer.
     virtual int getPackSize();
     virtual int packFeatures(char* buffer);
+    // The same without a walk for the size before: room that is enough in any case, and the bytes packed.
+    size_t packRoom() const;
+    size_t packInto(char* buffer) const;
 
     void addComponent(CComponent* comp);
     // Removes the component from the table, and its records from every feature; does not delete it.

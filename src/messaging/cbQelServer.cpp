@@ -208,9 +208,41 @@ constexpr SRow aReplies[] = {
 
 constexpr int nErrorNoMessage = 31;
 
+// The framework record of the answer. It is kept: the list may be megabytes long, and OAM asks for it again
+// and again. Main loop's thread only.
+class CListRecord {
+public:
+    // Throws std::bad_alloc where memory is exhausted.
+    uint8_t* body(size_t room) {
+        const size_t size = std::max(sizeof(sOvuMfwMessage), OVU_MFW_DATA_OFFSET + room);
+        if (m_vBytes.size() < size) {
+            m_vBytes = {}; // what an earlier answer held is not copied
+            m_vBytes.resize(size);
+        }
+        return m_vBytes.data() + OVU_MFW_DATA_OFFSET;
+    }
+
+    // As a short record of fresh memory would be: zero behind the body.
+    sOvuMfwMessage* message(size_t length) {
+        const size_t end = OVU_MFW_DATA_OFFSET + length;
+        if (end < sizeof(sOvuMfwMessage)) {
+            std::memset(m_vBytes.data() + end, 0, sizeof(sOvuMfwMessage) - end);
+        }
+        return reinterpret_cast<sOvuMfwMessage*>(m_vBytes.data());
+    }
+
+private:
+    std::vector<uint8_t> m_vBytes;
+};
+
 // The header's length word stays 0, although the body is longer.
-int sendFeatureList(const CQelMessageHeader& request, const std::vector<char>& packed) {
-    if (packed.empty()) {
+int sendFeatureList(const CQelControl& control, const CQelMessageHeader& request) {
+    static CListRecord oRecord;
+    const CQelMessageHeader header{0, 0, nQelOAMActiveFeatureMsgType, 0, request.m_nTag, 0};
+    uint8_t* body = oRecord.body(sizeof header + control.packRoom());
+    std::memcpy(body, &header, sizeof header);
+    const size_t packed = control.packInto(reinterpret_cast<char*>(body + sizeof header));
+    if (packed == 0) {
         logEvent(svError, 31071, "sendMessage empty message");
         return nErrorNoMessage;
     }
@@ -219,11 +251,9 @@ int sendFeatureList(const CQelMessageHeader& request, const std::vector<char>& p
         logEvent(svError, 31122, "cannot get message framework");
         return nErrorNoEndpoint;
     }
-    const CQelMessageHeader header{0, 0, nQelOAMActiveFeatureMsgType, 0, request.m_nTag, 0};
-    std::vector<char> body(sizeof header + packed.size());
-    std::memcpy(body.data(), &header, sizeof header);
-    std::copy(packed.begin(), packed.end(), body.begin() + sizeof header);
-    const int error = endpoint->sendBody(request.m_nHandle, body.data(), static_cast<uint32_t>(body.size()));
+    const size_t length = sizeof header + packed;
+    const int error = endpoint->sendMessage(request.m_nHandle, nQelServerMfwMsgId, oRecord.message(length),
+                                            static_cast<uint32_t>(length));
     if (error != 0) {
         logEvent(svError, 31073, "failed to send message");
     }
@@ -232,9 +262,7 @@ int sendFeatureList(const CQelMessageHeader& request, const std::vector<char>& p
 
 void answerOAM(CQelControl& control, const CQelMessageHeader& request) try {
     logEvent(svInfo, 31036, "cbQelServer recv OAMActiveFeature.");
-    std::vector<char> packed(static_cast<size_t>(control.getPackSize()));
-    control.packFeatures(packed.data());
-    sendFeatureList(request, packed);
+    sendFeatureList(control, request);
 } catch (const std::bad_alloc&) {
     logEvent(svError, 31124, "failed to new obj");
     logEvent(svWarning, 31037, "OAMFeautreList packing error.");
