@@ -4,6 +4,8 @@
 #include "features/CQelControl.h"
 #include "server/log.h"
 
+#include <algorithm>
+
 namespace {
 
 constexpr uint32_t nMergeEvent = 31115;
@@ -19,6 +21,17 @@ CChainIndex::SKey codeOf(const CFeatureEntry& entry) {
     return {entry.m_nCode, 0};
 }
 
+template <typename KeyOf>
+CChainIndex indexed(const CArray<CFeatureEntry*>& entries, KeyOf keyOf, size_t keys) {
+    CChainIndex index(keys);
+    for (size_t i = 0; i < entries.m_vItems.size(); ++i) {
+        if (const CFeatureEntry* entry = entries.m_vItems[i]) {
+            index.append(keyOf(*entry), i);
+        }
+    }
+    return index;
+}
+
 } // namespace
 
 int CQelControl::addFeatureList(CArray<CFeatureEntry*>& list) {
@@ -26,20 +39,22 @@ int CQelControl::addFeatureList(CArray<CFeatureEntry*>& list) {
 }
 
 CFeatureMerge::CFeatureMerge(CArray<CFeatureEntry*>& table, CArray<CFeatureEntry*>& list)
-    : m_aTable(table), m_aList(list), m_oTableByPair(table.m_vItems.size() + list.m_vItems.size()),
-      m_oTableByCode(table.m_vItems.size() + list.m_vItems.size()), m_oListByPair(list.m_vItems.size()),
-      m_oListByCode(list.m_vItems.size()) {
-    for (size_t i = 0; i < m_aTable.m_vItems.size(); ++i) {
-        if (const CFeatureEntry* entry = m_aTable.m_vItems[i]) {
-            m_oTableByPair.append(pairOf(*entry), i);
-        }
+    : m_aTable(table), m_aList(list), m_nKeys(std::max(table.m_vItems.size(), list.m_vItems.size())),
+      m_oTableByPair(indexed(table, pairOf, m_nKeys)),
+      m_oListByPair(indexed(list, pairOf, list.m_vItems.size())), m_vIsIdle(table.m_vItems.size()) {}
+
+CChainIndex& CFeatureMerge::tableByCode() {
+    if (!m_oTableByCode) {
+        m_oTableByCode = indexed(m_aTable, codeOf, m_nKeys);
     }
-    for (size_t i = 0; i < m_aList.m_vItems.size(); ++i) {
-        if (const CFeatureEntry* fresh = m_aList.m_vItems[i]) {
-            m_oListByPair.append(pairOf(*fresh), i);
-            m_oListByCode.append(codeOf(*fresh), i);
-        }
+    return *m_oTableByCode;
+}
+
+CChainIndex& CFeatureMerge::listByCode() {
+    if (!m_oListByCode) {
+        m_oListByCode = indexed(m_aList, codeOf, m_aList.m_vItems.size());
     }
+    return *m_oListByCode;
 }
 
 CFeatureMerge::EResult CFeatureMerge::run() {
@@ -53,12 +68,14 @@ CFeatureMerge::EResult CFeatureMerge::run() {
 // it, to be brought back below and pushed to its components again. Only entries that the source keeps are
 // left alone.
 void CFeatureMerge::withdrawGone() {
-    for (CFeatureEntry* entry : m_aTable.m_vItems) {
+    for (size_t i = 0; i < m_aTable.m_vItems.size(); ++i) {
+        CFeatureEntry* entry = m_aTable.m_vItems[i];
         if (entry == nullptr || (isMatched(*entry) && entry->m_bSourced == 1)) {
             continue;
         }
         entry->m_eStatus = CFeatureEntry::fsDeleted;
         entry->setCompStatus(CCompStatus::csIdle);
+        m_vIsIdle[i] = true;
         logEvent(svInfo, nMergeEvent, "deleted feature %d %d", entry->m_nCode, entry->m_nData);
         m_eResult = rsWithdrawn;
     }
@@ -67,13 +84,13 @@ void CFeatureMerge::withdrawGone() {
 // By code and data; else by code alone, and then the list's entry is claimed, so that no second entry of the
 // table with that code can have it. A claim shows as fsModify.
 bool CFeatureMerge::isMatched(const CFeatureEntry& entry) {
-    if (m_oListByPair.first(pairOf(entry)) != m_oListByPair.nNone) {
+    if (m_oListByPair.first(pairOf(entry)) != CChainIndex::nNone) {
         return true;
     }
-    const uint32_t claimed = m_oListByCode.firstThat(codeOf(entry), [this](uint32_t position) {
+    const uint32_t claimed = listByCode().firstThat(codeOf(entry), [this](uint32_t position) {
         return m_aList.m_vItems[position]->m_eStatus != CFeatureEntry::fsModify;
     });
-    if (claimed == m_oListByCode.nNone) {
+    if (claimed == CChainIndex::nNone) {
         return false;
     }
     m_aList.m_vItems[claimed]->m_eStatus = CFeatureEntry::fsModify;
@@ -82,22 +99,20 @@ bool CFeatureMerge::isMatched(const CFeatureEntry& entry) {
 
 void CFeatureMerge::markExisting() {
     for (const CFeatureEntry* fresh : m_aList.m_vItems) {
-        CFeatureEntry* entry = fresh != nullptr ? findByCodeData(*fresh) : nullptr;
-        if (entry != nullptr && entry->m_eStatus != CFeatureEntry::fsDeleted) {
-            entry->m_eStatus = CFeatureEntry::fsExisting;
-            logEvent(svInfo, nMergeEvent, "existing feature %d %d", entry->m_nCode, entry->m_nData);
+        const uint32_t position = fresh != nullptr ? findByCodeData(*fresh) : CChainIndex::nNone;
+        if (position == CChainIndex::nNone) {
+            continue;
         }
-    }
-    for (size_t i = 0; i < m_aTable.m_vItems.size(); ++i) {
-        if (const CFeatureEntry* entry = m_aTable.m_vItems[i]) {
-            m_oTableByCode.append(codeOf(*entry), i);
+        CFeatureEntry& entry = *m_aTable.m_vItems[position];
+        if (entry.m_eStatus != CFeatureEntry::fsDeleted) {
+            entry.m_eStatus = CFeatureEntry::fsExisting;
+            logEvent(svInfo, nMergeEvent, "existing feature %d %d", entry.m_nCode, entry.m_nData);
         }
     }
 }
 
-CFeatureEntry* CFeatureMerge::findByCodeData(const CFeatureEntry& fresh) const {
-    const uint32_t position = m_oTableByPair.first(pairOf(fresh));
-    return position != m_oTableByPair.nNone ? m_aTable.m_vItems[position] : nullptr;
+uint32_t CFeatureMerge::findByCodeData(const CFeatureEntry& fresh) const {
+    return m_oTableByPair.first(pairOf(fresh));
 }
 
 void CFeatureMerge::bringIn() {
@@ -110,18 +125,19 @@ void CFeatureMerge::bringIn() {
 
 // False: the feature is in force unchanged, and the fresh entry stays the caller's.
 bool CFeatureMerge::take(CFeatureEntry* fresh) {
-    if (CFeatureEntry* entry = findByCodeData(*fresh)) {
-        if (entry->m_eStatus != CFeatureEntry::fsDeleted) {
+    uint32_t position = findByCodeData(*fresh);
+    if (position != CChainIndex::nNone) {
+        if (m_aTable.m_vItems[position]->m_eStatus != CFeatureEntry::fsDeleted) {
             return false;
         }
-        reuse(*entry);
+        reuse(position);
         delete fresh;
         return true;
     }
-    const uint32_t position = m_oTableByCode.firstThat(codeOf(*fresh), [this](uint32_t at) {
+    position = tableByCode().firstThat(codeOf(*fresh), [this](uint32_t at) {
         return m_aTable.m_vItems[at]->m_eStatus != CFeatureEntry::fsExisting;
     });
-    if (position == m_oTableByCode.nNone) {
+    if (position == CChainIndex::nNone) {
         adopt(fresh);
         return true;
     }
@@ -136,10 +152,18 @@ bool CFeatureMerge::take(CFeatureEntry* fresh) {
     return true;
 }
 
-void CFeatureMerge::reuse(CFeatureEntry& entry) {
+void CFeatureMerge::reuse(uint32_t position) {
+    CFeatureEntry& entry = *m_aTable.m_vItems[position];
     entry.m_eStatus = CFeatureEntry::fsNewAdd;
-    entry.setCompStatus(CCompStatus::csIdle);
+    setIdle(entry, position);
     logEvent(svInfo, nMergeEvent, "reuse newadd feature %d %d %s", entry.m_nCode, entry.m_nData, "");
+}
+
+// Not again for what this merge has withdrawn: most of its time goes into writing to the records.
+void CFeatureMerge::setIdle(CFeatureEntry& entry, uint32_t position) const {
+    if (position >= m_vIsIdle.size() || !m_vIsIdle[position]) {
+        entry.setCompStatus(CCompStatus::csIdle);
+    }
 }
 
 void CFeatureMerge::modify(CFeatureEntry& entry, uint32_t position, const CFeatureEntry& fresh) {
@@ -160,7 +184,7 @@ void CFeatureMerge::modify(CFeatureEntry& entry, uint32_t position, const CFeatu
 
 void CFeatureMerge::reuseDisabled(CFeatureEntry& entry, uint32_t position, const CFeatureEntry& fresh) {
     entry.m_eStatus = CFeatureEntry::fsNewAdd;
-    entry.setCompStatus(CCompStatus::csIdle);
+    setIdle(entry, position);
     setData(entry, position, fresh.m_nData);
     logEvent(svInfo, nMergeEvent, "newadd feature (disable reuse) %d %d", fresh.m_nCode, fresh.m_nData);
 }
@@ -171,7 +195,9 @@ void CFeatureMerge::adopt(CFeatureEntry* fresh) {
     const size_t position = m_aTable.m_vItems.size();
     m_aTable.m_vItems.push_back(fresh);
     m_oTableByPair.append(pairOf(*fresh), position);
-    m_oTableByCode.append(codeOf(*fresh), position);
+    if (m_oTableByCode) {
+        m_oTableByCode->append(codeOf(*fresh), position);
+    }
     logEvent(svInfo, nMergeEvent, "newadd feature %d %d", fresh->m_nCode, fresh->m_nData);
     testReboot(fresh->m_nCode, fresh->m_nData);
 }

@@ -6,6 +6,8 @@
 #include "features/CChainIndex.h"
 
 #include <cstdint>
+#include <optional>
+#include <vector>
 
 class CFeatureEntry;
 
@@ -35,9 +37,12 @@ private:
     void bringIn();
 
     bool isMatched(const CFeatureEntry& entry);
-    CFeatureEntry* findByCodeData(const CFeatureEntry& fresh) const;
+    uint32_t findByCodeData(const CFeatureEntry& fresh) const; // a position in the table
+    CChainIndex& tableByCode();
+    CChainIndex& listByCode();
     bool take(CFeatureEntry* fresh);
-    void reuse(CFeatureEntry& entry);
+    void reuse(uint32_t position);
+    void setIdle(CFeatureEntry& entry, uint32_t position) const;
     void modify(CFeatureEntry& entry, uint32_t position, const CFeatureEntry& fresh);
     void reuseDisabled(CFeatureEntry& entry, uint32_t position, const CFeatureEntry& fresh);
     void adopt(CFeatureEntry* fresh);
@@ -47,10 +52,13 @@ private:
     CArray<CFeatureEntry*>& m_aTable;
     CArray<CFeatureEntry*>& m_aList;
     EResult m_eResult = rsNothing;
+    const size_t m_nKeys;       // about as many as the table will have
     CChainIndex m_oTableByPair; // every entry
-    CChainIndex m_oTableByCode; // entries that are not existing; built after those are marked
     CChainIndex m_oListByPair;
-    CChainIndex m_oListByCode; // less those claimed
+    // Made when first needed: a list that changes little needs none of them.
+    std::optional<CChainIndex> m_oTableByCode; // less those found existing
+    std::optional<CChainIndex> m_oListByCode;  // less those claimed
+    std::vector<bool> m_vIsIdle; // by position in the table: the records of the entry were set idle
 };
 
 #endif
