@@ -10,8 +10,8 @@ class CComponent;
 // phase; the sweeps of the control and of the component start one by writing the waiting state with a fresh
 // stamp.
 //
-// There is one for every feature at every component, and every pass reads them all: it is kept small, 16 bytes
-// with 64-bit pointers.
+// There is one for every feature at every component, and every pass reads them all: it is kept small, 16
+// bytes with 64-bit pointers.
 struct CCompStatus {
     // Idle, then three phases of four states each: waiting, success, failure, timed out. In the waiting
     // states (1, 5 and 9), and only there, a reply can be overdue.

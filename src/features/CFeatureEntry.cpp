@@ -2,6 +2,7 @@
 
 #include "base/CSlotPool.h"
 #include "base/clock.h"
+#include "base/prefetch.h"
 #include "base/sanitizer.h"
 #include "features/CComponent.h"
 #include "features/description.h"
@@ -265,6 +266,11 @@ int CFeatureEntry::setCompStatus(CCompStatus::ECStatus status) {
         }
     }
     return changed;
+}
+
+void CFeatureEntry::prefetchRecords() const {
+    prefetch(m_vCompStatus.data(), m_vCompStatus.size() * sizeof(CCompStatus*));
+    m_oRecords.prefetchAll();
 }
 
 CCompStatus* CFeatureEntry::findFirstTimeout() {

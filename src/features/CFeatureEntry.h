@@ -96,6 +96,9 @@ public:
     // Sets every record's state, and nothing else of it. 1 if there was a record.
     int setCompStatus(CCompStatus::ECStatus status);
 
+    // Has the processor fetch the records, and where they stand, before they are used.
+    void prefetchRecords() const;
+
     // Walk over the overdue records; do not remove records during it. At the end: null, and the walk is
     // reset.
     CCompStatus* findFirstTimeout();

@@ -1,5 +1,6 @@
 #include "features/CRecordPool.h"
 
+#include "base/prefetch.h"
 #include "base/sanitizer.h"
 
 #include <algorithm>
@@ -71,6 +72,12 @@ void CRecordPool::drop(CCompStatus* record) {
     slot->m_pNextFree = m_pNewest->m_pFree;
     m_pNewest->m_pFree = slot;
     ASAN_POISON_MEMORY_REGION(slot, sizeof *slot);
+}
+
+void CRecordPool::prefetchAll() const {
+    for (SBlock* block = m_pNewest; block != nullptr; block = block->m_pOlder) {
+        prefetch(block->slots(), block->m_nTaken * sizeof(USlot));
+    }
 }
 
 // Null for a record that is not the pool's.

@@ -22,6 +22,8 @@ public:
     CCompStatus* make(size_t expected);
     // The record must not be used again. One that was made by `new` is deleted.
     void drop(CCompStatus* record);
+    // Has the processor fetch the records, which are about to be used.
+    void prefetchAll() const;
 
 private:
     struct SBlock;
