@@ -66,11 +66,14 @@ int CFeatureEntry::findCompName(const char* name) const {
 }
 
 // A component's walk through its features finds it in the same slot of nearly every one, wherever that is:
-// the slot of the latest find is tried first.
+// the slot of the latest find is tried first, in the pool and in the sequence.
 CCompStatus* CFeatureEntry::findCompByPtr(const CComponent* comp) const {
     static constinit size_t nLatest = 0;
     if (comp == nullptr) {
         return nullptr;
+    }
+    if (CCompStatus* record = m_oRecords.recordAt(nLatest, comp)) {
+        return record;
     }
     const auto isRecord = [comp](const CCompStatus* record) {
         return record != nullptr && record->m_pComponent == comp;
@@ -154,8 +157,8 @@ int CFeatureEntry::add(CComponent* comp) {
     }
     logEvent(svInfo, 31125, "adding new compstatus %s %d at feature %d %d", comp->m_szName, record->m_eStatus,
              m_nCode, m_nData);
-    *record = CCompStatus{comp, nowSeconds(), m_eStatus == fsDeleted ? csDisabled : csIdle, 0, 0, 0};
     m_vCompStatus.push_back(record);
+    *record = CCompStatus{comp, nowSeconds(), m_eStatus == fsDeleted ? csDisabled : csIdle, 0, 0, 0};
     return 1;
 }
 

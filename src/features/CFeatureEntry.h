@@ -127,10 +127,16 @@ public:
     uint8_t m_bSourced = 0; // 1: the source keeps this entry from list to list
     uint32_t m_nCode = 0;
     uint32_t m_nData = 0;
-    uint32_t m_nNewData = 0;                 // waits to take effect at the end of a modification; 0: none
+    uint32_t m_nNewData = 0; // waits to take effect at the end of a modification; 0: none
+
+private:
+    // Of m_vCompStatus; a record there may also come from elsewhere, made by `new`.
+    [[no_unique_address]] CRecordPool m_oRecords;
+
+public:
+    int32_t m_nTimeoutIndex = 0;             // slot of the overdue record returned last
     std::vector<CCompStatus*> m_vCompStatus; // owned; in the order in which components were taken in
     std::vector<const char*> m_vCompNames;   // not owned
-    int32_t m_nTimeoutIndex = 0;             // slot of the overdue record returned last
     CString m_sName;
 
 private:
@@ -143,8 +149,6 @@ private:
     void endModification();
     void deleteRecords();
     CCompStatus* findTimeout(size_t from);
-
-    CRecordPool m_oRecords; // of m_vCompStatus; a record there may also come from elsewhere, made by `new`
 };
 
 #endif

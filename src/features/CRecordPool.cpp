@@ -26,24 +26,34 @@ struct CRecordPool::SBlock {
     USlot* slots() { return reinterpret_cast<USlot*>(this + 1); }
 };
 
+CRecordPool::SBlock* CRecordPool::newest() const {
+    return m_pSlots != nullptr ? reinterpret_cast<SBlock*>(m_pSlots) - 1 : nullptr;
+}
+
 CRecordPool::~CRecordPool() {
-    while (SBlock* block = m_pNewest) {
-        m_pNewest = block->m_pOlder;
+    SBlock* block = newest();
+    while (block != nullptr) {
+        SBlock* older = block->m_pOlder;
         ::operator delete(block);
+        block = older;
     }
 }
 
 CCompStatus* CRecordPool::make(size_t expected) {
-    USlot* slot = m_pNewest != nullptr ? m_pNewest->m_pFree : nullptr;
+    SBlock* block = newest();
+    USlot* slot = block != nullptr ? block->m_pFree : nullptr;
     if (slot != nullptr) {
         ASAN_UNPOISON_MEMORY_REGION(slot, sizeof *slot);
-        m_pNewest->m_pFree = slot->m_pNextFree;
+        block->m_pFree = slot->m_pNextFree;
         return new (slot) CCompStatus;
     }
-    if ((m_pNewest == nullptr || m_pNewest->m_nTaken == m_pNewest->m_nSlots) && !grow(expected)) {
-        return nullptr;
+    if (block == nullptr || block->m_nTaken == block->m_nSlots) {
+        if (!grow(expected)) {
+            return nullptr;
+        }
+        block = newest();
     }
-    slot = m_pNewest->slots() + m_pNewest->m_nTaken++;
+    slot = m_pSlots + block->m_nTaken++;
     ASAN_UNPOISON_MEMORY_REGION(slot, sizeof *slot);
     return new (slot) CCompStatus;
 }
@@ -51,15 +61,18 @@ CCompStatus* CRecordPool::make(size_t expected) {
 // Called when nothing is free. Each block at least doubles what there is.
 bool CRecordPool::grow(size_t expected) {
     size_t slots = std::max<size_t>(expected, 1);
-    for (const SBlock* block = m_pNewest; block != nullptr; block = block->m_pOlder) {
+    for (const SBlock* block = newest(); block != nullptr; block = block->m_pOlder) {
         slots = std::max(slots, 2 * size_t{block->m_nSlots});
     }
     void* memory = ::operator new(sizeof(SBlock) + slots * sizeof(USlot), std::nothrow);
     if (memory == nullptr) {
         return false;
     }
-    m_pNewest = new (memory) SBlock{m_pNewest, nullptr, static_cast<uint32_t>(slots), 0};
-    ASAN_POISON_MEMORY_REGION(m_pNewest->slots(), slots * sizeof(USlot));
+    auto* block = new (memory) SBlock{newest(), nullptr, static_cast<uint32_t>(slots), 0};
+    m_pSlots = block->slots();
+    m_nSlots = block->m_nSlots;
+    std::fill_n(m_pSlots, slots, USlot{nullptr}); // what the memory held is no component
+    ASAN_POISON_MEMORY_REGION(m_pSlots, slots * sizeof(USlot));
     return true;
 }
 
@@ -69,13 +82,21 @@ void CRecordPool::drop(CCompStatus* record) {
         delete record;
         return;
     }
-    slot->m_pNextFree = m_pNewest->m_pFree;
-    m_pNewest->m_pFree = slot;
+    slot->m_pNextFree = newest()->m_pFree;
+    newest()->m_pFree = slot;
     ASAN_POISON_MEMORY_REGION(slot, sizeof *slot);
 }
 
+// A slot that is not in use holds the address of another, or null, where a record has its component's.
+CCompStatus* CRecordPool::recordAt(size_t n, const CComponent* comp) const {
+    if (bAddressSanitizer || n >= m_nSlots || m_pSlots[n].m_oRecord.m_pComponent != comp) {
+        return nullptr;
+    }
+    return &m_pSlots[n].m_oRecord;
+}
+
 void CRecordPool::prefetchAll() const {
-    for (SBlock* block = m_pNewest; block != nullptr; block = block->m_pOlder) {
+    for (SBlock* block = newest(); block != nullptr; block = block->m_pOlder) {
         prefetch(block->slots(), block->m_nTaken * sizeof(USlot));
     }
 }
@@ -83,7 +104,7 @@ void CRecordPool::prefetchAll() const {
 // Null for a record that is not the pool's.
 CRecordPool::USlot* CRecordPool::slotOf(const CCompStatus* record) const {
     const std::less<const void*> before;
-    for (SBlock* block = m_pNewest; block != nullptr; block = block->m_pOlder) {
+    for (SBlock* block = newest(); block != nullptr; block = block->m_pOlder) {
         USlot* begin = block->slots();
         if (!before(record, begin) && before(record, begin + block->m_nSlots)) {
             return begin + (record - &begin->m_oRecord);

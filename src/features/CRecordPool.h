@@ -5,6 +5,7 @@
 #include "features/CCompStatus.h"
 
 #include <cstddef>
+#include <cstdint>
 
 // A pass reads all records of one feature after those of the other, but components announce themselves one by
 // one: taken from the heap each, the records of a feature would be as far apart as the table is large. Here
@@ -22,6 +23,8 @@ public:
     CCompStatus* make(size_t expected);
     // The record must not be used again. One that was made by `new` is deleted.
     void drop(CCompStatus* record);
+    // The record of the component, if it is the n-th of the newest block: one look into memory. Else null.
+    CCompStatus* recordAt(size_t n, const CComponent* comp) const;
     // Has the processor fetch the records, which are about to be used.
     void prefetchAll() const;
 
@@ -29,10 +32,12 @@ private:
     struct SBlock;
     union USlot;
 
+    SBlock* newest() const;
     bool grow(size_t expected);
     USlot* slotOf(const CCompStatus* record) const;
 
-    SBlock* m_pNewest = nullptr; // what an entry carries of the pool is this one pointer
+    USlot* m_pSlots = nullptr; // of the newest block
+    uint32_t m_nSlots = 0;
 };
 
 #endif
