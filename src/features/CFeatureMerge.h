@@ -15,8 +15,8 @@ class CFeatureEntry;
 // adopted into the table or deleted become null.
 //
 // The rules are those of a walk that looks through table and list from the start for every entry; the indexes
-// only find the same entries at once. An entry of the table is in both of its indexes under the data that it
-// has now.
+// only find the same entries at once. An entry of the table is in its index under the data that it has now;
+// an index by code is made from the table when first asked for, and kept up from then on.
 class CFeatureMerge {
 public:
     enum EResult {

@@ -237,7 +237,7 @@ private:
 
 // The header's length word stays 0, although the body is longer.
 int sendFeatureList(const CQelControl& control, const CQelMessageHeader& request) {
-    static CListRecord oRecord;
+    static CListRecord& oRecord = *new CListRecord; // never destroyed: a stop may end the process meanwhile
     const CQelMessageHeader header{0, 0, nQelOAMActiveFeatureMsgType, 0, request.m_nTag, 0};
     uint8_t* body = oRecord.body(sizeof header + control.packRoom());
     std::memcpy(body, &header, sizeof header);
