@@ -1,4 +1,4 @@
-#include "client_test.h"
+#include "client/voice.h"
 #include "fake/fake_platform.h"
 
 #include <chrono>
@@ -24,7 +24,7 @@ const std::map<std::string, uint32_t> oTypes = {
 //   enable=C:D modify=C:D>E disable=C:D overdue=C:D      notifies; stranger=C:D: somebody else does
 //   cut=N unknown=C:D oam=C:D wild=C:D                   sends garbage: N bytes, or of a type that is none
 //   hold=C:D (at first)  quiet  restart      holds a feature; does nothing; is another process from now on
-class CConversation : public CClientTest {
+class CConversation : public testing::Test, protected CVoice {
 protected:
     CConversation() {
         m_rPlatform.reset();
@@ -208,11 +208,9 @@ TEST_F(CConversation, DaemonNotThereYetBlocksTooLongOrIsGivenUp) {
     m_rPlatform.m_oProcesses.clear();
     begin("name=0 - init quiet");
     auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(qel_announce(m_pClient, 0), QEL_ENODAEMON);
     EXPECT_EQ(qel_announce(m_pClient, 50), QEL_ENODAEMON);
     auto took = std::chrono::steady_clock::now() - start;
-    EXPECT_GE(took, std::chrono::milliseconds(50));
-    EXPECT_LT(took, std::chrono::milliseconds(500));
+    EXPECT_TRUE(took >= std::chrono::milliseconds(50) && took < std::chrono::milliseconds(500));
     EXPECT_EQ(qel_shutdown(m_pClient, nullptr), QEL_ENODAEMON);
     m_rPlatform.m_oProcesses["qelserver"] = m_nDaemon;
     EXPECT_EQ(qel_announce(m_pClient, nLong), 0);

@@ -4,25 +4,17 @@
 
 #include "platform/processes.h"
 
-#include <chrono>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <fnmatch.h>
-#include <fstream>
 #include <map>
 #include <optional>
 #include <sstream>
-#include <unistd.h>
 
 inline constexpr uint32_t nPatience = 30000; // milliseconds; for what comes at once but under sanitizers
 
 // How each line of the text log begins.
 inline const std::string sStamp = "####-##-## ##:##:##.###: ";
-
-inline std::string textOf(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
 
 // Asks again and again; false where it did not come true in time.
 inline bool eventually(const std::function<bool()>& isTrue) {
@@ -100,11 +92,9 @@ protected:
         writeList(feature(1, 1, "Nobody"));
     }
 
-    // Runs the daemon's executable to its end, and returns its output and a last line with its status.
-    std::string attempt(const std::string& arguments) const {
-        const std::string line = "(timeout 60 " QEL_DAEMON " " + arguments + "; echo status $?) >";
-        EXPECT_EQ(std::system((line + file("attempt") + " 2>&1").c_str()), 0);
-        return textOf(file("attempt"));
+    // Runs the daemon's executable to its end.
+    static std::string attempt(const std::string& arguments) {
+        return ::attempt("timeout 60 " QEL_DAEMON " " + arguments);
     }
     // A daemon that hangs is ended by SIGALRM after four times the patience.
     void launchDaemon(const char* option = nullptr) {
@@ -128,7 +118,7 @@ protected:
     void stopDaemon(bool isSilent = true) { // by its event; it must end well
         EXPECT_TRUE(isLike(attempt("-stop"), "Sending stop event (0x*)\nstatus 0\n"));
         EXPECT_EQ(m_oDaemon->end(), 0);
-        EXPECT_EQ(textOf(file("output")).empty(), isSilent) << textOf(file("output"));
+        EXPECT_EQ(contents(file("output")).empty(), isSilent) << contents(file("output"));
     }
 
     bool findDaemon() { return OvuMfwGetProcessHandle("qelserver", &m_nHandle) == 0; }
@@ -154,9 +144,8 @@ protected:
         return features;
     }
 
-    std::string file(const char* name) const { return m_sDirectory + "/" + name; }
-    void writeList(const std::string& toml) const { std::ofstream(file("features.toml")) << toml; }
-    std::string log() const { return textOf(file("log")); }
+    void writeList(const std::string& toml) const { put(file("features.toml"), toml); }
+    std::string log() const { return contents(file("log")); }
     size_t countInLog(const std::string& text) const {
         const std::string all = log();
         size_t count = 0;

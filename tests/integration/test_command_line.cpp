@@ -1,6 +1,5 @@
 #include "integration/daemon.h"
 
-#include <cstring>
 #include <random>
 
 namespace {
@@ -22,10 +21,8 @@ TEST_F(CCommandLineTest, WordThatStartsNothingPrintsOrReturnsSomethingElse) {
 
 TEST_F(CCommandLineTest, HostThatGivesNoEventOrNothingAtAllIsNotTold) {
     std::filesystem::create_directory(file("event.QELEVENTSERVER1")); // it exists, but cannot be opened
-    const std::string outcome = attempt("-stop");
-    const int error = std::atoi(outcome.c_str() + std::strlen("Failed to create event ("));
-    EXPECT_GT(error, 0);
-    EXPECT_EQ(outcome, fmt::format("Failed to create event ({0}, 0xffffffff)\nstatus {0}\n", error));
+    EXPECT_EQ(attempt("-stop"),
+              fmt::format("Failed to create event ({0}, 0xffffffff)\nstatus {0}\n", EISDIR));
     EXPECT_EQ(attempt("-run"), "status 1\n");
     EXPECT_TRUE(isLike(log(), "*: failed to create event.\n*: can't init server object.\n"));
     std::filesystem::remove(file("log"));
@@ -33,9 +30,7 @@ TEST_F(CCommandLineTest, HostThatGivesNoEventOrNothingAtAllIsNotTold) {
     setenv("QEL_RUNTIME_DIR", file("none/none").c_str(), 1);
     EXPECT_EQ(attempt("-stop"), "status 0\n");
     EXPECT_TRUE(isLike(attempt("-run"), "osGetProcessState error #*\nstatus 1\n"));
-    EXPECT_TRUE(isLike(
-        log(), "*: run qel service.\n*: failed to init message framework.\n*: can't init server object.\n"))
-        << "an unknown state does not keep it from starting";
+    EXPECT_EQ(countInLog(": failed to init message framework.\n"), 1u) << "an unknown state starts it";
 }
 
 TEST_F(CCommandLineTest, WhatAStopOrAKilledDaemonLeftEndsTheNextOne) {
@@ -59,8 +54,8 @@ TEST_F(CCommandLineTest, OtherThanTheExactWordDebugs) {
     const std::string started = sStamp + "run qel service.\n";
     startDaemon("-debug");
     stopDaemon(false);
-    EXPECT_TRUE(isLike(textOf(file("output")), started + "*"));
-    EXPECT_EQ(textOf(file("output")).find("OvuServiceStartService"), std::string::npos);
+    EXPECT_TRUE(isLike(contents(file("output")), started + "*"));
+    EXPECT_EQ(contents(file("output")).find("OvuServiceStartService"), std::string::npos);
     EXPECT_EQ(log(), "");
     startDaemon("-Debug");
     stopDaemon();
@@ -94,7 +89,7 @@ TEST_F(CCommandLineTest, TerminatedAtSomeMomentItHangsOrFails) {
         ASSERT_TRUE(eventually([this] { return countInLog(": OvuServiceStartService return 0\n") == 1; }));
         usleep(static_cast<useconds_t>(random() % 120000));
         ASSERT_EQ(m_oDaemon->end(random() % 4 == 0 ? SIGINT : SIGTERM), 0);
-        ASSERT_EQ(textOf(file("output")), "");
+        ASSERT_EQ(contents(file("output")), "");
 
         std::istringstream lines(log());
         for (std::string text; std::getline(lines, text);) { // of two threads at the end

@@ -5,17 +5,17 @@
 #include "platform/linux/CFileDescriptor.h"
 #include "platform/mfw.h"
 #include "platform/os.h"
+#include "support/files.h"
 
 #include <algorithm>
+#include <chrono>
 #include <csignal>
-#include <filesystem>
 #include <functional>
-#include <gtest/gtest.h>
-#include <string>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
+#include <thread>
 #include <vector>
 
 // One end of a line between two processes, on which they tell each other single words.
@@ -124,24 +124,21 @@ inline CFileDescriptor socketAt(const std::string& path, int type, decltype(&con
 class CPlatformTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        ASSERT_NE(mkdtemp(m_sDirectory.data()), nullptr);
-        setenv("QEL_RUNTIME_DIR", m_sDirectory.c_str(), 1);
+        setenv("QEL_RUNTIME_DIR", m_oDirectory.path().c_str(), 1);
         oReceived.clear();
     }
-    void TearDown() override {
-        OvuMfwCleanup();
-        std::filesystem::remove_all(m_sDirectory);
-    }
+    void TearDown() override { OvuMfwCleanup(); }
 
     void openEndpoint() { // called "tested"; its messages all go to keep()
         setenv("QEL_PROCESS_NAME", "tested", 1);
         ASSERT_EQ(OvuMfwInitialize(), 0);
         ASSERT_EQ(OvuMfwRegisterCallback(0, keep), 0);
     }
-    bool exists(const std::string& file) const { return std::filesystem::exists(m_sDirectory + "/" + file); }
+    std::string file(const std::string& name) const { return m_oDirectory.file(name); }
+    bool exists(const std::string& name) const { return std::filesystem::exists(file(name)); }
 
     const uint32_t m_nOwn = static_cast<uint32_t>(getpid());
-    std::string m_sDirectory = ::testing::TempDir() + "qel-platform-XXXXXX";
+    const CTestDirectory m_oDirectory;
 };
 
 #endif

@@ -1,9 +1,8 @@
 // Process state, named events, the lightweight mutex and the runtime directory.
+#include "base/COswLightweightMutex.h"
 #include "processes.h"
 
-#include <chrono>
 #include <sys/stat.h>
-#include <thread>
 
 namespace {
 
@@ -46,10 +45,9 @@ TEST_F(COsTest, leftoverOfADeadCreatorStopsTheNextStartOrAKillTakesTheNewerEvent
     ASSERT_EQ(creator.hear(), 'c');
     creator.end(SIGKILL);
     uint32_t handle = 0;
-    EXPECT_EQ(osCreateEvent("stop", 0, &handle), OS_ERROR_EXISTS);
-    ASSERT_EQ(osOpenEvent("stop", &handle), 0);
     uint32_t second = 0;
-    ASSERT_EQ(osOpenEvent("stop", &second), 0);
+    EXPECT_EQ(osCreateEvent("stop", 0, &handle), OS_ERROR_EXISTS);
+    ASSERT_TRUE(osOpenEvent("stop", &handle) == 0 && osOpenEvent("stop", &second) == 0);
     EXPECT_EQ(osKillEvent(handle), 0);
     EXPECT_EQ(osOpenEvent("stop", &handle), ENOENT);
     EXPECT_EQ(osCreateEvent("stop", 0, &handle), 0);
@@ -81,32 +79,25 @@ TEST_F(COsTest, signalDoesNotReachAnotherProcessOrCountsTwice) {
 }
 
 TEST_F(COsTest, threadsEnterTogetherOrSleepForever) {
-    osLwtMutex_t mutex;
-    ASSERT_EQ(osInitializeLwtMutex(&mutex), 0);
+    COswLightweightMutex mutex;
     long counter = 0;
-    std::vector<std::jthread> threads;
-    for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([&] {
-            for (int n = 0; n < 20000; ++n) {
-                osLockLwtMutex(&mutex);
-                ++counter;
-                if (n % 64 == 0) {
-                    std::this_thread::yield(); // so that others find it held, and go to sleep
-                }
-                osUnlockLwtMutex(&mutex);
+    const auto work = [&] {
+        for (int n = 0; n < 20000; ++n) {
+            const CScopedLock lock(mutex);
+            ++counter;
+            if (n % 64 == 0) {
+                std::this_thread::yield(); // so that others find it held, and go to sleep
             }
-        });
-    }
-    threads.clear(); // joined
-    EXPECT_EQ(counter, 80000);
-    EXPECT_EQ(osTryLockLwtMutex(&mutex), 0);
-    EXPECT_NE(osTryLockLwtMutex(&mutex), 0);
-    EXPECT_EQ(osUnlockLwtMutex(&mutex), 0);
-    EXPECT_NE(osUnlockLwtMutex(&mutex), 0);
+        }
+    };
+    { const std::jthread threads[] = {std::jthread(work), std::jthread(work), std::jthread(work)}; }
+    EXPECT_EQ(counter, 60000);
+    EXPECT_TRUE(mutex.trylock() == 1 && mutex.trylock() == 0);
+    EXPECT_TRUE(mutex.unlock() == 1 && mutex.unlock() == 0);
 }
 
 TEST_F(COsTest, longPathOrTightUmaskKeepsProcessesApart) {
-    const std::string deep = m_sDirectory + "/" + std::string(200, 'd');
+    const std::string deep = file(std::string(200, 'd'));
     setenv("QEL_RUNTIME_DIR", deep.c_str(), 1);
     const mode_t before = umask(0077);
     CChild peer = startPeer("deep", [](const CLine& line) {
@@ -118,13 +109,11 @@ TEST_F(COsTest, longPathOrTightUmaskKeepsProcessesApart) {
     ASSERT_EQ(peer.hear(), 'e');
     openEndpoint();
     EXPECT_EQ(sendText(peer.handle(), 1, "hello"), 0);
-    const std::string id = std::to_string(peer.handle());
-    const std::vector<std::string> files = {"event.stop", "process.claimed", "name." + id, "mfw." + id};
-    for (const std::string& file : files) {
-        const auto mode = static_cast<unsigned int>(std::filesystem::status(deep + "/" + file).permissions());
-        EXPECT_EQ(mode & 0666U, 0666U) << file;
+    using enum std::filesystem::perms;
+    for (const auto& left : std::filesystem::directory_iterator(deep)) {
+        EXPECT_NE(left.status().permissions() & others_write, none) << left;
     }
-    EXPECT_EQ(std::filesystem::status(deep).permissions(), std::filesystem::perms::owner_all);
+    EXPECT_EQ(std::filesystem::status(deep).permissions(), owner_all);
 }
 
 } // namespace

@@ -3,9 +3,6 @@
 #include "platform/service.h"
 #include "processes.h"
 
-#include <chrono>
-#include <thread>
-
 namespace {
 
 using CServiceTest = CPlatformTest;
@@ -30,11 +27,11 @@ int serve(const CLine& line) {
 }
 
 TEST_F(CServiceTest, signalEndsTheProcessWithoutANoticeOrAHungBusHoldsItUp) {
-    const CFileDescriptor bus = socketAt(m_sDirectory + "/bus", SOCK_STREAM, bind);
+    const CFileDescriptor bus = socketAt(file("bus"), SOCK_STREAM, bind);
     ASSERT_EQ(listen(bus.get(), 8), 0); // lets connect, and never answers
-    setenv("DBUS_SYSTEM_BUS_ADDRESS", ("unix:path=" + m_sDirectory + "/bus").c_str(), 1);
-    const CFileDescriptor told = socketAt(m_sDirectory + "/notify", SOCK_DGRAM, bind);
-    setenv("NOTIFY_SOCKET", (m_sDirectory + "/notify").c_str(), 1);
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", ("unix:path=" + file("bus")).c_str(), 1);
+    const CFileDescriptor told = socketAt(file("notify"), SOCK_DGRAM, bind);
+    setenv("NOTIFY_SOCKET", file("notify").c_str(), 1);
     const std::pair<int, int> expected[] = {{SIGTERM, OVU_CALLBACK_NOTIFY_SERVICE_STOP},
                                             {SIGINT, OVU_CALLBACK_NOTIFY_SERVICE_STOP},
                                             {SIGPWR, OVU_CALLBACK_NOTIFY_SERVICE_SHUTDOWN}};
@@ -52,10 +49,10 @@ TEST_F(CServiceTest, signalEndsTheProcessWithoutANoticeOrAHungBusHoldsItUp) {
 }
 
 TEST_F(CDiagTest, lineIsLostOrAJournalThatDoesNotReadBlocks) {
-    setenv("QEL_DIAG", (m_sDirectory + "/journal").c_str(), 1);
+    setenv("QEL_DIAG", file("journal").c_str(), 1);
     uint32_t handle = 0;
     EXPECT_NE(OvuDiagRegisterModule("a", "b", "c", "log", &handle), 0);
-    const CFileDescriptor journal = socketAt(m_sDirectory + "/journal", SOCK_DGRAM, bind);
+    const CFileDescriptor journal = socketAt(file("journal"), SOCK_DGRAM, bind);
     ASSERT_EQ(OvuDiagRegisterModule("a", "b", "c", "log", &handle), 0); // it came later than we did
     EXPECT_EQ(OvuDiagAddLogEntry(handle, 2, 1, 31001, "plain"), 0);
     EXPECT_EQ(datagram(journal), "MESSAGE=plain\nPRIORITY=3\nSYSLOG_IDENTIFIER=log\nQEL_EVENT=31001\n"

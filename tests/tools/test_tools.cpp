@@ -1,41 +1,15 @@
 // The signing tools against the stock command, each test in a directory of its own with a key pair of ours in
 // it: key, key.pub and key.crt.
 #include "base/clock.h"
+#include "support/files.h"
 #include "tools/CCrypto.h"
-#include "tools/handles.h"
 
 #include <algorithm>
-#include <filesystem>
-#include <fstream>
-#include <gtest/gtest.h>
-#include <openssl/pem.h>
 #include <random>
-#include <unistd.h>
 
 namespace {
 
-std::string contents(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
-void put(const std::string& path, const std::string& text) {
-    std::ofstream(path, std::ios::binary) << text;
-}
-
-// A line for the shell, in which $qel and $openssl are the tools. Returns its output, on either channel, and
-// a last line with its status.
-std::string attempt(const std::string& line) {
-    std::string output;
-    FILE* pipe = ::popen(("exec 2>&1 </dev/null; (" + line + "); echo status $?").c_str(), "r");
-    for (int c = std::fgetc(pipe); c != EOF; c = std::fgetc(pipe)) {
-        output += static_cast<char>(c);
-    }
-    ::pclose(pipe);
-    return output;
-}
-
-// One that must succeed.
+// A line for the shell that must succeed, in which $qel and $openssl are the tools.
 std::string run(const std::string& line) {
     const std::string output = attempt(line);
     const size_t end = output.rfind("status 0\n");
@@ -46,18 +20,14 @@ std::string run(const std::string& line) {
 class CToolsTest : public testing::Test {
 protected:
     void SetUp() override {
-        std::string path = testing::TempDir() + "qel-tools-XXXXXX";
-        ASSERT_NE(::mkdtemp(path.data()), nullptr);
-        std::filesystem::current_path(path);
+        std::filesystem::current_path(m_oDirectory.path());
         ::setenv("qel", QEL_DAEMON, 1);
         ::setenv("openssl", QEL_OPENSSL, 1);
         run("$qel -newkey key; echo data >data");
     }
-    void TearDown() override {
-        const std::filesystem::path path = std::filesystem::current_path();
-        std::filesystem::current_path("/");
-        std::filesystem::remove_all(path);
-    }
+    void TearDown() override { std::filesystem::current_path("/"); }
+
+    const CTestDirectory m_oDirectory;
 };
 
 TEST_F(CToolsTest, TextOrStatusIsAnother) {
@@ -205,44 +175,19 @@ TEST_F(CToolsTest, SignatureOfSomeSizeIsNotTheStockCommands) {
     }
 }
 
-// A change beside the certificate's key (name, date, its own signature) leaves the one that signed. A changed
-// key is worth nothing. QEL_TEST_CHANGES in the environment: how many random changes, 1000 by default.
-TEST_F(CToolsTest, ChangedSignatureOrKeyIsAccepted) {
+TEST_F(CToolsTest, ChangedSignatureIsAccepted) {
     run("$qel -signature key data s && $openssl dgst -sha256 -sign key -out sha256 data");
     const std::string good = contents("s");
-    const auto isAccepted = [](const char* certificate, const std::string& signature) {
+    std::vector<std::string> bad = {
+        "", good + '\0', '\0' + good, good.substr(1), std::string(5000, '\xFF'), contents("sha256")};
+    for (const size_t at : {size_t{0}, good.size() / 2, good.size() - 1}) {
+        bad.push_back(good);
+        bad.back()[at] = static_cast<char>(~good[at]);
+    }
+    for (const std::string& signature : bad) {
         put("changed", signature);
-        return CCrypto::verifySignature(certificate, "data", "changed") == 1;
-    };
-    for (const std::string& bad : {std::string(), good + '\0', '\0' + good, good.substr(1),
-                                   std::string(5000, '\xFF'), contents("sha256")}) {
-        EXPECT_FALSE(isAccepted("key.crt", bad)) << bad.size();
+        EXPECT_EQ(CCrypto::verifySignature("key.crt", "data", "changed"), 0) << signature.size();
     }
-    std::mt19937 random(20);
-    const auto changed = [&random](std::string bytes) {
-        char& byte = bytes[random() % bytes.size()];
-        byte = static_cast<char>(byte ^ 1 << random() % 8);
-        return random() % 4 == 0 ? bytes.erase(random() % bytes.size(), 1) : bytes;
-    };
-    const std::string goodCertificate = contents("key.crt");
-    const auto parsed = [](const std::string& text) {
-        const CBioHandle in(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
-        return CCertificateHandle(PEM_read_bio_X509(in.get(), nullptr, nullptr, nullptr));
-    };
-    const CCertificateHandle original = parsed(goodCertificate);
-    const char* changes = std::getenv("QEL_TEST_CHANGES");
-    int refused = 0;
-    for (int round = changes != nullptr ? std::atoi(changes) : 1000; round > 0; --round) {
-        ASSERT_FALSE(isAccepted("key.crt", changed(good))) << round;
-        const std::string text = changed(goodCertificate);
-        put("c", text);
-        const CCertificateHandle now = parsed(text);
-        const bool isSame =
-            now && EVP_PKEY_eq(X509_get0_pubkey(now.get()), X509_get0_pubkey(original.get())) == 1;
-        ASSERT_EQ(isAccepted("c", good), isSame) << round << "\n" << text;
-        refused += now && !isSame ? 1 : 0;
-    }
-    EXPECT_GT(refused, 50); // well-formed, but for another key
 }
 
 } // namespace

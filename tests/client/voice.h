@@ -1,5 +1,5 @@
-#ifndef QEL_TESTS_CLIENT_CLIENT_TEST_H
-#define QEL_TESTS_CLIENT_CLIENT_TEST_H
+#ifndef QEL_TESTS_CLIENT_VOICE_H
+#define QEL_TESTS_CLIENT_VOICE_H
 
 #include "client/qelclient.h"
 
@@ -11,9 +11,9 @@
 constexpr int nLong = 10000; // milliseconds: for what ends by itself
 
 // A client called Voice, whose callbacks are written down.
-class CClientTest : public ::testing::Test {
+class CVoice {
 protected:
-    ~CClientTest() override { qel_close(m_pClient); }
+    ~CVoice() { qel_close(m_pClient); }
 
     void open(uint32_t answerTimeout = 0) {
         qel_options options = {cbNotify, nullptr, this, answerTimeout, 0};
@@ -22,7 +22,7 @@ protected:
 
     static int cbNotify(void* user, const qel_notification* n, char* text) {
         static const char* const aKinds[] = {"", "enable", "modify", "disable", "overdue"};
-        auto& self = *static_cast<CClientTest*>(user);
+        auto& self = *static_cast<CVoice*>(user);
         self.m_sTold += fmt::format("{} {}:{}", aKinds[n->kind], n->code, n->data);
         self.m_sTold += n->kind == QEL_MODIFY ? fmt::format(">{}, ", n->new_data) : ", ";
         return self.m_fnAnswer ? self.m_fnAnswer(*n, text) : QEL_OK;
