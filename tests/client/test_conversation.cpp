@@ -2,7 +2,7 @@
 #include "fake/fake_platform.h"
 
 #include <chrono>
-#include <cstring>
+#include <deque>
 #include <sstream>
 #include <unistd.h>
 
@@ -176,33 +176,6 @@ const SFault aFaults[] = {
 };
 INSTANTIATE_TEST_SUITE_P(Conversation, CFault, ::testing::ValuesIn(aFaults),
                          [](const auto& fault) { return std::string(fault.param.m_szName); });
-
-TEST_F(CConversation, MessagesThatDifferFromTheWireLayout) {
-    m_fnAnswer = [](const qel_notification& n, char* text) {
-        std::strcpy(text, n.code == 7 ? "no" : "");
-        return n.code == 7 ? QEL_REFUSED : QEL_OK;
-    };
-    begin("hold=102:4294967295 hold=101:5 name=2 - init - get 102:4294967295 get 101:5 get - monitor - "
-          "enable=7:8 fail 7:8 enable=9:8 ok -");
-    attend();
-    EXPECT_EQ(qel_shutdown(m_pClient, "bye"), 0);
-    // The client's handle is 1; its process id, and "Voice" in 20 bytes.
-    std::string who = fmt::format(" 00000001 {:08x} 566f6963 65000000 00000000 00000000 00000000 ", getpid());
-    const std::string aExpected[] = {
-        "00000000 00000044 00000000 00000000 00000001" + who + "00000002 00000065 00000005 00000066 ffffffff",
-        "00000000 00000034 00000000 00000001 00000002" + who + "00000000", // InitList
-        "00000000 00000034 00000000 00000002 00000003" + who + "00000000", // GetFeature
-        "00000000 00000034 00000000 00000002 00000004" + who + "00000000",
-        "00000000 00000034 00000000 00000002 00000005" + who + "00000000",
-        "00000000 00000034 00000000 00000003 00000006" + who + "00000000", // StartMonitor
-        "00000000 00000023 00000001 00000005 00000007 00000001 00000000 00000000 6e6f00",
-        "00000000 00000021 00000001 00000005 00000008 00000001 00000000 00000001 00",
-        "00000000 00000024 00000001 00000006 00000009 00000001 00000000 00000001 62796500"};
-    ASSERT_EQ(m_rPlatform.m_vSent.size(), std::size(aExpected));
-    for (size_t i = 0; i < std::size(aExpected); ++i) {
-        EXPECT_EQ(toHex(m_rPlatform.m_vSent[i].m_sBody), toHex(fromHex(aExpected[i])));
-    }
-}
 
 TEST_F(CConversation, DaemonNotThereYetBlocksTooLongOrIsGivenUp) {
     m_rPlatform.m_oProcesses.clear();

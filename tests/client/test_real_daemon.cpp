@@ -39,6 +39,7 @@ TEST_F(CRealDaemon, DifferencesLostOrRepeatedByNotificationsFetchOrRestart) {
     expectTold("enable 5:1, modify 2:1>2, disable 3:1, ");
     EXPECT_EQ(qel_monitor(m_pClient, nLong), 0);
     EXPECT_EQ(qel_shutdown(m_pClient, "bye"), 0);
+    EXPECT_TRUE(eventually([this] { return countInLog(": ShutdownMsgType (1 bye)\n") == 1; }));
 }
 
 TEST_F(CRealDaemon, ToolsHangOrHideErrorsWithoutADaemon) {

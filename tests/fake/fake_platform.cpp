@@ -147,14 +147,11 @@ int osCleanupLwtMutex(osLwtMutex_t*) {
 }
 
 int osLockLwtMutex(osLwtMutex_t* mutex) {
-    if (const int error = fake().enter("osLockLwtMutex")) {
-        return error;
-    }
-    if (*mutex != 0) {
+    const int error = fake().enter("osLockLwtMutex");
+    if (error == 0 && std::exchange(*mutex, 1) != 0) {
         std::abort(); // nobody else could ever unlock it
     }
-    *mutex = 1;
-    return 0;
+    return error;
 }
 
 int osTryLockLwtMutex(osLwtMutex_t* mutex) {
@@ -162,10 +159,9 @@ int osTryLockLwtMutex(osLwtMutex_t* mutex) {
 }
 
 int osUnlockLwtMutex(osLwtMutex_t* mutex) {
-    if (const int error = fake().enter("osUnlockLwtMutex")) {
-        return error;
+    if (std::exchange(*mutex, 0) == 0) {
+        std::abort(); // it was not locked
     }
-    *mutex = 0;
     return 0;
 }
 
@@ -191,11 +187,8 @@ int OvuMfwInitialize(void) {
 }
 
 int OvuMfwCleanup(void) {
-    if (const int error = fake().enter("OvuMfwCleanup", "")) {
-        return error;
-    }
     fake().m_oCallbacks.clear();
-    return 0;
+    return fake().enter("OvuMfwCleanup", "");
 }
 
 int OvuMfwGetProcessHandle(const char* processName, uint32_t* handle) {
@@ -239,16 +232,6 @@ int OvuMfwSendMessage(uint32_t handle, uint16_t type, uint32_t, const sOvuMfwMes
 
 int OvuMfwProcessNextMessage(uint32_t) {
     fake().m_fnOnReceive();
-    if (const int error = fake().enter("OvuMfwProcessNextMessage")) {
-        return error;
-    }
-    if (fake().m_vIncoming.empty()) {
-        return OVU_MFW_NO_MESSAGE;
-    }
-    const auto [type, body] = fake().m_vIncoming.front();
-    fake().m_vIncoming.pop_front();
-    if (fake().m_oCallbacks.count(type) != 0) {
-        CFakePlatform::handOver(fake().m_oCallbacks[type], type, body);
-    }
-    return 0;
+    const int error = fake().enter("OvuMfwProcessNextMessage");
+    return error != 0 ? error : OVU_MFW_NO_MESSAGE;
 }

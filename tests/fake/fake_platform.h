@@ -1,5 +1,6 @@
-// A platform that the test scripts: it records what the daemon asks of it, delivers messages on demand, keeps
-// the log as lines, and fails any call that it is told to fail. It starts no thread and waits for nothing.
+// A platform that the test scripts: it records what the daemon asks of it, hands over messages on demand,
+// keeps the log as lines, and fails any call that it is told to fail. It starts no thread and waits for
+// nothing.
 #ifndef QEL_TESTS_FAKE_PLATFORM_H
 #define QEL_TESTS_FAKE_PLATFORM_H
 
@@ -8,7 +9,6 @@
 #include "platform/os.h"
 
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <map>
 #include <set>
@@ -41,8 +41,6 @@ public:
     void fail(const std::string& function, int error, int nth = 1, int times = 1);
     int callsOf(const std::string& function) { return m_oCalls[function]; }
 
-    // Queues a message for OvuMfwProcessNextMessage.
-    void deliver(uint16_t type, std::string_view body) { m_vIncoming.emplace_back(type, body); }
     // Hands a message straight to a callback, as the framework would.
     static void handOver(OvuMfwCallback, uint16_t type, std::string_view body, uint32_t from = 0x1234);
 
@@ -67,11 +65,10 @@ public:
     std::map<uint16_t, OvuMfwCallback> m_oCallbacks;
     std::map<std::string, uint32_t> m_oProcesses; // name to handle, for look-ups
     std::set<uint32_t> m_oDead;                   // sends to these handles fail with 111
-    std::deque<std::pair<uint16_t, std::string>> m_vIncoming;
-    std::map<std::string, uint32_t> m_oEvents; // that exist, by name
-    std::vector<uint32_t> m_vWaits;            // milliseconds that osReceiveEvent was given
+    std::map<std::string, uint32_t> m_oEvents;    // that exist, by name
+    std::vector<uint32_t> m_vWaits;               // milliseconds that osReceiveEvent was given
     std::function<bool()> m_fnReceiveEvent = [] { return false; }; // true: the event has come
-    std::function<void()> m_fnOnReceive = [] {}; // runs at each OvuMfwProcessNextMessage, before it delivers
+    std::function<void()> m_fnOnReceive = [] {};                   // runs at each OvuMfwProcessNextMessage
 
 private:
     struct SFailure {

@@ -43,6 +43,11 @@ TEST_F(CExchangeTest, ListChangeIsMissedOrABadOneTakenOrNobodyTold) {
     writeList(feature(2, 7, "Nobody") + feature(3, 8, "Fax"));
     EXPECT_TRUE(eventually([&] { return featuresInForce() == Features{{2, 7}, {3, 8}}; }));
 
+    // Fax is dropped: withdrawn, and back when it has left the table.
+    writeList(feature(2, 7, "Nobody") + feature(3, 8, "Voice"));
+    EXPECT_TRUE(eventually([&] { return countInLog(": deleted feature 3 8\n") == 1; }));
+    EXPECT_TRUE(eventually([&] { return featuresInForce() == Features{{2, 7}, {3, 8}}; }));
+
     writeList("\n[[feature]]\ncode = \"five\"\n");
     EXPECT_TRUE(eventually([&] { return countInLog("features.toml:3:") > 0; }));
     EXPECT_EQ(featuresInForce(), (Features{{2, 7}, {3, 8}}));

@@ -8,46 +8,16 @@ namespace {
 
 using COsTest = CPlatformTest;
 
-int askState(const char* name) {
-    int state = -1;
-    return osGetProcessState(name, &state) == 0 ? state : -1;
-}
-
-TEST_F(COsTest, ofSeveralThatAskAtOnceMoreThanOneRuns) {
-    std::vector<CChild> children;
-    for (int i = 0; i < 8; ++i) {
-        children.emplace_back([](const CLine& line) {
-            line.hear();
-            line.tell(askState("claimed") == OS_PROCESS_NOT_RUNNING ? 'n' : 'r');
-            return hang(line);
-        });
-    }
-    for (const CChild& child : children) {
-        child.tell('g');
-    }
-    std::string answers;
-    for (const CChild& child : children) {
-        answers += child.hear();
-    }
-    ASSERT_EQ(std::count(answers.begin(), answers.end(), 'n'), 1) << answers;
-    EXPECT_EQ(askState("claimed"), OS_PROCESS_RUNNING);
-    children[answers.find('n')].end(SIGKILL);
-    EXPECT_EQ(askState("claimed"), OS_PROCESS_NOT_RUNNING);
-    EXPECT_EQ(askState("claimed"), OS_PROCESS_NOT_RUNNING); // the holder does not run for itself
-}
-
-TEST_F(COsTest, leftoverOfADeadCreatorStopsTheNextStartOrAKillTakesTheNewerEvent) {
-    CChild creator([](const CLine& line) {
-        uint32_t handle = 0;
-        line.tell(osCreateEvent("stop", 0, &handle) == 0 ? 'c' : '?');
-        return hang(line);
-    });
-    ASSERT_EQ(creator.hear(), 'c');
-    creator.end(SIGKILL);
+// What a dead daemon leaves, and its signal to another process: among the command line's tests.
+TEST_F(COsTest, signalsPileUpOrBlockOrAKillTakesTheNewerEventOrALoopSpins) {
     uint32_t handle = 0;
     uint32_t second = 0;
+    ASSERT_TRUE(osCreateEvent("stop", 0, &handle) == 0 && osOpenEvent("stop", &second) == 0);
     EXPECT_EQ(osCreateEvent("stop", 0, &handle), OS_ERROR_EXISTS);
-    ASSERT_TRUE(osOpenEvent("stop", &handle) == 0 && osOpenEvent("stop", &second) == 0);
+    for (int i = 0; i < 100000; ++i) { // more than a full pipe takes
+        ASSERT_EQ(osSendEvent(handle), 0);
+    }
+    EXPECT_TRUE(osReceiveEvent(second, 0) == 0 && osReceiveEvent(second, 20) != 0);
     EXPECT_EQ(osKillEvent(handle), 0);
     EXPECT_EQ(osOpenEvent("stop", &handle), ENOENT);
     EXPECT_EQ(osCreateEvent("stop", 0, &handle), 0);
@@ -55,27 +25,7 @@ TEST_F(COsTest, leftoverOfADeadCreatorStopsTheNextStartOrAKillTakesTheNewerEvent
     EXPECT_EQ(osOpenEvent("stop", &handle), 0);
     const auto begin = std::chrono::steady_clock::now();
     EXPECT_NE(osReceiveEvent(second, 50), 0);
-    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(50)); // a loop cannot spin
-}
-
-TEST_F(COsTest, signalDoesNotReachAnotherProcessOrCountsTwice) {
-    uint32_t handle = 0;
-    ASSERT_EQ(osCreateEvent("stop", 0, &handle), 0);
-    CChild receiver([](const CLine& line) {
-        uint32_t own = 0;
-        line.tell(osOpenEvent("stop", &own) == 0 ? 'o' : '?');
-        line.tell(osReceiveEvent(own, 5000) == 0 ? 'r' : '?'); // waits, as a rule, when the signal comes
-        line.hear();
-        return osReceiveEvent(own, 0) == 0 && osReceiveEvent(own, 20) != 0 ? 0 : 1;
-    });
-    ASSERT_EQ(receiver.hear(), 'o');
-    EXPECT_EQ(osSendEvent(handle), 0);
-    ASSERT_EQ(receiver.hear(), 'r');
-    for (int i = 0; i < 100000; ++i) { // more than a full pipe takes
-        ASSERT_EQ(osSendEvent(handle), 0);
-    }
-    receiver.tell('g');
-    EXPECT_EQ(receiver.end(), 0);
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(50));
 }
 
 TEST_F(COsTest, threadsEnterTogetherOrSleepForever) {
@@ -102,11 +52,15 @@ TEST_F(COsTest, longPathOrTightUmaskKeepsProcessesApart) {
     const mode_t before = umask(0077);
     CChild peer = startPeer("deep", [](const CLine& line) {
         uint32_t handle = 0;
-        line.tell(osCreateEvent("stop", 0, &handle) == 0 && askState("claimed") > 0 ? 'e' : '?');
+        int state = 0;
+        line.tell(osCreateEvent("stop", 0, &handle) == 0 && osGetProcessState("me", &state) == 0 ? 'e' : '?');
         return hang(line);
     });
     umask(before);
     ASSERT_EQ(peer.hear(), 'e');
+    int state = 0;
+    EXPECT_EQ(osGetProcessState("me", &state), 0);
+    EXPECT_EQ(state, OS_PROCESS_RUNNING);
     openEndpoint();
     EXPECT_EQ(sendText(peer.handle(), 1, "hello"), 0);
     using enum std::filesystem::perms;

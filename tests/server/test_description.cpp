@@ -1,20 +1,15 @@
 #include "features/CFeatureEntry.h"
 #include "server/stand_ins.h"
-
-#include <filesystem>
-#include <fstream>
-#include <unistd.h>
+#include "support/files.h"
 
 namespace {
 
 using namespace std::string_literals;
 
 // Configured before anything can ask for it: the daemon reads its path once.
-const std::string sPath = [] {
-    std::string path = testing::TempDir() + "qel-names-" + std::to_string(getpid());
-    setenv("QEL_DESCRIPTION", path.c_str(), 1);
-    return path;
-}();
+const CTestDirectory oDirectory;
+const std::string sPath = oDirectory.file("names");
+[[maybe_unused]] const int nConfigured = setenv("QEL_DESCRIPTION", sPath.c_str(), 1);
 
 TEST_F(CServerTestBase, DescriptionNamesFollowTheFile) {
     const std::tuple<std::string, uint32_t, const char*> cases[] = {
@@ -30,7 +25,7 @@ TEST_F(CServerTestBase, DescriptionNamesFollowTheFile) {
         {"12,a\0\n12,b"s, 12, "a"},
         {"12,\"a,b\"", 12, "\"a"}};
     for (const auto& [file, code, name] : cases) {
-        std::ofstream(sPath, std::ios::binary) << file;
+        put(sPath, file);
         CFeatureEntry entry(nullptr);
         entry.m_nCode = code;
         entry.m_sName = CString("before");

@@ -75,17 +75,35 @@ TEST_F(CServerTest, ClearGivesBackTheEventOnceAndStopNeedsIt) {
 TEST_F(CServerTest, LoopTakesOneMessageATurnAndGoesOnWhateverReceivingSays) {
     CQelServer server;
     server.init();
-    m_oPlatform.deliver(0, {});
-    m_oPlatform.deliver(0, {});
+    takeLines();
     m_oPlatform.fail("OvuMfwProcessNextMessage", 7, 2);
-    m_oPlatform.m_fnReceiveEvent = [this] {
-        return m_oPlatform.m_vWaits.size() == 4;
-    }; // none pending by then
+    m_oPlatform.m_fnReceiveEvent = [this] { return m_oPlatform.m_vWaits.size() == 4; };
     EXPECT_EQ(server.run(), 1) << "the result of the last log call";
+    EXPECT_EQ(m_oPlatform.callsOf("OvuMfwProcessNextMessage"), 4);
+    EXPECT_EQ(takeLines(),
+              (Lines{"1 31156 OvuMfwProcessNextMessage error = 7", "1 31009 failed to recv MFW message",
+                     "4 31010 recv stop event", "4 31120 main thread exited"}));
+}
+
+TEST_F(CServerTest, SendTellsWhatItSendsAndWhatBecameOfIt) {
+    sOvuMfwMessage message{};
+    m_oPlatform.fail("OvuMfwSendMessage", 7, 2);
+    for (const auto& [handle, result] : {std::pair(5u, 0), {5u, 7}, {0xFFFFFFFFu, 6}}) {
+        EXPECT_EQ(CMFWServer::instance()->sendMessage(handle, 0x10006, &message, 36), result);
+    }
+    EXPECT_EQ(m_oPlatform.callsOf("OvuMfwSendMessage"), 2) << "all ones never reaches the platform";
+    EXPECT_EQ(m_oPlatform.m_vSent.at(0).m_nType, 6) << "sixteen bits of the id";
+    EXPECT_EQ(m_oPlatform.m_vSent.at(0).m_sBody.size(), 36u);
     const Lines lines = takeLines();
-    EXPECT_EQ(lines, (Lines{lines.at(0), "1 31156 OvuMfwProcessNextMessage error = 7",
-                            "1 31009 failed to recv MFW message", lines.at(0), "4 31010 recv stop event",
-                            "4 31120 main thread exited"}));
+    EXPECT_EQ(lines.at(0).substr(0, 50), "4 31153 enter MFW server sendMessage (0x5, 65542, ");
+    EXPECT_EQ(lines.at(2), "1 31155 OvuMfwSendMessage error = 7");
+    EXPECT_EQ(lines.at(4), "4 31154 sendMessage invalid handle");
+}
+
+TEST_F(CServerTest, UnknownTypesAreTold) {
+    CFakePlatform::handOver(m_oPlatform.m_oCallbacks.at(0), 0x1A, std::string(300, '\xFE'), 0xFEDCBA98);
+    EXPECT_EQ(takeLines(), Lines{"4 31157 DefaultCallback received a message from FEDCBA98:Type = 1A, "
+                                 "userDefinedId = 0, data[ 0 ] = FE, dataLength = 300"});
 }
 
 TEST_F(CServerTest, TurnsWaitByTheMillisecondsWithinTheSecond) {

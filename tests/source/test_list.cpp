@@ -1,13 +1,9 @@
 #include "fake/fake_platform.h"
 #include "features/CQelControl.h"
 #include "source/CFeatureLoader.h"
+#include "support/files.h"
 
 #include <fmt/format.h>
-#include <gtest/gtest.h>
-
-#include <filesystem>
-#include <fstream>
-#include <unistd.h>
 
 namespace {
 
@@ -88,18 +84,6 @@ TEST(FeatureList, TellsAllFaultsInOneGo) {
               "F:10: not TOML: the next token is not a valid string (here)\n");
 }
 
-// Line numbers and the search for pairs given twice must not cost a look at all the lines before.
-TEST(FeatureList, ReadsALongListWhole) {
-    constexpr uint32_t nFeatures = QEL_TEST_LIST_LENGTH;
-    std::string text = "count = " + std::to_string(nFeatures) + "\n";
-    for (uint32_t i = 0; i < nFeatures; ++i) {
-        text += "[[feature]]\ncode = " + std::to_string(i) + "\ndata = 1\ncomponents = ['Voice']\n";
-    }
-    const SFeatureList list = parseFeatureList(text);
-    ASSERT_TRUE(list.isGood() && list.m_vFeatures.size() == nFeatures);
-    EXPECT_EQ(list.m_vFeatures.back().m_nLine, 4 * nFeatures - 2);
-}
-
 // Judged by the list taken last. Kept data cannot change to 0: as pending data, 0 tells that there is none.
 TEST(FeatureLoader, BadUnchangedOrUndeliverableListIsNotTaken) {
     const struct {
@@ -115,18 +99,18 @@ TEST(FeatureLoader, BadUnchangedOrUndeliverableListIsNotTaken) {
         {"code = 1\ndata = 0\ncomponents = []\nsourced = true", ":2: the data"},
         {"code = 1\ndata = 0\ncomponents = []", ""},
     };
-    const std::string path = testing::TempDir() + "qel_list_" + std::to_string(getpid());
+    const CTestDirectory directory;
+    const std::string path = directory.file("list");
     CQelControl control;
     CFeatureLoader loader(path);
     EXPECT_EQ(readFeatureList("/dev/zero").m_vErrors.at(0).m_sText, "is not a regular file");
     for (const auto& list : aLists) {
         CFakePlatform::get().reset();
-        std::ofstream(path) << "# a list\n[[feature]]\n" << list.m_sText;
+        put(path, std::string("# a list\n[[feature]]\n") + list.m_sText);
         EXPECT_EQ(loader.load(control).has_value(), *list.m_sLogged == '\0') << list.m_sText;
         const auto log = CFakePlatform::get().takeLog();
         EXPECT_NE((log.empty() ? path : log[0].m_sText).find(path + list.m_sLogged), path.npos);
     }
-    std::filesystem::remove(path);
 }
 
 } // namespace
