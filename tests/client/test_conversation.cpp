@@ -57,12 +57,12 @@ protected:
         std::string verb = word.substr(0, word.find('='));
         std::array<uint32_t, 3> n = {};
         std::sscanf(word.c_str() + (verb == word ? 0 : verb.size() + 1), "%u:%u>%u", &n[0], &n[1], &n[2]);
-        if (oRequests.count(verb) && m_nTaken == m_rPlatform.m_vSent.size()) {
+        const bool isRequest = oRequests.count(verb) != 0;
+        if (isRequest && m_nTaken == m_rPlatform.m_vSent.size()) {
             return; // the client's turn
         }
-        EXPECT_TRUE(oRequests.count(verb) || m_nTaken == m_rPlatform.m_vSent.size())
-            << "sent before " << word;
-        if (oRequests.count(verb)) {
+        EXPECT_TRUE(isRequest || m_nTaken == m_rPlatform.m_vSent.size()) << "sent before " << word;
+        if (isRequest) {
             expect(word, oRequests.at(verb), n[0]);
         } else if (verb == "restart") {
             m_rPlatform.m_oProcesses["qelserver"] = ++m_nDaemon;

@@ -1,4 +1,3 @@
-#include "ctl/CFeatureNames.h"
 #include "ctl/COamQuery.h"
 #include "ctl/describe.h"
 #include "fake/fake_platform.h"
@@ -25,18 +24,6 @@ TEST(ActiveList, WalkedByTheCountOrPastTheEnd) {
     }
     std::fill_n(&answer[40], 4, 0xFF); // a text of 4 GB
     EXPECT_FALSE(parseActiveList(answer.data(), answer.size()));
-}
-
-TEST(FeatureNames, LinesReadOtherwiseThanByTheDaemon) {
-    auto names =
-        CFeatureNames::parse("101,Conference Calling\r 7,Hunt Groups,extra\n42\n12,First\n,12,,Second \n"
-                             "# note,Zero\n-1,Last\n13abc,Digits\n");
-    const std::pair<uint32_t, const char*> aExpected[] = {
-        {101, "Conference Calling"}, {7, "Hunt Groups"}, {42, ""}, {12, "Second "}, {0, "Zero"},
-        {4294967295u, "Last"},       {13, "Digits"}};
-    for (const auto& [code, name] : aExpected) {
-        EXPECT_EQ(names.find(code), name) << code;
-    }
 }
 
 TEST(Describe, HostileBytesPrintedRawOrReadPastTheEnd) {

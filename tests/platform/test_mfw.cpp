@@ -92,22 +92,17 @@ TEST_F(CMfwTest, messageGoesToAnotherCallbackOrStaysWhereNobodyWantsIt) {
 
 // It closes with something of ours unread: the kernel tells of a reset before it hands out what was sent.
 TEST_F(CMfwTest, peerThatCameBackStaysUnreachableOrWhatItSentBeforeIsLost) {
-    CChild peer = startPeer("peer", [parent = m_nOwn](const CLine& line) {
-        while (receiveText() == "again") {
-            line.tell('a');
+    for (const bool sendFirst : {true, false}) { // either may be what meets the reset
+        CChild peer = startPeer("peer", [parent = m_nOwn](const CLine& line) {
             line.hear();
             const int error = sendText(parent, 1, "first") + sendText(parent, 1, std::string(70000, '2'));
             OvuMfwCleanup();
-            OvuMfwRegisterCallback(0, keep);
-            line.tell(OvuMfwInitialize() == 0 && error == 0 ? 'r' : '?');
-        }
-        return 1;
-    });
-    const auto again = [handle = peer.handle()] { return sendText(handle, 1, "again") == 0; };
-    openEndpoint();
-    EXPECT_TRUE(again());
-    for (const bool sendFirst : {true, false, true}) { // either may be what meets the reset
-        ASSERT_EQ(peer.hear(), 'a');
+            line.tell(OvuMfwInitialize() == 0 && OvuMfwRegisterCallback(0, keep) == 0 && error == 0 ? 'r'
+                                                                                                    : '?');
+            return receiveText() == "again" ? 0 : 1;
+        });
+        const auto again = [handle = peer.handle()] { return sendText(handle, 1, "again") == 0; };
+        openEndpoint();
         EXPECT_EQ(sendText(peer.handle(), 1, "lost with the old endpoint"), 0);
         peer.tell('g');
         ASSERT_EQ(peer.hear(), 'r');
@@ -115,9 +110,10 @@ TEST_F(CMfwTest, peerThatCameBackStaysUnreachableOrWhatItSentBeforeIsLost) {
         EXPECT_EQ(receiveText(), "first");
         EXPECT_EQ(receiveText(), std::string(70000, '2'));
         EXPECT_TRUE(sendFirst || again());
+        EXPECT_EQ(peer.end(), 0);
+        EXPECT_FALSE(again());
+        OvuMfwCleanup();
     }
-    peer.end(SIGKILL);
-    EXPECT_FALSE(again());
 }
 
 TEST_F(CMfwTest, messageFromAnotherThreadDoesNotWakeTheReceiverOrItsCleanupDisturbs) {
@@ -137,32 +133,18 @@ TEST_F(CMfwTest, messageFromAnotherThreadDoesNotWakeTheReceiverOrItsCleanupDistu
     }
 }
 
-int fill(uint32_t peer) { // until its queue is full; how many went
-    int sent = 0;
-    while (sendText(peer, 1, "flood") == 0) {
-        ++sent;
-    }
-    return sent;
-}
-
-TEST_F(CMfwTest, hungOrFloodingPeersCutOffAHealthyOneOrFillOurMemory) {
-    std::vector<CChild> hung;
-    for (int i = 0; i < 64; ++i) {
-        hung.push_back(startPeer("hung", hang));
-    }
+// Peers that hang: among the daemon's exchanges.
+TEST_F(CMfwTest, floodingPeerKeepsAHealthyOneWaitingOrFillsOurMemory) {
     CChild flooder = startPeer("flooder", [parent = m_nOwn](const CLine& line) {
         while (line.hear() == 'g') {
-            line.tell(fill(parent) > 0 ? 'f' : '?');
+            while (sendText(parent, 1, "flood") == 0) { // until its queue is full
+            }
+            line.tell('f');
         }
         return 0;
     });
     CChild healthy = startPeer("healthy", echo);
     openEndpoint();
-    int unread = 0;
-    for (const CChild& peer : hung) {
-        unread = fill(peer.handle());
-        EXPECT_GT(unread, 32); // room for a burst
-    }
     for (int round = 0; round < 20; ++round) {
         flooder.tell('g');
         ASSERT_EQ(flooder.hear(), 'f');
@@ -171,10 +153,9 @@ TEST_F(CMfwTest, hungOrFloodingPeersCutOffAHealthyOneOrFillOurMemory) {
         const std::string first = receiveText();
         EXPECT_TRUE(receiveText() == "ping" || first == "ping") << "round " << round;
     }
-    oReceived.clear();
     while (OvuMfwProcessNextMessage(0) == 0) {
     }
-    EXPECT_LT(oReceived.size(), static_cast<size_t>(unread + 200)); // a full connection, and little beside it
+    EXPECT_LT(oReceived.size(), 1000U); // a full connection, and little beside it
 }
 
 // As a process that does not use the framework would.

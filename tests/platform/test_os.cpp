@@ -1,5 +1,8 @@
-// Process state, named events, the lightweight mutex and the runtime directory.
+// The operating-system abstraction, the service manager and the diagnostics, with a journal that the test
+// plays.
 #include "base/COswLightweightMutex.h"
+#include "platform/diag.h"
+#include "platform/service.h"
 #include "processes.h"
 
 #include <sys/stat.h>
@@ -7,6 +10,8 @@
 namespace {
 
 using COsTest = CPlatformTest;
+using CServiceTest = CPlatformTest;
+using CDiagTest = CPlatformTest;
 
 // What a dead daemon leaves, and its signal to another process: among the command line's tests.
 TEST_F(COsTest, signalsPileUpOrBlockOrAKillTakesTheNewerEventOrALoopSpins) {
@@ -50,24 +55,77 @@ TEST_F(COsTest, longPathOrTightUmaskKeepsProcessesApart) {
     const std::string deep = file(std::string(200, 'd'));
     setenv("QEL_RUNTIME_DIR", deep.c_str(), 1);
     const mode_t before = umask(0077);
-    CChild peer = startPeer("deep", [](const CLine& line) {
-        uint32_t handle = 0;
-        int state = 0;
-        line.tell(osCreateEvent("stop", 0, &handle) == 0 && osGetProcessState("me", &state) == 0 ? 'e' : '?');
-        return hang(line);
-    });
-    umask(before);
-    ASSERT_EQ(peer.hear(), 'e');
+    uint32_t event = 0;
     int state = 0;
-    EXPECT_EQ(osGetProcessState("me", &state), 0);
-    EXPECT_EQ(state, OS_PROCESS_RUNNING);
+    EXPECT_TRUE(osCreateEvent("stop", 0, &event) == 0 && osGetProcessState("tested", &state) == 0);
     openEndpoint();
-    EXPECT_EQ(sendText(peer.handle(), 1, "hello"), 0);
+    umask(before);
+    EXPECT_EQ(sendText(m_nOwn, 1, "hello"), 0);
+    EXPECT_EQ(receiveText(), "hello");
     using enum std::filesystem::perms;
-    for (const auto& left : std::filesystem::directory_iterator(deep)) {
-        EXPECT_NE(left.status().permissions() & others_write, none) << left;
+    for (const auto& made : std::filesystem::directory_iterator(deep)) {
+        EXPECT_NE(made.status().permissions() & others_write, none) << made;
     }
     EXPECT_EQ(std::filesystem::status(deep).permissions(), owner_all);
+}
+
+std::string datagram(const CFileDescriptor& socket) {
+    char text[4096];
+    const ssize_t size = recv(socket.get(), text, sizeof text, MSG_DONTWAIT);
+    return size > 0 ? std::string(text, static_cast<size_t>(size)) : "none";
+}
+
+// Ends the process, as the daemon's may: 10 + notice, or 1 where it runs on the main thread.
+void endProcess(uint32_t event) {
+    exit(gettid() == getpid() ? 1 : static_cast<int>(10 + event));
+}
+
+int serve(const CLine& line) {
+    const bool started = OvuServiceStartService("tested", 1, 1, endProcess, 3) == 0;
+    std::thread busy(pause); // started later, so the signals must not end up here either
+    line.tell(started ? 's' : '?');
+    return pause();
+}
+
+TEST_F(CServiceTest, signalEndsTheProcessWithoutANoticeOrAHungBusHoldsItUp) {
+    const CFileDescriptor bus = socketAt(file("bus"), SOCK_STREAM, bind);
+    ASSERT_EQ(listen(bus.get(), 8), 0); // lets connect, and never answers
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", ("unix:path=" + file("bus")).c_str(), 1);
+    const CFileDescriptor told = socketAt(file("notify"), SOCK_DGRAM, bind);
+    setenv("NOTIFY_SOCKET", file("notify").c_str(), 1);
+    const std::pair<int, int> expected[] = {{SIGTERM, OVU_CALLBACK_NOTIFY_SERVICE_STOP},
+                                            {SIGINT, OVU_CALLBACK_NOTIFY_SERVICE_STOP},
+                                            {SIGPWR, OVU_CALLBACK_NOTIFY_SERVICE_SHUTDOWN}};
+    for (const auto& [signal, notice] : expected) {
+        CChild service(serve);
+        ASSERT_EQ(service.hear(), 's');
+        const auto begin = std::chrono::steady_clock::now();
+        EXPECT_EQ(service.end(signal), 10 + notice) << "signal " << signal;
+        EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
+#ifdef QEL_HAVE_SYSTEMD
+        EXPECT_EQ(datagram(told).substr(0, 7), "READY=1");
+        EXPECT_EQ(datagram(told), "STOPPING=1");
+#endif
+    }
+}
+
+TEST_F(CDiagTest, lineIsLostOrAJournalThatDoesNotReadBlocks) {
+    setenv("QEL_DIAG", file("journal").c_str(), 1);
+    uint32_t handle = 0;
+    EXPECT_NE(OvuDiagRegisterModule("a", "b", "c", "log", &handle), 0);
+    const CFileDescriptor journal = socketAt(file("journal"), SOCK_DGRAM, bind);
+    ASSERT_EQ(OvuDiagRegisterModule("a", "b", "c", "log", &handle), 0); // it came later than we did
+    EXPECT_EQ(OvuDiagAddLogEntry(handle, 2, 1, 31001, "plain"), 0);
+    EXPECT_EQ(datagram(journal), "MESSAGE=plain\nPRIORITY=3\nSYSLOG_IDENTIFIER=log\nQEL_EVENT=31001\n"
+                                 "QEL_MODULE=a\nQEL_MODULE=b\nQEL_MODULE=c\n");
+    EXPECT_EQ(OvuDiagAddLogEntry(handle, 2, 2, 31002, "two\nlines"), 0);
+    const std::string lengthFirst("MESSAGE\n\x09\0\0\0\0\0\0\0two\nlines\nPRIORITY=4\n", 37);
+    EXPECT_EQ(datagram(journal).substr(0, lengthFirst.size()), lengthFirst);
+    int result = 0;
+    for (int i = 0; i < 100000 && result == 0; ++i) {
+        result = OvuDiagAddLogEntry(handle, 2, 4, 31003, "nobody reads this");
+    }
+    EXPECT_EQ(result, EAGAIN);
 }
 
 } // namespace

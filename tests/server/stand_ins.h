@@ -1,4 +1,4 @@
-// What the server's tests need beside the fake platform, a feature source of their own for one.
+// What the server's tests need beside the fake platform.
 #ifndef QEL_TESTS_SERVER_STAND_INS_H
 #define QEL_TESTS_SERVER_STAND_INS_H
 
@@ -8,13 +8,17 @@
 
 using Lines = std::vector<std::string>;
 
-extern bool bSupplyFails; // the feature source's supply()
-
 // The fake platform's log lines since the last call, as "severity event text".
-Lines takeLines();
+inline Lines takeLines() {
+    Lines lines;
+    for (const auto& [severity, event, text] : CFakePlatform::get().takeLog()) {
+        lines.push_back(std::to_string(severity) + " " + std::to_string(event) + " " + text);
+    }
+    return lines;
+}
 
 struct CServerTestBase : ::testing::Test {
-    void SetUp() override;
+    void SetUp() override { m_oPlatform.reset(); }
 
     CFakePlatform& m_oPlatform = CFakePlatform::get();
 };

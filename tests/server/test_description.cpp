@@ -1,3 +1,4 @@
+#include "ctl/CFeatureNames.h"
 #include "features/CFeatureEntry.h"
 #include "server/stand_ins.h"
 #include "support/files.h"
@@ -31,6 +32,8 @@ TEST_F(CServerTestBase, DescriptionNamesFollowTheFile) {
         entry.m_sName = CString("before");
         EXPECT_EQ(entry.setupName(), 1);
         EXPECT_STREQ(entry.m_sName.c_str(), name) << file;
+        const std::string shown(CFeatureNames::parse(file).find(code));
+        EXPECT_EQ(shown.empty() ? "before" : shown, name) << "qelctl reads it otherwise: " << file;
     }
     EXPECT_EQ(takeLines(), Lines());
     std::filesystem::remove(sPath);

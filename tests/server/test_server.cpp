@@ -1,11 +1,21 @@
-#include "features/CComponent.h"
-#include "features/CFeatureEntry.h"
-#include "features/CQelControl.h"
+#include "features/world.h"
 #include "messaging/CMFWServer.h"
 #include "server/CQelServer.h"
 #include "server/stand_ins.h"
+#include "source/CFeatureSource.h"
 
-#include <map>
+static bool bSupplyFails = false;
+
+CFeatureSource& CFeatureSource::instance() {
+    alignas(CFeatureSource) static std::byte place[sizeof(CFeatureSource)];
+    return reinterpret_cast<CFeatureSource&>(place); // nothing here touches a member
+}
+
+bool CFeatureSource::supply(CQelControl&) {
+    return !bSupplyFails;
+}
+
+void CFeatureSource::startWatching() {}
 
 namespace {
 
@@ -85,27 +95,6 @@ TEST_F(CServerTest, LoopTakesOneMessageATurnAndGoesOnWhateverReceivingSays) {
                      "4 31010 recv stop event", "4 31120 main thread exited"}));
 }
 
-TEST_F(CServerTest, SendTellsWhatItSendsAndWhatBecameOfIt) {
-    sOvuMfwMessage message{};
-    m_oPlatform.fail("OvuMfwSendMessage", 7, 2);
-    for (const auto& [handle, result] : {std::pair(5u, 0), {5u, 7}, {0xFFFFFFFFu, 6}}) {
-        EXPECT_EQ(CMFWServer::instance()->sendMessage(handle, 0x10006, &message, 36), result);
-    }
-    EXPECT_EQ(m_oPlatform.callsOf("OvuMfwSendMessage"), 2) << "all ones never reaches the platform";
-    EXPECT_EQ(m_oPlatform.m_vSent.at(0).m_nType, 6) << "sixteen bits of the id";
-    EXPECT_EQ(m_oPlatform.m_vSent.at(0).m_sBody.size(), 36u);
-    const Lines lines = takeLines();
-    EXPECT_EQ(lines.at(0).substr(0, 50), "4 31153 enter MFW server sendMessage (0x5, 65542, ");
-    EXPECT_EQ(lines.at(2), "1 31155 OvuMfwSendMessage error = 7");
-    EXPECT_EQ(lines.at(4), "4 31154 sendMessage invalid handle");
-}
-
-TEST_F(CServerTest, UnknownTypesAreTold) {
-    CFakePlatform::handOver(m_oPlatform.m_oCallbacks.at(0), 0x1A, std::string(300, '\xFE'), 0xFEDCBA98);
-    EXPECT_EQ(takeLines(), Lines{"4 31157 DefaultCallback received a message from FEDCBA98:Type = 1A, "
-                                 "userDefinedId = 0, data[ 0 ] = FE, dataLength = 300"});
-}
-
 TEST_F(CServerTest, TurnsWaitByTheMillisecondsWithinTheSecond) {
     // Where a turn starts within the second and how long it takes, in microseconds, and its wait.
     const std::tuple<uint32_t, uint32_t, uint32_t> turns[] = {
@@ -122,34 +111,26 @@ TEST_F(CServerTest, TurnsWaitByTheMillisecondsWithinTheSecond) {
     }
 }
 
-// Something to audit and something to settle always stands ready; the log tells when each was done.
+// Something to audit and something to settle stands ready; the log tells when each was done.
 TEST_F(CServerTest, AuditThenTimeoutRunBeforeTheMessageOfEvery214thTurn) {
     CQelServer server;
     server.init();
-    CQelControl& control = *CQelControl::instance();
-    auto* comp = new CComponent(&control);
-    comp->init({0, 0, 0, 0, 1, 0x77}, "Voice", 0, nullptr);
-    comp->m_bMonitor = 1;
-    control.addComponent(comp);
-    std::map<int, std::string> passes; // what ran in a turn before its message was received
+    component("Voice");
+    feature(1, 10, EFStatus::fsNewAdd, {"Voice"});
+    feature(2, 20, EFStatus::fsNewAdd, {"Nobody"});
+    Lines passes; // with the turn before whose message they ran
     int turn = 0;
     m_oPlatform.m_fnOnReceive = [&] {
         ++turn;
         for (const SLogged& line : m_oPlatform.takeLog()) {
-            passes[turn] += line.m_nEvent == 31107 ? "audit " : line.m_nEvent == 31115 ? "timeout " : "";
-        }
-        for (const char* name : {"Voice", "Nobody"}) { // to be told; settled at once
-            if (turn == 1 || turn == 300) {
-                auto* entry = new CFeatureEntry(&control);
-                entry->m_nCode = static_cast<uint32_t>(turn);
-                entry->addCompName(name);
-                control.addFeature(entry);
+            if (line.m_nEvent == 31107 || line.m_nEvent == 31115) {
+                passes.push_back(std::to_string(turn) + " " + std::to_string(line.m_nEvent));
             }
         }
     };
-    m_oPlatform.m_fnReceiveEvent = [&] { return turn == 430; };
+    m_oPlatform.m_fnReceiveEvent = [&] { return turn == 427; };
     server.run();
-    EXPECT_EQ(passes, (std::map<int, std::string>{{214, "audit timeout "}, {428, "audit timeout "}}));
+    EXPECT_EQ(passes, (Lines{"214 31107", "214 31115"}));
 }
 
 } // namespace

@@ -1,14 +1,8 @@
-#include "fake/fake_platform.h"
-#include "features/CComponent.h"
-#include "features/CQelControl.h"
-#include "messaging/wire.h"
+#include "features/world.h"
 #include "source/CHandOver.h"
 #include "source/CNamePool.h"
 
 #include <fmt/format.h>
-#include <gtest/gtest.h>
-
-#include <functional>
 #include <map>
 #include <random>
 #include <set>
@@ -18,19 +12,12 @@ namespace {
 
 // A list reads "CODE DATA *COMPONENTS, CODE DATA :COMPONENTS"; the star is for sourced. A component's name is
 // one letter.
-class CHandOverTest : public testing::Test {
+class CHandOverTest : public CHeartTest {
 protected:
     CHandOverTest() {
-        CFakePlatform::get().reset();
-        CFakePlatform::get().m_bKeepLog = false;
+        platform().m_bKeepLog = false;
         for (const char* name : {"G", "P", "V"}) {
-            auto* component = new CComponent(&m_oControl);
-            CQelMessageHeader header;
-            header.m_nHandle = static_cast<uint32_t>(*name);
-            component->init(header, name, 1, nullptr);
-            component->notifyAllFeatures();
-            component->m_bMonitor = 1;
-            m_oControl.addComponent(component);
+            component(name, static_cast<uint32_t>(*name)).notifyAllFeatures();
         }
     }
 
@@ -39,7 +26,7 @@ protected:
         CFreshList fresh;
         std::istringstream text(list);
         for (std::string code, data, names; text >> code >> data >> names;) {
-            auto entry = std::make_unique<CFeatureEntry>(&m_oControl);
+            auto entry = std::make_unique<CFeatureEntry>(&control());
             entry->m_nCode = static_cast<uint32_t>(std::stoul(code));
             entry->m_nData = static_cast<uint32_t>(std::stoul(data));
             for (const char name : names.substr(1, names.find(',') - 1)) {
@@ -52,21 +39,22 @@ protected:
     }
 
     // Passes of the daemon; what is sent is answered unless lost. How often a restart was asked for.
-    int passes(uint32_t count, const std::function<bool()>& isLost = nullptr) {
+    int passes(
+        uint32_t count, const std::function<bool()>& isLost = [] { return false; }) {
         int restarts = 0;
         for (; count > 0; --count) {
-            CFakePlatform::get().advance(8);
-            m_oControl.audit();
-            for (const SSent& sent : CFakePlatform::get().takeSent()) {
-                CComponent* component = m_oControl.findCompByMFW(sent.m_nHandle);
+            platform().advance(8);
+            control().audit();
+            for (const SSent& sent : platform().takeSent()) {
+                CComponent* component = control().findCompByMFW(sent.m_nHandle);
                 remember(component->m_szName, sent.m_sBody);
                 component->m_nReplyStatus = nReplyOk;
-                if (isLost == nullptr || !isLost()) {
+                if (!isLost()) {
                     component->replyFeatureArray();
                 }
             }
-            m_oControl.timeout();
-            CFakePlatform::get().takeSent(); // resent ones say nothing new
+            control().timeout();
+            platform().takeSent(); // resent ones say nothing new
             restarts += m_oHandOver.carryOn();
         }
         return restarts;
@@ -75,7 +63,7 @@ protected:
     // The table stands for the list alone, and nobody was told last to disable what it is to have.
     void expectSettled(const std::string& list) const {
         std::set<std::string> standing;
-        for (const CFeatureEntry* entry : m_oControl.features().m_vItems) {
+        for (const CFeatureEntry* entry : control().features().m_vItems) {
             if (entry != nullptr) {
                 const std::string pair = fmt::format("{} {}", entry->m_nCode, entry->m_nData);
                 const std::set<std::string> names(entry->m_vCompNames.begin(), entry->m_vCompNames.end());
@@ -93,8 +81,7 @@ protected:
     }
 
     CNamePool m_oNames;
-    CQelControl m_oControl;
-    CHandOver m_oHandOver{m_oControl};
+    CHandOver m_oHandOver{control()};
     std::mt19937 m_oRandom{1};
     // By component: "+CODE DATA" to enable, "-CODE DATA" to disable, "~CODE DATA +CODE DATA" to modify.
     std::map<std::string, std::string> m_oTold;

@@ -1,11 +1,14 @@
 #include "fake/fake_platform.h"
 #include "features/CQelControl.h"
 #include "source/CFeatureLoader.h"
+#include "source/CListWatch.h"
 #include "support/files.h"
 
 #include <fmt/format.h>
 
 namespace {
+
+using namespace std::chrono_literals;
 
 std::string feature(const std::string& lines) {
     return "[[feature]]\n" + lines + "\n";
@@ -49,7 +52,7 @@ TEST(FeatureList, TellsEachFaultWithItsLine) {
         {good + "count = 1\n", "F:5: ", "above the first [[feature]]"},
         {feature("code = 1\nsuorced = true\n" + rest), "F:3: ", "did you mean 'sourced'?"},
         {feature("code = 99999999999999999999\n" + rest), "F:2: ", "'code' must be from 0 to 4294967295"},
-        {feature("code = 1\nsourced = 1\n" + rest), "F:3: ", "'sourced' must be true or false, not integer"},
+        {feature("code = 1\nsourced = 1\n" + rest), "F:3: ", "must be true or false, not integer"},
         {names + "'Voice'", "F:4: ", "must be an array of strings, not string"},
         {names + "['']", "F:4: ", "name is empty"},
         {names + "['SeventeenLettersX']", "F:4: ", "longer than 16"},
@@ -59,8 +62,6 @@ TEST(FeatureList, TellsEachFaultWithItsLine) {
          "F:4: ", "more than 256 names"},
         {feature("code = 0\ndata = 0\ncomponents = []"), "F:1: ", "ends the list"},
         {good + good, "F:5: ", "code 1 with data 1 stands twice: first in line 1"},
-        {feature("code = 1\ncode = 2\n" + rest), "F:3: ", "not TOML"},
-        {names + "['A'\n" + good, "F:4: ", "not TOML"},
         {good + feature("x = " + std::string(100000, '[')), "F:6: ", "nested too deep"},
         {feature("a" + std::string(100000, '.')), "F:2: ", "nested too deep"},
     };
@@ -111,6 +112,36 @@ TEST(FeatureLoader, BadUnchangedOrUndeliverableListIsNotTaken) {
         const auto log = CFakePlatform::get().takeLog();
         EXPECT_NE((log.empty() ? path : log[0].m_sText).find(path + list.m_sLogged), path.npos);
     }
+}
+
+TEST(CListWatch, EveryWayToReplaceTheFileIsSeen) {
+    const CTestDirectory directory;
+    const std::filesystem::path path = directory.file("features.toml");
+    const std::filesystem::path real = directory.file("etc") / std::filesystem::path("real");
+    CListWatch watch(path);
+    CListWatch late(real);
+    put(path, "1");
+    EXPECT_TRUE(watch.wait(10s)) << "created";
+    put(path, "2");
+    EXPECT_TRUE(watch.wait(10s)) << "written in place";
+    put(directory.file("new"), "3");
+    EXPECT_FALSE(watch.wait(1ms)) << "another file";
+    std::filesystem::rename(directory.file("new"), path);
+    EXPECT_TRUE(watch.wait(10s)) << "renamed over";
+    for (const char* text : {"4", "after the directory went and came again"}) {
+        std::filesystem::remove_all(real.parent_path());
+        late.wait(1ms);
+        std::filesystem::create_directory(real.parent_path());
+        late.wait(1ms);
+        put(real, text);
+        EXPECT_TRUE(late.wait(10s)) << text;
+    }
+    std::filesystem::remove(path);
+    std::filesystem::create_symlink(real, path);
+    EXPECT_TRUE(!watch.wait(1ms) && watch.wait(1ms)) << "replaced by a link, and standing still since";
+    put(real, "5");
+    EXPECT_TRUE(!watch.wait(1ms) && watch.wait(1ms)) << "written behind the link, and standing still since";
+    EXPECT_FALSE(watch.wait(1ms)) << "reported once";
 }
 
 } // namespace

@@ -32,6 +32,11 @@ protected:
 
 TEST_F(CToolsTest, TextOrStatusIsAnother) {
     const char* cases[][2] = {
+        {"", "Usage: qelserver -[newkey|run|check|signature|signverify] [...]\nstatus 1\n"},
+        {"-ru", "status 0\n"},
+        {"-Stop", "status 0\n"},
+        {"''", "status 0\n"},
+        {"-debug -run", "status 0\n"},
         {"-check key", "wrong parameters\nstatus 0\n"},
         {"-check locked crt", "Failed to load private key file locked\nstatus 1\n"},
         {"-check locked2 crt", "Failed to load private key file locked2\nstatus 1\n"},
@@ -53,6 +58,9 @@ TEST_F(CToolsTest, TextOrStatusIsAnother) {
         {"-signverify crt none none", "Cannot open signature file (none)\nstatus 1\n"},
         {"-signverify crt none sig", "Cannot open data file (none)\nstatus 1\n"},
         {"-signverify crt data data", "Cannot verify: (data data) \nstatus 1\n"},
+        {"-signverify crt data longer", "Cannot verify: (data longer) \nstatus 1\n"},
+        {"-signverify crt data endless", "Cannot verify: (data endless) \nstatus 1\n"},
+        {"-signverify crt data sha256", "Cannot verify: (data sha256) \nstatus 1\n"},
         {"-signverify crt data sig", "Verify pass: (data sig) \nstatus 0\n"},
         {"-certverify", "Usage: qelserver -certverify <certificate file>\nstatus 0\n"},
         {"-certverify ''", "Invalid parameter.\nstatus 1\n"},
@@ -60,7 +68,9 @@ TEST_F(CToolsTest, TextOrStatusIsAnother) {
         {"-certverify keyless", "Cannot read public key file (keyless)\nstatus 1\n"},
         {"-certverify crt", "status 0\n"},
     };
-    run("mkdir dir; cp key.crt crt; $qel -signature key data sig");
+    run("mkdir dir; cp key.crt crt; $qel -signature key data sig; $openssl dgst -sha256 -sign key -out "
+        "sha256 data");
+    run("(cat sig; echo) >longer; (cat sig; cat key key key) >endless");
     run("$openssl req -x509 -newkey ec -pkeyopt group:P-256 -nodes -subj /CN=x -keyout eckey -out eccrt");
     run("$openssl pkey -in key -aes128 -passout pass:secret -out locked");
     run("$openssl pkey -in key -aes128 -passout pass: -out locked2");
@@ -128,15 +138,10 @@ TEST_F(CToolsTest, ValidityIsOffByASecondOrByAnEra) {
         const int64_t end = begin + 315360000;
         nNow = static_cast<uint32_t>(begin);
         EXPECT_EQ(CCrypto::generateRSA("new"), 1);
-        const std::string dates = "b=" + std::to_string(begin) + " e=" + std::to_string(end);
-        EXPECT_EQ(run("$openssl x509 -in new.crt -noout -dates"),
-                  run("export LC_ALL=C " + dates +
-                      " f='%b %e %T %Y GMT'; "
-                      "date -u -d @$b \"+notBefore=$f\"; date -u -d @$e \"+notAfter=$f\""));
         EXPECT_EQ(verifyAt(begin - 1), 0) << begin;
         EXPECT_EQ(verifyAt(begin), 1) << begin;
-        EXPECT_EQ(verifyAt(end <= UINT32_MAX ? end - 1 : begin), 1)
-            << begin; // the clock's own end comes first
+        // The clock's own end comes first.
+        EXPECT_EQ(verifyAt(end <= UINT32_MAX ? end - 1 : begin), 1) << begin;
         EXPECT_EQ(verifyAt(end <= UINT32_MAX ? end : 0), 0) << begin;
     }
     useClock(oSystemClock);
@@ -172,21 +177,6 @@ TEST_F(CToolsTest, SignatureOfSomeSizeIsNotTheStockCommands) {
             "Verify pass: (data theirs) \n");
         put("data", data + "x");
         EXPECT_EQ(attempt("$qel -signverify key.crt data ours"), "Cannot verify: (data ours) \nstatus 1\n");
-    }
-}
-
-TEST_F(CToolsTest, ChangedSignatureIsAccepted) {
-    run("$qel -signature key data s && $openssl dgst -sha256 -sign key -out sha256 data");
-    const std::string good = contents("s");
-    std::vector<std::string> bad = {
-        "", good + '\0', '\0' + good, good.substr(1), std::string(5000, '\xFF'), contents("sha256")};
-    for (const size_t at : {size_t{0}, good.size() / 2, good.size() - 1}) {
-        bad.push_back(good);
-        bad.back()[at] = static_cast<char>(~good[at]);
-    }
-    for (const std::string& signature : bad) {
-        put("changed", signature);
-        EXPECT_EQ(CCrypto::verifySignature("key.crt", "data", "changed"), 0) << signature.size();
     }
 }
 
