@@ -84,14 +84,4 @@ TEST(CStringTest, CompareIgnoresCaseAndWhatOnlyOneTextHas) {
     }
 }
 
-TEST(CStringTest, SearchAndDigitsTakeBytesAsUnsigned) {
-    const char* text = "ab\377b";
-    EXPECT_EQ(CString::strchr(text, 0xFF), text + 2);
-    EXPECT_EQ(CString::strchr(text, 0), text + 4);
-    EXPECT_EQ(CString::strchr(text, -1), nullptr);
-    char out[10] = "#########";
-    CString::convert2Digits(reinterpret_cast<const unsigned char*>("\1\27\377"), 3, out);
-    EXPECT_STREQ(out, "123255");
-}
-
 } // namespace

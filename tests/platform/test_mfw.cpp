@@ -94,6 +94,8 @@ TEST_F(CMfwTest, messageGoesToAnotherCallbackOrStaysWhereNobodyWantsIt) {
 TEST_F(CMfwTest, peerThatCameBackStaysUnreachableOrWhatItSentBeforeIsLost) {
     for (const bool sendFirst : {true, false}) { // either may be what meets the reset
         CChild peer = startPeer("peer", [parent = m_nOwn](const CLine& line) {
+            receiveText(); // the connection is known now, and serves both ways
+            line.tell('a');
             line.hear();
             const int error = sendText(parent, 1, "first") + sendText(parent, 1, std::string(70000, '2'));
             OvuMfwCleanup();
@@ -103,6 +105,8 @@ TEST_F(CMfwTest, peerThatCameBackStaysUnreachableOrWhatItSentBeforeIsLost) {
         });
         const auto again = [handle = peer.handle()] { return sendText(handle, 1, "again") == 0; };
         openEndpoint();
+        EXPECT_TRUE(again());
+        ASSERT_EQ(peer.hear(), 'a');
         EXPECT_EQ(sendText(peer.handle(), 1, "lost with the old endpoint"), 0);
         peer.tell('g');
         ASSERT_EQ(peer.hear(), 'r');

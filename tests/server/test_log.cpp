@@ -3,6 +3,8 @@
 #include "server/stand_ins.h"
 #include "support/files.h"
 
+#include <thread>
+
 namespace {
 
 struct CLogTest : CServerTestBase {
@@ -54,6 +56,22 @@ TEST_F(CLogTest, EachLineHasItsStampAndOpensTheLogAnew) {
         EXPECT_EQ(CQelServer::LogFile("lost"), 0);
         setenv("QEL_LOG_FILE", m_sPath.c_str(), 1);
     }
+}
+
+// Lines longer than any buffer of the library: in pieces, they would mix.
+TEST_F(CLogTest, LinesOfSeveralThreadsMix) {
+    const auto write = [](char letter) {
+        for (int i = 0; i < 2000; ++i) {
+            CQelServer::LogFile(std::string(5000, letter).c_str());
+        }
+    };
+    { std::jthread a(write, 'a'), b(write, 'b'); }
+    std::ifstream lines(m_sPath);
+    int whole = 0;
+    for (std::string line; std::getline(lines, line);) {
+        whole += line.size() == 5025 && line.find_first_not_of(line[25], 25) == std::string::npos;
+    }
+    EXPECT_EQ(whole, 4000);
 }
 
 TEST_F(CLogTest, TextsAreFormattedWholeWhateverTheirLength) {
