@@ -58,6 +58,12 @@ inline std::string feature(uint32_t code, uint32_t data, const char* component, 
                        component, more);
 }
 
+// The daemon of this build tree, or that of another processor's.
+inline std::string daemonProgram() {
+    const char* other = std::getenv("QEL_TEST_DAEMON");
+    return other != nullptr ? other : QEL_DAEMON;
+}
+
 class CDaemonTest : public CPlatformTest {
 protected:
     using Features = std::map<uint32_t, uint32_t>; // code to data
@@ -72,7 +78,7 @@ protected:
 
     // Runs the daemon's executable to its end.
     static std::string attempt(const std::string& arguments) {
-        return ::attempt("timeout 60 " QEL_DAEMON " " + arguments);
+        return ::attempt("timeout 60 " + daemonProgram() + " " + arguments);
     }
     // A daemon that hangs is ended by SIGALRM after four times the patience.
     void launchDaemon(const char* option = nullptr) {
@@ -82,7 +88,8 @@ protected:
             const int output = open(file("output").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
             dup2(output, STDOUT_FILENO);
             dup2(output, STDERR_FILENO);
-            return execl(QEL_DAEMON, QEL_DAEMON, "-run", option, nullptr);
+            const std::string program = daemonProgram();
+            return execl(program.c_str(), program.c_str(), "-run", option, nullptr);
         });
     }
     // Waits until it answers, and leaves the test with an endpoint.

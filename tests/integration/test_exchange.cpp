@@ -4,6 +4,59 @@ namespace {
 
 using CExchangeTest = CDaemonTest;
 
+// A body as words in hexadecimal.
+std::string inHex(const std::string& body) {
+    std::string hex;
+    for (size_t i = 0; i < body.size(); ++i) {
+        hex += fmt::format("{}{:02x}", i > 0 && i % 4 == 0 ? " " : "", static_cast<uint8_t>(body[i]));
+    }
+    return hex;
+}
+
+TEST_F(CExchangeTest, AByteOfATypicalExchangeIsAnother) {
+    writeList(feature(0x101, 5, "Phone") + feature(0x102, 6, "Phone") +
+              feature(0x104, 1, "Phone", "sourced = true") + feature(0x105, 1, "Another"));
+    startDaemon();
+    // word 0, length, type, sub-type, tag, handle; code, data, extra
+    const auto expect = [&](const std::string& rest) {
+        EXPECT_EQ(inHex(receiveText()), "00000000 00000024 " + rest);
+    };
+
+    send(nameMessage(0xA1, "Phone"));
+    expect("00000000 00000000 000000a1 00000000 00000000 00000000 00000000");
+    send(request(nGetFeature, 0xA2));
+    expect("00000000 00000000 000000a2 00000000 00000101 00000005 00000000");
+    send(request(nStartMonitor, 0xA3));
+    expect("00000000 00000000 000000a3 00000000 00000000 00000000 00000000");
+    expect("00000001 00000000 000000a3 00000000 00000102 00000006 00000000");
+    send(reply(nWriteReply, 0xA4, 1));
+    expect("00000000 00000000 000000a4 00000000 00000102 00000006 00000000");
+    expect("00000001 00000000 000000a4 00000000 00000104 00000001 00000000");
+    send(reply(nWriteReply, 0xA5, 1));
+    expect("00000000 00000000 000000a5 00000000 00000104 00000001 00000000");
+
+    writeList(feature(0x101, 5, "Phone") + feature(0x104, 2, "Phone", "sourced = true") +
+              feature(0x105, 1, "Another"));
+    ASSERT_TRUE(eventually([&] { return featuresInForce().count(0x102) == 0; }));
+    send(request(nStartMonitor, 0xA6)); // does not wait for the audit
+    expect("00000000 00000000 000000a6 00000000 00000000 00000000 00000000");
+    expect("00000001 00000000 000000a6 00000000 00000101 00000005 00000000");
+    send(reply(nWriteReply, 0xA7, 1));
+    expect("00000000 00000000 000000a7 00000000 00000101 00000005 00000000");
+    expect("00000003 00000000 000000a7 00000000 00000102 00000006 00000000");
+    send(reply(nWriteReply, 0xA8, 1));
+    expect("00000000 00000000 000000a8 00000000 00000102 00000006 00000000");
+    expect("00000002 00000000 000000a8 00000000 00000104 00000001 00000002");
+    send(reply(nWriteReply, 0xA9, 1));
+    expect("00000000 00000000 000000a9 00000000 00000104 00000002 00000000");
+
+    send(reply(nShutdown, 0xAA, 1)); // neither this nor what comes of a stranger is answered
+    send(request(nGetFeature, 0xAB));
+    send(nameMessage(0xAC, "Phone"));
+    expect("00000000 00000000 000000ac 00000000 00000000 00000000 00000000");
+    stopDaemon();
+}
+
 TEST_F(CExchangeTest, ListChangeIsMissedOrABadOneTakenOrNobodyTold) {
     startDaemon();
     EXPECT_EQ(featuresInForce(), (Features{{1, 1}}));
@@ -37,6 +90,7 @@ TEST_F(CExchangeTest, LongListIsCutOnItsWayToOAM) {
     writeList(list);
     startDaemon();
     EXPECT_TRUE(featuresInForce() == features);
+    ASSERT_FALSE(oReceived.empty());
     EXPECT_EQ(oReceived.back().text().substr(0, 28), words({0, 0, 11, 0, 1, 0, QEL_LONG_LIST}));
     stopDaemon();
 }

@@ -13,6 +13,34 @@ using COsTest = CPlatformTest;
 using CServiceTest = CPlatformTest;
 using CDiagTest = CPlatformTest;
 
+int askState(const char* name) {
+    int state = -1;
+    return osGetProcessState(name, &state) == 0 ? state : -1;
+}
+
+TEST_F(COsTest, ofSeveralThatAskAtOnceMoreThanOneRuns) {
+    std::vector<CChild> children;
+    for (int i = 0; i < 8; ++i) {
+        children.emplace_back([](const CLine& line) {
+            line.hear();
+            line.tell(askState("claimed") == OS_PROCESS_NOT_RUNNING ? 'n' : 'r');
+            return hang(line);
+        });
+    }
+    for (const CChild& child : children) {
+        child.tell('g');
+    }
+    std::string answers;
+    for (const CChild& child : children) {
+        answers += child.hear();
+    }
+    ASSERT_EQ(std::count(answers.begin(), answers.end(), 'n'), 1) << answers;
+    EXPECT_EQ(askState("claimed"), OS_PROCESS_RUNNING);
+    children[answers.find('n')].end(SIGKILL);
+    EXPECT_EQ(askState("claimed"), OS_PROCESS_NOT_RUNNING);
+    EXPECT_EQ(askState("claimed"), OS_PROCESS_NOT_RUNNING); // the holder does not run for itself
+}
+
 // What a dead daemon leaves, and its signal to another process: among the command line's tests.
 TEST_F(COsTest, signalsPileUpOrBlockOrAKillTakesTheNewerEventOrALoopSpins) {
     uint32_t handle = 0;

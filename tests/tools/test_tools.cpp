@@ -3,8 +3,10 @@
 #include "base/clock.h"
 #include "support/files.h"
 #include "tools/CCrypto.h"
+#include "tools/handles.h"
 
 #include <algorithm>
+#include <openssl/pem.h>
 #include <random>
 
 namespace {
@@ -178,6 +180,46 @@ TEST_F(CToolsTest, SignatureOfSomeSizeIsNotTheStockCommands) {
         put("data", data + "x");
         EXPECT_EQ(attempt("$qel -signverify key.crt data ours"), "Cannot verify: (data ours) \nstatus 1\n");
     }
+}
+
+// A change beside the certificate's key (name, date, its own signature) leaves the one that signed. A changed
+// key is worth nothing. QEL_TEST_CHANGES in the environment: how many random changes, 1000 by default.
+TEST_F(CToolsTest, ChangedSignatureOrKeyIsAccepted) {
+    run("$qel -signature key data s && $openssl dgst -sha256 -sign key -out sha256 data");
+    const std::string good = contents("s");
+    const auto isAccepted = [](const char* certificate, const std::string& signature) {
+        put("changed", signature);
+        return CCrypto::verifySignature(certificate, "data", "changed") == 1;
+    };
+    for (const std::string& bad : {std::string(), good + '\0', '\0' + good, good.substr(1),
+                                   std::string(5000, '\xFF'), contents("sha256")}) {
+        EXPECT_FALSE(isAccepted("key.crt", bad)) << bad.size();
+    }
+    std::mt19937 random(20);
+    const auto changed = [&random](std::string bytes) {
+        char& byte = bytes[random() % bytes.size()];
+        byte = static_cast<char>(byte ^ 1 << random() % 8);
+        return random() % 4 == 0 ? bytes.erase(random() % bytes.size(), 1) : bytes;
+    };
+    const std::string goodCertificate = contents("key.crt");
+    const auto parsed = [](const std::string& text) {
+        const CBioHandle in(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
+        return CCertificateHandle(PEM_read_bio_X509(in.get(), nullptr, nullptr, nullptr));
+    };
+    const CCertificateHandle original = parsed(goodCertificate);
+    const char* changes = std::getenv("QEL_TEST_CHANGES");
+    int refused = 0;
+    for (int round = changes != nullptr ? std::atoi(changes) : 1000; round > 0; --round) {
+        ASSERT_FALSE(isAccepted("key.crt", changed(good))) << round;
+        const std::string text = changed(goodCertificate);
+        put("c", text);
+        const CCertificateHandle now = parsed(text);
+        const bool isSame =
+            now && EVP_PKEY_eq(X509_get0_pubkey(now.get()), X509_get0_pubkey(original.get())) == 1;
+        ASSERT_EQ(isAccepted("c", good), isSame) << round << "\n" << text;
+        refused += now && !isSame ? 1 : 0;
+    }
+    EXPECT_GT(refused, 50); // well-formed, but for another key
 }
 
 } // namespace
