@@ -82,7 +82,7 @@ inline void keep(uint16_t type, uint32_t userId, const sOvuMfwMessage* message, 
     oReceived.push_back({type, userId, sender, {body, std::max<size_t>(length, OVU_MFW_MIN_DATA)}, length});
 }
 
-inline constexpr int nPatience = 30000; // milliseconds; for what comes at once but under sanitizers
+inline constexpr int nPatience = 60000; // milliseconds; for what comes at once but under sanitizers
 
 // Takes in one message and returns its text; "none" where none comes.
 inline std::string receiveText() {
