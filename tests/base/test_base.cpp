@@ -75,6 +75,20 @@ TEST(CStringTest, TokenizeDropsEmptyTokensAndReturnsTheRestFromEachDelimiterOnDe
     }
 }
 
+TEST(CStringTest, CopiesKeepTheirTextWhateverBecomesOfTheOriginal) {
+    CString original("Paging");
+    const CString copy(original);
+    CString assigned("before");
+    assigned = original;
+    original = CString(nullptr);
+    EXPECT_TRUE(original.empty());
+    EXPECT_STREQ(original.c_str(), "");
+    const CString& itself = assigned;
+    assigned = itself;
+    EXPECT_STREQ(copy.c_str(), "Paging");
+    EXPECT_STREQ(assigned.c_str(), "Paging");
+}
+
 TEST(CStringTest, CompareIgnoresCaseAndWhatOnlyOneTextHas) {
     const std::tuple<const char*, const char*, int> cases[] = {
         {"Hello", "hELLO", 0}, {"ab", "ABC", 0}, {"ABC", "ab", 0},         {"", "x", 0},
