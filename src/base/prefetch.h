@@ -3,13 +3,15 @@
 #define QEL_BASE_PREFETCH_H
 
 #include <cstddef>
+#include <cstdint>
 
 // A hint without effect on the result; the memory need not be readable.
 inline void prefetch(const void* memory, size_t size) {
     constexpr size_t nCacheLine = 64;
     const char* at = static_cast<const char*>(memory);
-    for (size_t offset = 0; offset < size; offset += nCacheLine) {
-        __builtin_prefetch(at + offset);
+    const size_t before = reinterpret_cast<uintptr_t>(memory) % nCacheLine; // in the first line
+    for (size_t offset = 0; offset < before + size; offset += nCacheLine) {
+        __builtin_prefetch(at - before + offset);
     }
 }
 
