@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <span>
 
 using enum CCompStatus::ECStatus;
 
@@ -272,7 +273,8 @@ int CFeatureEntry::setCompStatus(CCompStatus::ECStatus status) {
 }
 
 void CFeatureEntry::prefetchRecords() const {
-    prefetch(m_vCompStatus.data(), m_vCompStatus.size() * sizeof(CCompStatus*));
+    const auto slots = std::as_bytes(std::span(m_vCompStatus));
+    prefetch(slots.data(), slots.size());
     m_oRecords.prefetchAll();
 }
 
