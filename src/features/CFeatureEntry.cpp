@@ -163,10 +163,12 @@ int CFeatureEntry::add(CComponent* comp) {
     return 1;
 }
 
-// A feature mostly comes to hold one record for each of its names.
+// A feature mostly comes to hold one record for each of its names, in two slots after the component's
+// restart. Slots that had to grow then would lie elsewhere, and what comes into their place between the
+// records.
 CCompStatus* CFeatureEntry::makeRecord() {
     if (m_vCompStatus.capacity() == 0) {
-        m_vCompStatus.reserve(m_vCompNames.size());
+        m_vCompStatus.reserve(2 * m_vCompNames.size());
     }
     return m_oRecords.make(m_vCompNames.size());
 }

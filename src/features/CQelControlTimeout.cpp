@@ -56,6 +56,20 @@ bool settle(CFeatureEntry& entry) {
     return false;
 }
 
+// Looking through many records keeps the processor from looking ahead to those of the next entries, so it is
+// told.
+void fetchRecordsAhead(const CArray<CFeatureEntry*>& entries, size_t position) {
+    constexpr size_t nAhead = 2;
+    constexpr size_t nMany = 16;
+    if (position + nAhead >= entries.m_vItems.size()) {
+        return;
+    }
+    const CFeatureEntry* entry = entries.m_vItems[position + nAhead];
+    if (entry != nullptr && entry->m_vCompStatus.size() >= nMany) {
+        entry->prefetchRecords();
+    }
+}
+
 // The entries that a pass removes. They leave the tables together when the pass is over, so that a pass that
 // removes many costs no more than one that removes one; the log tells of each in its turn.
 class CRemovals {
@@ -115,7 +129,9 @@ std::vector<CHoldingIndex> holdingsOf(const CArray<CComponent*>& components) {
 void CQelControl::timeout() {
     CRemovals removals(m_aFeatures, m_aComponents);
     bool hasMovedUp = false;
-    for (CFeatureEntry* entry : m_aFeatures.m_vItems) {
+    for (size_t i = 0; i < m_aFeatures.m_vItems.size(); ++i) {
+        CFeatureEntry* entry = m_aFeatures.m_vItems[i];
+        fetchRecordsAhead(m_aFeatures, i);
         const bool isSettling = !hasMovedUp;
         hasMovedUp = false;
         if (entry == nullptr) {
