@@ -39,11 +39,14 @@ void fetchAhead(const CArray<CFeatureEntry*>& entries, size_t position) {
     constexpr size_t nRecordsAhead = 2;
     constexpr size_t nEntriesAhead = 6;
     const auto& items = entries.m_vItems;
-    if (position + nEntriesAhead < items.size()) {
-        prefetch(items[position + nEntriesAhead], sizeof(CFeatureEntry));
-        if (const CFeatureEntry* entry = items[position + nRecordsAhead]) {
-            entry->prefetchRecords();
-        }
+    if (position + nEntriesAhead >= items.size()) {
+        return;
+    }
+    if (const CFeatureEntry* entry = items[position + nEntriesAhead]) {
+        prefetch(entry, sizeof *entry);
+    }
+    if (const CFeatureEntry* entry = items[position + nRecordsAhead]) {
+        entry->prefetchRecords();
     }
 }
 
