@@ -7,8 +7,8 @@
 #include "features/CComponent.h"
 #include "features/CFeatureEntry.h"
 #include "features/CQelControl.h"
-#include "messaging/wire.h"
-#include "server/CQelServer.h"
+#include "messaging/wire/wire.h"
+#include "server/loop/CQelServer.h"
 
 #include <cstring>
 #include <deque>

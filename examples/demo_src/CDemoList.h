@@ -2,7 +2,7 @@
 #ifndef QEL_DEMO_CDEMOLIST_H
 #define QEL_DEMO_CDEMOLIST_H
 
-#include "source/feature_list.h"
+#include "source/list/feature_list.h"
 
 #include <set>
 #include <string>

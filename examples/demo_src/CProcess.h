@@ -2,7 +2,7 @@
 #ifndef QEL_DEMO_CPROCESS_H
 #define QEL_DEMO_CPROCESS_H
 
-#include "platform/linux/CFileDescriptor.h"
+#include "base/CFileDescriptor.h"
 
 #include <chrono>
 #include <optional>

@@ -2,7 +2,7 @@
 #ifndef QEL_DEMO_CAST_H
 #define QEL_DEMO_CAST_H
 
-#include "source/feature_list.h"
+#include "source/list/feature_list.h"
 
 #include <array>
 

@@ -4,7 +4,7 @@
 
 #include "client/CFeatureTable.h"
 #include "client/qelclient.h"
-#include "messaging/wire.h"
+#include "messaging/wire/wire.h"
 #include "platform/mfw.h"
 
 #include <chrono>

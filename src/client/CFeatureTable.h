@@ -2,7 +2,7 @@
 #ifndef QEL_CLIENT_CFEATURETABLE_H
 #define QEL_CLIENT_CFEATURETABLE_H
 
-#include "messaging/wire.h"
+#include "messaging/wire/wire.h"
 
 #include <compare>
 #include <cstddef>

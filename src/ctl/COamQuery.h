@@ -2,7 +2,7 @@
 #ifndef QEL_CTL_COAMQUERY_H
 #define QEL_CTL_COAMQUERY_H
 
-#include "messaging/wire.h"
+#include "messaging/wire/wire.h"
 #include "platform/mfw.h"
 
 #include <chrono>

@@ -1,7 +1,7 @@
 // qelctl check
 #include "ctl/commands.h"
 #include "ctl/terminal.h"
-#include "source/feature_list.h"
+#include "source/list/feature_list.h"
 
 #include <algorithm>
 #include <fmt/format.h>

@@ -1,7 +1,7 @@
 #include "ctl/describe.h"
 
 #include "ctl/terminal.h"
-#include "messaging/wire.h"
+#include "messaging/wire/wire.h"
 
 #include <array>
 #include <fmt/format.h>

@@ -2,8 +2,8 @@
 
 #include "base/clock.h"
 #include "features/CFeatureEntry.h"
-#include "messaging/CMFWServer.h"
-#include "server/log.h"
+#include "messaging/endpoint/CMFWServer.h"
+#include "server/log/log.h"
 
 #include <algorithm>
 #include <cstdio>

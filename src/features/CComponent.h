@@ -4,7 +4,7 @@
 
 #include "base/CArray.h"
 #include "base/CMediator.h"
-#include "messaging/wire.h"
+#include "messaging/wire/wire.h"
 
 #include <array>
 #include <cstdint>

@@ -7,7 +7,7 @@
 #include "features/CComponent.h"
 #include "features/description.h"
 #include "features/phases.h"
-#include "server/log.h"
+#include "server/log/log.h"
 
 #include <algorithm>
 #include <cstring>

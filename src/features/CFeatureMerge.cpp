@@ -3,7 +3,7 @@
 #include "base/prefetch.h"
 #include "features/CFeatureEntry.h"
 #include "features/CQelControl.h"
-#include "server/log.h"
+#include "server/log/log.h"
 
 #include <algorithm>
 

@@ -2,7 +2,7 @@
 
 #include "features/CComponent.h"
 #include "features/CFeatureEntry.h"
-#include "server/singleton.h"
+#include "server/log/singleton.h"
 
 #include <algorithm>
 #include <new>

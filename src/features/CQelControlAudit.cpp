@@ -5,8 +5,8 @@
 #include "features/CConcernIndex.h"
 #include "features/CFeatureEntry.h"
 #include "features/walks.h"
-#include "messaging/wire.h"
-#include "server/log.h"
+#include "messaging/wire/wire.h"
+#include "server/log/log.h"
 
 using enum CCompStatus::ECStatus;
 

@@ -1,11 +1,11 @@
 // Registration of well-known components that run but have not announced themselves.
 #include "features/CQelControl.h"
 
-#include "base/COswLightweightMutex.h"
+#include "base/mutex/COswLightweightMutex.h"
 #include "features/CComponent.h"
 #include "features/CFeatureEntry.h"
 #include "platform/mfw.h"
-#include "server/log.h"
+#include "server/log/log.h"
 
 #include <new>
 

@@ -2,7 +2,7 @@
 #include "features/CQelControl.h"
 
 #include "features/CFeatureEntry.h"
-#include "messaging/wire.h"
+#include "messaging/wire/wire.h"
 
 #include <algorithm>
 #include <cstring>

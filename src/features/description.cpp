@@ -2,7 +2,7 @@
 
 #include "base/CFile.h"
 #include "features/CFeatureEntry.h"
-#include "server/log.h"
+#include "server/log/log.h"
 
 #include <cstdlib>
 #include <memory>

@@ -1,9 +1,10 @@
 // Entry and command line: the daemon's start, its stop, and the tools.
 #include "platform/os.h"
 #include "platform/service.h"
-#include "server/CQelServer.h"
-#include "server/log.h"
-#include "server/names.h"
+#include "server/log/log.h"
+#include "server/loop/CQelServer.h"
+#include "server/loop/names.h"
+#include "source/CFeatureSource.h"
 #include "tools/tool_modes.h"
 
 #include <atomic>
@@ -59,6 +60,7 @@ int serve() {
         logEvent(svInfo, 31163, "can't get server object.");
         return nExitFailed;
     }
+    CQelServer::setSupply(CFeatureSource::instance());
     server->clear();
     if (server->init() != 1) {
         server->clear();

@@ -1,6 +1,6 @@
 #include "source/CFeatureLoader.h"
 
-#include "server/log.h"
+#include "server/log/log.h"
 #include "source/events.h"
 
 #include <fmt/core.h>

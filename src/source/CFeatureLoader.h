@@ -3,8 +3,8 @@
 #define QEL_SOURCE_CFEATURELOADER_H
 
 #include "source/CNamePool.h"
-#include "source/feature_list.h"
 #include "source/fresh_list.h"
+#include "source/list/feature_list.h"
 
 #include <optional>
 #include <string>

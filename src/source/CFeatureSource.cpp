@@ -2,9 +2,9 @@
 
 #include "features/CFeatureMerge.h"
 #include "features/CQelControl.h"
-#include "messaging/wire.h"
+#include "messaging/wire/wire.h"
 #include "platform/mfw.h"
-#include "server/log.h"
+#include "server/log/log.h"
 #include "source/events.h"
 
 #include <csignal>

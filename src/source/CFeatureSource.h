@@ -2,6 +2,7 @@
 #ifndef QEL_SOURCE_CFEATURESOURCE_H
 #define QEL_SOURCE_CFEATURESOURCE_H
 
+#include "features/CFeatureSupply.h"
 #include "source/CFeatureLoader.h"
 #include "source/CHandOver.h"
 #include "source/CListWatch.h"
@@ -23,17 +24,12 @@ class CQelControl;
 //
 // The object and its thread live until the process ends, and are never destroyed: the process may exit at any
 // moment, from any thread.
-class CFeatureSource {
+class CFeatureSource final : public CFeatureSupply {
 public:
     static CFeatureSource& instance();
 
-    // Hands the file's list to the control, which must live as long as the process. False where there is no
-    // usable list; the log has said why. Main thread, before startWatching().
-    bool supply(CQelControl& control);
-
-    // Registers the note's callback, and starts the thread if it is not running yet. After supply() and with
-    // the message framework up; again whenever that was initialised anew. Main thread.
-    void startWatching();
+    bool supply(CQelControl& control) override;
+    void startWatching() override;
 
 private:
     explicit CFeatureSource(std::string path);

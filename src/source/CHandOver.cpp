@@ -3,7 +3,7 @@
 #include "features/CComponent.h"
 #include "features/CFeatureMerge.h"
 #include "features/CQelControl.h"
-#include "server/log.h"
+#include "server/log/log.h"
 #include "source/events.h"
 
 #include <algorithm>

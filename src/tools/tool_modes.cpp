@@ -1,11 +1,13 @@
 #include "tools/tool_modes.h"
 
-#include "server/names.h"
 #include "tools/CCrypto.h"
 
 #include <cstdio>
 
 namespace {
+
+constexpr char sQelDefaultCertPath[] = "/ov/etc/t31syscert1.pem"; // that signatures are verified with
+constexpr char sQelDefaultKeyPath[] = "/tmp/t31";                 // of a new key pair
 
 int exitStatus(int result) {
     return result == 1 ? 0 : 1;

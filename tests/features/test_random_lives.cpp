@@ -4,7 +4,7 @@
 // QEL_TEST_STEPS in the environment sets how long the former are.
 #include "world.h"
 
-#include "server/log.h"
+#include "server/log/log.h"
 
 #include <algorithm>
 #include <array>

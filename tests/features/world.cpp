@@ -1,6 +1,6 @@
 #include "world.h"
 
-#include "server/CQelServer.h"
+#include "server/loop/CQelServer.h"
 
 #include <algorithm>
 #include <memory>

@@ -6,7 +6,7 @@
 #include "features/CComponent.h"
 #include "features/CFeatureEntry.h"
 #include "features/CQelControl.h"
-#include "messaging/wire.h"
+#include "messaging/wire/wire.h"
 
 #include <gtest/gtest.h>
 

@@ -2,7 +2,7 @@
 #ifndef QEL_TESTS_PLATFORM_PROCESSES_H
 #define QEL_TESTS_PLATFORM_PROCESSES_H
 
-#include "platform/linux/CFileDescriptor.h"
+#include "base/CFileDescriptor.h"
 #include "platform/mfw.h"
 #include "platform/os.h"
 #include "support/files.h"

@@ -1,6 +1,6 @@
 // The operating-system abstraction, the service manager and the diagnostics, with a journal that the test
 // plays.
-#include "base/COswLightweightMutex.h"
+#include "base/mutex/COswLightweightMutex.h"
 #include "platform/diag.h"
 #include "platform/service.h"
 #include "processes.h"

@@ -1,5 +1,5 @@
-#include "server/CQelServer.h"
-#include "server/log.h"
+#include "server/log/log.h"
+#include "server/loop/CQelServer.h"
 #include "server/stand_ins.h"
 #include "support/files.h"
 

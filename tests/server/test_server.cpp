@@ -1,23 +1,18 @@
+#include "features/CFeatureSupply.h"
 #include "features/world.h"
-#include "messaging/CMFWServer.h"
-#include "server/CQelServer.h"
+#include "messaging/endpoint/CMFWServer.h"
+#include "server/loop/CQelServer.h"
 #include "server/stand_ins.h"
-#include "source/CFeatureSource.h"
-
-static bool bSupplyFails = false;
-
-CFeatureSource& CFeatureSource::instance() {
-    alignas(CFeatureSource) static std::byte place[sizeof(CFeatureSource)];
-    return reinterpret_cast<CFeatureSource&>(place); // nothing here touches a member
-}
-
-bool CFeatureSource::supply(CQelControl&) {
-    return !bSupplyFails;
-}
-
-void CFeatureSource::startWatching() {}
 
 namespace {
+
+struct CSupply final : CFeatureSupply {
+    bool supply(CQelControl&) override { return !m_bFails; }
+    void startWatching() override { ++m_nWatches; }
+
+    bool m_bFails = false;
+    int m_nWatches = 0;
+};
 
 const Lines vOpenEndpoint = {"OvuMfwInitialize", "OvuMfwRegisterCallback 0", "OvuMfwRegisterCallback 6"};
 const Lines vClear = {"OvuMfwDeregisterCallback 6", "OvuMfwDeregisterCallback 0", "OvuMfwCleanup"};
@@ -31,9 +26,12 @@ Lines operator+(Lines left, const Lines& right) {
 struct CServerTest : CServerTestBase {
     void SetUp() override { // the endpoint exists, and is open, as its constructor leaves it
         CServerTestBase::SetUp();
+        CQelServer::setSupply(m_oSupply);
         ASSERT_EQ(CMFWServer::instance()->init(), 0);
         m_oPlatform.m_vCalls.clear();
     }
+
+    CSupply m_oSupply;
 };
 
 TEST_F(CServerTest, EachWayThroughInitEndsAsItMust) {
@@ -55,7 +53,8 @@ TEST_F(CServerTest, EachWayThroughInitEndsAsItMust) {
     for (const auto& [function, nth, error, result, lines, calls] : cases) {
         SetUp();
         m_oPlatform.fail(function, error, nth);
-        bSupplyFails = function == "supply";
+        m_oSupply = {};
+        m_oSupply.m_bFails = function == "supply";
         if (function == "stale") {
             m_oPlatform.m_oEvents[sEvent] = 90;
         }
@@ -63,6 +62,7 @@ TEST_F(CServerTest, EachWayThroughInitEndsAsItMust) {
         EXPECT_EQ(server.init(), result) << function;
         EXPECT_EQ(takeLines(), lines) << function;
         EXPECT_EQ(m_oPlatform.m_vCalls, calls) << function;
+        EXPECT_EQ(m_oSupply.m_nWatches, result) << function;
     }
 }
 

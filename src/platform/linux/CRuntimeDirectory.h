@@ -3,7 +3,7 @@
 #ifndef QEL_PLATFORM_LINUX_CRUNTIMEDIRECTORY_H
 #define QEL_PLATFORM_LINUX_CRUNTIMEDIRECTORY_H
 
-#include "platform/linux/CFileDescriptor.h"
+#include "base/CFileDescriptor.h"
 
 #include <string>
 #include <string_view>

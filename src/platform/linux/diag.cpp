@@ -2,7 +2,7 @@
 // call would wait for room where the journal does not read; this never does.
 #include "platform/diag.h"
 
-#include "platform/linux/CFileDescriptor.h"
+#include "base/CFileDescriptor.h"
 #include "platform/linux/errors.h"
 
 #include <cstdlib>

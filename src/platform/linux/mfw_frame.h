@@ -7,8 +7,8 @@
 #ifndef QEL_PLATFORM_LINUX_MFW_FRAME_H
 #define QEL_PLATFORM_LINUX_MFW_FRAME_H
 
+#include "base/CFileDescriptor.h"
 #include "base/big_endian.h"
-#include "platform/linux/CFileDescriptor.h"
 
 #include <cstddef>
 #include <cstdint>

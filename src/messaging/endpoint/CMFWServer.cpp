@@ -1,9 +1,9 @@
-#include "messaging/CMFWServer.h"
+#include "messaging/endpoint/CMFWServer.h"
 
 #include "base/big_endian.h"
-#include "messaging/wire.h"
-#include "server/log.h"
-#include "server/singleton.h"
+#include "messaging/wire/wire.h"
+#include "server/log/log.h"
+#include "server/log/singleton.h"
 
 #include <algorithm>
 #include <cstring>

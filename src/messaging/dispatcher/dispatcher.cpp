@@ -1,13 +1,13 @@
 // The request dispatcher: one row a message, the common steps first, then a short handler.
-#include "server/CQelServer.h"
+#include "messaging/dispatcher/dispatcher.h"
 
-#include "base/COswLightweightMutex.h"
+#include "base/mutex/COswLightweightMutex.h"
 #include "features/CComponent.h"
 #include "features/CFeatureEntry.h"
 #include "features/CQelControl.h"
-#include "messaging/CMFWServer.h"
-#include "messaging/wire.h"
-#include "server/log.h"
+#include "messaging/endpoint/CMFWServer.h"
+#include "messaging/wire/wire.h"
+#include "server/log/log.h"
 
 #include <algorithm>
 #include <new>
@@ -310,7 +310,7 @@ void logHeader(const CQelMessageHeader& header) {
 
 } // namespace
 
-void CQelServer::cbQelServer(uint16_t type, uint32_t id, const sOvuMfwMessage* message, uint32_t length) {
+void dispatchRequest(uint16_t type, uint32_t id, const sOvuMfwMessage* message, uint32_t length) {
     if (message == nullptr) {
         return;
     }

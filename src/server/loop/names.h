@@ -1,7 +1,6 @@
-// The names and paths that the daemon is known by, and the timing of its loop. Compiled in: one definition
-// each.
-#ifndef QEL_SERVER_NAMES_H
-#define QEL_SERVER_NAMES_H
+// The names that the daemon is known by, and the timing of its loop. Compiled in: one definition each.
+#ifndef QEL_SERVER_LOOP_NAMES_H
+#define QEL_SERVER_LOOP_NAMES_H
 
 #include <cstdint>
 
@@ -9,10 +8,6 @@ inline constexpr char sQelLockFileName[] = "QelInstance";       // claimed by th
 inline constexpr char sOvuQelServiceName[] = "qelserver";       // at the service manager
 inline constexpr char sServiceEventName[] = "QELEVENTSERVER1";  // stop event, of the server
 inline constexpr char sServiceEventName1[] = "QELEVENTSERVER1"; // the same, of the command line
-inline constexpr char sQelServerLogFileName[] =
-    "/var/log/QelServer.log"; // text log; QEL_LOG_FILE overrides it
-inline constexpr char sQelDefaultCertPath[] = "/ov/etc/t31syscert1.pem"; // that signatures are verified with
-inline constexpr char sQelDefaultKeyPath[] = "/tmp/t31";                 // of a new key pair
 
 // Milliseconds.
 inline constexpr uint32_t nMaxLoopDelay = 35;   // what a turn lasts at least, its wait included

@@ -1,18 +1,20 @@
-#include "server/CQelServer.h"
+#include "server/loop/CQelServer.h"
 
 #include "base/clock.h"
+#include "features/CFeatureSupply.h"
 #include "features/CQelControl.h"
-#include "messaging/CMFWServer.h"
-#include "messaging/wire.h"
-#include "server/log.h"
-#include "server/names.h"
-#include "server/singleton.h"
-#include "source/CFeatureSource.h"
+#include "messaging/dispatcher/dispatcher.h"
+#include "messaging/endpoint/CMFWServer.h"
+#include "messaging/wire/wire.h"
+#include "server/log/log.h"
+#include "server/log/singleton.h"
+#include "server/loop/names.h"
 
 #include <algorithm>
 #include <new>
 
 constinit std::atomic<CQelServer*> CQelServer::m_pInstance = nullptr;
+constinit CFeatureSupply* CQelServer::m_pSupply = nullptr;
 
 namespace {
 
@@ -32,18 +34,24 @@ CQelServer::~CQelServer() {
     clear();
 }
 
+void CQelServer::setSupply(CFeatureSupply& supply) {
+    m_pSupply = &supply;
+}
+
 int CQelServer::init() {
     if (m_pControl.load() == nullptr) {
         m_pControl = CQelControl::instance();
     }
     CQelControl* control = m_pControl.load();
-    if (control == nullptr || !CFeatureSource::instance().supply(*control)) {
+    if (control == nullptr || m_pSupply == nullptr || !m_pSupply->supply(*control)) {
         logEvent(svError, 31000, "failed to add the initial feature list.");
     }
     if (!initEndpoint() || !initEvent()) {
         return 0;
     }
-    CFeatureSource::instance().startWatching();
+    if (m_pSupply != nullptr) {
+        m_pSupply->startWatching();
+    }
     return 1;
 }
 
@@ -147,4 +155,16 @@ int CQelServer::checkSignal() {
 uint32_t CQelServer::stop() {
     const uint32_t event = m_nEvent.load();
     return event == OS_EVENT_NONE ? OS_EVENT_NONE : static_cast<uint32_t>(osSendEvent(event));
+}
+
+int CQelServer::LogFile(uint16_t severity, uint32_t event, const char* text) {
+    return logEntry(severity, event, text);
+}
+
+int CQelServer::LogFile(const char* text) {
+    return logLine(text);
+}
+
+void CQelServer::cbQelServer(uint16_t type, uint32_t id, const sOvuMfwMessage* message, uint32_t length) {
+    dispatchRequest(type, id, message, length);
 }

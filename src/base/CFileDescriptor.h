@@ -1,6 +1,6 @@
 // Sole owner of a file descriptor: closed where its owner goes.
-#ifndef QEL_PLATFORM_LINUX_CFILEDESCRIPTOR_H
-#define QEL_PLATFORM_LINUX_CFILEDESCRIPTOR_H
+#ifndef QEL_BASE_CFILEDESCRIPTOR_H
+#define QEL_BASE_CFILEDESCRIPTOR_H
 
 #include <unistd.h>
 #include <utility>

@@ -2,7 +2,7 @@
 #ifndef QEL_SERVER_SINGLETON_H
 #define QEL_SERVER_SINGLETON_H
 
-#include "server/log.h"
+#include "server/log/log.h"
 
 #include <atomic>
 

@@ -1,4 +1,4 @@
-#include "source/list_blocks.h"
+#include "source/list/list_blocks.h"
 
 #include <algorithm>
 

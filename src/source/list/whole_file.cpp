@@ -1,4 +1,4 @@
-#include "source/whole_file.h"
+#include "source/list/whole_file.h"
 
 #include <fmt/core.h>
 

@@ -1,7 +1,7 @@
 // The server object: the control, the message-framework endpoint and the stop event bound together by the
-// main loop; and the log.
-#ifndef QEL_SERVER_CQELSERVER_H
-#define QEL_SERVER_CQELSERVER_H
+// main loop.
+#ifndef QEL_SERVER_LOOP_CQELSERVER_H
+#define QEL_SERVER_LOOP_CQELSERVER_H
 
 #include "platform/mfw.h"
 #include "platform/os.h"
@@ -9,10 +9,8 @@
 #include <atomic>
 #include <cstdint>
 
+class CFeatureSupply;
 class CQelControl;
-
-// Set once, before any thread is started, by "-run -debug": log lines go to standard output.
-extern bool bQelServerDebugFlag;
 
 // One for each process. init() and run() belong to the main loop's thread. clear() may come from the service
 // manager's thread at any moment, while the main loop runs; it takes no lock.
@@ -25,6 +23,9 @@ public:
     ~CQelServer();
     CQelServer(const CQelServer&) = delete;
     CQelServer& operator=(const CQelServer&) = delete;
+
+    // Who supplies the feature list; to be named before init(), and to live as long as the process.
+    static void setSupply(CFeatureSupply& supply);
 
     // Opens everything that the loop needs. 1, or 0 with the reason in the log.
     int init();
@@ -44,15 +45,11 @@ public:
     // How long the loop waits for the stop event after a turn that took `elapsed` milliseconds.
     static uint32_t waitAfter(uint32_t elapsed);
 
-    // Logs one line: to the diagnostics log, where a module can be registered there, else to the text log.
-    // From any thread, without a lock; a line that cannot be written is dropped. Severity: 1 error, 2
-    // warning, 4 information.
+    // The log; see server/log/log.h. Severity: 1 error, 2 warning, 4 information.
     static int LogFile(uint16_t severity, uint32_t event, const char* text);
-    // Writes one line with its time to the text log or, when debugging, to standard output. Returns 1, or 0
-    // for a line that was dropped.
     static int LogFile(const char* text);
 
-    // The request dispatcher: handles one message of the client protocol.
+    // The callback of the client protocol: hands one message to the request dispatcher.
     static void cbQelServer(uint16_t type, uint32_t id, const sOvuMfwMessage* message, uint32_t length);
 
 private:
@@ -60,7 +57,7 @@ private:
     bool initEvent();
 
     static std::atomic<CQelServer*> m_pInstance;
-    static std::atomic<uint32_t> m_nOvuDiagHandler; // 0: not registered
+    static CFeatureSupply* m_pSupply; // null: nobody
 
     std::atomic<uint32_t> m_nEvent = OS_EVENT_NONE;
     std::atomic<CQelControl*> m_pControl = nullptr; // not owned

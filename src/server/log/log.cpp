@@ -1,10 +1,9 @@
-#include "server/log.h"
+#include "server/log/log.h"
 
 #include "base/clock.h"
 #include "platform/diag.h"
-#include "server/CQelServer.h"
-#include "server/names.h"
 
+#include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -16,9 +15,10 @@
 #include <unistd.h>
 
 constinit bool bQelServerDebugFlag = false;
-constinit std::atomic<uint32_t> CQelServer::m_nOvuDiagHandler = 0;
 
 namespace {
+
+constinit std::atomic<uint32_t> m_nOvuDiagHandler = 0; // of the diagnostics module; 0: not registered
 
 constexpr uint32_t nDiagKind = 2; // the diagnostics service's own number
 
@@ -72,7 +72,7 @@ bool appendToTextLog(const std::string& line) {
 
 } // namespace
 
-int CQelServer::LogFile(uint16_t severity, uint32_t event, const char* text) {
+int logEntry(uint16_t severity, uint32_t event, const char* text) {
     uint32_t handle = m_nOvuDiagHandler.load();
     if (handle == 0) {
         if (OvuDiagRegisterModule("Qel", "Qel", "Qel", "QelServerD.log", &handle) != 0) {
@@ -83,10 +83,10 @@ int CQelServer::LogFile(uint16_t severity, uint32_t event, const char* text) {
     if (!bQelServerDebugFlag && handle != 0) {
         return OvuDiagAddLogEntry(handle, nDiagKind, severity, event, text);
     }
-    return LogFile(text);
+    return logLine(text);
 }
 
-int CQelServer::LogFile(const char* text) try {
+int logLine(const char* text) try {
     const std::string line = timestamp() + ": " + printable(text) + "\n";
     if (!bQelServerDebugFlag) {
         return appendToTextLog(line) ? 1 : 0;
@@ -105,15 +105,15 @@ int logEvent(ESeverity severity, uint32_t event, const char* format, ...) {
     const int length = std::vsnprintf(text, sizeof text, format, arguments);
     va_end(arguments);
     if (length < static_cast<int>(sizeof text)) {
-        return CQelServer::LogFile(severity, event, text);
+        return logEntry(severity, event, text);
     }
     const size_t size = static_cast<size_t>(length) + 1;
     const std::unique_ptr<char[]> longText(new (std::nothrow) char[size]);
     if (longText == nullptr) {
-        return CQelServer::LogFile(severity, event, text); // its beginning is better than nothing
+        return logEntry(severity, event, text); // its beginning is better than nothing
     }
     va_start(arguments, format);
     std::vsnprintf(longText.get(), size, format, arguments);
     va_end(arguments);
-    return CQelServer::LogFile(severity, event, longText.get());
+    return logEntry(severity, event, longText.get());
 }

@@ -1,8 +1,8 @@
-#include "source/feature_list.h"
+#include "source/list/feature_list.h"
 
-#include "messaging/wire.h"
-#include "source/list_blocks.h"
-#include "source/whole_file.h"
+#include "messaging/wire/wire.h"
+#include "source/list/list_blocks.h"
+#include "source/list/whole_file.h"
 
 #include <fmt/format.h>
 #include <toml.hpp>

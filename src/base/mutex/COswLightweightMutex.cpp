@@ -1,4 +1,4 @@
-#include "base/COswLightweightMutex.h"
+#include "base/mutex/COswLightweightMutex.h"
 
 COswLightweightMutex& oMutex = *new COswLightweightMutex;
 
