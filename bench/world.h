@@ -54,7 +54,7 @@ public:
             m_vNames.push_back("component" + std::to_string(i));
         }
         for (uint32_t code = 1; code <= features; ++code) {
-            m_oControl.addFeature(makeEntry(code, code));
+            static_cast<void>(m_oControl.addFeature(makeEntry(code, code)));
         }
         m_vEntries = m_oControl.features().m_vItems;
         for (uint32_t i = 0; i < m_vNames.size(); ++i) {

@@ -2,19 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
-#include <cstring>
 #include <new>
-#include <string>
-
-std::unique_ptr<char[]> CString::copyOf(const char* text) {
-    if (text == nullptr || *text == '\0') {
-        return nullptr;
-    }
-    const size_t size = std::strlen(text) + 1;
-    auto copy = std::make_unique<char[]>(size);
-    std::memcpy(copy.get(), text, size);
-    return copy;
-}
 
 const char* CString::strchr(const char* text, int c) {
     for (;; ++text) {

@@ -2,28 +2,19 @@
 #ifndef QEL_BASE_CSTRING_H
 #define QEL_BASE_CSTRING_H
 
-#include <memory>
-#include <utility>
+#include <string>
 #include <vector>
 
-// One text of single-byte characters, up to its first NUL. As small as a pointer, and without memory of its
-// own while empty: every feature has one, few use it, and every pass over the table walks through them all.
+// One text of single-byte characters, up to its first NUL.
 class CString {
 public:
     enum EReturnTokensFlag { eSkipDelimiters = 0, eReturnDelimiters = 1 };
 
     CString() = default;
-    CString(const char* text) : m_sText(copyOf(text)) {}
-    CString(const CString& other) : CString(other.c_str()) {}
-    CString(CString&& other) noexcept = default;
-    CString& operator=(CString other) noexcept {
-        m_sText = std::move(other.m_sText);
-        return *this;
-    }
-    ~CString() = default;
+    CString(const char* text) : m_sText(text != nullptr ? text : "") {}
 
-    const char* c_str() const { return m_sText ? m_sText.get() : ""; }
-    bool empty() const { return *c_str() == '\0'; }
+    const char* c_str() const { return m_sText.c_str(); }
+    bool empty() const { return m_sText.empty(); }
 
     // First position whose byte equals `c`; the terminating NUL for 0; null if none, or if `c` is no byte.
     static const char* strchr(const char* text, int c);
@@ -43,9 +34,7 @@ public:
     std::vector<CString> tokenize(const char* delimiters, EReturnTokensFlag flag) const;
 
 private:
-    static std::unique_ptr<char[]> copyOf(const char* text);
-
-    std::unique_ptr<char[]> m_sText; // null: empty
+    std::string m_sText;
 };
 
 #endif

@@ -2,22 +2,14 @@
 #ifndef QEL_CLIENT_CFEATURETABLE_H
 #define QEL_CLIENT_CFEATURETABLE_H
 
-#include "messaging/wire/wire.h"
+#include "base/SFeature.h"
 
-#include <compare>
 #include <cstddef>
 #include <cstdint>
 #include <map>
 #include <optional>
 #include <set>
 #include <vector>
-
-struct SFeature {
-    uint32_t m_nCode = 0;
-    uint32_t m_nData = 0;
-
-    auto operator<=>(const SFeature&) const = default;
-};
 
 // A feature is its (code, data) pair. A code is usually in force with one data only, but a list may hold it
 // twice; so a fetched pair whose code is held with other data is set aside until the whole list is known.

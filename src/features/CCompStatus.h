@@ -6,16 +6,12 @@
 
 class CComponent;
 
-// A plain record, created and deleted by the feature entry that it belongs to. Only CFeatureEntry continues a
-// phase; the sweeps of the control and of the component start one by writing the waiting state with a fresh
-// stamp.
-//
-// There is one for every feature at every component, and every pass reads them all: it is kept small, 16
-// bytes with 64-bit pointers.
+// A plain record, created and deleted by the feature entry that it belongs to. State, stamp and counters are
+// written by the delivery alone (features/delivery.h).
 struct CCompStatus {
     // Idle, then three phases of four states each: waiting, success, failure, timed out. In the waiting
     // states (1, 5 and 9), and only there, a reply can be overdue.
-    enum ECStatus : int8_t {
+    enum ECStatus : int32_t {
         csIdle = 0,            // taken into delivery; nothing sent yet
         csEnabling = 1,        // feature sent; waiting for the reply
         csEnabled = 2,         // accepted
@@ -28,15 +24,15 @@ struct CCompStatus {
         csModifying = 9,       // modification sent; waiting for the reply
         csModified = 10,       // accepted
         csModifyFailed = 11,   // error reported, no reply in time, or no reply after three sends
-        csModifyTimedOut = 12  // nothing enters it: a modification that is overdue has failed at once
+        csModifyTimedOut = 12  // handled like 4 and 8, but never entered: an overdue modification has failed
     };
 
     CComponent* m_pComponent = nullptr; // whose record it is; not owned
     uint32_t m_tStamp = 0;              // seconds since the epoch: last change of state, or last send
     ECStatus m_eStatus = csIdle;
-    uint8_t m_nEnableTries = 0; // sends in the current cycle of each phase: one more than allowed at most
-    uint8_t m_nDisableTries = 0;
-    uint8_t m_nModifyTries = 0;
+    uint32_t m_nEnableTries = 0; // sends in the current cycle of each phase
+    uint32_t m_nDisableTries = 0;
+    uint32_t m_nModifyTries = 0;
 };
 
 #endif

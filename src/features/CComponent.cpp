@@ -1,6 +1,5 @@
 #include "features/CComponent.h"
 
-#include "base/clock.h"
 #include "features/CFeatureEntry.h"
 #include "messaging/endpoint/CMFWServer.h"
 #include "server/log/log.h"
@@ -8,8 +7,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
-
-using enum CCompStatus::ECStatus;
 
 namespace {
 
@@ -26,18 +23,6 @@ void storeText(char (&field)[N], const char* text, size_t maxLength) {
     }
 }
 
-// Starts a phase from outside it.
-void enter(CCompStatus& record, CCompStatus::ECStatus status) {
-    record.m_eStatus = status;
-    record.m_tStamp = nowSeconds();
-}
-
-// What a withdrawn feature finds settled at a component and has to disable there.
-bool isToDisable(CCompStatus::ECStatus status) {
-    return status == csIdle || status == csEnabled || status == csEnableFailed || status == csModified ||
-           status == csModifyFailed;
-}
-
 } // namespace
 
 CComponent::CComponent(CMediator* mediator) : CParty(mediator) {}
@@ -51,11 +36,10 @@ void CComponent::init(const CQelMessageHeader& header, const char* name, uint32_
     storeText(m_szReplyText, text, nMaxReplyTextLength);
 }
 
-void CComponent::setKnownPairs(std::span<const CQelPair> pairs) {
-    m_nKnownCount = static_cast<uint32_t>(std::min(pairs.size(), m_aKnown.size()));
-    for (uint32_t i = 0; i < m_nKnownCount; ++i) {
-        m_aKnown[i] = {pairs[i].m_nCode, pairs[i].m_nData};
-    }
+void CComponent::setKnownPairs(std::span<const SFeature> pairs) {
+    const auto taken = pairs.first(std::min(pairs.size(), m_aKnown.size()));
+    std::copy(taken.begin(), taken.end(), m_aKnown.begin());
+    m_nKnownCount = static_cast<uint32_t>(taken.size());
 }
 
 void CComponent::notify(CString) {}
@@ -76,45 +60,36 @@ bool CComponent::getNextFeatureList(uint32_t* code, uint32_t* data) {
     const auto& entries = m_aFeatures.m_vItems;
     for (int32_t i = m_nNextFeature; i < static_cast<int32_t>(entries.size()); ++i) {
         CFeatureEntry* entry = entries[static_cast<size_t>(i)];
-        if (entry == nullptr) {
-            continue;
+        if (isNextToFetch(entry)) {
+            *code = entry->m_nCode;
+            *data = entry->m_nData;
+            m_nNextFeature = i + 1;
+            logEvent(svInfo, 31116, " at feature (%d %d)", entry->m_nCode, m_nNextFeature);
+            return true;
         }
-        CCompStatus* record = entry->findCompByPtr(this);
-        if (record == nullptr) {
-            logEvent(svInfo, 31108, "Null status feature (%d, %d) at comp %s", entry->m_nCode, entry->m_nData,
-                     m_szName);
-            continue;
-        }
-        if (entry->m_eStatus == CFeatureEntry::fsDeleted) {
-            enter(*record, csDisabled);
-            logEvent(svInfo, 31108, "no send, disabled feature (%d, %d) at comp %s", entry->m_nCode,
-                     entry->m_nData, m_szName);
-            continue;
-        }
-        deliver(*entry, *record);
-        *code = entry->m_nCode;
-        *data = entry->m_nData;
-        entry->m_eStatus = CFeatureEntry::fsActive;
-        m_nNextFeature = i + 1;
-        logEvent(svInfo, 31116, " at feature (%d %d)", entry->m_nCode, m_nNextFeature);
-        return true;
     }
     return false;
 }
 
-// A page that a component fetches counts as acknowledged. The first fetch of a modification commits it for
-// all.
-void CComponent::deliver(CFeatureEntry& entry, CCompStatus& record) {
-    if (entry.m_eStatus == CFeatureEntry::fsModify) {
-        enter(record, csModified);
-        entry.m_nData = entry.m_nNewData;
-        entry.m_nNewData = 0;
-        logEvent(svInfo, 31108, "moded feature (%d, %d) at comp %s", entry.m_nCode, entry.m_nData, m_szName);
-    } else {
-        enter(record, csEnabled);
-        logEvent(svInfo, 31108, "replied feature (%d, %d) at comp %s", entry.m_nCode, entry.m_nData,
-                 m_szName);
+// What a component fetches counts as acknowledged. The first fetch of a modification commits it for all.
+bool CComponent::isNextToFetch(CFeatureEntry* entry) {
+    CCompStatus* record = entry != nullptr ? entry->findCompByPtr(this) : nullptr;
+    if (record == nullptr) {
+        if (entry != nullptr) {
+            logEvent(svInfo, 31108, "Null status feature (%d, %d) at comp %s", entry->m_nCode, entry->m_nData,
+                     m_szName);
+        }
+        return false;
     }
+    if (deliver(dvFetch, *entry, *record) == ocRefused) {
+        return false;
+    }
+    if (entry->m_eStatus == CFeatureEntry::fsModify) {
+        entry->m_nData = entry->m_nNewData;
+        entry->m_nNewData = 0;
+    }
+    entry->m_eStatus = CFeatureEntry::fsActive;
+    return true;
 }
 
 void CComponent::rewindFeatureList() {
@@ -123,8 +98,11 @@ void CComponent::rewindFeatureList() {
 }
 
 int CComponent::addFeatureEntry(CFeatureEntry* entry) {
-    m_aFeatures.m_vItems.push_back(entry);
-    return 1;
+    const bool isAdded = m_aFeatures.add(entry);
+    if (!isAdded) {
+        logEvent(svError, 31124, "failed to new obj");
+    }
+    return isAdded ? 1 : 0;
 }
 
 int CComponent::findFeatureEntry(const CFeatureEntry* entry) const {
@@ -188,7 +166,7 @@ int CComponent::auditFeature() {
 
 bool CComponent::auditEntry(CFeatureEntry& entry) {
     if (CCompStatus* record = entry.findCompByPtr(this)) {
-        return m_bMonitor != 0 && pushChange(entry, *record);
+        return m_bMonitor != 0 && tell(dvAudit, entry, *record);
     }
     entry.addComponent(CFeatureEntry::opAdd, this);
     entry.addComponent(CFeatureEntry::opNotify, this);
@@ -197,54 +175,29 @@ bool CComponent::auditEntry(CFeatureEntry& entry) {
     return true;
 }
 
-bool CComponent::pushChange(CFeatureEntry& entry, CCompStatus& record) {
-    switch (entry.m_eStatus) {
-    case CFeatureEntry::fsDeleted:
-        if (!isToDisable(record.m_eStatus)) {
-            return false;
-        }
-        enter(record, csDisabling);
-        logEvent(svInfo, 31108, "disabling feature (%d, %d) at comp %s", entry.m_nCode, entry.m_nData,
-                 m_szName);
-        sendMessage(nQelServerDisableMsgType, entry.m_nCode, entry.m_nData);
-        return true;
-    case CFeatureEntry::fsModify:
-        return pushModification(entry, record, "modifying");
-    case CFeatureEntry::fsNewAdd:
-        if (record.m_eStatus != csIdle) {
-            return false;
-        }
-        enter(record, csEnabling);
-        logEvent(svInfo, 31108, "notifying feature (%d, %d) at comp %s", entry.m_nCode, entry.m_nData,
-                 m_szName);
+bool CComponent::tell(EDeliveryEvent event, const CFeatureEntry& entry, CCompStatus& record) {
+    switch (deliver(event, entry, record)) {
+    case ocRefused:
+    case ocTaken:
+    case ocSend:
+        return false;
+    case ocNotify:
         sendMessage(nQelServerNotifyMsgType, entry.m_nCode, entry.m_nData);
         return true;
-    case CFeatureEntry::fsActive:
-    case CFeatureEntry::fsExisting:
-        break;
-    }
-    if (entry.notify(record) == 0) {
-        return false;
-    }
-    logEvent(svInfo, 31109, "audit feature (%d, %d) at comp %s", entry.m_nCode, entry.m_nData, m_szName);
-    sendMessage(nQelServerNotifyMsgType, entry.m_nCode, entry.m_nData);
-    return true;
-}
-
-// To a component that has disabled the feature, the new data are a new feature.
-bool CComponent::pushModification(CFeatureEntry& entry, CCompStatus& record, const char* word) {
-    if (record.m_eStatus == csDisabled || record.m_eStatus == csDisableFailed) {
-        enter(record, csModifying);
-        logEvent(svInfo, 31108, "notifying feature (%d, %d) at comp %s", entry.m_nCode, entry.m_nNewData,
-                 m_szName);
+    case ocNotifyNew:
         sendMessage(nQelServerNotifyMsgType, entry.m_nCode, entry.m_nNewData);
         return true;
-    }
-    if (record.m_eStatus == csIdle || record.m_eStatus == csEnabled || record.m_eStatus == csEnableFailed) {
-        enter(record, csModifying);
-        logEvent(svInfo, 31108, "%s feature (%d, %d %d) at comp %s", word, entry.m_nCode, entry.m_nData,
-                 entry.m_nNewData, m_szName);
+    case ocModify:
         sendMessage(nQelServerModifyMsgType, entry.m_nCode, entry.m_nData, entry.m_nNewData);
+        return true;
+    case ocModifyAgain:
+        sendMessage(nQelServerModifyMsgType, entry.m_nCode, entry.m_nData);
+        return true;
+    case ocDisable:
+        sendMessage(nQelServerDisableMsgType, entry.m_nCode, entry.m_nData);
+        return true;
+    case ocOverdue:
+        sendMessage(nQelServerTimeoutMsgType, entry.m_nCode, entry.m_nData);
         return true;
     }
     return false;
@@ -283,7 +236,7 @@ int CComponent::sendMessage(uint32_t type, uint32_t code, uint32_t data, uint32_
         logEvent(svError, 31122, "cannot get message framework");
         return nErrorNoEndpoint;
     }
-    const int result = endpoint->sendBody(m_oHeader.m_nHandle, &message, sizeof message);
+    const int result = endpoint->sendBody(m_oHeader.m_nHandle, bytesOf(message));
     if (result != 0) {
         logEvent(svInfo, 31123, "MFW cannot sendMessage");
     }
@@ -295,13 +248,11 @@ int CComponent::sendMessage(uint32_t type, uint32_t code, uint32_t data, uint32_
 bool CComponent::isHeldAlready(uint32_t type, uint32_t code, uint32_t data) {
     const auto begin = m_aKnown.begin();
     const auto end = begin + m_nKnownCount;
-    const auto first = std::find_if(begin, end, [=](const SKnownPair& pair) { return pair.m_nCode == code; });
+    const auto first = std::find_if(begin, end, [=](const SFeature& pair) { return pair.m_nCode == code; });
     if (first == end) {
         return false;
     }
-    const bool exactly = std::any_of(
-        first, end, [=](const SKnownPair& pair) { return pair.m_nCode == code && pair.m_nData == data; });
-    if (type == nQelServerNotifyMsgType && exactly) {
+    if (type == nQelServerNotifyMsgType && std::find(first, end, SFeature{code, data}) != end) {
         return true;
     }
     --m_nKnownCount;

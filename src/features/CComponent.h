@@ -4,6 +4,8 @@
 
 #include "base/CArray.h"
 #include "base/CMediator.h"
+#include "base/SFeature.h"
+#include "features/delivery.h"
 #include "messaging/wire/wire.h"
 
 #include <array>
@@ -11,7 +13,6 @@
 #include <span>
 
 class CFeatureEntry;
-struct CCompStatus;
 
 inline constexpr int nErrorNoEndpoint = 31; // there is no message framework to send with
 
@@ -19,8 +20,11 @@ inline constexpr int nErrorNoEndpoint = 31; // there is no message framework to 
 // it holds already, and how far it has paged through its list. Builds and sends every message that goes to
 // the process.
 //
-// The feature entries are the control's: the array here only points at them, in the control's order, none
-// twice. Used on the main loop's thread only.
+// The feature entries are the control's; the array here only points at them. It follows the control's order where
+// the component was taken into all of them at once; what the audit adds later stands at its end. Nothing but the
+// audit looks whether an entry is in it already.
+//
+// Nothing here throws. Used on the main loop's thread only.
 class CComponent : public CParty {
 public:
     explicit CComponent(CMediator* mediator);
@@ -30,7 +34,7 @@ public:
     // to 500 replace the stored ones; others (null included) leave them.
     void init(const CQelMessageHeader& header, const char* name, uint32_t status, const char* text);
     // Replaces the pairs that the process says it holds.
-    void setKnownPairs(std::span<const CQelPair> pairs);
+    void setKnownPairs(std::span<const SFeature> pairs);
 
     void notify(CString text);
     void recv(CString text);
@@ -43,6 +47,7 @@ public:
     // Pages from the first feature again.
     void rewindFeatureList();
 
+    // 1, or 0 where memory is exhausted: the log tells, and the next audit makes good for it.
     int addFeatureEntry(CFeatureEntry* entry);
     int findFeatureEntry(const CFeatureEntry* entry) const;
     int delFeatureEntry(CFeatureEntry* entry);
@@ -57,11 +62,9 @@ public:
     void notifyAllFeatures();
     // Sends the first pending notification, if there is one. 1 if something was sent.
     int auditFeature();
-    // Sends what the entry's state asks for, given this component's record in it: disable, modification,
-    // notification. False if there is nothing to tell.
-    bool pushChange(CFeatureEntry& entry, CCompStatus& record);
-    // The case of a modification; `word` is the first of the log line.
-    bool pushModification(CFeatureEntry& entry, CCompStatus& record, const char* word);
+    // Has the delivery apply an event to this component's record in the entry, and sends what comes of it. False if
+    // nothing does.
+    bool tell(EDeliveryEvent event, const CFeatureEntry& entry, CCompStatus& record);
     void logDeleted(const CFeatureEntry& entry) const;
 
     static int fillMessageHeader(CQelServerMessage* message, uint32_t type, uint32_t subType, uint32_t tag);
@@ -76,19 +79,15 @@ public:
     uint32_t m_nReplyStatus = 0;        // of the last reply; nReplyOk is success
     char m_szReplyText[nMaxReplyTextLength + 1] = {};
     int32_t m_nNextFeature = 0;   // where in m_aFeatures the next page starts
-    uint32_t m_nSecondCursor = 0; // reset with m_nNextFeature; nothing reads it
+    uint32_t m_nSecondCursor = 0; // counts as m_nNextFeature does, and is reset with it
     uint8_t m_bMonitor = 0;       // 1: is notified, and counts in CFeatureEntry::isReplied()
     uint32_t m_nKnownCount = 0;
-    struct SKnownPair {
-        uint32_t m_nCode;
-        uint32_t m_nData;
-    };
-    std::array<SKnownPair, nMaxKnownPairs> m_aKnown = {}; // the first m_nKnownCount are valid
+    std::array<SFeature, nMaxKnownPairs> m_aKnown = {}; // the first m_nKnownCount are valid
 
 private:
     CFeatureEntry* firstToTake(uint32_t op);
     bool auditEntry(CFeatureEntry& entry);
-    void deliver(CFeatureEntry& entry, CCompStatus& record);
+    bool isNextToFetch(CFeatureEntry* entry);
     bool isHeldAlready(uint32_t type, uint32_t code, uint32_t data);
 };
 

@@ -22,6 +22,15 @@ T* findItem(const CArray<T*>& array, Test test) {
     return nullptr;
 }
 
+template <typename T>
+bool addItem(CArray<T*>& array, T* item) {
+    const bool isAdded = array.add(item);
+    if (!isAdded) {
+        logEvent(svError, 31124, "failed to new obj");
+    }
+    return isAdded;
+}
+
 } // namespace
 
 CQelControl* CQelControl::instance() {
@@ -53,8 +62,8 @@ void CQelControl::clearFeatureArray() {
     }
 }
 
-void CQelControl::addComponent(CComponent* comp) {
-    m_aComponents.m_vItems.push_back(comp);
+bool CQelControl::addComponent(CComponent* comp) {
+    return addItem(m_aComponents, comp);
 }
 
 // A component's own array may have lost features that still hold its record: it was renamed, or came back
@@ -68,8 +77,8 @@ int CQelControl::delComponent(CComponent* comp) {
     return m_aComponents.del(comp);
 }
 
-void CQelControl::addFeature(CFeatureEntry* entry) {
-    m_aFeatures.m_vItems.push_back(entry);
+bool CQelControl::addFeature(CFeatureEntry* entry) {
+    return addItem(m_aFeatures, entry);
 }
 
 int CQelControl::delFeature(CFeatureEntry* entry) {

@@ -12,6 +12,7 @@
 
 class CComponent;
 class CFeatureEntry;
+class CPassIndex;
 struct CCompStatus;
 
 // Owns every component and every feature entry in its tables, and deletes them with itself, components first.
@@ -19,8 +20,9 @@ struct CCompStatus;
 //
 // Invariant: no feature holds a record of a component that is not in the table.
 //
-// The merge, audit(), timeout() and notifyFeatures() take time linear in features times components concerned;
-// the indexes that they need live for the one operation.
+// The merge, audit(), timeout() and notifyFeatures() cost instructions linear in features times components
+// concerned. The indexes that they need live for the one operation; where there is no memory for one, the
+// operation searches instead. Nothing here throws.
 class CQelControl : public CMediator {
 public:
     // Created on first use, lives until the process ends. Null only where memory is exhausted.
@@ -39,18 +41,17 @@ public:
     // CArray<CFeatureEntry*>*, may be null).
     int notifyFeatures(void* list, void* component) override;
 
-    // Bytes of the packed list, and the list itself. 0 if there is no buffer.
+    // Bytes of the packed list, and the list itself: 1, or 0 if there is no buffer.
     virtual int getPackSize();
     virtual int packFeatures(char* buffer);
-    // The same without a walk for the size before: room that is enough in any case, and the bytes packed.
-    size_t packRoom() const;
-    size_t packInto(char* buffer) const;
 
-    void addComponent(CComponent* comp);
+    // Takes ownership. False where memory is exhausted: the log tells, and the component stays the caller's.
+    [[nodiscard]] bool addComponent(CComponent* comp);
     // Removes the component from the table, and its records from every feature; does not delete it.
     int delComponent(CComponent* comp);
-    void addFeature(CFeatureEntry* entry); // takes ownership
-    int delFeature(CFeatureEntry* entry);  // gives it back
+    // As addComponent().
+    [[nodiscard]] bool addFeature(CFeatureEntry* entry);
+    int delFeature(CFeatureEntry* entry); // gives it back
 
     // The first in table order; null if none.
     CComponent* findCompByName(const char* name) const;
@@ -78,6 +79,9 @@ public:
     const CArray<CFeatureEntry*>& features() const { return m_aFeatures; }
 
 private:
+    bool auditFeature(size_t feature, const CPassIndex& index);
+    void removeNow(CFeatureEntry* entry);
+
     static std::atomic<CQelControl*> m_pInstance;
 
     CArray<CComponent*> m_aComponents;

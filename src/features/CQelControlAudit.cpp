@@ -2,13 +2,11 @@
 #include "features/CQelControl.h"
 
 #include "features/CComponent.h"
-#include "features/CConcernIndex.h"
 #include "features/CFeatureEntry.h"
-#include "features/walks.h"
+#include "features/CPassIndex.h"
+#include "features/delivery.h"
 #include "messaging/wire/wire.h"
 #include "server/log/log.h"
-
-using enum CCompStatus::ECStatus;
 
 namespace {
 
@@ -40,7 +38,7 @@ bool repair(CFeatureEntry& entry, CComponent& comp, CCompStatus* record, bool is
         logEvent(svInfo, events.m_nNotInFeature, "audit comp %s%s%s not in feature list with (%d, %d)",
                  events.m_szOpen, comp.m_szName, events.m_szClose, entry.m_nCode, entry.m_nData);
     } else {
-        entry.notify(*record);
+        entry.addComponent(CFeatureEntry::opNotify, &comp);
         logEvent(svInfo, events.m_nNotInComponent, "audit feature not in comp list with (%d, %d)",
                  entry.m_nCode, entry.m_nData);
     }
@@ -48,24 +46,6 @@ bool repair(CFeatureEntry& entry, CComponent& comp, CCompStatus* record, bool is
     if (!isHeld) {
         comp.addFeatureEntry(&entry);
     }
-    return true;
-}
-
-// As CComponent::pushChange(), but who owes the answer to a modification, or to what came before it, is told
-// of the modification again as far as its sends go.
-bool pushAgain(CFeatureEntry& entry, CComponent& comp, CCompStatus& record) {
-    if (entry.m_eStatus != CFeatureEntry::fsModify) {
-        return comp.pushChange(entry, record);
-    }
-    if (comp.pushModification(entry, record, "modfiying")) {
-        return true;
-    }
-    if (entry.notify(record) == 0) {
-        return false;
-    }
-    logEvent(svInfo, 31109, "audit modify feature (%d, %d) at comp %s", entry.m_nCode, entry.m_nData,
-             comp.m_szName);
-    comp.sendMessage(nQelServerModifyMsgType, entry.m_nCode, entry.m_nData);
     return true;
 }
 
@@ -88,48 +68,52 @@ int CQelControl::notifyFeatures(void* list, void* component) {
             continue;
         }
         result = entry->addComponent(CFeatureEntry::opAdd, comp);
-        if (result != 0 && taken != nullptr) {
-            taken->m_vItems.push_back(entry);
+        if (result != 0 && taken != nullptr && !taken->add(entry)) {
+            logEvent(svError, 31124, "failed to new obj"); // the audit finds the feature missing there
         }
     }
     return result;
 }
 
-void CQelControl::audit() {
-    CConcernIndex concerns(m_aComponents);
-    std::vector<CHoldingIndex> holdings = holdingsOf(m_aComponents);
-    for (CFeatureEntry* entry : m_aFeatures.m_vItems) {
-        if (entry == nullptr || isWithdrawnEverywhere(*entry)) {
+// True if anything was sent.
+bool CQelControl::auditFeature(size_t feature, const CPassIndex& index) {
+    CFeatureEntry& entry = *m_aFeatures.m_vItems[feature];
+    bool isSent = false;
+    for (size_t i = 0; i < m_aComponents.m_vItems.size(); ++i) {
+        CComponent* comp = m_aComponents.m_vItems[i];
+        if (comp == nullptr || !index.concerns(feature, i)) {
             continue;
         }
-        CRecordIndex records(entry->m_vCompStatus);
-        bool isSent = false;
-        for (const size_t position : concerns.of(*entry)) {
-            CComponent& comp = *m_aComponents.m_vItems[position];
-            CCompStatus* record = records.find(&comp);
-            const bool isHeld = holdings[position].find(entry) != nullptr;
-            if (repair(*entry, comp, record, isHeld, oAuditEvents) ||
-                (comp.m_bMonitor == 1 && comp.pushChange(*entry, *record))) {
-                isSent = true;
-            }
+        CCompStatus* record = entry.findCompByPtr(comp);
+        if (repair(entry, *comp, record, index.holds(i, feature), oAuditEvents) ||
+            (comp->m_bMonitor == 1 && comp->tell(dvAudit, entry, *record))) {
+            isSent = true;
         }
-        if (isSent) {
-            return; // one feature a pass: a long merge reaches the components spread over many
+    }
+    return isSent;
+}
+
+// One feature a pass: a long list reaches the components spread over many.
+void CQelControl::audit() {
+    const CPassIndex index(m_aFeatures, m_aComponents);
+    for (size_t i = 0; i < m_aFeatures.m_vItems.size(); ++i) {
+        const CFeatureEntry* entry = m_aFeatures.m_vItems[i];
+        if (entry != nullptr && !isWithdrawnEverywhere(*entry) && auditFeature(i, index)) {
+            return;
         }
     }
 }
 
 int CQelControl::auditComp(CComponent* comp) {
-    CHoldingIndex holding(comp->m_aFeatures.m_vItems);
     for (CFeatureEntry* entry : m_aFeatures.m_vItems) {
         if (entry == nullptr || entry->m_eStatus == CFeatureEntry::fsDeleted ||
             entry->findCompName(comp->m_szName) == 0) {
             continue;
         }
         CCompStatus* record = entry->findCompByPtr(comp);
-        const bool isHeld = holding.find(entry) != nullptr;
+        const bool isHeld = comp->findFeatureEntry(entry) != 0;
         if (repair(*entry, *comp, record, isHeld, oAuditCompEvents) ||
-            (comp->m_bMonitor == 1 && pushAgain(*entry, *comp, *record))) {
+            (comp->m_bMonitor == 1 && comp->tell(dvAuditOne, *entry, *record))) {
             return 1;
         }
     }

@@ -4,6 +4,7 @@
 #include "base/mutex/COswLightweightMutex.h"
 #include "features/CComponent.h"
 #include "features/CFeatureEntry.h"
+#include "features/delivery.h"
 #include "platform/mfw.h"
 #include "server/log/log.h"
 
@@ -26,8 +27,7 @@ void takeAsAnswered(const CArray<CFeatureEntry*>& features, CComponent* comp) {
     for (CFeatureEntry* entry : features.m_vItems) {
         CCompStatus* record = entry != nullptr ? entry->findCompByPtr(comp) : nullptr;
         if (record != nullptr && entry->findCompName(comp->m_szName) != 0) {
-            record->m_eStatus = entry->m_eStatus != CFeatureEntry::fsDeleted ? CCompStatus::csEnabling
-                                                                             : CCompStatus::csDisabling;
+            deliver(dvAssume, *entry, *record);
             entry->addComponent(CFeatureEntry::opReply, comp);
         }
     }
@@ -58,7 +58,11 @@ int CQelControl::auditComponent() {
         comp->init({0, 17, 0, 0, 1, handle}, row.m_szName, nReplyOk, nullptr);
         comp->clearFeatureArray();
         comp->notifyAllFeatures();
-        addComponent(comp);
+        if (!addComponent(comp)) {
+            delComponent(comp); // out of the features
+            delete comp;
+            continue;
+        }
         takeAsAnswered(m_aFeatures, comp);
         comp->m_bMonitor = 1;
     }

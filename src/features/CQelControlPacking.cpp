@@ -22,31 +22,21 @@ int CQelControl::getPackSize() {
     return static_cast<int>(sizeof(CBigEndian32) + static_cast<size_t>(packed) * sizeof(CQelFeatureRecord));
 }
 
+// The count is that of all slots, packed or not: readers go by the length of the buffer.
 int CQelControl::packFeatures(char* buffer) {
     if (buffer == nullptr) {
         return 0;
     }
-    packInto(buffer);
-    return 1;
-}
-
-size_t CQelControl::packRoom() const {
-    return sizeof(CBigEndian32) + m_aFeatures.m_vItems.size() * sizeof(CQelFeatureRecord);
-}
-
-// The count is that of all slots, packed or not: readers go by the length of the buffer.
-size_t CQelControl::packInto(char* buffer) const {
-    char* at = buffer;
     const CBigEndian32 count(static_cast<uint32_t>(m_aFeatures.m_vItems.size()));
-    std::memcpy(at, &count, sizeof count);
-    at += sizeof count;
+    std::memcpy(buffer, &count, sizeof count);
+    buffer += sizeof count;
     for (const CFeatureEntry* entry : m_aFeatures.m_vItems) {
         if (isPacked(entry)) {
             const CQelFeatureRecord record{static_cast<uint32_t>(entry->m_eStatus), entry->m_nCode,
                                            entry->m_nData, 0};
-            std::memcpy(at, &record, sizeof record);
-            at += sizeof record;
+            std::memcpy(buffer, &record, sizeof record);
+            buffer += sizeof record;
         }
     }
-    return static_cast<size_t>(at - buffer);
+    return 1;
 }

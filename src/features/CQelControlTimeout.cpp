@@ -4,12 +4,15 @@
 
 #include "features/CComponent.h"
 #include "features/CFeatureEntry.h"
-#include "features/walks.h"
-#include "messaging/wire/wire.h"
+#include "features/CPassIndex.h"
+#include "features/delivery.h"
 #include "server/log/log.h"
 
 #include <algorithm>
-#include <unordered_set>
+#include <new>
+#include <optional>
+#include <utility>
+#include <vector>
 
 namespace {
 
@@ -18,11 +21,7 @@ constexpr uint32_t nPassEvent = 31115;
 void sendOverdueAgain(CFeatureEntry& entry) {
     for (CCompStatus* record = entry.findFirstTimeout(); record != nullptr && record->m_pComponent != nullptr;
          record = entry.findNextTimeout()) {
-        CComponent& comp = *record->m_pComponent;
-        logEvent(svInfo, nPassEvent, "timeout feature %d for comp %s at state %d", entry.m_nCode,
-                 comp.m_szName, record->m_eStatus);
-        record->m_eStatus = CFeatureEntry::overdueStatus(record->m_eStatus);
-        comp.sendMessage(nQelServerTimeoutMsgType, entry.m_nCode, entry.m_nData);
+        record->m_pComponent->tell(dvOverdue, entry, *record);
     }
 }
 
@@ -56,20 +55,6 @@ bool settle(CFeatureEntry& entry) {
     return false;
 }
 
-// Looking through many records keeps the processor from looking ahead to those of the next entries, so it is
-// told.
-void fetchRecordsAhead(const CArray<CFeatureEntry*>& entries, size_t position) {
-    constexpr size_t nAhead = 2;
-    constexpr size_t nMany = 16;
-    if (position + nAhead >= entries.m_vItems.size()) {
-        return;
-    }
-    const CFeatureEntry* entry = entries.m_vItems[position + nAhead];
-    if (entry != nullptr && entry->m_vCompStatus.size() >= nMany) {
-        entry->prefetchRecords();
-    }
-}
-
 // The entries that a pass removes. They leave the tables together when the pass is over, so that a pass that
 // removes many costs no more than one that removes one; the log tells of each in its turn.
 class CRemovals {
@@ -77,51 +62,69 @@ public:
     CRemovals(CArray<CFeatureEntry*>& features, const CArray<CComponent*>& components)
         : m_aFeatures(features), m_aComponents(components) {}
 
-    void add(CFeatureEntry* entry) {
-        if (m_oEntries.empty()) {
-            m_vHoldings = holdingsOf(m_aComponents);
+    // False where there is no memory to remember it: it is to be removed at once.
+    bool defer(size_t feature) try {
+        if (!m_oIndex) {
+            m_vLeaving.resize(m_aFeatures.m_vItems.size());
+            m_oIndex.emplace(m_aFeatures, m_aComponents);
         }
-        m_oEntries.insert(entry);
-        for (size_t i = 0; i < m_vHoldings.size(); ++i) {
-            if (m_vHoldings[i].find(entry) != nullptr) {
-                m_aComponents.m_vItems[i]->logDeleted(*entry);
+        if (!m_oIndex->isBuilt()) {
+            return false;
+        }
+        m_vLeaving[feature] = true;
+        for (size_t i = 0; i < m_aComponents.m_vItems.size(); ++i) {
+            const CComponent* comp = m_aComponents.m_vItems[i];
+            if (comp != nullptr && m_oIndex->holds(i, feature)) {
+                comp->logDeleted(*m_aFeatures.m_vItems[feature]);
             }
         }
+        return true;
+    } catch (const std::bad_alloc&) {
+        return false;
     }
 
     void carryOut() {
-        if (m_oEntries.empty()) {
+        if (m_vLeaving.empty() || !m_oIndex->isBuilt()) {
             return;
         }
-        const auto isRemoved = [this](CFeatureEntry* entry) { return m_oEntries.count(entry) != 0; };
+        const auto isLeaving = [this](const CFeatureEntry* entry) {
+            const size_t position = m_oIndex->positionOf(entry);
+            return position != SIZE_MAX && m_vLeaving[position];
+        };
         for (CComponent* comp : m_aComponents.m_vItems) {
             if (comp != nullptr) {
-                std::erase_if(comp->m_aFeatures.m_vItems, isRemoved);
+                std::erase_if(comp->m_aFeatures.m_vItems, isLeaving);
             }
         }
-        std::erase_if(m_aFeatures.m_vItems, isRemoved);
-        for (CFeatureEntry* entry : m_oEntries) {
-            delete entry;
+        auto& entries = m_aFeatures.m_vItems;
+        size_t kept = 0;
+        for (size_t i = 0; i < entries.size(); ++i) {
+            if (m_vLeaving[i]) {
+                delete entries[i];
+            } else {
+                entries[kept++] = entries[i];
+            }
         }
+        entries.resize(kept);
     }
 
 private:
     CArray<CFeatureEntry*>& m_aFeatures;
     const CArray<CComponent*>& m_aComponents;
-    std::unordered_set<CFeatureEntry*> m_oEntries;
-    std::vector<CHoldingIndex> m_vHoldings;
+    std::optional<CPassIndex> m_oIndex; // made with the first removal
+    std::vector<bool> m_vLeaving;       // by position in the table
 };
 
 } // namespace
 
-std::vector<CHoldingIndex> holdingsOf(const CArray<CComponent*>& components) {
-    static const std::vector<CFeatureEntry*> nothing;
-    std::vector<CHoldingIndex> holdings;
-    holdings.reserve(components.m_vItems.size());
-    for (const CComponent* comp : components.m_vItems) {
-        holdings.emplace_back(comp != nullptr ? comp->m_aFeatures.m_vItems : nothing);
+void CQelControl::removeNow(CFeatureEntry* entry) {
+    for (CComponent* comp : m_aComponents.m_vItems) {
+        if (comp != nullptr) {
+            comp->delFeatureEntry(entry);
+        }
     }
-    return holdings;
+    delFeature(entry);
+    delete entry;
 }
 
 // The entry that moves into the place of a removed one is looked at for overdue replies only: its turn to be
@@ -131,17 +134,18 @@ void CQelControl::timeout() {
     bool hasMovedUp = false;
     for (size_t i = 0; i < m_aFeatures.m_vItems.size(); ++i) {
         CFeatureEntry* entry = m_aFeatures.m_vItems[i];
-        fetchRecordsAhead(m_aFeatures, i);
-        const bool isSettling = !hasMovedUp;
-        hasMovedUp = false;
+        const bool isSettling = !std::exchange(hasMovedUp, false);
         if (entry == nullptr) {
             continue;
         }
-        if (isSettling && settle(*entry)) {
-            removals.add(entry);
-            hasMovedUp = true;
-        } else {
+        if (!isSettling || !settle(*entry)) {
             sendOverdueAgain(*entry);
+            continue;
+        }
+        hasMovedUp = true;
+        if (!removals.defer(i)) {
+            removeNow(entry);
+            --i; // where the next one stands now
         }
     }
     removals.carryOut();

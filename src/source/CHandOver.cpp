@@ -15,10 +15,6 @@ namespace {
 
 using CNames = std::vector<const char*>;
 
-uint64_t pairOf(const CFeatureEntry& entry) {
-    return uint64_t{entry.m_nCode} << 32 | entry.m_nData;
-}
-
 // Those of `names` that are not among `others`.
 CNames missingFrom(const CNames& others, const CNames& names) {
     CNames missing;
@@ -57,7 +53,7 @@ public:
         for (CFeatureEntry* entry : control.features().m_vItems) {
             if (entry != nullptr) {
                 settlePending(*entry);
-                m_oByPair.try_emplace(pairOf(*entry), entry);
+                m_oByPair.try_emplace(entry->id(), entry);
                 m_oFirstByCode.try_emplace(entry->m_nCode, entry);
             }
         }
@@ -141,7 +137,7 @@ private:
     // the list has the code once; with several, the merge would turn one pair into another that the list has
     // as well.
     CFeatureEntry* entryFor(const CFeatureEntry& wanted, bool isSingle) const {
-        if (const auto same = m_oByPair.find(pairOf(wanted)); same != m_oByPair.end()) {
+        if (const auto same = m_oByPair.find(wanted.id()); same != m_oByPair.end()) {
             return same->second;
         }
         const auto first = m_oFirstByCode.find(wanted.m_nCode);
@@ -151,7 +147,7 @@ private:
     // A modification to 0 cannot be told; lists with one are refused, but one may come about where the list
     // between was never handed over. The feature is then told as new.
     bool isUntouched(const SFreshFeature& fresh, const CFeatureEntry& entry) const {
-        if (pairOf(*fresh.m_pEntry) == pairOf(entry)) {
+        if (fresh.m_pEntry->id() == entry.id()) {
             return fresh.m_bSourced;
         }
         return fresh.m_bSourced && entry.m_bSourced == 1 && fresh.m_pEntry->m_nData != 0 &&
@@ -170,7 +166,7 @@ private:
 
     CQelControl& m_oControl;
     std::unordered_map<uint32_t, SCode> m_oCodes;
-    std::unordered_map<uint64_t, CFeatureEntry*> m_oByPair;
+    std::unordered_map<SFeature, CFeatureEntry*> m_oByPair;
     std::unordered_map<uint32_t, CFeatureEntry*> m_oFirstByCode;
     std::vector<EWay> m_vWays; // by position in the list
     std::vector<SKept> m_vKept;
@@ -255,7 +251,10 @@ int CHandOver::placeHeldBack() {
 int CHandOver::place(SFreshFeature& fresh) {
     CFeatureEntry* entry = fresh.m_pEntry.release();
     entry->m_bSourced = fresh.m_bSourced ? 1 : 0;
-    m_oControl.addFeature(entry);
+    if (!m_oControl.addFeature(entry)) {
+        delete entry;
+        return 0;
+    }
     logEvent(svInfo, evPlaced, "feature %u %u placed", entry->m_nCode, entry->m_nData);
     return CFeatureMerge::needsRestart(entry->m_nCode) ? 1 : 0;
 }

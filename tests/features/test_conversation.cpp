@@ -118,7 +118,7 @@ TEST_F(CConversationTest, ARestartedProcessIsToldAnewAndLeavesNoRecordBehind) {
 TEST_F(CConversationTest, TheListInForceForOAM) {
     newList({fresh(1, 10), fresh(206, 0xFFFFFFFF)});
     feature(3, 30); // kept by the source: not packed, but counted
-    control().addFeature(nullptr);
+    EXPECT_TRUE(control().addFeature(nullptr));
     control().features().m_vItems[0]->m_eStatus = EFStatus::fsDeleted;
     told();
     receive(fromHex("00000000 00000018 0000000b 00000063 00abcdef 00000021"));
@@ -143,7 +143,7 @@ TEST_F(CConversationTest, WhoIsNotKnownAndWhatIsNoMessageGetNoAnswer) {
 
 TEST_F(CConversationTest, WhatIsSentOfACodeMakesTheHeldPairOutOfDate) {
     CComponent& voice = component("Voice");
-    voice.setKnownPairs(std::vector<CQelPair>{{6, 60}, {7, 70}, {8, 80}, {8, 81}});
+    voice.setKnownPairs(std::vector<SFeature>{{6, 60}, {7, 70}, {8, 80}, {8, 81}});
     voice.sendMessage(1, 7, 71); // other data
     voice.sendMessage(3, 6, 60); // another type, of the pair held
     voice.sendMessage(1, 8, 81); // held

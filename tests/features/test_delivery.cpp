@@ -10,14 +10,14 @@ using enum CCompStatus::ECStatus;
 
 constexpr auto opUnknown = static_cast<CFeatureEntry::EOperator>(5);
 constexpr int nSame = 99;        // the state stays as it is
-constexpr uint8_t nOther = 77;   // in the counters of the phases not concerned
+constexpr uint32_t nOther = 77;  // in the counters of the phases not concerned
 constexpr uint32_t tBefore = 40; // the record's stamp before the event
 
 struct SRow {
     std::vector<int> m_vFrom;
     CFeatureEntry::EOperator m_eEvent;
     uint32_t m_nReply; // result of the component's reply
-    uint8_t m_nTries;  // counter of the state's phase
+    uint32_t m_nTries; // counter of the state's phase
     int m_nResult;
     int m_nTo;
     uint32_t m_nTriesAfter;
@@ -66,9 +66,9 @@ protected:
 
     void check(const SRow& row, int state) {
         CCompStatus& status = at(state); // numbers that are no state count as enabling
-        uint8_t& tries = state >= 5 && state <= 8    ? status.m_nDisableTries
-                         : state >= 9 && state <= 12 ? status.m_nModifyTries
-                                                     : status.m_nEnableTries;
+        uint32_t& tries = state >= 5 && state <= 8    ? status.m_nDisableTries
+                          : state >= 9 && state <= 12 ? status.m_nModifyTries
+                                                      : status.m_nEnableTries;
         tries = row.m_nTries;
         m_oVoice.m_nReplyStatus = row.m_nReply;
         EXPECT_EQ(m_oEntry.addComponent(row.m_eEvent, &m_oVoice), row.m_nResult);

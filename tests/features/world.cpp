@@ -17,7 +17,7 @@ CFeatureEntry& feature(uint32_t code, uint32_t data, EFStatus status, const CNam
     CFeatureEntry* entry = fresh(code, data, names);
     entry->m_eStatus = status;
     entry->m_bSourced = 1;
-    control().addFeature(entry);
+    EXPECT_TRUE(control().addFeature(entry));
     return *entry;
 }
 
@@ -25,7 +25,7 @@ CComponent& component(const char* name, uint32_t handle, uint8_t monitor) {
     auto* comp = new CComponent(&control());
     comp->init({0, 0, 0, 0, 5, handle}, name, 0, nullptr);
     comp->m_bMonitor = monitor;
-    control().addComponent(comp);
+    EXPECT_TRUE(control().addComponent(comp));
     return *comp;
 }
 

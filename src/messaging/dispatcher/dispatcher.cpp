@@ -10,12 +10,23 @@
 #include "server/log/log.h"
 
 #include <algorithm>
+#include <array>
+#include <cstring>
+#include <memory>
 #include <new>
 #include <span>
-#include <string>
-#include <vector>
+#include <string_view>
 
 namespace {
+
+// The name field of a message, with a NUL behind it.
+struct SName {
+    explicit SName(const CQelNameMessage& message) {
+        fieldText(message.m_szName).copy(m_szText, nNameFieldSize);
+    }
+
+    char m_szText[nNameFieldSize + 1] = {};
+};
 
 // One message, as its handler sees it. What the body does not have reads as zero.
 struct SRequest {
@@ -29,10 +40,7 @@ struct SRequest {
 
     CQelNameMessage nameMessage() const { return readBody<CQelNameMessage>(m_aBody.data(), m_aBody.size()); }
 
-    std::string name() const {
-        const CQelNameMessage message = nameMessage();
-        return std::string(fieldText(message.m_szName));
-    }
+    SName name() const { return SName(nameMessage()); }
 
     uint32_t replyStatus() const {
         return readBody<CQelReplyMessage>(m_aBody.data(), m_aBody.size()).m_nStatus;
@@ -40,11 +48,11 @@ struct SRequest {
 
     // Up to its NUL: whole, though only a short one is stored. But what is no text at all, however many
     // megabytes a peer sends, must not hold up the loop or fill the log.
-    std::string replyText() const {
+    std::string_view replyText() const {
         constexpr size_t nMaxLogged = 8192;
-        const size_t begin = offsetof(CQelReplyMessage, m_szText);
-        const auto text = m_aBody.subspan(begin, std::min(m_aBody.size() - begin, nMaxLogged));
-        return std::string(text.begin(), std::find(text.begin(), text.end(), uint8_t{0}));
+        const auto text = m_aBody.subspan(offsetof(CQelReplyMessage, m_szText));
+        const auto* begin = reinterpret_cast<const char*>(text.data());
+        return {begin, strnlen(begin, std::min(text.size(), nMaxLogged))};
     }
 };
 
@@ -64,7 +72,7 @@ void answer(CComponent& comp) {
 // --- Name message ---
 
 void logName(const SRequest& request) {
-    logEvent(svInfo, 31015, "CompNameMsgType %s", request.name().c_str());
+    logEvent(svInfo, 31015, "CompNameMsgType %s", request.name().m_szText);
 }
 
 // As many pairs as the message claims, but no more than it has, nor than a component has room for.
@@ -75,39 +83,45 @@ void takeKnownPairs(const SRequest& request, uint32_t claimed) {
         logEvent(svWarning, 31017, "Name Msg claims %u pairs, took %u", claimed,
                  static_cast<uint32_t>(count));
     }
-    std::vector<CQelPair> pairs;
+    std::array<SFeature, nMaxKnownPairs> pairs;
     for (size_t i = 0; i < count; ++i) {
         const auto at = request.m_aBody.subspan(sizeof(CQelNameMessage) + i * sizeof(CQelPair));
-        pairs.push_back(readBody<CQelPair>(at.data(), at.size()));
+        const auto pair = readBody<CQelPair>(at.data(), at.size());
+        pairs[i] = {pair.m_nCode, pair.m_nData};
     }
-    request.m_pComponent->setKnownPairs(pairs);
+    request.m_pComponent->setKnownPairs(std::span(pairs).first(count));
 }
 
-// A new component is taken into its features; so is a known one that came back as another process.
-void setUp(const SRequest& request, const std::string& name, uint32_t processId, bool isNew) {
+// A new component is taken into its features; so is a known one that came back as another process. False: there
+// is no memory for a new one.
+bool setUp(const SRequest& request, const SName& name, uint32_t processId, bool isNew) {
     CComponent& comp = *request.m_pComponent;
     const CScopedLock lock(oMutex);
-    comp.init(request.m_oHeader, name.c_str(), 0, nullptr);
+    comp.init(request.m_oHeader, name.m_szText, 0, nullptr);
     if (isNew || comp.m_nProcessId != processId) {
         comp.clearFeatureArray();
         comp.notifyAllFeatures();
     }
-    if (isNew) {
-        request.m_oControl.addComponent(&comp);
-    }
+    return !isNew || request.m_oControl.addComponent(&comp);
+}
+
+// Out of the control and its features, and out of memory.
+void destroy(CQelControl& control, CComponent* comp) {
+    control.delComponent(comp);
+    delete comp;
 }
 
 void announce(SRequest& request) {
     const CQelNameMessage message = request.nameMessage();
-    const std::string name = request.name();
-    if (name.empty()) {
+    const SName name(message);
+    if (name.m_szText[0] == '\0') {
         logEvent(svWarning, 31016, "Name Msg has no name");
         return;
     }
     if (message.m_nProcessId == 0) {
         logEvent(svWarning, 31016, "Name Msg has no process id");
     }
-    request.m_pComponent = request.m_oControl.findCompByName(name.c_str());
+    request.m_pComponent = request.m_oControl.findCompByName(name.m_szText);
     const bool isNew = request.m_pComponent == nullptr;
     if (isNew) {
         request.m_pComponent = new (std::nothrow) CComponent(&request.m_oControl);
@@ -116,7 +130,10 @@ void announce(SRequest& request) {
         logEvent(svError, 31124, "failed to new obj");
         return;
     }
-    setUp(request, name, message.m_nProcessId, isNew);
+    if (!setUp(request, name, message.m_nProcessId, isNew)) {
+        destroy(request.m_oControl, request.m_pComponent);
+        return;
+    }
     request.m_pComponent->m_nProcessId = message.m_nProcessId;
     takeKnownPairs(request, message.m_nPairCount);
     answer(*request.m_pComponent);
@@ -165,7 +182,9 @@ void logClientWriteReply(const SRequest&) {
 // --- Replies of a known component ---
 
 void logWriteReply(const SRequest& request) {
-    logEvent(svInfo, 31030, "WriteReplyMsgType (%d %s)", request.replyStatus(), request.replyText().c_str());
+    const std::string_view text = request.replyText();
+    logEvent(svInfo, 31030, "WriteReplyMsgType (%d %.*s)", request.replyStatus(),
+             static_cast<int>(text.size()), text.data());
 }
 
 void writeReply(SRequest& request) {
@@ -180,14 +199,15 @@ void writeReply(SRequest& request) {
 }
 
 void logShutdown(const SRequest& request) {
-    logEvent(svInfo, 31033, "ShutdownMsgType (%d %s)", request.replyStatus(), request.replyText().c_str());
+    const std::string_view text = request.replyText();
+    logEvent(svInfo, 31033, "ShutdownMsgType (%d %.*s)", request.replyStatus(), static_cast<int>(text.size()),
+             text.data());
 }
 
 void shutDown(SRequest& request) {
     request.m_pComponent->removeFeatureArray();
     request.m_pComponent->clearFeatureArray();
-    request.m_oControl.delComponent(request.m_pComponent);
-    delete request.m_pComponent;
+    destroy(request.m_oControl, request.m_pComponent);
 }
 
 constexpr SRow aRequests[] = {
@@ -208,41 +228,25 @@ constexpr SRow aReplies[] = {
 
 constexpr int nErrorNoMessage = 31;
 
-// The framework record of the answer. It is kept: the list may be megabytes long, and OAM asks for it again
-// and again. Main loop's thread only.
-class CListRecord {
-public:
-    // Throws std::bad_alloc where memory is exhausted.
-    uint8_t* body(size_t room) {
-        const size_t size = std::max(sizeof(sOvuMfwMessage), OVU_MFW_DATA_OFFSET + room);
-        if (m_vBytes.size() < size) {
-            m_vBytes = {}; // what an earlier answer held is not copied
-            m_vBytes.resize(size);
-        }
-        return m_vBytes.data() + OVU_MFW_DATA_OFFSET;
-    }
-
-    // As a short record of fresh memory would be: zero behind the body.
-    sOvuMfwMessage* message(size_t length) {
-        const size_t end = OVU_MFW_DATA_OFFSET + length;
-        if (end < sizeof(sOvuMfwMessage)) {
-            std::memset(m_vBytes.data() + end, 0, sizeof(sOvuMfwMessage) - end);
-        }
-        return reinterpret_cast<sOvuMfwMessage*>(m_vBytes.data());
-    }
-
-private:
-    std::vector<uint8_t> m_vBytes;
+struct SPackedList {
+    std::unique_ptr<char[]> m_pBytes; // none: there was no memory
+    size_t m_nSize = 0;
 };
 
+SPackedList packActiveFeatures(CQelControl& control) {
+    SPackedList list;
+    list.m_nSize = static_cast<size_t>(control.getPackSize());
+    list.m_pBytes.reset(new (std::nothrow) char[list.m_nSize]());
+    if (list.m_pBytes == nullptr) {
+        logEvent(svError, 31124, "failed to new obj");
+    }
+    control.packFeatures(list.m_pBytes.get());
+    return list;
+}
+
 // The header's length word stays 0, although the body is longer.
-int sendFeatureList(const CQelControl& control, const CQelMessageHeader& request) {
-    static CListRecord& oRecord = *new CListRecord; // never destroyed: a stop may end the process meanwhile
-    const CQelMessageHeader header{0, 0, nQelOAMActiveFeatureMsgType, 0, request.m_nTag, 0};
-    uint8_t* body = oRecord.body(sizeof header + control.packRoom());
-    std::memcpy(body, &header, sizeof header);
-    const size_t packed = control.packInto(reinterpret_cast<char*>(body + sizeof header));
-    if (packed == 0) {
+int sendFeatureList(const SPackedList& list, const CQelMessageHeader& request) {
+    if (list.m_pBytes == nullptr) {
         logEvent(svError, 31071, "sendMessage empty message");
         return nErrorNoMessage;
     }
@@ -251,21 +255,23 @@ int sendFeatureList(const CQelControl& control, const CQelMessageHeader& request
         logEvent(svError, 31122, "cannot get message framework");
         return nErrorNoEndpoint;
     }
-    const size_t length = sizeof header + packed;
-    const int error = endpoint->sendMessage(request.m_nHandle, nQelServerMfwMsgId, oRecord.message(length),
-                                            static_cast<uint32_t>(length));
+    const CQelMessageHeader header{0, 0, nQelOAMActiveFeatureMsgType, 0, request.m_nTag, 0};
+    const int error =
+        endpoint->sendBody(request.m_nHandle, bytesOf(header), {list.m_pBytes.get(), list.m_nSize});
     if (error != 0) {
         logEvent(svError, 31073, "failed to send message");
     }
     return error;
 }
 
-void answerOAM(CQelControl& control, const CQelMessageHeader& request) try {
+void answerOAM(CQelControl& control, const CQelMessageHeader& request) {
     logEvent(svInfo, 31036, "cbQelServer recv OAMActiveFeature.");
-    sendFeatureList(control, request);
-} catch (const std::bad_alloc&) {
-    logEvent(svError, 31124, "failed to new obj");
-    logEvent(svWarning, 31037, "OAMFeautreList packing error.");
+    const SPackedList list = packActiveFeatures(control);
+    if (list.m_pBytes == nullptr) {
+        logEvent(svWarning, 31037, "OAMFeautreList packing error.");
+        return;
+    }
+    sendFeatureList(list, request);
 }
 
 // --- Dispatch ---
@@ -280,9 +286,9 @@ bool findComponent(SRequest& request, const SRow& row) {
              request.m_pComponent->m_szName);
     if (request.m_oHeader.m_nType == nQelClientReplyMsgType) {
         request.m_pComponent->init(request.m_oHeader, nullptr, request.replyStatus(),
-                                   request.replyText().c_str());
+                                   request.replyText().data()); // a bounded part of it is looked at
     } else {
-        request.m_pComponent->init(request.m_oHeader, request.name().c_str(), 0, nullptr);
+        request.m_pComponent->init(request.m_oHeader, request.name().m_szText, 0, nullptr);
     }
     return true;
 }

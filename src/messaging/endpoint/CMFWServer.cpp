@@ -6,7 +6,6 @@
 #include "server/log/singleton.h"
 
 #include <algorithm>
-#include <cstring>
 #include <memory>
 #include <new>
 
@@ -110,13 +109,16 @@ void CMFWServer::DefaultCallback(uint16_t type, uint32_t userDefinedId, const sO
              static_cast<unsigned long>(sender), type, userDefinedId, message->data[0], length);
 }
 
-int CMFWServer::sendBody(uint32_t handle, const void* body, uint32_t length) {
-    const size_t size = std::max<size_t>(sizeof(sOvuMfwMessage), OVU_MFW_DATA_OFFSET + size_t{length});
-    const std::unique_ptr<uint8_t[]> record(new (std::nothrow) uint8_t[size]());
+int CMFWServer::sendBody(uint32_t handle, std::span<const char> head, std::span<const char> tail) {
+    const size_t length = head.size() + tail.size();
+    const size_t size = std::max(sizeof(sOvuMfwMessage), OVU_MFW_DATA_OFFSET + length);
+    const std::unique_ptr<char[]> record(new (std::nothrow) char[size]());
     if (record == nullptr) {
         logEvent(svError, 31124, "failed to new obj");
         return nErrorNoMemory;
     }
-    std::memcpy(record.get() + OVU_MFW_DATA_OFFSET, body, length);
-    return sendMessage(handle, nQelServerMfwMsgId, reinterpret_cast<sOvuMfwMessage*>(record.get()), length);
+    std::copy(tail.begin(), tail.end(),
+              std::copy(head.begin(), head.end(), record.get() + OVU_MFW_DATA_OFFSET));
+    return sendMessage(handle, nQelServerMfwMsgId, reinterpret_cast<sOvuMfwMessage*>(record.get()),
+                       static_cast<uint32_t>(length));
 }

@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <span>
 
 // All operations return 0 for success and the platform's error number otherwise. Sends and receives on the
 // main loop's thread; clear() may come from the service manager's thread at any time.
@@ -35,8 +36,8 @@ public:
     // Removes the default callback and closes the endpoint.
     void clear();
 
-    // Puts a body into a framework record and sends it as a message of the client protocol.
-    int sendBody(uint32_t handle, const void* body, uint32_t length);
+    // Puts a body, in one part or two, into a framework record and sends it as a message of the client protocol.
+    int sendBody(uint32_t handle, std::span<const char> head, std::span<const char> tail = {});
 
 private:
     CMFWServer();

@@ -12,6 +12,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <span>
 #include <string_view>
 #include <type_traits>
 
@@ -118,6 +119,13 @@ T readBody(const uint8_t* body, size_t length) {
         std::memcpy(static_cast<void*>(&message), body, std::min(length, sizeof message));
     }
     return message;
+}
+
+// The bytes that a message is sent as.
+template <typename T>
+std::span<const char> bytesOf(const T& message) {
+    static_assert(std::is_trivially_copyable_v<T> && alignof(T) == 1);
+    return {reinterpret_cast<const char*>(&message), sizeof message};
 }
 
 // The text of a fixed-size field: up to its NUL, or the whole field where it has none.

@@ -1,5 +1,6 @@
 #include "source/list/feature_list.h"
 
+#include "base/SFeature.h"
 #include "messaging/wire/wire.h"
 #include "source/list/list_blocks.h"
 #include "source/list/whole_file.h"
@@ -78,10 +79,6 @@ std::string syntaxText(std::string_view message) {
     }
     std::replace_if(text.begin(), text.end(), isControl, '?');
     return text;
-}
-
-uint64_t pairOf(uint32_t code, uint32_t data) {
-    return uint64_t{code} << 32 | data;
 }
 
 // Checks one text and collects what is good and what is wrong.
@@ -272,7 +269,7 @@ private:
             return;
         }
         const auto [first, isNew] =
-            m_oPairs.try_emplace(pairOf(record.m_nCode, record.m_nData), record.m_nLine);
+            m_oPairs.try_emplace(SFeature{record.m_nCode, record.m_nData}, record.m_nLine);
         if (!isNew) {
             error(record.m_nLine, fmt::format("code {} with data {} stands twice: first in line {}",
                                               record.m_nCode, record.m_nData, first->second));
@@ -297,7 +294,7 @@ private:
     uint32_t m_nFeatures = 0;  // tables seen, bad ones included
     std::optional<uint32_t> m_oCount;
     uint32_t m_nCountLine = 0;                       // 0: no count given
-    std::unordered_map<uint64_t, uint32_t> m_oPairs; // line of each pair's first appearance
+    std::unordered_map<SFeature, uint32_t> m_oPairs; // line of each pair's first appearance
 };
 
 } // namespace
