@@ -7,8 +7,8 @@
 #include "features/CComponent.h"
 #include "features/CFeatureEntry.h"
 #include "features/CQelControl.h"
+#include "messaging/dispatcher/dispatcher.h"
 #include "messaging/wire/wire.h"
-#include "server/loop/CQelServer.h"
 
 #include <cstring>
 #include <deque>
@@ -23,7 +23,7 @@ public:
         std::memcpy(m_oRecord.data, &body, sizeof body);
     }
 
-    void dispatch() const { CQelServer::cbQelServer(nQelServerMfwMsgId, 0, &m_oRecord, m_nLength); }
+    void dispatch() const { dispatchRequest(nQelServerMfwMsgId, 0, &m_oRecord, m_nLength); }
 
 private:
     sOvuMfwMessage m_oRecord = {};
@@ -46,38 +46,93 @@ inline CRecord replyMessage(uint32_t subType, uint32_t handle) {
     return CRecord(message);
 }
 
-// A control with so many features, each of which concerns each of so many monitored components.
+// A control with so many features, each of which concerns each of so many monitored components. Operations leave it
+// changed; settle() makes good for all but features and components that are gone, refill() for these too.
 class CWorld {
 public:
-    CWorld(int64_t features, int64_t components) : m_oControl(*CQelControl::instance()) {
+    CWorld(int64_t features, int64_t components)
+        : m_oControl(*CQelControl::instance()), m_nFeatures(static_cast<size_t>(features)) {
         for (int64_t i = 0; i < components; ++i) {
             m_vNames.push_back("component" + std::to_string(i));
         }
-        for (uint32_t code = 1; code <= features; ++code) {
+        refill();
+    }
+    ~CWorld() { clear(); }
+    CWorld(const CWorld&) = delete;
+    CWorld& operator=(const CWorld&) = delete;
+
+    void refill() {
+        clear();
+        for (uint32_t code = 1; code <= m_nFeatures; ++code) {
             static_cast<void>(m_oControl.addFeature(makeEntry(code, code)));
         }
-        m_vEntries = m_oControl.features().m_vItems;
-        for (uint32_t i = 0; i < m_vNames.size(); ++i) {
-            nameMessage(0, CompNameMsgType, handleOf(i), m_vNames[i], 1).dispatch();
+        for (size_t i = 0; i < m_vNames.size(); ++i) {
+            nameMessage(0, CompNameMsgType, handleOf(i), m_vNames[i], m_nProcessId).dispatch();
             m_oControl.components().m_vItems.back()->m_bMonitor = 1;
         }
     }
 
-    ~CWorld() {
+    bool isWhole() const {
+        const auto& features = m_oControl.features().m_vItems;
+        return features.size() == m_nFeatures && m_oControl.components().m_vItems.size() == m_vNames.size() &&
+               features.front()->m_vCompStatus.size() >= m_vNames.size();
+    }
+
+    void dropFeatures() {
+        const auto entries = m_oControl.features().m_vItems;
         m_oControl.clearFeatureArray();
-        for (CFeatureEntry* entry : m_vEntries) {
+        for (CFeatureEntry* entry : entries) {
             delete entry;
         }
-        const auto components = m_oControl.components().m_vItems;
-        for (CComponent* comp : components) {
-            m_oControl.delComponent(comp);
-            delete comp;
+    }
+
+    void putAll(CFeatureEntry::EFStatus feature, CCompStatus::ECStatus status, uint32_t stamp) {
+        for (CFeatureEntry* entry : m_oControl.features().m_vItems) {
+            entry->m_eStatus = feature;
+            entry->m_nNewData = 0;
+            for (CCompStatus* record : entry->m_vCompStatus) {
+                record->m_eStatus = status;
+                record->m_tStamp = stamp;
+            }
         }
     }
-    CWorld(const CWorld&) = delete;
-    CWorld& operator=(const CWorld&) = delete;
 
+    // Everything delivered, nothing to do.
+    void settle(uint8_t sourced) {
+        putAll(CFeatureEntry::fsActive, CCompStatus::csEnabled, nowSeconds());
+        for (CFeatureEntry* entry : m_oControl.features().m_vItems) {
+            entry->m_bSourced = sourced;
+        }
+    }
+
+    // Fills m_aList with every feature, each `step`-th with other data.
+    void makeList(size_t step) {
+        dropList();
+        for (uint32_t code = 1; code <= m_nFeatures; ++code) {
+            const uint32_t change = step != 0 && code % step == 0 ? 1000000 : 0;
+            m_aList.m_vItems.push_back(makeEntry(code, code + change));
+        }
+    }
+
+    CComponent& last() { return *m_oControl.components().m_vItems.back(); }
+
+    // Requests and replies of the last component, and what is nobody's.
+    void say(uint32_t subType) { say(subType, m_nProcessId); }
+    void say(uint32_t subType, uint32_t processId) {
+        nameMessage(nQelClientRequestMsgType, subType, lastHandle(), m_vNames.back(), processId).dispatch();
+    }
+    void reply(uint32_t subType) { replyMessage(subType, lastHandle()).dispatch(); }
+    static void ask(uint32_t type) { CRecord(CQelMessageHeader{0, 24, type, 0, 7, 1}).dispatch(); }
+
+    CQelControl& m_oControl;
+    const size_t m_nFeatures;
+    std::deque<std::string> m_vNames; // entries point at them
+    uint32_t m_nProcessId = 1;
+    CArray<CFeatureEntry*> m_aList;
+
+private:
     static uint32_t handleOf(size_t component) { return 1000 + static_cast<uint32_t>(component); }
+    uint32_t lastHandle() const { return handleOf(m_vNames.size() - 1); }
 
     CFeatureEntry* makeEntry(uint32_t code, uint32_t data) {
         auto* entry = new CFeatureEntry(&m_oControl);
@@ -89,35 +144,22 @@ public:
         return entry;
     }
 
-    // Everything delivered, nothing to do.
-    void settle(uint8_t sourced) {
-        const uint32_t now = nowSeconds();
-        for (CFeatureEntry* entry : m_vEntries) {
-            entry->m_eStatus = CFeatureEntry::fsActive;
-            entry->m_nNewData = 0;
-            entry->m_bSourced = sourced;
-            for (CCompStatus* record : entry->m_vCompStatus) {
-                record->m_eStatus = CCompStatus::csEnabled;
-                record->m_tStamp = now;
-            }
+    void dropList() {
+        for (CFeatureEntry* entry : m_aList.m_vItems) {
+            delete entry;
         }
+        m_aList.m_vItems.clear();
     }
 
-    // A list that holds every feature, each `step`-th with other data.
-    CArray<CFeatureEntry*> makeList(size_t step) {
-        CArray<CFeatureEntry*> list;
-        for (size_t i = 0; i < m_vEntries.size(); ++i) {
-            const uint32_t change = step != 0 && i % step == 0 ? 1000000 : 0;
-            list.m_vItems.push_back(makeEntry(m_vEntries[i]->m_nCode, m_vEntries[i]->m_nCode + change));
+    void clear() {
+        dropList();
+        dropFeatures();
+        const auto components = m_oControl.components().m_vItems;
+        for (CComponent* comp : components) {
+            m_oControl.delComponent(comp);
+            delete comp;
         }
-        return list;
     }
-
-    int64_t items() const { return static_cast<int64_t>(m_vEntries.size() * m_vNames.size()); }
-
-    CQelControl& m_oControl;
-    std::deque<std::string> m_vNames; // entries point at them
-    std::vector<CFeatureEntry*> m_vEntries;
 };
 
 #endif
