@@ -1,6 +1,7 @@
 #include "fake/fake_platform.h"
 
 #include "base/clock.h"
+#include "support/scarce_memory.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -63,7 +64,10 @@ int CFakePlatform::enter(const std::string& function, const std::string& argumen
 
 void CFakePlatform::handOver(OvuMfwCallback callback, uint16_t type, std::string_view body, uint32_t from) {
     const size_t size = std::max(sizeof(sOvuMfwMessage), OVU_MFW_DATA_OFFSET + body.size());
-    const std::unique_ptr<uint8_t[]> record(new uint8_t[size]());
+    const auto record = [size] {
+        const CPlentyOfMemory plenty;
+        return std::make_unique<uint8_t[]>(size);
+    }();
     const auto* message = reinterpret_cast<const sOvuMfwMessage*>(record.get());
     for (size_t i = 0; i < 4; ++i) {
         record[20 + i] = static_cast<uint8_t>(from >> (24 - 8 * i));
@@ -105,6 +109,7 @@ std::string toHex(std::string_view bytes) {
 // --- Operating system ---
 
 int osCreateEvent(const char* name, uint32_t, uint32_t* handle) {
+    const CPlentyOfMemory plenty;
     if (const int error = fake().enter("osCreateEvent", name)) {
         return error;
     }
@@ -117,35 +122,42 @@ int osCreateEvent(const char* name, uint32_t, uint32_t* handle) {
 }
 
 int osOpenEvent(const char* name, uint32_t* handle) {
+    const CPlentyOfMemory plenty;
     const int error = fake().enter("osOpenEvent", name);
     return error != 0 ? error : find(fake().m_oEvents, name, handle);
 }
 
 int osSendEvent(uint32_t handle) {
+    const CPlentyOfMemory plenty;
     return fake().enter("osSendEvent", std::to_string(handle));
 }
 
 int osReceiveEvent(uint32_t, uint32_t waitMs) {
+    const CPlentyOfMemory plenty;
     fake().m_vWaits.push_back(waitMs);
     return fake().m_fnReceiveEvent() ? 0 : 110;
 }
 
 int osKillEvent(uint32_t handle) {
+    const CPlentyOfMemory plenty;
     const int error = fake().enter("osKillEvent", std::to_string(handle));
     std::erase_if(fake().m_oEvents, [&](const auto& event) { return error == 0 && event.second == handle; });
     return error;
 }
 
 int osInitializeLwtMutex(osLwtMutex_t* mutex) {
+    const CPlentyOfMemory plenty;
     *mutex = 0;
     return 0;
 }
 
 int osCleanupLwtMutex(osLwtMutex_t*) {
+    const CPlentyOfMemory plenty;
     return 0;
 }
 
 int osLockLwtMutex(osLwtMutex_t* mutex) {
+    const CPlentyOfMemory plenty;
     const int error = fake().enter("osLockLwtMutex");
     if (error == 0 && std::exchange(*mutex, 1) != 0) {
         std::abort(); // nobody else could ever unlock it
@@ -154,10 +166,12 @@ int osLockLwtMutex(osLwtMutex_t* mutex) {
 }
 
 int osTryLockLwtMutex(osLwtMutex_t* mutex) {
+    const CPlentyOfMemory plenty;
     return *mutex != 0 ? 16 : osLockLwtMutex(mutex);
 }
 
 int osUnlockLwtMutex(osLwtMutex_t* mutex) {
+    const CPlentyOfMemory plenty;
     if (std::exchange(*mutex, 0) == 0) {
         std::abort(); // it was not locked
     }
@@ -167,12 +181,14 @@ int osUnlockLwtMutex(osLwtMutex_t* mutex) {
 // --- Diagnostics ---
 
 int OvuDiagRegisterModule(const char*, const char*, const char*, const char*, uint32_t* handle) {
+    const CPlentyOfMemory plenty;
     const int error = fake().enter("OvuDiagRegisterModule");
     *handle = error == 0 ? 5 : 77; // what a failed call leaves there must not count
     return error;
 }
 
 int OvuDiagAddLogEntry(uint32_t, uint32_t, uint16_t severity, uint32_t event, const char* text) {
+    const CPlentyOfMemory plenty;
     if (fake().m_bKeepLog) {
         fake().m_vLog.push_back({severity, event, text});
     }
@@ -182,15 +198,18 @@ int OvuDiagAddLogEntry(uint32_t, uint32_t, uint16_t severity, uint32_t event, co
 // --- Message framework ---
 
 int OvuMfwInitialize(void) {
+    const CPlentyOfMemory plenty;
     return fake().enter("OvuMfwInitialize", "");
 }
 
 int OvuMfwCleanup(void) {
+    const CPlentyOfMemory plenty;
     fake().m_oCallbacks.clear();
     return fake().enter("OvuMfwCleanup", "");
 }
 
 int OvuMfwGetProcessHandle(const char* processName, uint32_t* handle) {
+    const CPlentyOfMemory plenty;
     if (processName == nullptr) {
         *handle = 1;
         return 0;
@@ -199,6 +218,7 @@ int OvuMfwGetProcessHandle(const char* processName, uint32_t* handle) {
 }
 
 int OvuMfwRegisterCallback(uint16_t type, OvuMfwCallback callback) {
+    const CPlentyOfMemory plenty;
     if (const int error = fake().enter("OvuMfwRegisterCallback", std::to_string(type))) {
         return error;
     }
@@ -207,12 +227,14 @@ int OvuMfwRegisterCallback(uint16_t type, OvuMfwCallback callback) {
 }
 
 int OvuMfwDeregisterCallback(uint16_t type) {
+    const CPlentyOfMemory plenty;
     const int error = fake().enter("OvuMfwDeregisterCallback", std::to_string(type));
     return error != 0 || fake().m_oCallbacks.erase(type) != 0 ? error : 2;
 }
 
 int OvuMfwSendMessage(uint32_t handle, uint16_t type, uint32_t, const sOvuMfwMessage* message,
                       uint32_t length) {
+    const CPlentyOfMemory plenty;
     if (const int error = fake().enter("OvuMfwSendMessage")) {
         return error;
     }
@@ -227,6 +249,7 @@ int OvuMfwSendMessage(uint32_t handle, uint16_t type, uint32_t, const sOvuMfwMes
 }
 
 int OvuMfwProcessNextMessage(uint32_t) {
+    const CPlentyOfMemory plenty;
     fake().m_fnOnReceive();
     const int error = fake().enter("OvuMfwProcessNextMessage");
     return error != 0 ? error : OVU_MFW_NO_MESSAGE;

@@ -6,6 +6,7 @@
 
 #include "features/delivery.h"
 #include "server/log/log.h"
+#include "support/scarce_memory.h"
 
 #include <algorithm>
 #include <array>
@@ -236,6 +237,7 @@ private:
 class CWitnessed {
 public:
     static void see(const STransition& step) {
+        const CPlentyOfMemory plenty;
         auto& states = get().m_oStates;
         const auto known = states.try_emplace(&step.m_oRecord, csIdle).first;
         get().m_bContinuous &= known->second == step.m_eFrom;
@@ -282,7 +284,17 @@ protected:
         m_oRandom.seed(seed);
     }
 
-    void step(bool plain = false) {
+    // How merge and passes are done: by the daemon, by the daemon without memory for its indexes, by hand.
+    enum EWalk { wkDaemon, wkStarved, wkPlain };
+
+    // Without memory the first or the second allocation fails, both of an index.
+    template <typename Operation>
+    void starve(EWalk walk, Operation operation) {
+        const CScarceMemory scarce(walk == wkStarved ? 1 + ++m_nStarved % 2 : 0, CScarceMemory::knThrowing);
+        operation();
+    }
+
+    void step(EWalk walk = wkDaemon) {
         const uint32_t handle = 1 + below(6);
         const std::function<void()> steps[] = {
             [&] { announceSome(handle); },
@@ -291,9 +303,9 @@ protected:
             [&] { request(nQelClientStartMonitorMsgType, handle, below(16) == 0 ? name() : ""); },
             [&] { reply(handle, below(4) == 0 ? below(3) : 1); },
             [&] { receive(hostileBody()); },
-            [&] { plain ? CPlainWalk().audit() : control().audit(); },
-            [&] { plain ? CPlainWalk().timeout() : control().timeout(); },
-            [&] { below(4) == 0 ? shutDown(handle) : drawSome(plain); },
+            [&] { walk == wkPlain ? CPlainWalk().audit() : starve(walk, [] { control().audit(); }); },
+            [&] { walk == wkPlain ? CPlainWalk().timeout() : starve(walk, [] { control().timeout(); }); },
+            [&] { below(4) == 0 ? shutDown(handle) : drawSome(walk); },
             [&] { somethingRare(handle); },
         };
         steps[below(std::size(steps))]();
@@ -391,7 +403,7 @@ private:
     }
 
     // A new list, or an entry that the source itself places into the table.
-    void drawSome(bool plain) {
+    void drawSome(EWalk walk) {
         const CEntries& table = control().features().m_vItems;
         const bool isList = below(3) == 0;
         CEntries list;
@@ -400,8 +412,16 @@ private:
             !isList&& CPlainWalk::withPair(table, *entry) ? delete entry : list.push_back(entry);
         }
         if (isList) {
+            int result = 0;
             const CMerge byHand = [](CList& merged) { return CPlainWalk().merge(merged); };
-            logEvent(svInfo, 31115, "result %d", plain ? newList(list, byHand) : newList(list));
+            if (walk == wkPlain) {
+                result = newList(list, byHand);
+            } else {
+                CList merged{list};
+                starve(walk, [&] { result = control().addFeatureList(merged); });
+                std::ranges::for_each(merged.m_vItems, [](CFeatureEntry* entry) { delete entry; });
+            }
+            logEvent(svInfo, 31115, "result %d", result);
         } else if (!list.empty()) {
             list[0]->m_bSourced = 1;
             EXPECT_TRUE(control().addFeature(list[0]));
@@ -422,6 +442,7 @@ private:
     }
 
     std::mt19937 m_oRandom;
+    size_t m_nStarved = 0;
 };
 
 TEST_F(CRandomLivesTest, InvariantsHoldThroughoutLongLives) {
@@ -443,11 +464,11 @@ TEST_F(CRandomLivesTest, InvariantsHoldThroughoutLongLives) {
 }
 
 TEST_F(CRandomLivesTest, MergeAndPassesDoWhatThePlainWalksDo) {
-    const auto life = [this](uint32_t seed, bool plain) {
+    const auto life = [this](uint32_t seed, EWalk walk) {
         CTexts steps;
         start(seed);
         for (int i = 0; i < 400; ++i) {
-            step(plain);
+            step(walk);
             const CEntries& table = control().features().m_vItems;
             if (below(4) == 0 && !table.empty()) { // states that a life seldom or never comes to
                 table[below(table.size())]->setCompStatus(static_cast<CCompStatus::ECStatus>(below(14)));
@@ -458,12 +479,15 @@ TEST_F(CRandomLivesTest, MergeAndPassesDoWhatThePlainWalksDo) {
         return steps;
     };
     for (uint32_t seed = 0; seed < 300; ++seed) {
-        const CTexts ours = life(seed, false);
-        const CTexts plain = life(seed, true);
-        const auto [here, there] = std::ranges::mismatch(ours, plain);
-        ASSERT_TRUE(here == ours.end()) << "seed " << seed << " step " << here - ours.begin() << ":\n"
-                                        << *here << "\ninstead of:\n"
-                                        << *there;
+        const CTexts plain = life(seed, wkPlain);
+        for (const EWalk walk : {wkDaemon, wkStarved}) {
+            const CTexts ours = life(seed, walk);
+            const auto [here, there] = std::ranges::mismatch(ours, plain);
+            ASSERT_TRUE(here == ours.end())
+                << "seed " << seed << " step " << here - ours.begin() << " walk " << walk << ":\n"
+                << *here << "\ninstead of:\n"
+                << *there;
+        }
     }
 }
 

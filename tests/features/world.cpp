@@ -87,10 +87,15 @@ void receive(std::string_view body) {
     CFakePlatform::handOver(CQelServer::cbQelServer, nQelServerMfwMsgId, body);
 }
 
-void request(uint32_t subType, uint32_t handle, std::string_view name, uint32_t processId,
-             std::string_view tail) {
+std::string requestBody(uint32_t subType, uint32_t handle, std::string_view name, uint32_t processId,
+                        std::string_view tail) {
     std::string body =
         header(nQelClientRequestMsgType, subType, handle) + words({processId}) + std::string(name);
     body.resize(offsetof(CQelNameMessage, m_nPairCount));
-    receive(body + std::string(tail));
+    return body + std::string(tail);
+}
+
+void request(uint32_t subType, uint32_t handle, std::string_view name, uint32_t processId,
+             std::string_view tail) {
+    receive(requestBody(subType, handle, name, processId, tail));
 }

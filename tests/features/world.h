@@ -50,6 +50,8 @@ std::string words(std::initializer_list<uint32_t> values);
 std::string header(uint32_t messageClass, uint32_t subType, uint32_t handle);
 void receive(std::string_view body);
 // Class 0: the name goes into its field as it is, `tail` behind it.
+std::string requestBody(uint32_t subType, uint32_t handle, std::string_view name = "", uint32_t processId = 0,
+                        std::string_view tail = "");
 void request(uint32_t subType, uint32_t handle, std::string_view name = "", uint32_t processId = 0,
              std::string_view tail = "");
 
