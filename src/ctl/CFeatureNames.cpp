@@ -1,28 +1,10 @@
 #include "ctl/CFeatureNames.h"
 
-#include "base/CString.h"
+#include "base/CDescriptions.h"
 
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
-
-namespace {
-
-// Leading blanks, a sign, decimal digits; modulo 2^32, as codes are compared bit for bit.
-uint32_t readCode(const char* text) {
-    while (*text == ' ') {
-        ++text;
-    }
-    bool negative = *text == '-';
-    text += *text == '-' || *text == '+';
-    uint32_t code = 0;
-    for (; *text >= '0' && *text <= '9'; ++text) {
-        code = code * 10 + static_cast<uint32_t>(*text - '0');
-    }
-    return negative ? 0 - code : code;
-}
-
-} // namespace
 
 CFeatureNames CFeatureNames::load() {
     const char* path = std::getenv("QEL_DESCRIPTION");
@@ -32,13 +14,10 @@ CFeatureNames CFeatureNames::load() {
     return parse(text.str());
 }
 
-CFeatureNames CFeatureNames::parse(const std::string& text) {
+CFeatureNames CFeatureNames::parse(std::string_view text) {
     CFeatureNames names;
-    for (const CString& line : CString(text.c_str()).tokenize("\r\n", CString::eSkipDelimiters)) {
-        auto fields = line.tokenize(",", CString::eSkipDelimiters);
-        if (fields.size() >= 2) {
-            names.m_oNames[readCode(fields[0].c_str())] = fields[1].c_str();
-        }
+    for (CDescriptions lines(text); lines.next();) {
+        names.m_oNames[lines.code()] = lines.name();
     }
     return names;
 }

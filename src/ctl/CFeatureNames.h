@@ -7,14 +7,13 @@
 #include <string_view>
 #include <unordered_map>
 
-// One feature a line: code, comma, name. Of several lines with one code the last gives the name; a code that
-// is no number counts as 0, and what stands after a second comma is ignored.
+// As CDescriptions reads them: of several lines with one code the last gives the name.
 class CFeatureNames {
 public:
     // From the file that QEL_DESCRIPTION names in the environment, else from the one compiled in; without
     // either, or if it cannot be read, there are no names.
     static CFeatureNames load();
-    static CFeatureNames parse(const std::string& text);
+    static CFeatureNames parse(std::string_view text);
 
     // Empty for a feature without one.
     std::string_view find(uint32_t code) const;

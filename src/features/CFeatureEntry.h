@@ -8,6 +8,7 @@
 #include "features/CCompStatus.h"
 
 #include <cstdint>
+#include <string_view>
 #include <vector>
 
 // Every event about this feature at one component goes through addComponent(), which finds the component's record
@@ -18,7 +19,7 @@
 // came back under its name is taken in again while its record still stands. A record that goes leaves no slot
 // pointing at it. No slot is null.
 //
-// Nothing here throws, but for addCompName() and setupName(). Used on the main loop's thread only, but for
+// Nothing here throws, but for addCompName(). Used on the main loop's thread only, but for
 // construction and those two, which the feature source calls on its own thread for entries that nobody else knows
 // yet.
 class CFeatureEntry : public CParty {
@@ -78,8 +79,7 @@ public:
     int setupName();
     // Whether a description file is configured at all: QEL_DESCRIPTION in the environment, else compiled in.
     static bool hasDescriptionFile();
-    // Reads a decimal number: leading blanks, an optional sign, digits. 0 where there is none. Beyond the
-    // signed 32-bit range it wraps, so that 4294967295 reads as -1.
+    // Reads a decimal number as CDescriptions::readNumber() does: 4294967295 reads as -1.
     static int doC2N(const char* text);
 
     EFStatus m_eStatus = fsNewAdd;
@@ -95,6 +95,7 @@ public:
 private:
     int add(CComponent* comp);
     CCompStatus* takeSlot(CComponent* comp);
+    void takeName(std::string_view name);
     int reply(CCompStatus& record);
     int remove(CCompStatus& record);
     int refuse(EOperator op, const CComponent& comp) const;

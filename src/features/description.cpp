@@ -1,5 +1,6 @@
 #include "features/description.h"
 
+#include "base/CDescriptions.h"
 #include "base/CFile.h"
 #include "features/CFeatureEntry.h"
 #include "server/log/log.h"
@@ -7,7 +8,7 @@
 #include <cstdlib>
 #include <memory>
 #include <new>
-#include <vector>
+#include <string>
 
 namespace {
 
@@ -44,26 +45,21 @@ int CFeatureEntry::setupName() {
     if (text == nullptr) {
         return 0;
     }
-    for (const CString& line : CString(text.get()).tokenize("\r\n", CString::eSkipDelimiters)) {
-        const std::vector<CString> fields = line.tokenize(",", CString::eSkipDelimiters);
-        if (fields.size() >= 2 && static_cast<uint32_t>(doC2N(fields[0].c_str())) == m_nCode) {
-            m_sName = fields[1];
+    for (CDescriptions lines(text.get()); lines.next();) {
+        if (lines.code() == m_nCode) {
+            takeName(lines.name());
         }
     }
     return 1;
 }
 
+// Without memory for it the feature has no name; that is no reason to do without the feature.
+void CFeatureEntry::takeName(std::string_view name) try {
+    m_sName = CString(std::string(name).c_str());
+} catch (const std::bad_alloc&) {
+    m_sName = CString();
+}
+
 int CFeatureEntry::doC2N(const char* text) {
-    while (*text == ' ') {
-        ++text;
-    }
-    const bool negative = *text == '-';
-    if (*text == '-' || *text == '+') {
-        ++text;
-    }
-    uint32_t value = 0;
-    for (; *text >= '0' && *text <= '9'; ++text) {
-        value = value * 10 + static_cast<uint32_t>(*text - '0');
-    }
-    return static_cast<int>(negative ? 0 - value : value);
+    return static_cast<int>(CDescriptions::readNumber(text));
 }

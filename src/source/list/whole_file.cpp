@@ -1,5 +1,7 @@
 #include "source/list/whole_file.h"
 
+#include "base/CFileDescriptor.h"
+
 #include <fmt/core.h>
 
 #include <cerrno>
@@ -14,23 +16,6 @@ namespace {
 
 constexpr int nReadAttempts = 5;
 constexpr auto oReadPause = std::chrono::milliseconds(20);
-
-class CFileDescriptor {
-public:
-    explicit CFileDescriptor(int descriptor) : m_nDescriptor(descriptor) {}
-    ~CFileDescriptor() {
-        if (m_nDescriptor >= 0) {
-            close(m_nDescriptor);
-        }
-    }
-    CFileDescriptor(const CFileDescriptor&) = delete;
-    CFileDescriptor& operator=(const CFileDescriptor&) = delete;
-
-    int get() const { return m_nDescriptor; }
-
-private:
-    int m_nDescriptor;
-};
 
 bool isSame(const struct stat& one, const struct stat& other) {
     return one.st_size == other.st_size && one.st_mtim.tv_sec == other.st_mtim.tv_sec &&
@@ -67,7 +52,7 @@ bool tryRead(const std::string& path, size_t limit, SWholeFile& file) {
     const CFileDescriptor descriptor(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     struct stat before {};
     struct stat after {};
-    if (descriptor.get() < 0 || fstat(descriptor.get(), &before) != 0) {
+    if (!descriptor || fstat(descriptor.get(), &before) != 0) {
         file.m_sError = whyNot();
         return true;
     }
