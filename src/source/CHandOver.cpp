@@ -194,6 +194,7 @@ int CHandOver::apply(CFreshList list) {
         }
     }
     int result = runMerge(m_oControl, merged);
+    settleUntold();
     m_vAdditions = plan.complete();
     addComponents();
     m_vHeldBack.clear();
@@ -205,6 +206,23 @@ int CHandOver::apply(CFreshList list) {
         }
     }
     return result;
+}
+
+// A component that a withdrawn entry concerns and that was never told of it would be told by the audit, which knows
+// no record of it there, and nobody would ever tell it to disable the feature again. Taken in now it has a record: at a
+// withdrawn feature that starts as disabled, and the component is sent nothing.
+void CHandOver::settleUntold() {
+    for (CFeatureEntry* entry : m_oControl.features().m_vItems) {
+        if (entry == nullptr || entry->m_eStatus != CFeatureEntry::fsDeleted) {
+            continue;
+        }
+        for (CComponent* comp : m_oControl.components().m_vItems) {
+            if (comp != nullptr && entry->findCompByPtr(comp) == nullptr &&
+                entry->addComponent(CFeatureEntry::opAdd, comp) != 0 && comp->findFeatureEntry(entry) == 0) {
+                comp->addFeatureEntry(entry);
+            }
+        }
+    }
 }
 
 int CHandOver::carryOn() {

@@ -44,6 +44,7 @@ public:
     };
 
 private:
+    void settleUntold();
     int placeHeldBack();
     void addComponents();
     int place(SFreshFeature& fresh);

@@ -60,9 +60,11 @@ protected:
         return restarts;
     }
 
-    // The table stands for the list alone, and nobody was told last to disable what it is to have.
+    // The table stands for the list alone; by what they were told last, everybody has what is in force, and nobody has
+    // what is not.
     void expectSettled(const std::string& list) const {
         std::set<std::string> standing;
+        std::set<std::string> concerned;
         for (const CFeatureEntry* entry : control().features().m_vItems) {
             if (entry != nullptr) {
                 const std::string pair = fmt::format("{} {}", entry->m_nCode, entry->m_nData);
@@ -72,9 +74,13 @@ protected:
                 EXPECT_EQ(entry->m_eStatus, CFeatureEntry::fsActive) << pair;
                 EXPECT_EQ(entry->m_nNewData, 0u) << pair;
                 for (const std::string& name : names) {
-                    EXPECT_EQ(m_oInForce.count(name + pair), 1u) << pair << " at " << name;
+                    concerned.insert(name + pair);
                 }
             }
+        }
+        EXPECT_TRUE(std::ranges::includes(m_oInForce, concerned)) << "somebody lacks what is in force";
+        if (m_bOneDataACode) {
+            EXPECT_EQ(m_oInForce, concerned) << "somebody has what is not in force";
         }
         EXPECT_EQ(fmt::format("{}", fmt::join(standing, ", ")), list);
         EXPECT_EQ(m_oHandOver.waiting(), 0u);
@@ -83,6 +89,8 @@ protected:
     CNamePool m_oNames;
     CHandOver m_oHandOver{control()};
     std::mt19937 m_oRandom{1};
+    // No list has a code with several data values: whatever a component is told of a code replaces what it had of it.
+    bool m_bOneDataACode = false;
     // By component: "+CODE DATA" to enable, "-CODE DATA" to disable, "~CODE DATA +CODE DATA" to modify.
     std::map<std::string, std::string> m_oTold;
 
@@ -93,6 +101,10 @@ private:
         const uint32_t type = message.m_oHeader.m_nType;
         const uint32_t code = message.m_nCode;
         const auto with = [code](uint32_t data) { return fmt::format("{} {}", code, data); };
+        if (m_bOneDataACode) {
+            const auto prefix = fmt::format("{}{} ", name, code);
+            std::erase_if(m_oInForce, [&](const std::string& held) { return held.starts_with(prefix); });
+        }
         if (type != nQelServerNotifyMsgType) {
             m_oTold[name] += (type == nQelServerDisableMsgType ? " -" : " ~") + with(message.m_nData);
             m_oInForce.erase(name + with(message.m_nData));
@@ -155,10 +167,12 @@ TEST_F(CHandOverTest, TableComesToStandForTheLastOfRandomLists) {
     const auto upTo = [this](uint32_t limit) { return static_cast<uint32_t>(m_oRandom() % (limit + 1)); };
     for (int round = 0; round < 1000 && !HasFailure(); ++round) {
         SCOPED_TRACE(round);
+        m_bOneDataACode = round < 500;
         std::string list;
         for (uint32_t lists = 1 + upTo(3); lists > 0; --lists) {
             list.clear();
-            for (uint32_t i = 0; i < 16; ++i) {
+            const uint32_t step = m_bOneDataACode ? 4 : 1;
+            for (uint32_t i = m_bOneDataACode ? upTo(3) : 0; i < 16; i += step) {
                 std::string names = upTo(1) == 1 ? "*GPV" : ":GPV";
                 std::erase_if(names, [&](char name) { return std::isalpha(name) && upTo(2) == 0; });
                 const auto feature = fmt::format("{} {} {}", 1 + i / 4, i % 4, names);
