@@ -1,6 +1,5 @@
 # The libraries that several directories link.
 find_package(Threads REQUIRED)
-find_package(PkgConfig REQUIRED)
 
 if(NOT CMAKE_CROSSCOMPILING)
   find_package(fmt REQUIRED)

@@ -113,13 +113,15 @@ inline CChild startPeer(const std::string& name, const std::function<int(const C
 // Does nothing more, least of all reading, until it is told to go.
 inline const auto hang = [](const CLine& line) { return line.hear() == 'g' ? 0 : 1; };
 
-// A socket that the test plays a peer with, attached to `path` by bind or connect.
+// A socket that the test plays a peer with, attached to `path` by bind or connect; "@..." has no file.
 inline CFileDescriptor socketAt(const std::string& path, int type, decltype(&connect) attach) {
     CFileDescriptor opened(socket(AF_UNIX, type | SOCK_CLOEXEC, 0));
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     path.copy(address.sun_path, sizeof address.sun_path - 1);
-    EXPECT_EQ(attach(opened.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0) << path;
+    std::replace(address.sun_path, address.sun_path + 1, '@', '\0');
+    const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size());
+    EXPECT_EQ(attach(opened.get(), reinterpret_cast<const sockaddr*>(&address), length), 0) << path;
     return opened;
 }
 

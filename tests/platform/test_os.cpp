@@ -2,6 +2,7 @@
 // plays.
 #include "base/mutex/COswLightweightMutex.h"
 #include "platform/diag.h"
+#include "platform/linux/systemd.h"
 #include "platform/service.h"
 #include "processes.h"
 
@@ -115,26 +116,72 @@ int serve(const CLine& line) {
     return pause();
 }
 
-TEST_F(CServiceTest, signalEndsTheProcessWithoutANoticeOrAHungBusHoldsItUp) {
-    const CFileDescriptor bus = socketAt(file("bus"), SOCK_STREAM, bind);
-    ASSERT_EQ(listen(bus.get(), 8), 0); // lets connect, and never answers
-    setenv("DBUS_SYSTEM_BUS_ADDRESS", ("unix:path=" + file("bus")).c_str(), 1);
-    const CFileDescriptor told = socketAt(file("notify"), SOCK_DGRAM, bind);
-    setenv("NOTIFY_SOCKET", file("notify").c_str(), 1);
+// The manager's socket is a file, or a name without one.
+TEST_F(CServiceTest, signalEndsTheProcessWithoutANoticeOrTheManagerIsNotTold) {
     const std::pair<int, int> expected[] = {{SIGTERM, OVU_CALLBACK_NOTIFY_SERVICE_STOP},
                                             {SIGINT, OVU_CALLBACK_NOTIFY_SERVICE_STOP},
                                             {SIGPWR, OVU_CALLBACK_NOTIFY_SERVICE_SHUTDOWN}};
-    for (const auto& [signal, notice] : expected) {
-        CChild service(serve);
-        ASSERT_EQ(service.hear(), 's');
-        const auto begin = std::chrono::steady_clock::now();
-        EXPECT_EQ(service.end(signal), 10 + notice) << "signal " << signal;
-        EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
-#ifdef QEL_HAVE_SYSTEMD
-        EXPECT_EQ(datagram(told).substr(0, 7), "READY=1");
-        EXPECT_EQ(datagram(told), "STOPPING=1");
-#endif
+    for (const std::string& name : {file("notify"), "@" + file("notify")}) {
+        const CFileDescriptor manager = socketAt(name, SOCK_DGRAM, bind);
+        setenv("NOTIFY_SOCKET", name.c_str(), 1);
+        for (const auto& [signal, notice] : expected) {
+            CChild service(serve);
+            ASSERT_EQ(service.hear(), 's');
+            EXPECT_EQ(service.end(signal), 10 + notice) << "signal " << signal;
+            EXPECT_EQ(datagram(manager), "READY=1\nSTATUS=tested runs");
+            EXPECT_EQ(datagram(manager), "STOPPING=1");
+        }
     }
+}
+
+TEST_F(CServiceTest, managerThatIsGoneOrDoesNotReadHoldsUsUp) {
+    const CFileDescriptor manager = socketAt(file("notify"), SOCK_DGRAM, bind);
+    for (const std::string& name : {file("notify"), file("nobody"), std::string("nowhere"), std::string("@"),
+                                    "/" + std::string(200, 'd'), std::string()}) {
+        setenv("NOTIFY_SOCKET", name.c_str(), 1);
+        for (int i = 0; i < 2000; ++i) { // more than a queue takes
+            tellSystemd("STATUS=busy");
+        }
+    }
+    EXPECT_EQ(datagram(manager), "STATUS=busy");
+    unsetenv("NOTIFY_SOCKET");
+    tellSystemd("READY=1");
+}
+
+// In the place of systemctl, scripts that answer, do not, or wait for ever.
+TEST_F(CServiceTest, answerOfTheManagerIsMisreadOrAwaitedForEver) {
+    const auto says = [this](const std::string& script) {
+        put(file("ctl"), "#!/bin/sh\n" + script + "\n");
+        std::filesystem::permissions(file("ctl"), std::filesystem::perms::owner_all);
+        return saysStopping(file("ctl").c_str());
+    };
+    EXPECT_TRUE(says("[ \"$*\" = is-system-running ] && echo stopping; exit 1"));
+    EXPECT_TRUE(says("echo noise >&2; read line; printf stopp; sleep 0.1; echo ing; exec sleep 60"));
+    for (const char* other : {"echo running", "echo stopping-not", "exit 0", "printf '%100s' stopping"}) {
+        EXPECT_FALSE(says(other)) << other;
+    }
+    EXPECT_FALSE(saysStopping(file("none").c_str()));
+
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_FALSE(says("echo $$ >" + file("pid") + "; trap '' TERM; printf stopp; exec sleep 60"));
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(20));
+    EXPECT_NE(kill(std::stoi(contents(file("pid"))), 0), 0); // ended and reaped
+    EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
+}
+
+// Its other end may hang up on it, and it is to die of that.
+TEST_F(CServiceTest, signalSettingsOfOursAreHandedOn) {
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    const auto pipeBefore = std::signal(SIGPIPE, SIG_IGN);
+    put(file("ctl"), "#!/usr/bin/awk -f\nBEGIN { while (getline <\"/proc/self/status\")\n" // a shell unblocks
+                     "if (/SigBlk:.*[^0\t]|SigIgn:.*[13579bdf]...$/) exit\nprint \"stopping\" }\n");
+    std::filesystem::permissions(file("ctl"), std::filesystem::perms::owner_all);
+    EXPECT_TRUE(saysStopping(file("ctl").c_str()));
+    std::signal(SIGPIPE, pipeBefore);
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
 TEST_F(CDiagTest, lineIsLostOrAJournalThatDoesNotReadBlocks) {

@@ -2,103 +2,14 @@
 #include "platform/service.h"
 
 #include "platform/linux/errors.h"
+#include "platform/linux/systemd.h"
 
 #include <csignal>
 #include <mutex>
 #include <string>
 #include <thread>
 
-#ifdef QEL_HAVE_SYSTEMD
-#include <chrono>
-#include <systemd/sd-bus.h>
-#include <systemd/sd-daemon.h>
-#endif
-
 namespace {
-
-#ifdef QEL_HAVE_SYSTEMD
-
-using CClock = std::chrono::steady_clock;
-
-constexpr const char* MANAGER_SOCKET = "unix:path=/run/systemd/private"; // open to root, needs no bus daemon
-constexpr std::chrono::milliseconds ANSWER_TIME{500};                    // asking must not hold up the notice
-
-void tellSystemd(const std::string& state) {
-    sd_notify(0, state.c_str());
-}
-
-struct SAnswer {
-    bool m_bCame = false;
-    bool m_bStopping = false;
-};
-
-int onSystemState(sd_bus_message* message, void* context, sd_bus_error*) {
-    auto* answer = static_cast<SAnswer*>(context);
-    const char* state = nullptr;
-    answer->m_bCame = true;
-    if (sd_bus_message_is_method_error(message, nullptr) == 0 &&
-        sd_bus_message_read(message, "v", "s", &state) > 0) {
-        answer->m_bStopping = std::string("stopping") == state;
-    }
-    return 0;
-}
-
-// Works the bus until the answer came. The library's own waiting call is not used: its time limit does not
-// cover the opening of the bus, and a bus that hangs then holds it for a minute and a half.
-SAnswer awaitAnswer(sd_bus* bus, CClock::time_point end) {
-    SAnswer answer;
-    int status =
-        sd_bus_call_method_async(bus, nullptr, "org.freedesktop.systemd1", "/org/freedesktop/systemd1",
-                                 "org.freedesktop.DBus.Properties", "Get", onSystemState, &answer, "ss",
-                                 "org.freedesktop.systemd1.Manager", "SystemState");
-    while (status >= 0 && !answer.m_bCame) {
-        status = sd_bus_process(bus, nullptr);
-        if (status != 0) {
-            continue;
-        }
-        const auto left = std::chrono::duration_cast<std::chrono::microseconds>(end - CClock::now()).count();
-        if (left <= 0) {
-            break;
-        }
-        status = sd_bus_wait(bus, static_cast<uint64_t>(left));
-    }
-    return answer;
-}
-
-int openManager(sd_bus** bus) {
-    int status = sd_bus_new(bus);
-    if (status >= 0) {
-        status = sd_bus_set_address(*bus, MANAGER_SOCKET);
-    }
-    return status >= 0 ? sd_bus_start(*bus) : status;
-}
-
-SAnswer askForStop(int (*open)(sd_bus**), CClock::time_point end) {
-    sd_bus* bus = nullptr;
-    SAnswer answer;
-    if (open(&bus) >= 0) {
-        answer = awaitAnswer(bus, end);
-    }
-    sd_bus_close_unref(bus);
-    return answer;
-}
-
-// The system manager itself first: at shutdown the bus daemon may be gone before us.
-bool isHostGoingDown() {
-    const CClock::time_point end = CClock::now() + ANSWER_TIME;
-    const SAnswer answer = askForStop(openManager, end);
-    return answer.m_bCame ? answer.m_bStopping : askForStop(sd_bus_open_system, end).m_bStopping;
-}
-
-#else
-
-void tellSystemd(const std::string&) {}
-
-bool isHostGoingDown() {
-    return false;
-}
-
-#endif
 
 sigset_t serviceSignals() {
     sigset_t signals;
