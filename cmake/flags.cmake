@@ -14,3 +14,4 @@ else()
   add_compile_options(-ffunction-sections -fdata-sections)
   add_link_options(-Wl,--gc-sections)
 endif()
+

@@ -4,8 +4,8 @@
 #include "server/log/log.h"
 #include "server/loop/CQelServer.h"
 #include "server/loop/names.h"
+#include "server/signing.h"
 #include "source/CFeatureSource.h"
-#include "tools/tool_modes.h"
 
 #include <atomic>
 #include <cstdio>
@@ -110,12 +110,12 @@ struct SMode {
 };
 
 constexpr SMode aModes[] = {
-    {"-newkey", makeKeyPair},
+    {"-newkey", runSigningTool},
     {"-run", run},
-    {"-check", checkKeyPair},
-    {"-signature", signFile},
-    {"-signverify", verifyFile},
-    {"-certverify", verifyCertificate},
+    {"-check", runSigningTool},
+    {"-signature", runSigningTool},
+    {"-signverify", runSigningTool},
+    {"-certverify", runSigningTool},
     {"-stop", stop},
 };
 

@@ -86,6 +86,23 @@ TEST_F(CToolsTest, TextOrStatusIsAnother) {
     EXPECT_EQ(attempt("test -e s"), "status 1\n"); // nothing refused left a signature
 }
 
+// Files that are no libraries stand in the way of the module and of libcrypto. (Of the sanitizers' daemon they cannot:
+// its run path comes before the environment's.)
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+TEST_F(CToolsTest, MissingModuleIsNotToldOrHindersOtherModes) {
+    put("libqelsign.so", "");
+    put("libcrypto.so.3", "");
+    EXPECT_EQ(attempt("LD_LIBRARY_PATH=. $qel -ru"), "status 0\n");
+    for (const char* mode : {"-newkey", "-check", "-signature", "-signverify", "-certverify"}) {
+        EXPECT_EQ(attempt(std::string("LD_LIBRARY_PATH=. $qel ") + mode + " 2>told"), "status 1\n") << mode;
+        const std::string told = contents("told");
+        EXPECT_EQ(std::count(told.begin(), told.end(), '\n'), 1) << told;
+        EXPECT_EQ(told.find("qelserver: the signing tools cannot be loaded: ./libqelsign.so: "), 0) << told;
+        EXPECT_NE(told.find("../lib/qel"), std::string::npos) << told;
+    }
+}
+#endif
+
 TEST_F(CToolsTest, KeyPairIsNotWhatTheStockCommandTakesForOne) {
     const std::string name = "C=Tarsil,CN=Halyx,O=Dorna,OU=Platforms\n";
     EXPECT_EQ(run("$openssl x509 -in key.crt -noout -subject -issuer | tr -d ' '"),
