@@ -1,4 +1,5 @@
-# The libraries that several directories link.
+# The libraries that several directories link. fmt is taken as headers alone: Debian has no static one, and a shared one
+# would be mapped for as long as the daemon runs.
 find_package(Threads REQUIRED)
 
 if(NOT CMAKE_CROSSCOMPILING)
@@ -13,18 +14,18 @@ if(NOT CMAKE_CROSSCOMPILING)
   return()
 endif()
 
-# A cross build takes the header-only libraries (fmt is one of them on request) from the host: through links, since the
-# host's include directory would bring its C library's headers along.
+# A cross build takes the header-only libraries from the host: through links, since the host's include directory would
+# bring its C library's headers along.
 set(headers ${CMAKE_BINARY_DIR}/host-headers)
 file(MAKE_DIRECTORY ${headers})
 foreach(entry fmt toml toml.hpp CLI nlohmann)
   file(CREATE_LINK /usr/include/${entry} ${headers}/${entry} SYMBOLIC)
 endforeach()
-foreach(library fmt::fmt toml11::toml11 CLI11::CLI11 nlohmann_json::nlohmann_json)
+foreach(library fmt::fmt-header-only toml11::toml11 CLI11::CLI11 nlohmann_json::nlohmann_json)
   add_library(${library} INTERFACE IMPORTED)
   target_include_directories(${library} INTERFACE ${headers})
 endforeach()
-target_compile_definitions(fmt::fmt INTERFACE FMT_HEADER_ONLY=1)
+target_compile_definitions(fmt::fmt-header-only INTERFACE FMT_HEADER_ONLY=1)
 
 set(OPENSSL_ROOT_DIR ${QEL_CROSS_DEPENDENCIES})
 set(OPENSSL_USE_STATIC_LIBS TRUE)

@@ -15,3 +15,9 @@ else()
   add_link_options(-Wl,--gc-sections)
 endif()
 
+# For the daemon and the module that it loads: they hold what they use of the C++ runtime. The shared one had a daemon at
+# rest take 4.2 MiB instead of 2.8, and its relocations half a millisecond of the start. The sanitizers want it, though.
+add_library(qel_own_runtime INTERFACE)
+if(NOT QEL_SANITIZE)
+  target_link_options(qel_own_runtime INTERFACE -static-libstdc++ -static-libgcc)
+endif()
