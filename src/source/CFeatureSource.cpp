@@ -15,6 +15,7 @@
 namespace {
 
 constexpr auto oWatchPeriod = std::chrono::seconds(1); // of the look at the file, and of notes that wait
+constexpr auto oRestPeriod = std::chrono::seconds(3);  // of the look, where nothing is under way
 constexpr uint32_t nNoteLength = 4;                    // bytes, of no meaning
 
 std::string listPath() {
@@ -86,13 +87,14 @@ void CFeatureSource::startThread() {
 }
 
 void CFeatureSource::watch() {
-    for (;;) {
-        if (m_oWatch.wait(oWatchPeriod)) {
+    for (bool isNoted = true;;) { // a note may leave work behind; so may the first list
+        if (m_oWatch.wait(isNoted || !m_oWatch.isAtRest() ? oWatchPeriod : oRestPeriod)) {
             if (std::optional<CFreshList> list = readList()) {
                 post(std::move(*list));
             }
         }
-        if (isWorkLeft()) {
+        isNoted = isWorkLeft();
+        if (isNoted) {
             sendNote();
         }
     }

@@ -5,6 +5,8 @@
 #include "support/files.h"
 
 #include <fmt/format.h>
+#include <sys/resource.h>
+#include <thread>
 
 namespace {
 
@@ -140,8 +142,41 @@ TEST(CListWatch, EveryWayToReplaceTheFileIsSeen) {
     std::filesystem::create_symlink(real, path);
     EXPECT_TRUE(!watch.wait(1ms) && watch.wait(1ms)) << "replaced by a link, and standing still since";
     put(real, "5");
-    EXPECT_TRUE(!watch.wait(1ms) && watch.wait(1ms)) << "written behind the link, and standing still since";
+    EXPECT_TRUE(watch.wait(10s)) << "written behind the link";
     EXPECT_FALSE(watch.wait(1ms)) << "reported once";
+    put(directory.file("new"), "6");
+    std::filesystem::rename(directory.file("new"), real);
+    EXPECT_TRUE(!watch.wait(10s) && watch.wait(1ms)) << "replaced behind the link, and standing still since";
+    put(real, "7");
+    EXPECT_TRUE(watch.wait(10s)) << "written after that";
+    std::filesystem::remove(path);
+    EXPECT_TRUE(!watch.wait(1ms) && !watch.isAtRest() && watch.wait(1ms)) << "removed";
+    put(path, "8");
+    EXPECT_TRUE(watch.wait(10s) && watch.isAtRest()) << "created anew";
+}
+
+// The daemon's own log often lies beside the list.
+TEST(CListWatch, FilesWrittenBesideTheListWakeTheWatch) {
+    const CTestDirectory directory;
+    const std::string path = directory.file("features.toml");
+    const std::string other = directory.file("log");
+    put(path, "1");
+    put(other, "");
+    CListWatch watch(path);
+    const auto switches = [] {
+        rusage usage{};
+        getrusage(RUSAGE_THREAD, &usage);
+        return usage.ru_nvcsw;
+    };
+    const auto before = switches();
+    std::jthread writer([&] {
+        for (int line = 0; line < 200; ++line) {
+            std::this_thread::sleep_for(1ms);
+            put(other, "a line");
+        }
+    });
+    EXPECT_FALSE(watch.wait(200ms));
+    EXPECT_LT(switches() - before, 20) << "times that the watch slept, and so was woken";
 }
 
 } // namespace
