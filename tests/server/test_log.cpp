@@ -46,7 +46,7 @@ TEST_F(CLogTest, RegistrationIsTriedAgainForEveryLineUntilItWorksAndDebuggingByp
 
 TEST_F(CLogTest, EachLineHasItsStampAndOpensTheLogAnew) {
     const std::tuple<const char*, uint64_t, std::string> cases[] = {
-        {"UTC0", 7000, "2024-03-14 13:04:05.007"}, {"EAST-2", 999999, "2024-03-14 15:04:05.999"}};
+        {"UTC0", 7000, "2024-03-14 13:04:05.007"}, {"EAST-2", 1999999, "2024-03-14 15:04:06.999"}};
     for (const auto& [zone, microseconds, stamp] : cases) {
         setClock(zone, microseconds);
         CQelServer::LogFile("100% text\nof one line");

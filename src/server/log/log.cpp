@@ -7,11 +7,13 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <fcntl.h>
 #include <memory>
 #include <new>
 #include <string>
+#include <string_view>
 #include <unistd.h>
 
 constinit bool bQelServerDebugFlag = false;
@@ -22,17 +24,35 @@ constinit std::atomic<uint32_t> m_nOvuDiagHandler = 0; // of the diagnostics mod
 
 constexpr uint32_t nDiagKind = 2; // the diagnostics service's own number
 
-// As "2024-03-14 13:04:05.042", in local time.
-std::string timestamp() {
+// As "2024-03-14 13:04:05", in local time, which is worked out once a second: lines come in bursts. A change of the
+// time zone is seen in the next second.
+std::string_view dateAndTime(time_t seconds) {
+    struct SKnown {
+        time_t m_tSecond = 0;
+        size_t m_nLength = 0; // 0: nothing known
+        char m_szText[40] = "";
+    };
+    constinit thread_local SKnown known;
+    if (known.m_nLength == 0 || known.m_tSecond != seconds) {
+        tm local{};
+        localtime_r(&seconds, &local);
+        known.m_nLength = std::strftime(known.m_szText, sizeof known.m_szText, "%Y-%m-%d %H:%M:%S", &local);
+        known.m_tSecond = seconds;
+    }
+    return {known.m_szText, known.m_nLength};
+}
+
+char digit(long value) {
+    return static_cast<char>('0' + value % 10);
+}
+
+// As "2024-03-14 13:04:05.042: ".
+void appendStamp(std::string& line) {
     const timeval now = nowTimeOfDay();
-    const time_t seconds = now.tv_sec;
-    tm local{};
-    localtime_r(&seconds, &local);
-    char date[40];
-    std::strftime(date, sizeof date, "%Y-%m-%d %H:%M:%S", &local);
-    char stamp[sizeof date + 24];
-    std::snprintf(stamp, sizeof stamp, "%s.%03ld", date, static_cast<long>(now.tv_usec / 1000));
-    return stamp;
+    const long milliseconds = static_cast<long>(now.tv_usec / 1000);
+    const char fraction[] = {
+        '.', digit(milliseconds / 100), digit(milliseconds / 10), digit(milliseconds), ':', ' '};
+    line.append(dateAndTime(now.tv_sec)).append(fraction, sizeof fraction);
 }
 
 const char* textLogPath() {
@@ -40,21 +60,38 @@ const char* textLogPath() {
     return path != nullptr ? path : sQelServerLogFileName;
 }
 
+bool isPrintable(char character) {
+    const auto byte = static_cast<unsigned char>(character);
+    return byte >= ' ' && byte != 0x7F;
+}
+
 // A peer chooses its name and its reply text: control characters are written as "\x0a", so that none of them
 // can end the line and begin another.
-std::string printable(const char* text) {
-    std::string result;
-    for (; *text != '\0'; ++text) {
-        const auto byte = static_cast<unsigned char>(*text);
-        if (byte >= ' ' && byte != 0x7F) {
-            result += *text;
-            continue;
+void appendPrintable(std::string& line, const char* text) {
+    for (;;) {
+        const char* end = text;
+        while (isPrintable(*end)) {
+            ++end;
+        }
+        line.append(text, end);
+        if (*end == '\0') {
+            return;
         }
         char escaped[8];
-        std::snprintf(escaped, sizeof escaped, "\\x%02x", byte);
-        result += escaped;
+        std::snprintf(escaped, sizeof escaped, "\\x%02x", static_cast<unsigned char>(*end));
+        line += escaped;
+        text = end + 1;
     }
-    return result;
+}
+
+std::string makeLine(const char* text) {
+    constexpr size_t nRoom = 48; // for the stamp and the end
+    std::string line;
+    line.reserve(nRoom + std::strlen(text));
+    appendStamp(line);
+    appendPrintable(line, text);
+    line += '\n';
+    return line;
 }
 
 // Opened and closed for each line, so that the log can be rotated or removed while the daemon runs. One write
@@ -87,7 +124,7 @@ int logEntry(uint16_t severity, uint32_t event, const char* text) {
 }
 
 int logLine(const char* text) try {
-    const std::string line = timestamp() + ": " + printable(text) + "\n";
+    const std::string line = makeLine(text);
     if (!bQelServerDebugFlag) {
         return appendToTextLog(line) ? 1 : 0;
     }
