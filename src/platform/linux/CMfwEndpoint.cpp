@@ -173,43 +173,52 @@ void CMfwEndpoint::forget(CConnections::iterator place) {
     m_oConnections.erase(place);
 }
 
+// Waits only while there is nothing to deliver, but looks each time: what has come is taken in as it comes.
 int CMfwEndpoint::receive(const CDeadline& deadline, SMfwMessage& message) {
+    bool mayWait = prepareToReceive();
     for (;;) {
-        {
-            const std::lock_guard<std::mutex> guard(m_oMutex);
-            if (!m_bOpen) {
-                return OVU_MFW_NO_MESSAGE;
-            }
-            takeIn();
-            if (m_oInbox.take(message)) {
-                return 0;
-            }
-        }
-        if (!deadline.waitReadable(m_oEpoll.get())) {
+        epoll_event ready[MAX_READY];
+        const int count = epoll_wait(m_oEpoll.get(), ready, MAX_READY, mayWait ? deadline.milliseconds() : 0);
+        const std::lock_guard<std::mutex> guard(m_oMutex);
+        if (!m_bOpen) {
             return OVU_MFW_NO_MESSAGE;
         }
+        for (int i = 0; i < count; ++i) {
+            takeIn(ready[i].data.u64);
+        }
+        if (m_oInbox.take(message)) {
+            return 0;
+        }
+        if (count <= 0 && deadline.isOver()) {
+            return OVU_MFW_NO_MESSAGE;
+        }
+        mayWait = true;
     }
 }
 
-// Looks once at everything that is ready. Those whose queue in the inbox is full are passed over; they stay
-// ready, which does no harm, for then there is something to deliver and nobody waits.
-void CMfwEndpoint::takeIn() {
-    setListening(true);
-    epoll_event ready[MAX_READY];
-    const int count = epoll_wait(m_oEpoll.get(), ready, MAX_READY, 0);
-    for (int i = 0; i < count; ++i) {
-        switch (ready[i].data.u64) {
-        case ID_LISTENER:
-            letIn();
-            break;
-        case ID_WAKEUP: {
-            eventfd_t wakeups;
-            eventfd_read(m_oWakeup.get(), &wakeups);
-            break;
-        }
-        default:
-            read(ready[i].data.u64);
-        }
+// False: a message is here already.
+bool CMfwEndpoint::prepareToReceive() {
+    const std::lock_guard<std::mutex> guard(m_oMutex);
+    if (m_bOpen) {
+        setListening(true);
+    }
+    return m_oInbox.isEmpty();
+}
+
+// Takes in what a descriptor is ready with. A connection whose queue in the inbox is full is passed over; it
+// stays ready, which does no harm, for then there is something to deliver and nobody waits.
+void CMfwEndpoint::takeIn(uint64_t id) {
+    switch (id) {
+    case ID_LISTENER:
+        letIn();
+        break;
+    case ID_WAKEUP: {
+        eventfd_t wakeups;
+        eventfd_read(m_oWakeup.get(), &wakeups);
+        break;
+    }
+    default:
+        read(id);
     }
 }
 

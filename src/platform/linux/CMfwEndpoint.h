@@ -47,7 +47,8 @@ private:
     [[nodiscard]] int sendToPeer(uint32_t handle, const CMfwOutgoingFrame& frame);
     [[nodiscard]] int connectionTo(uint32_t handle, CMfwConnection*& connection);
 
-    void takeIn();
+    [[nodiscard]] bool prepareToReceive();
+    void takeIn(uint64_t id);
     void letIn();
     [[nodiscard]] bool mayJoin(const CMfwConnection& connection) const;
     void setListening(bool listening);

@@ -17,6 +17,8 @@ public:
     // Whether one more message of this sender may be added. The first of a sender always may.
     [[nodiscard]] bool hasRoom(uint32_t sender) const;
 
+    bool isEmpty() const { return m_oTurns.empty(); }
+
     void add(SMfwMessage message);
 
     // Takes out the next message: senders take turns, each one's messages in the order they were added.

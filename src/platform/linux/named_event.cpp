@@ -98,8 +98,11 @@ int CNamedEvent::receive(const CDeadline& deadline) const {
             return 0;
         }
     }
+    if (!m_bKilled) {
+        return ETIMEDOUT;
+    }
     deadline.sleep();
-    return m_bKilled ? EBADF : ETIMEDOUT;
+    return EBADF;
 }
 
 // Whoever removes an event's name holds the lock on the event, so the name cannot pass to a newer event
