@@ -12,7 +12,6 @@
 #include <fcntl.h>
 #include <memory>
 #include <new>
-#include <string>
 #include <string_view>
 #include <unistd.h>
 
@@ -42,61 +41,83 @@ std::string_view dateAndTime(time_t seconds) {
     return {known.m_szText, known.m_nLength};
 }
 
-char digit(long value) {
-    return static_cast<char>('0' + value % 10);
+bool isPrintable(char character) {
+    const auto byte = static_cast<unsigned char>(character);
+    return byte >= ' ' && byte != 0x7F;
 }
 
-// As "2024-03-14 13:04:05.042: ".
-void appendStamp(std::string& line) {
-    const timeval now = nowTimeOfDay();
-    const long milliseconds = static_cast<long>(now.tv_usec / 1000);
-    const char fraction[] = {
-        '.', digit(milliseconds / 100), digit(milliseconds / 10), digit(milliseconds), ':', ' '};
-    line.append(dateAndTime(now.tv_sec)).append(fraction, sizeof fraction);
-}
+// One line of the log: stamp, text, line break. Only a long one takes memory.
+class CLine {
+public:
+    // Throws std::bad_alloc where memory is exhausted.
+    explicit CLine(const char* text) {
+        const size_t most = nStampRoom + nEscapedSize * std::strlen(text) + 1;
+        if (most > sizeof m_aRoom) {
+            m_pLarge = std::make_unique_for_overwrite<char[]>(most);
+            m_pText = m_pLarge.get();
+        }
+        appendStamp();
+        appendPrintable(text);
+        append("\n", 1);
+    }
+    CLine(const CLine&) = delete;
+    CLine& operator=(const CLine&) = delete;
+
+    const char* data() const { return m_pText; }
+    size_t size() const { return m_nSize; }
+
+private:
+    static constexpr size_t nStampRoom = 48;
+    static constexpr size_t nEscapedSize = 4;
+
+    void append(const char* text, size_t size) {
+        std::memcpy(m_pText + m_nSize, text, size);
+        m_nSize += size;
+    }
+
+    // As "2024-03-14 13:04:05.042: ".
+    void appendStamp() {
+        const timeval now = nowTimeOfDay();
+        const std::string_view second = dateAndTime(now.tv_sec);
+        append(second.data(), second.size());
+        const auto digit = [&](long unit) { return static_cast<char>('0' + now.tv_usec / unit % 10); };
+        const char fraction[] = {'.', digit(100000), digit(10000), digit(1000), ':', ' '};
+        append(fraction, sizeof fraction);
+    }
+
+    // A peer chooses its name and its reply text: control characters are written as "\x0a", so that none of them
+    // can end the line and begin another.
+    void appendPrintable(const char* text) {
+        for (;;) {
+            const char* end = text;
+            while (isPrintable(*end)) {
+                ++end;
+            }
+            append(text, static_cast<size_t>(end - text));
+            if (*end == '\0') {
+                return;
+            }
+            char escaped[nEscapedSize + 1];
+            std::snprintf(escaped, sizeof escaped, "\\x%02x", static_cast<unsigned char>(*end));
+            append(escaped, nEscapedSize);
+            text = end + 1;
+        }
+    }
+
+    char m_aRoom[1024];
+    std::unique_ptr<char[]> m_pLarge;
+    char* m_pText = m_aRoom;
+    size_t m_nSize = 0;
+};
 
 const char* textLogPath() {
     const char* path = std::getenv("QEL_LOG_FILE");
     return path != nullptr ? path : sQelServerLogFileName;
 }
 
-bool isPrintable(char character) {
-    const auto byte = static_cast<unsigned char>(character);
-    return byte >= ' ' && byte != 0x7F;
-}
-
-// A peer chooses its name and its reply text: control characters are written as "\x0a", so that none of them
-// can end the line and begin another.
-void appendPrintable(std::string& line, const char* text) {
-    for (;;) {
-        const char* end = text;
-        while (isPrintable(*end)) {
-            ++end;
-        }
-        line.append(text, end);
-        if (*end == '\0') {
-            return;
-        }
-        char escaped[8];
-        std::snprintf(escaped, sizeof escaped, "\\x%02x", static_cast<unsigned char>(*end));
-        line += escaped;
-        text = end + 1;
-    }
-}
-
-std::string makeLine(const char* text) {
-    constexpr size_t nRoom = 48; // for the stamp and the end
-    std::string line;
-    line.reserve(nRoom + std::strlen(text));
-    appendStamp(line);
-    appendPrintable(line, text);
-    line += '\n';
-    return line;
-}
-
 // Opened and closed for each line, so that the log can be rotated or removed while the daemon runs. One write
 // a line: lines of two threads do not mix. Does not wait for the reader of a pipe.
-bool appendToTextLog(const std::string& line) {
+bool appendToTextLog(const CLine& line) {
     const int file =
         ::open(textLogPath(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0666);
     if (file < 0) {
@@ -124,11 +145,11 @@ int logEntry(uint16_t severity, uint32_t event, const char* text) {
 }
 
 int logLine(const char* text) try {
-    const std::string line = makeLine(text);
+    const CLine line(text);
     if (!bQelServerDebugFlag) {
         return appendToTextLog(line) ? 1 : 0;
     }
-    std::fputs(line.c_str(), stdout);
+    std::fwrite(line.data(), 1, line.size(), stdout);
     std::fflush(stdout);
     return 1;
 } catch (const std::bad_alloc&) {
