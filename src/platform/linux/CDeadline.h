@@ -4,24 +4,20 @@
 #define QEL_PLATFORM_LINUX_CDEADLINE_H
 
 #include <algorithm>
-#include <chrono>
 #include <climits>
 #include <cstdint>
+#include <ctime>
 #include <poll.h>
-#include <thread>
 
 class CDeadline {
 public:
-    explicit CDeadline(uint32_t waitMs)
-        : m_oEnd(std::chrono::steady_clock::now() + std::chrono::milliseconds(waitMs)) {}
+    explicit CDeadline(uint32_t waitMs) : m_nEnd(now() + waitMs * NANOSECONDS) {}
 
-    bool isOver() const { return std::chrono::steady_clock::now() >= m_oEnd; }
+    bool isOver() const { return left() <= 0; }
 
     // What is left, as the waiting system calls take it: whole milliseconds, none of them too few. 0: it is over.
     int milliseconds() const {
-        const auto left = m_oEnd - std::chrono::steady_clock::now();
-        return static_cast<int>(
-            std::clamp<int64_t>(std::chrono::ceil<std::chrono::milliseconds>(left).count(), 0, INT_MAX));
+        return static_cast<int>(std::clamp<int64_t>((left() + NANOSECONDS - 1) / NANOSECONDS, 0, INT_MAX));
     }
 
     // Waits until `fd` is readable. False: the time was up first. With no time left it still looks once.
@@ -34,10 +30,23 @@ public:
         return count > 0;
     }
 
-    void sleep() const { std::this_thread::sleep_until(m_oEnd); }
+    void sleep() const {
+        while (!isOver()) {
+            poll(nullptr, 0, milliseconds());
+        }
+    }
 
 private:
-    std::chrono::steady_clock::time_point m_oEnd;
+    static constexpr int64_t NANOSECONDS = 1000000; // in a millisecond
+
+    static int64_t now() {
+        timespec time{};
+        clock_gettime(CLOCK_MONOTONIC, &time);
+        return int64_t{time.tv_sec} * 1000 * NANOSECONDS + time.tv_nsec;
+    }
+    int64_t left() const { return m_nEnd - now(); }
+
+    int64_t m_nEnd; // nanoseconds on the monotonic clock
 };
 
 #endif

@@ -6,6 +6,7 @@
 #include "platform/linux/mfw_frame.h"
 
 #include <deque>
+#include <list>
 #include <unordered_map>
 
 class CMfwInbox {
@@ -27,7 +28,7 @@ public:
 
 private:
     struct SQueue {
-        std::deque<SMfwMessage> m_oMessages;
+        std::list<SMfwMessage> m_oMessages; // mostly one
         size_t m_nBytes = 0;
     };
 

@@ -65,7 +65,7 @@ int openEndpoint() {
 }
 
 // Takes the next message and makes its record. A message whose file cannot be read is passed over.
-int receiveRecord(uint32_t timeoutMs, SMfwMessage& message, std::vector<uint8_t>& record) {
+int receiveRecord(uint32_t timeoutMs, SMfwMessage& message, CMfwRecord& record) {
     const CDeadline deadline(timeoutMs);
     const std::shared_ptr<CMfwEndpoint> endpoint = currentEndpoint();
     if (endpoint == nullptr) {
@@ -154,7 +154,7 @@ int OvuMfwSendMessage(uint32_t handle, uint16_t type, uint32_t userDefinedId, co
 
 int OvuMfwProcessNextMessage(uint32_t timeoutMs) {
     SMfwMessage message;
-    std::vector<uint8_t> record;
+    CMfwRecord record;
     if (const int error = guarded([&] { return receiveRecord(timeoutMs, message, record); })) {
         return error;
     }

@@ -1,7 +1,6 @@
 #include "platform/linux/mfw_frame.h"
 
 #include "platform/linux/errors.h"
-#include "platform/mfw.h"
 
 #include <algorithm>
 #include <cstring>
@@ -75,11 +74,15 @@ std::vector<CFileDescriptor> takeFiles(msghdr& packet) {
 
 } // namespace
 
-int SMfwMessage::makeRecord(std::vector<uint8_t>& record) const {
-    record.assign(OVU_MFW_DATA_OFFSET + std::max<size_t>(m_nLength, OVU_MFW_MIN_DATA), 0);
+int SMfwMessage::makeRecord(CMfwRecord& record) const {
+    uint8_t* start = record.makeRoom(m_nLength);
+    uint8_t* body = start + OVU_MFW_DATA_OFFSET;
     const CBigEndian32 sender = m_nSender;
-    std::memcpy(record.data() + FRAMEWORK_BYTES, &sender, sizeof sender);
-    uint8_t* body = record.data() + OVU_MFW_DATA_OFFSET;
+    std::memset(start, 0, OVU_MFW_DATA_OFFSET);
+    std::memcpy(start + FRAMEWORK_BYTES, &sender, sizeof sender);
+    if (m_nLength < OVU_MFW_MIN_DATA) {
+        std::memset(body + m_nLength, 0, OVU_MFW_MIN_DATA - m_nLength);
+    }
     if (m_oFile) {
         return readWhole(m_oFile.get(), body, m_nLength);
     }

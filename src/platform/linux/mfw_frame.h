@@ -9,6 +9,7 @@
 
 #include "base/CFileDescriptor.h"
 #include "base/big_endian.h"
+#include "platform/mfw.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -27,6 +28,29 @@ struct SMfwFrameHeader {
 };
 static_assert(sizeof(SMfwFrameHeader) == 20);
 
+// Room for one record: with what it holds, as far as that is a usual message; a larger one takes memory.
+class CMfwRecord {
+public:
+    // Room for a body of that many bytes, with anything in it. Throws std::bad_alloc where memory is exhausted.
+    uint8_t* makeRoom(size_t bodySize) {
+        if (bodySize > OVU_MFW_MIN_DATA) {
+            m_oLarge.resize(OVU_MFW_DATA_OFFSET + bodySize);
+            m_pStart = m_oLarge.data();
+        }
+        return m_pStart;
+    }
+    const uint8_t* data() const { return m_pStart; }
+
+    CMfwRecord() = default;
+    CMfwRecord(const CMfwRecord&) = delete;
+    CMfwRecord& operator=(const CMfwRecord&) = delete;
+
+private:
+    uint8_t m_aUsual[sizeof(sOvuMfwMessage)];
+    std::vector<uint8_t> m_oLarge;
+    uint8_t* m_pStart = m_aUsual;
+};
+
 // A message between its arrival and its delivery. The body is either in m_oBody or in the file.
 struct SMfwMessage {
     uint16_t m_nType = 0;
@@ -39,7 +63,7 @@ struct SMfwMessage {
     // The record as a callback reads it: 24 bytes of the framework, the body, and zeros up to the least size.
     // 0 or an error number: memory files are read at this moment only, so that a backlog of them takes no
     // memory.
-    [[nodiscard]] int makeRecord(std::vector<uint8_t>& record) const;
+    [[nodiscard]] int makeRecord(CMfwRecord& record) const;
 };
 
 // A message on its way out. Made before any lock is taken; may be sent more than once. Borrows the body.
