@@ -109,16 +109,21 @@ void CMFWServer::DefaultCallback(uint16_t type, uint32_t userDefinedId, const sO
              static_cast<unsigned long>(sender), type, userDefinedId, message->data[0], length);
 }
 
+// The usual body fits into a record as it is declared; a longer one, which is a list for OAM, takes memory.
 int CMFWServer::sendBody(uint32_t handle, std::span<const char> head, std::span<const char> tail) {
     const size_t length = head.size() + tail.size();
-    const size_t size = std::max(sizeof(sOvuMfwMessage), OVU_MFW_DATA_OFFSET + length);
-    const std::unique_ptr<char[]> record(new (std::nothrow) char[size]());
-    if (record == nullptr) {
-        logEvent(svError, 31124, "failed to new obj");
-        return nErrorNoMemory;
+    sOvuMfwMessage usual = {};
+    sOvuMfwMessage* record = &usual;
+    std::unique_ptr<char[]> large;
+    if (length > sizeof usual.data) {
+        large.reset(new (std::nothrow) char[OVU_MFW_DATA_OFFSET + length]());
+        if (large == nullptr) {
+            logEvent(svError, 31124, "failed to new obj");
+            return nErrorNoMemory;
+        }
+        record = reinterpret_cast<sOvuMfwMessage*>(large.get());
     }
-    std::copy(tail.begin(), tail.end(),
-              std::copy(head.begin(), head.end(), record.get() + OVU_MFW_DATA_OFFSET));
-    return sendMessage(handle, nQelServerMfwMsgId, reinterpret_cast<sOvuMfwMessage*>(record.get()),
-                       static_cast<uint32_t>(length));
+    char* body = reinterpret_cast<char*>(record) + OVU_MFW_DATA_OFFSET;
+    std::copy(tail.begin(), tail.end(), std::copy(head.begin(), head.end(), body));
+    return sendMessage(handle, nQelServerMfwMsgId, record, static_cast<uint32_t>(length));
 }
