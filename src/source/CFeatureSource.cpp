@@ -15,7 +15,7 @@
 namespace {
 
 constexpr auto oWatchPeriod = std::chrono::seconds(1); // of the look at the file, and of notes that wait
-constexpr auto oRestPeriod = std::chrono::seconds(3);  // of the look, where nothing is under way
+constexpr auto oRestPeriod = std::chrono::seconds(4);  // of the look, where nothing is under way
 constexpr uint32_t nNoteLength = 4;                    // bytes, of no meaning
 
 std::string listPath() {

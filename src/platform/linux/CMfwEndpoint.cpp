@@ -179,6 +179,12 @@ int CMfwEndpoint::receive(const CDeadline& deadline, SMfwMessage& message) {
     for (;;) {
         epoll_event ready[MAX_READY];
         const int count = epoll_wait(m_oEpoll.get(), ready, MAX_READY, mayWait ? deadline.milliseconds() : 0);
+        if (count <= 0 && mayWait) {
+            if (deadline.isOver()) {
+                return OVU_MFW_NO_MESSAGE;
+            }
+            continue;
+        }
         const std::lock_guard<std::mutex> guard(m_oMutex);
         if (!m_bOpen) {
             return OVU_MFW_NO_MESSAGE;
@@ -188,9 +194,6 @@ int CMfwEndpoint::receive(const CDeadline& deadline, SMfwMessage& message) {
         }
         if (m_oInbox.take(message)) {
             return 0;
-        }
-        if (count <= 0 && deadline.isOver()) {
-            return OVU_MFW_NO_MESSAGE;
         }
         mayWait = true;
     }
