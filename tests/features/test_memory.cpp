@@ -94,9 +94,7 @@ TEST_F(CMemoryTest, AfterAnyFailedAllocationTheTablesHoldAndThePassesRepair) {
     const SOperation aOperations[] = {
         {"new name", true, requestBody(CompNameMsgType, nTracing, "Tracing", 1)},
         {"restarted", true, requestBody(CompNameMsgType, nVoice, "Voice", 2)},
-        {"fetch", true, requestBody(nQelClientGetFeatureMsgType, nVoice)},
         {"monitor", true, requestBody(nQelClientStartMonitorMsgType, nGateway)},
-        {"reply", true, header(1, 5, nVoice) + words({0, 1, 0})},
         {"list for OAM", true, header(nQelOAMActiveFeatureMsgType, 0, nVoice)},
         {"merge", false, "", merge},
         {"audit", false, "", [] { control().audit(); }},
