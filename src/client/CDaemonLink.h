@@ -17,11 +17,14 @@
 
 using CClientClock = std::chrono::steady_clock;
 
-// Knows nothing of the conversation: sends what it is told to, and keeps what came from the daemon in order
-// of arrival. Messages from anybody else, from a daemon that is gone, or too short to be one, are dropped.
+// Knows nothing of the conversation: it sends what it is asked to send, and keeps what came from the daemon,
+// in order of arrival. It drops messages that are too short, or that anybody but the present daemon has sent.
+//
+// Only one link may be open in a process, since the framework gives a process one endpoint. Used by one
+// thread at a time.
 class CDaemonLink {
 public:
-    // How often the daemon is looked up, at most: it may have been restarted.
+    // How often the daemon is looked up at most. So a restart of the daemon is noticed within half a second.
     static constexpr std::chrono::milliseconds tLookup{500};
 
     CDaemonLink(std::string name, qel_trace_fn trace, void* user);
@@ -29,26 +32,29 @@ public:
     CDaemonLink(const CDaemonLink&) = delete;
     CDaemonLink& operator=(const CDaemonLink&) = delete;
 
-    // Opens the process's endpoint; false if the framework refuses.
+    // Opens the process's endpoint. False: the framework refuses, and the link is of no use. Call it once,
+    // before anything else.
     [[nodiscard]] bool open();
 
     enum class ELookup {
         notDue,
-        same, // also: still none
+        same, // or still none
         changed
     };
-    // Looks the daemon up, if that is due. After a change handle() is the new daemon's, or nNoHandle, and
-    // nothing is left of what the old one had sent.
+    // Looks the daemon up if that is due. After `changed`, handle() is the new daemon's, or nNoHandle if
+    // there is none, and the inbox is empty.
     ELookup lookUp();
     uint32_t handle() const { return m_nDaemon; }
     CClientClock::time_point nextLookup() const { return m_tNextLookup; }
 
-    // Each returns the tag that the answer will carry, or 0 if the message could not be sent.
+    // These return the tag that the answer will carry, or 0 if the message could not be sent. An announcement
+    // takes the first nMaxKnownPairs of `held`; a text is cut at nMaxReplyTextLength bytes.
     uint32_t sendAnnouncement(const std::vector<SFeature>& held);
     uint32_t sendRequest(uint32_t subType);
     uint32_t sendReply(uint32_t subType, uint32_t status, std::string_view text);
 
-    // Waits at most so long for a message, then takes in all that are there. True if any came.
+    // Waits at most this long for a message, then takes in everything that has arrived. True if anything
+    // came. The trace callback is called from here.
     bool receive(std::chrono::milliseconds wait);
     // The messages received and not taken yet, the oldest first.
     std::deque<CQelServerMessage>& inbox() { return m_oInbox; }
@@ -60,14 +66,14 @@ private:
     CQelMessageHeader header(uint32_t type, uint32_t subType, size_t length);
     uint32_t send(const CQelMessageHeader& header, const void* body, size_t length);
 
-    static CDaemonLink* m_pOpen; // who gets the framework's callbacks
+    static CDaemonLink* m_pOpen; // gets the framework's callbacks; null: no link is open
 
     std::string m_sName;
     qel_trace_fn m_fnTrace;
     void* m_pUser;
     uint32_t m_nOwnHandle = nNoHandle;
     uint32_t m_nDaemon = nNoHandle;
-    uint32_t m_nTag = 0; // the latest given out; never used twice while an answer to it may still come
+    uint32_t m_nTag = 0; // given out last; counts up, so a late answer never has the tag awaited
     CClientClock::time_point m_tNextLookup{};
     std::deque<CQelServerMessage> m_oInbox;
 };

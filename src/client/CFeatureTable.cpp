@@ -6,6 +6,7 @@ std::optional<SFeature> CFeatureTable::findHeld(const SFeature& feature) const {
     if (holds(feature)) {
         return feature;
     }
+    // Pairs are ordered by code, then data: the first one from {code, 0} on has the code, if any has.
     auto it = m_oHeld.lower_bound({feature.m_nCode, 0});
     if (it == m_oHeld.end() || it->first.m_nCode != feature.m_nCode) {
         return std::nullopt;
@@ -21,6 +22,7 @@ std::vector<SFeature> CFeatureTable::list(size_t limit) const {
     return features;
 }
 
+// The second pass of one fetch keeps the refusals: the component has been asked, and would refuse again.
 void CFeatureTable::beginFetch(bool anew) {
     for (auto& [feature, seen] : m_oHeld) {
         seen = false;
@@ -39,6 +41,8 @@ bool CFeatureTable::see(const SFeature& feature) {
     if (m_oRefused.count(feature)) {
         return false;
     }
+    // The list has not shown the pair that is held under this code. Either it still comes, and both are in
+    // force, or this one replaces it. Only the end of the list tells.
     if (findUnseen(feature.m_nCode)) {
         m_oSetAside.insert(feature);
         return false;
@@ -50,18 +54,22 @@ void CFeatureTable::forgetSetAside(uint32_t code) {
     m_oSetAside.erase(m_oSetAside.lower_bound({code, 0}), m_oSetAside.upper_bound({code, UINT32_MAX}));
 }
 
+// A pair that is replaced counts as seen from then on. So no second pair of its code replaces it as well, and
+// gone() does not report it.
 std::vector<CFeatureTable::SChange> CFeatureTable::takeChanges() {
     std::vector<SChange> changes;
     for (const SFeature& feature : std::exchange(m_oSetAside, {})) {
         auto old = findUnseen(feature.m_nCode);
         if (old) {
-            m_oHeld[*old] = true; // spoken for
+            m_oHeld[*old] = true;
         }
         changes.push_back({old, feature});
     }
     return changes;
 }
 
+// Where something is set aside under the code, the pair held is not gone but about to be replaced, which is
+// what takeChanges() reports.
 std::vector<SFeature> CFeatureTable::gone() const {
     std::vector<SFeature> features;
     for (const auto& [feature, seen] : m_oHeld) {

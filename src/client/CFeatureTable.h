@@ -11,45 +11,49 @@
 #include <set>
 #include <vector>
 
-// A feature is its (code, data) pair. A code is usually in force with one data only, but a list may hold it
-// twice; so a fetched pair whose code is held with other data is set aside until the whole list is known.
-// Only then is it clear whether the pair held is gone, and the fetched one its successor, or whether both are
-// in force.
+// A feature is its pair of code and data. Usually a code is in force with one data value only, but a list may
+// hold it with several. So when a page brings a code that is held with other data, the pair is set aside
+// until the whole list is known. Only then is it clear whether the pair held is gone and the new one is its
+// successor, or whether both are in force.
+//
+// Knows nothing of messages or callbacks: the client decides what to offer and enters what was accepted. Used
+// by one thread at a time.
 class CFeatureTable {
 public:
     bool holds(const SFeature& feature) const { return m_oHeld.count(feature) != 0; }
-    // A feature held under this code, that very pair first; none if the code is not held.
+    // The very pair if it is held, else the lowest pair held with this code, if there is one.
     std::optional<SFeature> findHeld(const SFeature& feature) const;
     size_t size() const { return m_oHeld.size(); }
-    // At most `limit` features, in order of code.
+    // At most `limit` features, by code, then data.
     std::vector<SFeature> list(size_t limit) const;
 
-    // What is entered during a fetch counts as seen in it.
+    // A feature that is added while a fetch is under way counts as seen in it.
     void add(const SFeature& feature) { m_oHeld[feature] = true; }
     void remove(const SFeature& feature) { m_oHeld.erase(feature); }
 
-    // A fetch is beginFetch(), see() for each pair, then changes() and gone(). It may begin again at any
-    // time; `anew`: what an earlier pass has offered and was refused is offered again.
+    // A fetch is beginFetch(), then see() for each pair, then gone() or takeChanges() and gone(). It may
+    // begin again at any time. `anew` is false for the second pass of one fetch: pairs refused in the first
+    // are not offered again.
     void beginFetch(bool anew);
-    // True for a pair to offer to the component now: not held, not set aside, not refused before.
+    // True for a pair that is to be offered to the component now: neither held, nor set aside, nor refused.
     [[nodiscard]] bool see(const SFeature& feature);
     void refuse(const SFeature& feature) { m_oRefused.insert(feature); }
-    // A notification about this code has overtaken what the fetch set aside.
+    // A notification about this code is newer than what the fetch set aside, so that is dropped.
     void forgetSetAside(uint32_t code);
 
     struct SChange {
-        std::optional<SFeature> m_oOld; // none: nothing is held that it could replace
+        std::optional<SFeature> m_oOld; // none: no pair is left that the new one could replace
         SFeature m_oNew;
     };
-    // What was set aside, each with the pair that it replaces. Empties it.
+    // Takes what was set aside, each pair with the one that it replaces, if there is one.
     std::vector<SChange> takeChanges();
-    // Held, but neither seen in this fetch nor under a code that was set aside.
+    // Features held that this fetch has not shown, except those whose code has a pair set aside.
     std::vector<SFeature> gone() const;
 
 private:
     std::optional<SFeature> findUnseen(uint32_t code) const;
 
-    std::map<SFeature, bool> m_oHeld; // true: seen in the latest fetch, or entered since
+    std::map<SFeature, bool> m_oHeld; // true: seen in the latest fetch, or added since it began
     std::set<SFeature> m_oSetAside;
     std::set<SFeature> m_oRefused;
 };

@@ -6,8 +6,11 @@
 
 namespace {
 
+// The daemon takes in one message in 35 to 55 ms. When 64 components announce themselves at once, the last
+// one is answered after several seconds.
 constexpr std::chrono::milliseconds tDefaultAnswer{10000};
 
+// Any negative limit is QEL_FOREVER.
 CClientClock::time_point deadlineAfter(int timeoutMs) {
     return timeoutMs < 0 ? CClientClock::time_point::max()
                          : CClientClock::now() + std::chrono::milliseconds(timeoutMs);
@@ -23,11 +26,15 @@ int CQelClient::hold(const SFeature& feature) {
     return QEL_OK;
 }
 
+// What is wanted stays wanted after the call, in this one and those below: it is done again after each
+// restart of the daemon.
 int CQelClient::announce(int timeoutMs) {
     m_bWanted = true;
     return pump([this] { return m_bAnnounced; }, timeoutMs);
 }
 
+// After a complete fetch this begins another. After one that ran out of time it goes on with that one, so
+// that a caller with a short time limit gets to the end as well.
 int CQelClient::fetch(int timeoutMs) {
     m_bWanted = m_bListWanted = true;
     if (std::exchange(m_bListed, false)) {
@@ -42,12 +49,15 @@ int CQelClient::monitor(int timeoutMs) {
     return pump([this] { return m_bMonitored; }, timeoutMs);
 }
 
+// A missing daemon is no error here: the loop keeps looking for it, which is all that a caller could do.
 int CQelClient::wait(int timeoutMs) {
     m_nHandled = 0;
     int rc = pump([this] { return m_nHandled != 0; }, timeoutMs);
     return rc == QEL_OK || rc == QEL_ENODAEMON || rc == QEL_ETIMEDOUT ? m_nHandled : rc;
 }
 
+// No state ends this; the condition only notes that the component came up once. After that, a missing daemon
+// or a stop is a good end.
 int CQelClient::run(int timeoutMs) {
     m_bWanted = m_bListWanted = m_bMonitorWanted = true;
     bool cameUp = false;
@@ -60,6 +70,9 @@ int CQelClient::run(int timeoutMs) {
     return cameUp ? QEL_OK : rc;
 }
 
+// A daemon that has never answered does not know the handle, and would only log the message. The next
+// announcement is a first one again and tells what is held, for the daemon forgets a component that
+// shuts down.
 int CQelClient::shutdown(const char* text) {
     bool sent = isKnown() && m_oLink.sendReply(ShutdownMsgType, nReplyOk, text ? text : "") != 0;
     startOver();
@@ -72,6 +85,8 @@ int CQelClient::shutdown(const char* text) {
     return QEL_OK;
 }
 
+// The second pass of a fetch announces the component once more. That is the client's own affair, so the state
+// does not fall back to seeking meanwhile.
 int CQelClient::state() const {
     if (m_bMonitored) {
         return QEL_STATE_MONITORING;
@@ -82,6 +97,9 @@ int CQelClient::state() const {
     return m_bAnnounced || m_bConfirming ? QEL_STATE_ANNOUNCED : QEL_STATE_SEEKING;
 }
 
+// Receives at least once before the deadline counts, so that a call with a time limit of 0 still handles
+// what is there. A stop is checked right after act(), where callbacks run, and at least once in each
+// look-up period.
 int CQelClient::pump(const std::function<bool()>& reached, int timeoutMs) {
     auto deadline = deadlineAfter(timeoutMs);
     for (bool first = true;; first = false) {
@@ -103,6 +121,8 @@ int CQelClient::pump(const std::function<bool()>& reached, int timeoutMs) {
     }
 }
 
+// Never beyond the next look-up. That bounds the time until a restart of the daemon, or a stop from another
+// thread, is noticed. A moment that has passed gives a negative time, which receive() takes as 0.
 std::chrono::milliseconds CQelClient::waitTime(CClientClock::time_point deadline) const {
     auto until = std::min(deadline, m_oLink.nextLookup());
     if (m_eAwaited != ERequest::none) {
@@ -114,22 +134,28 @@ std::chrono::milliseconds CQelClient::waitTime(CClientClock::time_point deadline
 void CQelClient::followDaemon() {
     if (m_oLink.lookUp() == CDaemonLink::ELookup::changed) {
         startOver();
+        // The new daemon awaits no reply to what the old one notified, and the send that failed was
+        // not to it.
         m_oNotifications.clear();
         m_tRetry = {};
     }
 }
 
+// Leaves queued notifications alone. If the daemon is still the same, it goes on waiting for their replies.
 void CQelClient::startOver() {
     m_eAwaited = ERequest::none;
     m_bAnnounced = m_bRewound = m_bListed = m_bMonitored = m_bConfirming = false;
     m_oReply.reset();
 }
 
+// Runs until an answer is awaited, or until there is nothing to do. Notifications go before requests, because
+// the daemon allows 10 seconds for a reply, while a request can wait.
 void CQelClient::act() {
     followDaemon();
     while (m_bWanted && m_oLink.handle() != nNoHandle && m_eAwaited == ERequest::none &&
            CClientClock::now() >= m_tRetry && !m_bStop) {
         if (!m_oReply && !m_oNotifications.empty()) {
+            // Out of the queue first: deliver() takes in messages, which may change the queue.
             SNotification next = m_oNotifications.front();
             m_oNotifications.pop_front();
             deliver(next);
@@ -139,8 +165,9 @@ void CQelClient::act() {
     }
 }
 
-// Sends what is due next; false if nothing is, or if it could not be sent and is due again later.
+// Sends what is due next. False: nothing is, or sending failed and is tried again at the next look-up.
 bool CQelClient::sendNext() {
+    // The reply stays until it is out: without it the daemon would credit the next reply to this feature.
     if (m_oReply) {
         uint32_t tag = m_oLink.sendReply(WriteReplyMsgType, m_oReply->m_nStatus, m_oReply->m_sText);
         if (!expect(ERequest::writeReply, tag)) {
@@ -149,6 +176,7 @@ bool CQelClient::sendNext() {
         m_oReply.reset();
         return true;
     }
+    // From here on, the first goal that is not reached yet.
     if (!m_bAnnounced) {
         return expect(ERequest::announce, sendAnnouncement());
     }
@@ -165,7 +193,8 @@ bool CQelClient::sendNext() {
 bool CQelClient::expect(ERequest request, uint32_t tag) {
     auto now = CClientClock::now();
     if (tag == 0) {
-        m_tRetry = m_oLink.nextLookup(); // which then tells whether the daemon is gone or only busy
+        // The look-up at that time tells whether the daemon has gone or was only busy.
+        m_tRetry = m_oLink.nextLookup();
         return false;
     }
     auto patience = std::chrono::milliseconds(m_oOptions.answer_timeout_ms);
@@ -175,10 +204,13 @@ bool CQelClient::expect(ERequest request, uint32_t tag) {
     return true;
 }
 
+// The daemon keeps back a notification of a pair that was announced as held. That is right at first; later
+// the pair may be under withdrawal (see the rules in the header).
 uint32_t CQelClient::sendAnnouncement() {
     return m_oLink.sendAnnouncement(isKnown() ? std::vector<SFeature>() : m_oTable.list(nMaxKnownPairs));
 }
 
+// Whether the present daemon has answered this process, not merely some daemon.
 bool CQelClient::isKnown() const {
     return m_nKnownTo != nNoHandle && m_nKnownTo == m_oLink.handle();
 }
@@ -192,10 +224,12 @@ void CQelClient::takeMessages() {
     }
 }
 
+// Types above 4 are not for a component, the list for OAM among them.
 void CQelClient::take(const CQelServerMessage& message) {
     SFeature feature{message.m_nCode, message.m_nData};
     uint32_t type = message.m_oHeader.m_nType;
     if (type == nQelServerReplyMsgType) {
+        // Even a late answer proves that this daemon has had an announcement of this process.
         m_nKnownTo = m_oLink.handle();
         if (m_eAwaited != ERequest::none && message.m_oHeader.m_nTag == m_nAwaitedTag) {
             takeAnswer(feature);
@@ -205,6 +239,9 @@ void CQelClient::take(const CQelServerMessage& message) {
     }
 }
 
+// When the daemon says that a reply is overdue, it has stopped waiting. A reply sent now would be credited to
+// another feature, so none may go out, however far the notification has come: queued, at the component, or
+// answered but not sent yet. The component still hears of both, in order.
 void CQelClient::takeNotification(const SNotification& notification) {
     uint32_t code = notification.m_oFeature.m_nCode;
     if (notification.m_nType == nQelServerTimeoutMsgType) {
@@ -240,21 +277,26 @@ void CQelClient::takeAnswer(const SFeature& feature) {
     case ERequest::startMonitor:
         m_bMonitored = true;
         break;
-    case ERequest::writeReply: // carries the feature that it was credited to; nothing depends on it
+    case ERequest::writeReply: // names the feature that the reply was credited to; nothing depends on it
     case ERequest::none:
         break;
     }
 }
 
+// A page counts as accepted with its delivery, and settles a notification about the code that came before it:
+// the daemon awaits no reply. The note that a reply is overdue stays, since it asks for none.
 void CQelClient::takePage(const SFeature& feature) {
     std::erase_if(m_oNotifications, [&](const SNotification& waiting) {
         return waiting.m_oFeature.m_nCode == feature.m_nCode && waiting.m_nType != nQelServerTimeoutMsgType;
     });
+    // Without a text, for the daemon awaits no reply to a page.
     if (m_oTable.see(feature) && offer({std::nullopt, feature}, true) != QEL_OK) {
         m_oTable.refuse(feature);
     }
 }
 
+// Features that are missing may just have been on a skipped page. The second pass begins with an announcement
+// that names nothing, so that the daemon notifies a feature that does come back.
 void CQelClient::endOfList() {
     if (!m_bConfirming && !m_oTable.gone().empty()) {
         m_bConfirming = true;
@@ -266,6 +308,9 @@ void CQelClient::endOfList() {
     m_bListed = true;
 }
 
+// Changes first: taking them marks the pairs that are replaced, which gone() must not report as withdrawn.
+// What is withdrawn is dropped whatever the component answers, for the daemon no longer knows it. A change
+// that is refused remains a difference, so the next fetch offers it again.
 void CQelClient::reportFetched() {
     for (const auto& change : m_oTable.takeChanges()) {
         offer({change.m_oOld, change.m_oNew}, true);
@@ -278,6 +323,7 @@ void CQelClient::reportFetched() {
 
 void CQelClient::deliver(SNotification notification) {
     if (notification.m_nType == nQelServerTimeoutMsgType) {
+        // Nothing to answer, and nothing changes: it only says that the daemon has stopped waiting.
         const SFeature& feature = notification.m_oFeature;
         call({QEL_OVERDUE, feature.m_nCode, feature.m_nData, 0, 0}, nullptr);
         return;
@@ -285,18 +331,24 @@ void CQelClient::deliver(SNotification notification) {
     std::string text;
     SDifference difference = compare(notification);
     m_pDelivering = &notification;
+    // No page about this code has come since: takePage() would have dropped the notification.
     m_oTable.forgetSetAside(notification.m_oFeature.m_nCode);
     bool changes = difference.m_oOld != difference.m_oNew;
     int result = changes ? offer(difference, false, &text) : repeat(notification, text);
-    m_oLink.receive(std::chrono::milliseconds(0)); // the answer may have become overdue meanwhile
+    // The callback may have taken its time. If the note that the reply is overdue has arrived meanwhile, the
+    // reply must not be sent; takeNotification() marks the one being delivered.
+    m_oLink.receive(std::chrono::milliseconds(0));
     takeMessages();
     m_pDelivering = nullptr;
     if (result != QEL_NO_REPLY && !notification.m_bOverdue) {
+        // 1 is the only status that means success; every other one is a refusal.
         m_oReply = {notification.m_oFeature.m_nCode, result == QEL_OK ? nReplyOk : 0, text};
     }
 }
 
-// Nothing old and nothing new: a withdrawal of what is not held. Old and new alike: an enable of what is.
+// What the message changes at this component, whatever its type: most changes of data come as a new enable,
+// and a withdrawal may name data older or newer than what is held. No old and no new pair: a withdrawal of
+// something that is not held. The same pair twice: it is held already.
 CQelClient::SDifference CQelClient::compare(const SNotification& notification) const {
     const SFeature& feature = notification.m_oFeature;
     if (notification.m_nType == nQelServerDisableMsgType) {
@@ -310,7 +362,7 @@ CQelClient::SDifference CQelClient::compare(const SNotification& notification) c
     return {m_oTable.findHeld(feature), target};
 }
 
-// Tells the component of a difference; the table follows if it agrees.
+// Tells the component of a difference. The table follows only if the component accepts.
 int CQelClient::offer(const SDifference& difference, bool fetched, std::string* text) {
     const auto& [before, after] = difference;
     const SFeature& feature = before ? *before : *after;
@@ -328,14 +380,15 @@ int CQelClient::offer(const SDifference& difference, bool fetched, std::string* 
     return result;
 }
 
-// The daemon said what is so already: it answers itself, unless the component wants to hear it.
+// The daemon says what is so already, as it does with every new list. The client answers by itself, unless
+// the component wants to hear of repetitions too.
 int CQelClient::repeat(const SNotification& notification, std::string& text) {
     bool disables = notification.m_nType == nQelServerDisableMsgType;
     bool modifies = notification.m_nType == nQelServerModifyMsgType;
     SFeature feature = notification.m_oFeature;
     feature.m_nData = modifies ? notification.m_nNewData : feature.m_nData;
     if (!disables) {
-        m_oTable.add(feature); // seen, if a fetch is under way
+        m_oTable.add(feature); // marks it as seen if a fetch is under way
     }
     if (!m_oOptions.notify_unchanged) {
         return QEL_OK;
@@ -345,12 +398,14 @@ int CQelClient::repeat(const SNotification& notification, std::string& text) {
 
 int CQelClient::call(const qel_notification& notification, std::string* text) {
     char buffer[QEL_TEXT_SIZE] = {};
+    // Sticks at the largest number: one qel_run() may go on for years.
     m_nHandled += m_nHandled < INT_MAX;
     if (!m_oOptions.notify) {
         return QEL_OK;
     }
     int result = m_oOptions.notify(m_oOptions.user, &notification, buffer);
     if (text) {
+        // The component may have filled the buffer without leaving a NUL.
         text->assign(buffer, strnlen(buffer, sizeof buffer - 1));
     }
     return result;

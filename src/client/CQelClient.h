@@ -13,29 +13,28 @@
 #include <optional>
 #include <string>
 
-// The conversation goes through four goals, in this order: announced, listed (if wanted), monitored (if
-// wanted), and then answers what comes. What is not reached yet is what is asked for next, so losing ground
-// (the daemon was restarted, an answer never came) is nothing but clearing flags.
+// The conversation has three goals, in this order: announced, listed (if wanted), monitored (if wanted).
+// After that the client answers what comes. It always asks next for the first goal not reached. So when
+// ground is lost (the daemon was restarted, an answer never came), it is enough to clear flags.
 //
 // Rules, and why:
-// - One request at a time. Answers echo its tag; an answer with another tag is a late one and is dropped. A
-// request
-//   without answer starts the conversation over, since asking for a page again would skip a feature.
-// - Notifications that arrive while an answer is awaited are queued and handled in order of arrival before
-// the next
-//   request goes out. A page about the same code, arriving later, overtakes them: the daemon awaits nothing
-//   any more.
-// - A daemon's notifications count only after its first answer. What came before is from before the
-// announcement,
-//   which set the features anew.
-// - Only the first announcement to a daemon tells what is held. A later one could tell of a feature that the
-// daemon is
-//   just withdrawing; it would then hold back that feature when it comes into force again.
-// - What a list does not hold is withdrawn only after a second list, announced without it, does not hold it
-// either:
-//   when a withdrawn feature leaves the daemon's table during the paging, the page after it is skipped.
-// - No answer to a notification is sent after the note that it is overdue: the daemon would credit it to
-// another.
+// - One request at a time. An answer echoes the tag of its request; one with another tag is late and is
+//   dropped. If a request stays without an answer, the conversation starts over: to ask for the page once
+//   more would skip a feature.
+// - Notifications that arrive while an answer is awaited are queued, and handled in order of arrival before
+//   the next request goes out. A page about the same code that arrives later settles them: the daemon no
+//   longer awaits a reply.
+// - Notifications count only once the daemon has answered this process. Earlier ones are from before the
+//   announcement, which set all features back.
+// - Only the first announcement to a daemon says what is held. A later one could name a feature that the
+//   daemon is just withdrawing; the daemon would then keep back the notification when that feature comes into
+//   force again.
+// - A feature that is missing in a list is withdrawn only if it is also missing in a second one, fetched
+//   after an announcement that names nothing. For when a withdrawn feature leaves the daemon's table during
+//   the paging, the page after it is skipped.
+// - A notification that has become overdue gets no reply: the daemon would credit it to another feature.
+//
+// Used by one thread at a time, which m_bBusy ensures; only stop() may be called by others.
 class CQelClient {
 public:
     CQelClient(const char* name, const qel_options& options);
@@ -51,11 +50,12 @@ public:
     int run(int timeoutMs);
     int shutdown(const char* text);
 
-    void stop() { m_bStop = true; } // any thread, signal handlers
+    void stop() { m_bStop = true; } // any thread, signal handlers; the next pump() uses it up
     int state() const;
     const CFeatureTable& table() const { return m_oTable; }
 
-    // Taken by whoever is inside the client, so that callbacks and other threads stay out.
+    // Set while somebody is inside the client. The C interface sets it, so that other threads and
+    // callbacks stay out.
     std::atomic<bool> m_bBusy{false};
 
 private:
@@ -65,13 +65,13 @@ private:
         uint32_t m_nType = 0; // server message type 1 to 4
         SFeature m_oFeature;
         uint32_t m_nNewData = 0;
-        bool m_bOverdue = false; // the daemon awaits no answer any more
+        bool m_bOverdue = false; // the daemon no longer awaits a reply
     };
 
-    // A difference between what is held and what the daemon says.
+    // What the component holds differs from what the daemon says.
     struct SDifference {
-        std::optional<SFeature> m_oOld; // held; goes
-        std::optional<SFeature> m_oNew; // not held; comes
+        std::optional<SFeature> m_oOld; // held so far; none: a new feature
+        std::optional<SFeature> m_oNew; // to be held; none: a withdrawal
     };
 
     struct SReply {
@@ -80,7 +80,8 @@ private:
         std::string m_sText;
     };
 
-    // Goes on until `reached` or the time is up.
+    // The one loop: sends what is due and handles what comes, until `reached` holds, the time is up, or
+    // stop() was called.
     int pump(const std::function<bool()>& reached, int timeoutMs);
     std::chrono::milliseconds waitTime(CClientClock::time_point deadline) const;
     void followDaemon();
@@ -119,21 +120,21 @@ private:
     bool m_bMonitorWanted = false;
 
     bool m_bAnnounced = false;
-    bool m_bRewound = false; // the daemon pages from the start
+    bool m_bRewound = false; // the daemon has answered InitList and pages from the start
     bool m_bListed = false;
     bool m_bMonitored = false;
-    bool m_bConfirming = false;      // fetching the list a second time
-    uint32_t m_nKnownTo = nNoHandle; // daemon that has answered this component
+    bool m_bConfirming = false;      // in the second pass, since features seem to be gone
+    uint32_t m_nKnownTo = nNoHandle; // the daemon that has answered this process
 
     ERequest m_eAwaited = ERequest::none;
     uint32_t m_nAwaitedTag = 0;
     CClientClock::time_point m_tAnswerDue{};
-    CClientClock::time_point m_tRetry{}; // nothing is sent before
+    CClientClock::time_point m_tRetry{}; // nothing is sent before: a send has failed
 
-    std::deque<SNotification> m_oNotifications; // not told to the component yet
-    SNotification* m_pDelivering = nullptr;     // is being told
-    std::optional<SReply> m_oReply;             // not sent yet
-    int m_nHandled = 0;                         // callbacks' worth of notifications, since the call began
+    std::deque<SNotification> m_oNotifications; // the component has yet to hear of these
+    SNotification* m_pDelivering = nullptr;     // the component is hearing of this one now
+    std::optional<SReply> m_oReply;             // to be sent before anything else
+    int m_nHandled = 0;                         // differences and notifications told, since wait() began
 };
 
 #endif

@@ -9,15 +9,19 @@
 #include <memory>
 #include <new>
 
+// The C header's opaque type is the client itself, so no pointer has to be cast.
 struct qel_client : CQelClient {
     using CQelClient::CQelClient;
 };
 
 namespace {
 
-std::atomic<bool> bOpen{false}; // there is a client in this process
+// The framework gives a process one endpoint, and a client takes all of it.
+std::atomic<bool> bOpen{false};
 
-// Runs `work` inside the client, if nobody else is.
+// Runs `work` inside the client unless somebody is there already: another thread, or the call whose callback
+// this is. The flag refuses instead of waiting, because a callback would wait for its own caller. The library
+// itself throws only where memory runs out; a C caller could not catch it.
 template <typename Work>
 int enter(qel_client* client, Work work) {
     if (!client) {
@@ -35,6 +39,7 @@ int enter(qel_client* client, Work work) {
     return rc;
 }
 
+// The daemon does not store a longer name, and answers no message without one.
 bool isName(const char* name) {
     size_t length = name ? strnlen(name, nMaxNameLength + 1) : 0;
     return length >= 1 && length <= nMaxNameLength;
@@ -51,6 +56,7 @@ int openClient(const char* name, const qel_options& options, qel_client** client
 
 } // namespace
 
+// The C header cannot include the wire layouts, so its limits are compared with them here.
 static_assert(QEL_MAX_NAME == nMaxNameLength && QEL_MAX_ANNOUNCED == nMaxKnownPairs &&
               QEL_TEXT_SIZE == nMaxReplyTextLength + 1);
 
@@ -58,6 +64,7 @@ int qel_open(const char* name, const qel_options* options, qel_client** client) 
     if (!isName(name) || !client) {
         return QEL_EINVAL;
     }
+    // Claimed before anything is opened, so that of two threads one is refused.
     if (bOpen.exchange(true)) {
         return QEL_EBUSY;
     }
@@ -66,6 +73,7 @@ int qel_open(const char* name, const qel_options* options, qel_client** client) 
         rc = openClient(name, options ? *options : qel_options{}, client);
     } catch (const std::bad_alloc&) {
     }
+    // A failed attempt makes room for the next one.
     bOpen = rc == QEL_OK;
     return rc;
 }
@@ -97,6 +105,7 @@ int qel_run(qel_client* client, int timeout_ms) {
     return enter(client, [&] { return client->run(timeout_ms); });
 }
 
+// A store into an atomic flag and nothing else, so it is safe in a signal handler (signal-safety(7)).
 void qel_stop(qel_client* client) {
     if (client) {
         client->stop();
@@ -108,12 +117,16 @@ int qel_shutdown(qel_client* client, const char* text) {
 }
 
 void qel_close(qel_client* client) {
+    // The flag stays set: it goes with the client. Where it is set already, a callback or another thread is
+    // inside, and deleting the client would pull the ground from under it.
     if (client && !client->m_bBusy.exchange(true)) {
+        // In this order: the endpoint must be closed before another client may open it.
         delete client;
         bOpen = false;
     }
 }
 
+// The queries take no flag, since callbacks may use them.
 int qel_features(const qel_client* client, qel_pair* pairs, size_t room) {
     if (!client || (!pairs && room)) {
         return QEL_EINVAL;

@@ -1,6 +1,6 @@
 /* libqelclient: what a component links to receive its features from the daemon.
  *
- * A component that needs nothing special is five calls:
+ * A component without special needs takes five calls:
  *
  *     qel_client* client;
  *     struct qel_options options = {.notify = takeFeature};
@@ -9,22 +9,23 @@
  *     qel_shutdown(client, "good night");
  *     qel_close(client);
  *
- * qel_run finds the daemon, announces the component, fetches its list, starts monitoring and then answers
- * every notification with what the callback returns. The library keeps the table of features held. When the
- * daemon was restarted it finds it again, announces the component anew with what it holds, and calls the
- * callback for every difference, and for nothing else.
+ * qel_run finds the daemon, announces the component, fetches its list, starts monitoring, and then answers
+ * every notification with what the callback returns. The library keeps the table of the features held. When
+ * the daemon has been restarted, the library finds it again, announces the component with what it holds, and
+ * calls the callback for every difference, and for nothing else.
  *
- * Results: 0 or a positive count is success, negative is one of QEL_E..., told in words by qel_strerror().
+ * Results: 0 or a positive count is success; a negative number is one of QEL_E..., which
+ * qel_strerror() puts in words.
  *
- * Times are milliseconds. 0: handle what is there, do not wait. QEL_FOREVER: no limit. No call waits longer
- * than it was asked to, but for the time that the callback itself takes.
+ * Times are in milliseconds. 0: handle what is there, do not wait. QEL_FOREVER: no limit. No call waits
+ * longer than it was asked to, except for the time that the callback itself takes.
  *
- * Threads: there is one client in a process, since the message framework gives a process one endpoint, which
- * is the client's from qel_open to qel_close. One thread at a time uses it. qel_stop alone may be called at
- * any time, from any thread and from a signal handler. Callbacks run on the thread that is in the library,
- * and only inside qel_announce, qel_fetch, qel_monitor, qel_wait, qel_run and (trace only) qel_shutdown. In a
- * callback the queries (qel_features, qel_state) and qel_stop may be called; every other call returns
- * QEL_EBUSY there. */
+ * Threads: there is one client in a process, since the message framework gives a process one endpoint. It
+ * belongs to the client from qel_open to qel_close. One thread at a time uses the client. Only qel_stop may
+ * be called at any time, from any thread and from a signal handler. Callbacks run on the thread that is in
+ * the library, and only inside qel_announce, qel_fetch, qel_monitor, qel_wait, qel_run and (trace only)
+ * qel_shutdown. A callback may call the queries (qel_features, qel_state) and qel_stop; every other call
+ * returns QEL_EBUSY there. */
 #ifndef QEL_CLIENT_QELCLIENT_H
 #define QEL_CLIENT_QELCLIENT_H
 
@@ -44,25 +45,25 @@ extern "C" {
 enum {
     QEL_FOREVER = -1,        /* time limit: none */
     QEL_MAX_NAME = 16,       /* characters of a component's name */
-    QEL_MAX_ANNOUNCED = 100, /* pairs held that an announcement tells of; more may be held */
+    QEL_MAX_ANNOUNCED = 100, /* pairs that an announcement can name; a component may hold more */
     QEL_TEXT_SIZE = 501      /* bytes of a reply text, NUL included */
 };
 
 /* Errors. */
 enum {
     QEL_EINVAL = -1,    /* an argument is null, too long or out of range */
-    QEL_EBUSY = -2,     /* a client is open already; or called from a callback */
+    QEL_EBUSY = -2,     /* a client is open already; or the call comes from a callback */
     QEL_EPLATFORM = -3, /* the message framework refused an endpoint */
     QEL_ENODAEMON = -4, /* no daemon was found within the time */
-    QEL_ETIMEDOUT = -5, /* the daemon is there but what was asked for was not done within the time */
+    QEL_ETIMEDOUT = -5, /* the daemon is there, but the call was not done within the time */
     QEL_ESTOPPED = -6,  /* qel_stop was called */
     QEL_ENOMEM = -7
 };
 
-/* What a notification is about, seen from what this component holds, whichever message told it. QEL_OVERDUE:
- * the daemon waited too long for the answer about the feature. The result of the callback is ignored and no
- * answer is sent, for none is awaited any more; an enable that is still due comes again (a disable does not).
- */
+/* What a notification means for this component, given what it holds; the message behind it may have had
+ * another name. QEL_OVERDUE: the daemon has waited too long for the answer about the feature. It no longer
+ * awaits one, so the callback's result is ignored and no answer is sent. An enable that is still due comes
+ * again; a disable does not, so carry it out all the same. */
 enum {
     QEL_ENABLE = 1,  /* take the feature up: code, data */
     QEL_MODIFY = 2,  /* a feature held changes: code, data (held so far), new_data */
@@ -97,16 +98,17 @@ struct qel_notification {
     uint32_t code;
     uint32_t data;
     uint32_t new_data; /* QEL_MODIFY: the data from now on; else 0 */
-    /* 1: a difference found while fetching the list, which the daemon takes as delivered whatever the
-     * callback answers; 0: the daemon awaits the answer. */
+    /* 1: a difference found while fetching the list; the daemon counts it as delivered, whatever the callback
+     * answers. 0: the daemon awaits the answer (except with QEL_OVERDUE). */
     int fetched;
 };
 
-/* Called for every change. Returns QEL_OK, QEL_REFUSED or QEL_NO_REPLY, and may write a text for the daemon's
- * log into `text` (QEL_TEXT_SIZE bytes, empty before the call). The table follows the answer: with QEL_OK a
- * feature is held, changed or dropped; otherwise it stays as it was (but a feature that a fetch found
- * withdrawn is dropped whatever the answer). Features that are refused while fetching are offered again by
- * the next fetch. Should return within 10 seconds, the time that the daemon gives an answer. */
+/* Called for every change. Returns QEL_OK, QEL_REFUSED or QEL_NO_REPLY, and may write a text for the
+ * daemon's log into `text` (QEL_TEXT_SIZE bytes, empty before the call; not sent for a difference that a
+ * fetch found). The table follows the answer: with QEL_OK a feature is held, changed or dropped, otherwise
+ * it stays as it was. Only a feature that a fetch found withdrawn is dropped whatever the answer. Features
+ * refused during a fetch are offered again by the next one. Should return within 10 seconds: the daemon
+ * waits no longer for an answer. */
 typedef int (*qel_notify_fn)(void* user, const struct qel_notification* notification, char* text);
 
 /* Sees every message as it is sent (`sent` 1) or received (0), also those that the library then ignores.
@@ -117,67 +119,71 @@ struct qel_options {
     qel_notify_fn notify; /* null: everything is answered QEL_OK */
     qel_trace_fn trace;   /* null: none */
     void* user;           /* handed to both; the caller's */
-    /* How long an answer from the daemon may take before the client starts over; 0: the default of 10
-     * seconds, which leaves a daemon time for 64 clients at once. */
+    /* How long an answer from the daemon may take before the client starts over. 0: the default of 10
+     * seconds, in which the daemon can answer 64 clients that start at the same moment. */
     uint32_t answer_timeout_ms;
-    /* 1: call `notify` also for what the component holds exactly so already (kind QEL_ENABLE) or was told to
-     * drop and does not hold (QEL_DISABLE). The daemon repeats itself with every new list; by default that is
-     * answered QEL_OK in silence. */
+    /* 1: call `notify` also when nothing changes: for a feature that is held with this very data
+     * (QEL_ENABLE), or withdrawn and not held (QEL_DISABLE). The daemon repeats features with every new list;
+     * by default the library answers such repetitions itself, with QEL_OK. */
     int notify_unchanged;
 };
 
 /* Opens the process's endpoint for the component `name`, 1 to QEL_MAX_NAME characters. `options` is copied;
- * null means all zero. On success *client is the caller's until qel_close; otherwise it is left alone.
- * QEL_EINVAL, QEL_EBUSY, QEL_EPLATFORM, QEL_ENOMEM. Sends nothing and does not block. */
+ * null means all zero. On success *client belongs to the caller until qel_close; otherwise it is left alone.
+ * Sends nothing, and does not wait for the daemon. QEL_EINVAL, QEL_EBUSY, QEL_EPLATFORM, QEL_ENOMEM. */
 QEL_API int qel_open(const char* name, const struct qel_options* options, qel_client** client);
 
-/* Enters a feature into the table, as held from an earlier run. Before the announcement, which tells the
- * daemon of the first QEL_MAX_ANNOUNCED in order of code. 0 for success; QEL_EINVAL, QEL_EBUSY, QEL_ENOMEM.
- */
+/* Enters a feature that the component still holds from an earlier run. To be called before the announcement,
+ * which names the first QEL_MAX_ANNOUNCED in order of code. 0 for success; QEL_EINVAL (also for the pair 0,
+ * 0, which is no feature), QEL_EBUSY, QEL_ENOMEM. */
 QEL_API int qel_hold(qel_client* client, uint32_t code, uint32_t data);
 
-/* Each brings the client up to a state (and through those before it) and keeps it there: what was asked for
- * once is done again whenever the daemon was restarted. Finds the daemon first, if need be. qel_fetch may be
- * called without end: each call fetches the list again. qel_monitor does not imply a fetch: without one, the
- * daemon notifies feature by feature what the announcement did not tell it is held. 0 (qel_fetch: the number
- * of features held) for success; QEL_ENODAEMON, QEL_ETIMEDOUT: not yet, the effort goes on in the next call;
- * QEL_ESTOPPED, QEL_EBUSY, QEL_EINVAL, QEL_ENOMEM. */
+/* Each of these finds the daemon if need be and brings the client up to a state. What was asked for once is
+ * done again whenever the daemon has been restarted, within the calls that handle messages.
+ *
+ * qel_fetch may be called any number of times: after a complete fetch, the next call fetches the list again.
+ * qel_monitor does not imply a fetch: without one, the daemon notifies, one by one, the features that the
+ * announcement did not name as held.
+ *
+ * 0 (qel_fetch: the number of features held) for success. QEL_ENODAEMON, QEL_ETIMEDOUT: not there yet, and
+ * the next call goes on from here. QEL_ESTOPPED, QEL_EBUSY, QEL_EINVAL, QEL_ENOMEM. */
 QEL_API int qel_announce(qel_client* client, int timeout_ms);
 QEL_API int qel_fetch(qel_client* client, int timeout_ms);
 QEL_API int qel_monitor(qel_client* client, int timeout_ms);
 
-/* Handles messages, and keeps the connection with the daemon, until something was notified or the time is up.
- * The number of notifications handled (0: the time is up); QEL_ESTOPPED, QEL_EBUSY, QEL_EINVAL, QEL_ENOMEM. A
- * daemon that went is no error: it is waited for. */
+/* Handles messages and keeps up the connection with the daemon, until there was a notification or the time is
+ * up. Returns the number of notifications handled (0: the time is up); QEL_ESTOPPED, QEL_EBUSY, QEL_EINVAL,
+ * QEL_ENOMEM. A daemon that has gone is no error: the call waits for it to come back. */
 QEL_API int qel_wait(qel_client* client, int timeout_ms);
 
-/* All in one: announces, fetches, monitors, and keeps that up until qel_stop or until the time is up. Then
- * returns 0 if it ever came up; else QEL_ENODAEMON or QEL_ETIMEDOUT, or after qel_stop QEL_ESTOPPED.
- * QEL_EBUSY, QEL_EINVAL, QEL_ENOMEM. */
+/* All in one: announces, fetches, monitors, and keeps that up until qel_stop or until the time is up. Then it
+ * returns 0 if the component was monitoring at any time during the call; if not, QEL_ESTOPPED after qel_stop,
+ * else QEL_ENODAEMON or QEL_ETIMEDOUT. QEL_EBUSY, QEL_EINVAL, QEL_ENOMEM. */
 QEL_API int qel_run(qel_client* client, int timeout_ms);
 
-/* Makes the call that is under way, or if none is the next one that could wait, return QEL_ESTOPPED within
- * half a second. */
+/* Makes the call that is under way, or if there is none the next one that could wait, end within half a
+ * second (plus the time of a callback), with QEL_ESTOPPED unless its description says otherwise. */
 QEL_API void qel_stop(qel_client* client);
 
-/* Tells the daemon that the component goes, with a text for its log (null: none; cut at QEL_TEXT_SIZE - 1).
- * The table stays as it is, and qel_announce starts anew. There is no answer to it, so it does not wait. 0
- * when sent; QEL_ENODAEMON when there was no daemon to tell; QEL_EBUSY, QEL_EINVAL, QEL_ENOMEM. */
+/* Tells the daemon that the component is leaving, with a text for the daemon's log (null: none; cut at
+ * QEL_TEXT_SIZE - 1 bytes). The table stays as it is, and qel_announce begins again. The daemon does not
+ * answer this message, so the call does not wait. 0 when it was sent; QEL_ENODAEMON when there was no daemon
+ * that knew the component, or sending failed; QEL_EBUSY, QEL_EINVAL, QEL_ENOMEM. */
 QEL_API int qel_shutdown(qel_client* client, const char* text);
 
 /* Closes the endpoint and frees the client. Tells the daemon nothing: call qel_shutdown before, unless the
- * daemon should take the component for one that will be back. Null is allowed; in a callback it does nothing.
- */
+ * component will be back soon and its record should stay. Null is allowed. In a callback, or while another
+ * thread is inside the client, it does nothing. */
 QEL_API void qel_close(qel_client* client);
 
-/* Writes at most `room` of the features held, in order of code, to `pairs` (null: with room 0); returns how
- * many are held. QEL_EINVAL. */
+/* Writes at most `room` of the features held to `pairs`, in order of code, and returns how many are held.
+ * `pairs` may be null if `room` is 0. QEL_EINVAL, QEL_ENOMEM. */
 QEL_API int qel_features(const qel_client* client, struct qel_pair* pairs, size_t room);
 
 /* QEL_STATE_SEEKING to QEL_STATE_MONITORING; QEL_EINVAL. */
 QEL_API int qel_state(const qel_client* client);
 
-/* An error in words, without a full stop. Never null; the text lives for ever. Any thread. */
+/* An error in words, without a full stop. Never null; the text is static. Any thread. */
 QEL_API const char* qel_strerror(int error);
 
 #ifdef __cplusplus

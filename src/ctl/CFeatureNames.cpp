@@ -14,6 +14,7 @@ CFeatureNames CFeatureNames::load() {
     return parse(text.str());
 }
 
+// Assignment, not insertion: a later line with the same code takes over.
 CFeatureNames CFeatureNames::parse(std::string_view text) {
     CFeatureNames names;
     for (CDescriptions lines(text); lines.next();) {

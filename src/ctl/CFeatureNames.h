@@ -7,15 +7,16 @@
 #include <string_view>
 #include <unordered_map>
 
-// As CDescriptions reads them: of several lines with one code the last gives the name.
+// Reads the file as the daemon does, through CDescriptions: if several lines have one code, the last one
+// gives the name.
 class CFeatureNames {
 public:
-    // From the file that QEL_DESCRIPTION names in the environment, else from the one compiled in; without
-    // either, or if it cannot be read, there are no names.
+    // From the file that QEL_DESCRIPTION names in the environment, else from the one compiled in. Without
+    // either, or if it cannot be read, there are no names: a list without names is better than no list.
     static CFeatureNames load();
     static CFeatureNames parse(std::string_view text);
 
-    // Empty for a feature without one.
+    // The name, as it stands in the file; empty if the feature has none. Valid as long as this object.
     std::string_view find(uint32_t code) const;
 
 private:

@@ -11,6 +11,7 @@ std::optional<std::vector<SActiveFeature>> parseActiveList(const uint8_t* body, 
         return std::nullopt;
     }
     std::vector<SActiveFeature> features;
+    // Every length comes from the message, so each is compared with what is left before it is used.
     while (at < length) {
         if (length - at < sizeof(CQelFeatureRecord)) {
             return std::nullopt;
@@ -30,6 +31,7 @@ COamQuery::COamQuery() {
     m_pAsking = this;
 }
 
+// Clean-up is harmless where ask() has opened nothing (mfw.h).
 COamQuery::~COamQuery() {
     m_pAsking = nullptr;
     OvuMfwCleanup();
@@ -37,15 +39,18 @@ COamQuery::~COamQuery() {
 
 COamQuery::EOutcome COamQuery::ask(std::chrono::milliseconds timeout) {
     auto deadline = std::chrono::steady_clock::now() + timeout;
+    // The daemon is looked up first. That needs no endpoint, so without a daemon nothing has to be opened.
     if (OvuMfwGetProcessHandle("qelserver", &m_nDaemon) != 0) {
         return EOutcome::noDaemon;
     }
     if (OvuMfwInitialize() != 0 || OvuMfwRegisterCallback(nQelServerMfwMsgId, cbReceive) != 0) {
         return EOutcome::noEndpoint;
     }
+    // A daemon that is gone by now, or whose queue is full, cannot be asked; either way no daemon answers.
     return send() ? await(deadline) : EOutcome::noDaemon;
 }
 
+// A header is all of the request. It needs no announcement: the daemon answers to the handle in the header.
 bool COamQuery::send() {
     CQelMessageHeader header;
     uint32_t own = nNoHandle;
@@ -67,6 +72,7 @@ COamQuery::EOutcome COamQuery::await(std::chrono::steady_clock::time_point deadl
         if (left.count() <= 0) {
             break;
         }
+        // The result does not matter: an error waits out its time as well, so this cannot spin (mfw.h).
         OvuMfwProcessNextMessage(static_cast<uint32_t>(left.count()));
     }
     return m_eOutcome;
@@ -76,6 +82,8 @@ void COamQuery::cbReceive(uint16_t, uint32_t, const sOvuMfwMessage* message, uin
     if (!message || !m_pAsking) {
         return;
     }
+    // Only the daemon that was asked may answer. The sender is the framework's word, so nobody can pose as
+    // the daemon.
     auto header = readBody<CQelMessageHeader>(message->data, length);
     CBigEndian32 sender;
     std::memcpy(static_cast<void*>(&sender), message->sender, sizeof sender);

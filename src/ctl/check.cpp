@@ -22,6 +22,8 @@ void printSummary(const std::string& path, const std::vector<SFeatureRecord>& fe
 
 } // namespace
 
+// The daemon checks a list with the same function. So what is good here is good there, except for changes
+// that only the daemon can judge, since it knows the list before. Errors go to stderr, the summary to stdout.
 int runCheck(const std::string& path) {
     SFeatureList list = readFeatureList(path);
     if (list.isGood()) {

@@ -19,19 +19,22 @@ namespace {
 
 using CClock = std::chrono::steady_clock;
 
-std::atomic<qel_client*> pSignalled{nullptr}; // whom a signal stops
+std::atomic<qel_client*> pSignalled{nullptr}; // stopped by a signal; null: nobody
 
+// qel_stop is the one call of the library that a signal handler may make. The flag is seen within
+// half a second.
 void cbSignal(int) {
     qel_stop(pSignalled);
 }
 
+// Local time with milliseconds, as in the daemon's text log, so that the two can be laid side by side.
 std::string timeOfDay() {
     timespec now = {};
     clock_gettime(CLOCK_REALTIME, &now);
     return fmt::format("{:%H:%M:%S}.{:03}", fmt::localtime(now.tv_sec), now.tv_nsec / 1000000);
 }
 
-// One run of the command: what is counted and printed while the library does the talking.
+// One run of the command: counts and prints, while the library does the talking.
 class CPromptComponent {
 public:
     explicit CPromptComponent(const SComponentOptions& options) : m_oOptions(options) {}
@@ -62,11 +65,14 @@ private:
     int m_nUnanswered = 0;
 };
 
+// No signal may find the client once it is closed.
 CPromptComponent::~CPromptComponent() {
     pSignalled = nullptr;
     qel_close(m_pClient);
 }
 
+// A run that ends by its time or by a signal has done what it was asked for, so it ends well even if the
+// component did not come up; only where there was no daemon it fails.
 int CPromptComponent::run() {
     if (m_oOptions.m_nSeconds > 0) {
         auto span = std::chrono::duration<double>(m_oOptions.m_nSeconds);
@@ -80,6 +86,7 @@ int CPromptComponent::run() {
         keepUp();
     }
     bool ended = rc >= 0 || rc == QEL_ESTOPPED || timeLeft() == 0;
+    // A daemon that has not answered does not know the component, and need not be told.
     if (m_pClient && qel_state(m_pClient) != QEL_STATE_SEEKING) {
         qel_shutdown(m_pClient, "stopped at the prompt");
     }
@@ -96,6 +103,8 @@ int CPromptComponent::open() {
     options.notify = cbNotify;
     options.trace = cbTrace;
     options.user = this;
+    // Somebody who tries out the daemon wants to hear repetitions too, and to answer them by --answer
+    // and --refuse.
     options.notify_unchanged = 1;
     int rc = qel_open(m_oOptions.m_sName.c_str(), &options, &m_pClient);
     if (rc != QEL_OK) {
@@ -104,19 +113,24 @@ int CPromptComponent::open() {
     pSignalled = m_pClient;
     struct sigaction action = {};
     action.sa_handler = cbSignal;
+    // Only from here on is there something to shut down; before, the signals end the process as usual.
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
+    // Before the announcement, which names them.
     for (const SFeature& feature : m_oOptions.m_vHeld) {
         qel_hold(m_pClient, feature.m_nCode, feature.m_nData);
     }
     return QEL_OK;
 }
 
+// Without --wait, a first attempt that takes no time tells whether there is a daemon at all. If there is, it
+// ends with a time-out, for the answer is still on its way.
 int CPromptComponent::bringUp() {
     int rc = m_oOptions.m_bWait ? QEL_OK : qel_announce(m_pClient, 0);
     if (rc == QEL_OK || rc == QEL_ETIMEDOUT) {
         rc = bring(qel_announce);
     }
+    // The list before the monitoring: what a page has delivered is not notified one by one any more.
     if (rc >= 0 && m_oOptions.m_bFetch) {
         rc = bring(qel_fetch);
     }
@@ -130,11 +144,13 @@ int CPromptComponent::bring(int (*step)(qel_client*, int)) {
     return step(m_pClient, timeLeft());
 }
 
+// In slices, since the library handles a lost daemon in silence, while here the operator is to see it.
 void CPromptComponent::keepUp() {
     constexpr int nSlice = 500; // milliseconds between looks at the connection
     bool connected = true;
     while (timeLeft() != 0) {
         int left = timeLeft();
+        // Stopped, or an error that would come again: either way the run is over.
         if (qel_wait(m_pClient, left < 0 ? nSlice : std::min(left, nSlice)) < 0) {
             return;
         }
@@ -151,6 +167,7 @@ int CPromptComponent::timeLeft() const {
     if (m_tEnd == CClock::time_point::max()) {
         return QEL_FOREVER;
     }
+    // Rounded up, because 0 means that the time is over.
     auto left = std::chrono::ceil<std::chrono::milliseconds>(m_tEnd - CClock::now()).count();
     return static_cast<int>(std::clamp<int64_t>(left, 0, INT_MAX));
 }
@@ -158,9 +175,11 @@ int CPromptComponent::timeLeft() const {
 void CPromptComponent::printLine(std::string_view arrow, const SMessageText& message, EColour colour) {
     std::string what = paint(fmt::format("{} {:<8}", arrow, message.m_sKind), colour, stdout);
     fmt::print("{} {} {}\n", timeOfDay(), what, message.m_sDetail);
+    // Somebody may be watching through a pipe.
     std::fflush(stdout);
 }
 
+// The summary uses the same words as the lines above it, so one can be checked against the other.
 void CPromptComponent::printSummary() const {
     auto list = [](const std::map<std::string, int>& counts) {
         std::string text;
@@ -174,6 +193,7 @@ void CPromptComponent::printSummary() const {
                list(m_oReceived), m_nUnanswered, counted(held, "feature"));
 }
 
+// Differences found by a fetch, and overdue notes, await no answer: --answer and --refuse are about replies.
 int CPromptComponent::answer(const qel_notification& notification, char* text) {
     if (notification.fetched || notification.kind == QEL_OVERDUE) {
         return QEL_OK;
@@ -181,6 +201,7 @@ int CPromptComponent::answer(const qel_notification& notification, char* text) {
     const auto& refused = m_oOptions.m_vRefused;
     bool refuse = std::find(refused.begin(), refused.end(), notification.code) != refused.end();
     if (refuse || m_oOptions.m_eAnswer == EAnswer::fail) {
+        // One byte stays free for the NUL.
         *fmt::format_to_n(text, QEL_TEXT_SIZE - 1, "refused at the prompt").out = '\0';
         return QEL_REFUSED;
     }
@@ -191,6 +212,7 @@ int CPromptComponent::answer(const qel_notification& notification, char* text) {
     return QEL_OK;
 }
 
+// Counts and prints from the trace, which sees everything that goes over the wire, ignored messages included.
 void CPromptComponent::cbTrace(void* user, int sent, const uint8_t* body, size_t length) {
     auto& self = *static_cast<CPromptComponent*>(user);
     SMessageText message = sent ? describeSent(body, length) : describeReceived(body, length);

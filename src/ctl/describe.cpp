@@ -8,6 +8,8 @@
 
 namespace {
 
+// The count is what the message claims, its length what it has. The smaller one counts, as it does in
+// the daemon.
 std::string heldPairs(const uint8_t* body, size_t length, uint32_t count) {
     std::string text;
     for (size_t at = sizeof(CQelNameMessage); count-- > 0 && at + sizeof(CQelPair) <= length;
@@ -19,6 +21,7 @@ std::string heldPairs(const uint8_t* body, size_t length, uint32_t count) {
 }
 
 SMessageText describeRequest(const uint8_t* body, size_t length, uint32_t subType) {
+    // By sub-type. The daemon only logs the two behind them, 4 and 5, and libqelclient sends neither.
     static constexpr std::array<const char*, 4> aKinds = {"announce", "rewind", "fetch", "monitor"};
     auto message = readBody<CQelNameMessage>(body, length);
     if (subType >= aKinds.size()) {
@@ -62,6 +65,7 @@ SMessageText describeSent(const uint8_t* body, size_t length) {
     }
 }
 
+// By message type. The list for OAM (type 11) is none of these: no component asks for it.
 SMessageText describeReceived(const uint8_t* body, size_t length) {
     static constexpr std::array<const char*, 5> aKinds = {"answer", "notify", "modify", "disable", "overdue"};
     auto message = readBody<CQelServerMessage>(body, length);

@@ -17,6 +17,7 @@ struct SStatus {
     EColour m_eColour;
 };
 
+// In the order of their numbers on the wire. Yellow: under way; green: settled; red: being withdrawn.
 constexpr std::array<SStatus, 5> aStatuses = {{
     {"newadd", EColour::yellow},
     {"modify", EColour::yellow},
@@ -25,11 +26,14 @@ constexpr std::array<SStatus, 5> aStatuses = {{
     {"existing", EColour::none},
 }};
 
+// A daemon newer than this program may know more of them.
 SStatus statusOf(const SActiveFeature& feature) {
     return feature.m_nStatus < aStatuses.size() ? aStatuses[feature.m_nStatus]
                                                 : SStatus{"unknown", EColour::red};
 }
 
+// Two walks: the widest number decides how wide its column is. The word is padded before it is coloured,
+// because the colour's escape sequence would count as characters.
 void printTable(const std::vector<SActiveFeature>& features, const CFeatureNames& names) {
     size_t codeWidth = 4;
     size_t dataWidth = 4;
@@ -48,6 +52,7 @@ void printTable(const std::vector<SActiveFeature>& features, const CFeatureNames
 }
 
 void printJson(const std::vector<SActiveFeature>& features, const CFeatureNames& names) {
+    // Ordered: keys come out as they are written here, and not by the alphabet.
     auto list = nlohmann::ordered_json::array();
     for (const auto& feature : features) {
         list.push_back({{"code", feature.m_nCode},
@@ -56,11 +61,13 @@ void printJson(const std::vector<SActiveFeature>& features, const CFeatureNames&
                         {"name", names.find(feature.m_nCode)}});
     }
     nlohmann::ordered_json document = {{"count", features.size()}, {"features", std::move(list)}};
+    // JSON is UTF-8 (RFC 8259), a description file may be anything. What is not UTF-8 is replaced,
+    // not thrown.
     auto onBadText = nlohmann::ordered_json::error_handler_t::replace;
     fmt::print("{}\n", document.dump(2, ' ', false, onBadText));
 }
 
-// "3 features: 2 active, 1 deleted", on stderr, so that the table alone goes down a pipe.
+// "3 features: 2 active, 1 deleted", on stderr, so that a pipe gets the table alone.
 void printSummary(const std::vector<SActiveFeature>& features) {
     std::map<std::string, size_t> counts;
     for (const auto& feature : features) {
@@ -98,10 +105,12 @@ int runList(const SListOptions& options) {
     }
     CFeatureNames names = CFeatureNames::load();
     options.m_bJson ? printJson(query.features(), names) : printTable(query.features(), names);
+    // A full disk or a closed pipe shows only here. A script must not take half a list for the whole.
     if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
         complain("the list could not be written to standard output");
         return exitFailed;
     }
+    // JSON has the count in itself.
     if (!options.m_bJson) {
         printSummary(query.features());
     }

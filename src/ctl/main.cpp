@@ -9,11 +9,13 @@
 
 namespace {
 
+// The whole text, decimal, without sign or blanks, within 32 bits: std::from_chars allows nothing else here.
 bool readNumber(std::string_view text, uint32_t& number) {
     auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
     return error == std::errc() && end == text.data() + text.size();
 }
 
+// 0:0 is no feature: on the wire it ends a list.
 SFeature readPair(const std::string& text) {
     SFeature feature;
     size_t colon = text.find(':');
@@ -43,9 +45,11 @@ void addCheck(CLI::App& app, std::string& path) {
 }
 
 void addComponent(CLI::App& app, SComponentOptions& options) {
+    // Static, because the option's function below runs only when the command line is parsed.
     static const std::map<std::string, EAnswer> answers = {
         {"ok", EAnswer::ok}, {"fail", EAnswer::fail}, {"none", EAnswer::none}};
     auto* component = app.add_subcommand("component", "Be a component: print every message, answer as told.");
+    // The library checks the name too, but only here can the operator be told what is wrong with it.
     component->add_option("NAME", options.m_sName, "Name to announce, 1 to 16 characters")
         ->required()
         ->check([](const std::string& name) {
@@ -80,6 +84,8 @@ void addComponent(CLI::App& app, SComponentOptions& options) {
     component->footer("-> is sent, <- is received. Exit status: 0, or 2 where no daemon answers.");
 }
 
+// app.parse() fills the option structs and checks them. Its exception for --help and --version is no error:
+// app.exit() prints what is due and returns 0.
 int run(int argc, char** argv) {
     SListOptions listOptions;
     SComponentOptions componentOptions;
@@ -87,6 +93,7 @@ int run(int argc, char** argv) {
     CLI::App app("Ask the feature daemon, check its list, or act as one of its components.", "qelctl");
     app.set_version_flag("--version", "qelctl " QEL_VERSION);
     app.require_subcommand(1);
+    // One line, in the form of complain(), instead of the whole help.
     app.failure_message([](const CLI::App*, const CLI::Error& error) {
         return std::string("qelctl: ") + error.what() + " (--help tells more)\n";
     });
@@ -96,6 +103,7 @@ int run(int argc, char** argv) {
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
+        // The parser has a status for each kind of mistake; one for all of them is what scripts expect.
         return app.exit(error) == 0 ? exitOk : exitUsage;
     }
     if (app.got_subcommand("list")) {
@@ -106,6 +114,7 @@ int run(int argc, char** argv) {
 
 } // namespace
 
+// What comes here is memory that ran out, or an output that cannot be written: fmt::print throws then.
 int main(int argc, char** argv) {
     try {
         return run(argc, argv);
