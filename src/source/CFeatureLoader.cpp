@@ -10,14 +10,15 @@
 
 namespace {
 
-constexpr size_t nMaxLoggedErrors = 50; // of one list; a broken generator must not flood the log
+constexpr size_t nMaxLoggedErrors = 50; // of one list; a faulty generator must not flood the log
 
+// The line is left out: a comment or a blank line more makes no new list.
 bool isSameContent(const SFeatureRecord& one, const SFeatureRecord& other) {
     return one.m_nCode == other.m_nCode && one.m_nData == other.m_nData &&
            one.m_bSourced == other.m_bSourced && one.m_vComponents == other.m_vComponents;
 }
 
-// The records whose code no other record has, by code; null where several have it.
+// By code, the record that is the only one with it; null where several records have the code.
 std::unordered_map<uint32_t, const SFeatureRecord*>
 singleRecords(const std::vector<SFeatureRecord>& records) {
     std::unordered_map<uint32_t, const SFeatureRecord*> singles;
@@ -33,6 +34,9 @@ singleRecords(const std::vector<SFeatureRecord>& records) {
 
 } // namespace
 
+// Everything that can be wrong is found before anything is handed over, so a faulty list changes nothing.
+// Lists are compared in order: the order of features is the order in which components are told, so another
+// order is another list.
 std::optional<CFreshList> CFeatureLoader::load(CMediator& mediator) {
     SFeatureList list = readFeatureList(m_sPath);
     if (list.isGood()) {
@@ -53,6 +57,7 @@ std::optional<CFreshList> CFeatureLoader::load(CMediator& mediator) {
     for (const SFeatureRecord& record : list.m_vFeatures) {
         fresh.push_back(build(record, mediator));
     }
+    // Last: a list that ran out of memory above must not count as unchanged when it is read again.
     m_vAccepted = std::move(list.m_vFeatures);
     m_bAccepted = true;
     return fresh;
@@ -68,8 +73,9 @@ void CFeatureLoader::refuse(const std::vector<SListError>& errors) const {
              m_bAccepted ? "the list in force stays in force" : "no list is in force");
 }
 
-// A modification to 0 cannot be told: 0 means that none is pending. Only a kept feature is modified, and only
-// one whose code stands once before and after; any other change of data is a withdrawal and a new feature.
+// A modification to 0 cannot be told, because pending data of 0 means that none is pending. Only a sourced
+// feature is modified, and only if its code stands once before and after. Any other change of data is a
+// withdrawal and a new feature, for which 0 is as good as any value.
 std::vector<SListError> CFeatureLoader::findUndeliverable(const std::vector<SFeatureRecord>& records) const {
     std::vector<SListError> errors;
     const auto accepted = singleRecords(m_vAccepted);
@@ -90,6 +96,9 @@ std::vector<SListError> CFeatureLoader::findUndeliverable(const std::vector<SFea
     return errors;
 }
 
+// The names go into the pool: the record dies with the next list, while the entry may stay in force.
+// Reading a display name costs a look through the description file for each entry, hence the question
+// whether there is one.
 SFreshFeature CFeatureLoader::build(const SFeatureRecord& record, CMediator& mediator) {
     auto entry = std::make_unique<CFeatureEntry>(&mediator);
     entry->m_nCode = record.m_nCode;

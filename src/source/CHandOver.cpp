@@ -15,7 +15,7 @@ namespace {
 
 using CNames = std::vector<const char*>;
 
-// Those of `names` that are not among `others`.
+// Those of `names` that are not among `others`. Quadratic, but a feature has 256 names at most.
 CNames missingFrom(const CNames& others, const CNames& names) {
     CNames missing;
     for (const char* name : names) {
@@ -26,22 +26,23 @@ CNames missingFrom(const CNames& others, const CNames& names) {
     return missing;
 }
 
-// How each feature of a list comes into the table.
+// How a feature of the list comes into the table.
 enum EWay {
     wyMerge, // by the control's merge
     wyPlace, // directly, after it
-    wyHold   // later: the entry in force is withdrawn first
+    wyHold   // later, because the entry in force has to be withdrawn first
 };
 
-// An entry in force that the merge will make stand for a feature of the list.
+// An entry in force that will stand for a feature of the list after the merge.
 struct SKept {
     CFeatureEntry* m_pEntry;
-    bool m_bUntouched; // the merge is to leave it or modify it, not to tell it again as new
+    bool m_bUntouched; // the merge leaves or modifies it, instead of sending it again as new
     bool m_bSourced;   // what the list says
     CNames m_vAdded;   // components that are new
 };
 
-// What is to be done with one list, decided before anything is touched but pending data.
+// What happens to each feature of one list. Everything is decided before the merge runs, and from the table
+// as it stood then, except that modifications that are in the way are committed first.
 class CHandOverPlan {
 public:
     CHandOverPlan(CQelControl& control, const CFreshList& list) : m_oControl(control) {
@@ -50,6 +51,8 @@ public:
             ++code.m_nFeatures;
             code.m_nData = fresh.m_pEntry->m_nData;
         }
+        // An entry is settled before it is indexed, since that changes the pair that it stands for.
+        // try_emplace keeps the first entry, as the merge does.
         for (CFeatureEntry* entry : control.features().m_vItems) {
             if (entry != nullptr) {
                 settlePending(*entry);
@@ -65,8 +68,10 @@ public:
 
     EWay way(size_t position) const { return m_vWays[position]; }
 
-    // Flags the entries that the merge must not withdraw, and no others: an entry that goes could claim the
-    // list's entry of another. The merge modifies no entry that still counts as unchanged by the one before.
+    // The merge withdraws every entry that is not flagged, and brings back, as new, those that the list has.
+    // So exactly the entries that must not be withdrawn are flagged: a flag left over would let an entry that
+    // this list drops claim the list's entry of another with its code, and stay. Nor does the merge modify an
+    // entry that it still knows as unchanged from the last time, hence fsActive.
     void prepare() const {
         for (CFeatureEntry* entry : m_oControl.features().m_vItems) {
             if (entry != nullptr) {
@@ -83,14 +88,15 @@ public:
         }
     }
 
-    // Returns the components to be added.
+    // After the merge, which deletes no entry of the table: gives the entries their flags, and returns the
+    // components to be added.
     std::vector<CHandOver::SAddition> complete() {
         std::vector<CHandOver::SAddition> additions;
         for (SKept& kept : m_vKept) {
             CFeatureEntry& entry = *kept.m_pEntry;
             entry.m_bSourced = kept.m_bSourced ? 1 : 0;
             if (entry.m_eStatus != CFeatureEntry::fsModify) {
-                entry.m_nNewData = 0; // of a modification that the merge ended
+                entry.m_nNewData = 0; // the merge has ended that modification
             }
             if (!kept.m_vAdded.empty()) {
                 additions.push_back({&entry, std::move(kept.m_vAdded)});
@@ -105,8 +111,9 @@ private:
         uint32_t m_nData = 0;     // of the last of them
     };
 
-    // A modification that the list takes back, or that is in the way of another pair of its code, is taken as
-    // done.
+    // Commits a modification that the list takes back, or that is in the way because the list has the code
+    // several times. Components that have not heard of it yet do no worse: they go by the code, whatever old
+    // data a message names.
     void settlePending(CFeatureEntry& entry) const {
         if (entry.m_eStatus != CFeatureEntry::fsModify) {
             return;
@@ -118,6 +125,9 @@ private:
         }
     }
 
+    // The merge brings in what is plain: a new feature that is not sourced, or one whose entry it will pick
+    // itself. It would bring in a sourced feature without its flag, and it would turn pairs of one code into
+    // each other; those are placed.
     EWay decide(const SFreshFeature& fresh) {
         const CFeatureEntry& wanted = *fresh.m_pEntry;
         const bool isSingle = m_oCodes.at(wanted.m_nCode).m_nFeatures == 1;
@@ -125,6 +135,8 @@ private:
         if (entry == nullptr) {
             return fresh.m_bSourced || !isSingle ? wyPlace : wyMerge;
         }
+        // A component was dropped. A withdrawal is for all components of a feature, so the entry gets no
+        // flag, is withdrawn, and the feature comes back when that is done.
         if (!missingFrom(wanted.m_vCompNames, entry->m_vCompNames).empty()) {
             return wyHold;
         }
@@ -133,9 +145,9 @@ private:
         return wyMerge;
     }
 
-    // The entry that the merge will pick: the same pair, else the first of the code. The latter only where
-    // the list has the code once; with several, the merge would turn one pair into another that the list has
-    // as well.
+    // The entry that the merge will pick: the one with the same pair, else the first with the code. The
+    // latter only if the list has the code once. With several, the merge would turn one pair into another
+    // that the list has as well.
     CFeatureEntry* entryFor(const CFeatureEntry& wanted, bool isSingle) const {
         if (const auto same = m_oByPair.find(wanted.id()); same != m_oByPair.end()) {
             return same->second;
@@ -144,8 +156,9 @@ private:
         return isSingle && first != m_oFirstByCode.end() ? first->second : nullptr;
     }
 
-    // A modification to 0 cannot be told; lists with one are refused, but one may come about where the list
-    // between was never handed over. The feature is then told as new.
+    // A modification to 0 cannot be told, and lists that ask for one are refused. But the loader compares
+    // with the list that it accepted last, which may never have been handed over, so it can happen here. Then
+    // the feature is sent as new.
     bool isUntouched(const SFreshFeature& fresh, const CFeatureEntry& entry) const {
         if (fresh.m_pEntry->id() == entry.id()) {
             return fresh.m_bSourced;
@@ -154,8 +167,8 @@ private:
                isKnownToAll(entry);
     }
 
-    // Whether every component that the feature concerns has been taken into its delivery. One that is not
-    // would join in the middle of the modification.
+    // Whether every component that the feature concerns has a record in it. One without would join in the
+    // middle of the modification, which addComponents() explains.
     bool isKnownToAll(const CFeatureEntry& entry) const {
         const auto& components = m_oControl.components().m_vItems;
         return std::all_of(components.begin(), components.end(), [&entry](const CComponent* component) {
@@ -172,7 +185,8 @@ private:
     std::vector<SKept> m_vKept;
 };
 
-// The merge takes over or deletes what it nulls; the rest is ours again.
+// Entries that the merge adopted or deleted have become null; what is left in the list is unchanged and
+// not needed.
 int runMerge(CQelControl& control, CArray<CFeatureEntry*>& merged) {
     const int result = control.addFeatureList(merged);
     for (CFeatureEntry* unchanged : merged.m_vItems) {
@@ -185,6 +199,8 @@ int runMerge(CQelControl& control, CArray<CFeatureEntry*>& merged) {
 } // namespace
 
 int CHandOver::apply(CFreshList list) {
+    // The order matters: what the merge cannot tell is flagged before it, and what it must not see is
+    // placed after it.
     CHandOverPlan plan(m_oControl, list);
     plan.prepare();
     CArray<CFeatureEntry*> merged;
@@ -198,6 +214,7 @@ int CHandOver::apply(CFreshList list) {
     m_vAdditions = plan.complete();
     addComponents();
     m_vHeldBack.clear();
+    // Placed only now: the merge withdraws entries of the table that it does not find in its own list.
     for (size_t i = 0; i < list.size(); ++i) {
         if (plan.way(i) == wyPlace) {
             result = place(list[i]) != 0 ? CFeatureMerge::rsRestart : result;
@@ -225,13 +242,15 @@ void CHandOver::settleUntold() {
     }
 }
 
+// Called with every note of the source's thread, about once a second while something waits.
 int CHandOver::carryOn() {
     addComponents();
     return placeHeldBack();
 }
 
-// A component that joins in a modification is told the old data first; should it fail to answer that, nobody
-// would tell it the new, and the modification would never end. So it joins afterwards.
+// A component that joins in the middle of a modification is told the old data first. If it fails to answer
+// that, nobody would tell it the new data, and the modification would never end. So it joins afterwards. The
+// audit finds a component without a record and tells it.
 void CHandOver::addComponents() {
     std::vector<SAddition> waiting;
     for (SAddition& addition : m_vAdditions) {
@@ -246,6 +265,9 @@ void CHandOver::addComponents() {
     m_vAdditions = std::move(waiting);
 }
 
+// A withdrawn entry stays in the table until all its components have confirmed or are given up; the timeout
+// pass then removes it. If the feature came back before that, two entries would stand under one code, and
+// components would be asked to disable and to enable it side by side.
 int CHandOver::placeHeldBack() {
     std::unordered_set<uint32_t> withdrawn;
     for (const CFeatureEntry* entry : m_oControl.features().m_vItems) {
@@ -266,6 +288,8 @@ int CHandOver::placeHeldBack() {
     return result;
 }
 
+// The next audit finds that no component has a record of the entry, and tells them. If the table has no room,
+// the control has logged it, and the feature is missing until another list brings it.
 int CHandOver::place(SFreshFeature& fresh) {
     CFeatureEntry* entry = fresh.m_pEntry.release();
     entry->m_bSourced = fresh.m_bSourced ? 1 : 0;

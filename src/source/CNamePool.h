@@ -5,10 +5,12 @@
 #include <string>
 #include <unordered_set>
 
-// Equal names share one string, which stays where it is for the pool's life. Nothing is ever dropped: names
-// are few and short, and an entry in force may point to any of them. One thread at a time.
+// Equal names share one string, which stays where it is for as long as the pool lives (a set of nodes does
+// not move its elements when it grows). Nothing is ever dropped: names are few and short, and any entry in
+// force may point to them. Used by one thread at a time; the strings may be read by any.
 class CNamePool {
 public:
+    // The pool's copy of `name`, NUL-terminated. Throws std::bad_alloc.
     const char* intern(const std::string& name) { return m_oNames.insert(name).first->c_str(); }
 
 private:

@@ -1,4 +1,5 @@
-// The feature source's events in the log.
+// The feature source's events in the log: 31170 to 31179 are its own. docs/events.md describes each one to
+// operators, and a test compares that page with the calls.
 #ifndef QEL_SOURCE_EVENTS_H
 #define QEL_SOURCE_EVENTS_H
 
@@ -13,7 +14,7 @@ enum ESourceEvent : uint32_t {
     evWithdrawn = 31175,     // information: the list withdrew a feature or lowered its data
     evHeldBack = 31176,      // information: features that wait for a withdrawal or a modification to end
     evPlaced = 31177,        // information: one feature brought in beside the merge
-    evTrouble = 31178,       // error or warning: changes of the list cannot be watched or handed over
+    evTrouble = 31178,       // error or warning: changes of the list cannot be watched, read or handed over
     evWatching = 31179       // information: changes of the list are being watched
 };
 

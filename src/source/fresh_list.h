@@ -7,8 +7,8 @@
 #include <memory>
 #include <vector>
 
-// The entry is as constructed, but for code, data, component names and display name; nobody else knows it
-// yet.
+// The entry is as constructed except for code, data, component names and display name, and nobody else knows
+// it yet. So the source's thread may build it, although entries are otherwise the main loop's.
 struct SFreshFeature {
     std::unique_ptr<CFeatureEntry> m_pEntry;
     bool m_bSourced = false; // what the entry's own flag is to become once it is in force

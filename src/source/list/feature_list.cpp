@@ -20,9 +20,10 @@ namespace {
 
 constexpr std::string_view aTopKeys[] = {"count", "feature"};
 constexpr std::string_view aFeatureKeys[] = {"code", "data", "components", "sourced"};
-constexpr size_t nSuggestionDistance = 2; // a key further off is no typing mistake
+constexpr size_t nSuggestionDistance = 2; // edits; a key that is further off is no typing mistake
 
-// Single-character edits from one word to the other.
+// The Levenshtein distance: insertions, deletions and replacements of single characters. One row of the table
+// is enough, since each cell needs only its left, upper and upper left neighbours.
 size_t editDistance(std::string_view from, std::string_view to) {
     std::vector<size_t> row(to.size() + 1);
     std::iota(row.begin(), row.end(), size_t{0});
@@ -38,6 +39,7 @@ size_t editDistance(std::string_view from, std::string_view to) {
     return row.back();
 }
 
+// ": did you mean 'KEY'?", or nothing if no known key is near.
 template <size_t N>
 std::string suggestion(std::string_view key, const std::string_view (&known)[N]) {
     const auto* nearest = std::min_element(std::begin(known), std::end(known), [key](auto one, auto other) {
@@ -51,7 +53,8 @@ bool isControl(char c) {
     return static_cast<unsigned char>(c) < ' ' || c == '\x7f';
 }
 
-// What the operator wrote comes back in errors: as it is, but on one line and of bearable length.
+// Errors quote what the operator wrote, on one line and of bearable length. The text goes to the log and to a
+// terminal, so control characters must not get there.
 std::string shown(std::string_view text) {
     constexpr size_t nMaxShown = 40;
     std::string result(text.substr(0, nMaxShown));
@@ -59,8 +62,8 @@ std::string shown(std::string_view text) {
     return text.size() > nMaxShown ? result + "..." : result;
 }
 
-// The parser's message is a drawing of several lines: a title "[error] function: what", the place, and an
-// arrow with a hint behind it. Of these, what and the last hint.
+// toml11's message is a drawing of several lines: a title "[error] function: what", the place, and an arrow
+// with a hint. Taken from it are the "what" and the last hint; of a message of another form, the first line.
 std::string syntaxText(std::string_view message) {
     std::string_view title = message.substr(0, message.find('\n'));
     for (std::string_view lead : {"[error] ", "toml::"}) {
@@ -81,9 +84,11 @@ std::string syntaxText(std::string_view message) {
     return text;
 }
 
-// Checks one text and collects what is good and what is wrong.
+// Checks one text, and collects what is good and what is wrong. Used once.
 class CFeatureListCheck {
 public:
+    // Sorted, since the parser's tables come in no order and the count is checked last. Stable, so that the
+    // errors of one line stay in the order in which they were found.
     SFeatureList run(std::string_view text) {
         for (const SListBlock& block : cutFeatureList(text)) {
             m_nBlockLine = block.m_nLine;
@@ -99,9 +104,12 @@ public:
 private:
     void error(uint32_t line, std::string text) { m_oList.m_vErrors.push_back({line, std::move(text)}); }
 
+    // The parser counts lines from the start of its block.
     uint32_t lineOf(uint32_t lineOfBlock) const { return m_nBlockLine + lineOfBlock - 1; }
     uint32_t lineOf(const toml::value& value) const { return lineOf(value.location().line()); }
 
+    // A feature that cannot be parsed still counts, so that one syntax error does not bring a complaint about
+    // `count` too.
     void checkBlock(const SListBlock& block) {
         if (block.m_nTooDeepLine != 0) {
             error(block.m_nTooDeepLine, "nested too deep");
@@ -112,8 +120,9 @@ private:
         m_nFeatures += block.m_bFeature ? 1 : 0;
     }
 
-    // Without its last blank lines, so that what was left open shows where the block ends, not where the next
-    // begins.
+    // Trailing blank lines are cut off, so that something left open is reported where its block ends, not
+    // where the next one begins. Not all of the parser's exceptions have a place; without one, the block's
+    // first line is named.
     std::optional<toml::value> parse(std::string_view text) {
         text = text.substr(0, text.find_last_not_of(" \t\r\n") + 1);
         try {
@@ -128,6 +137,7 @@ private:
         return std::nullopt;
     }
 
+    // Of a feature's block too, whose root has the one key "feature".
     void checkRoot(const toml::value& root) {
         for (const auto& [key, value] : root.as_table()) {
             if (key == "count") {
@@ -143,6 +153,7 @@ private:
     }
 
     void checkFeatures(const toml::value& features) {
+        // "[feature]" makes a table of it, and "feature = 1" a number.
         if (!features.is_array()) {
             error(lineOf(features), "a feature is written as a [[feature]] table, in two brackets each");
             return;
@@ -157,6 +168,8 @@ private:
         }
     }
 
+    // Unknown keys are errors: a mistyped `sourced` would otherwise change the feature's meaning without a
+    // word. A feature with errors still joins the list, which nobody uses then.
     void checkFeature(const toml::value& feature) {
         SFeatureRecord record;
         record.m_nLine = lineOf(feature);
@@ -177,6 +190,8 @@ private:
         m_oList.m_vFeatures.push_back(std::move(record));
     }
 
+    // For TOML every key below a header belongs to that table, so a `count` in the wrong place ends up in
+    // a feature.
     static std::string unknownFeatureKey(const std::string& key) {
         const std::string place =
             key == "count" ? ": it belongs above the first [[feature]]" : suggestion(key, aFeatureKeys);
@@ -196,6 +211,8 @@ private:
         return value != nullptr ? number(*value, key) : std::nullopt;
     }
 
+    // TOML's integers have 64 bits and a sign, so the range is checked here. A float is not taken, even a
+    // whole one.
     std::optional<uint32_t> number(const toml::value& value, const char* key) {
         constexpr uint32_t nMax = std::numeric_limits<uint32_t>::max();
         if (!value.is_integer()) {
@@ -209,6 +226,7 @@ private:
         return static_cast<uint32_t>(value.as_integer());
     }
 
+    // The number of names is checked first: the look for duplicates takes time quadratic in it.
     void takeComponents(const toml::value& feature, SFeatureRecord& record) {
         const toml::value* value = required(feature, "components", record.m_nLine);
         if (value == nullptr) {
@@ -228,6 +246,8 @@ private:
         }
     }
 
+    // Only sensible names pass, so that a typing mistake shows here, and not as a feature that
+    // reaches nobody.
     void takeComponent(const toml::value& value, std::vector<std::string>& names) {
         if (!value.is_string()) {
             error(lineOf(value), fmt::format("a component name must be a string, not {}", typeOf(value)));
@@ -276,8 +296,9 @@ private:
         }
     }
 
-    // An empty file is most likely one that an editor is about to fill; taking it for a list would withdraw
-    // everything.
+    // A file without features is most likely one that an editor is about to fill. To take it for a list
+    // would withdraw everything, so withdrawing everything has to be said. After other errors this one would
+    // only confuse.
     void checkCount() {
         if (m_oCount && *m_oCount != m_nFeatures) {
             error(m_nCountLine,
@@ -291,7 +312,7 @@ private:
 
     SFeatureList m_oList;
     uint32_t m_nBlockLine = 1; // of the block being checked
-    uint32_t m_nFeatures = 0;  // tables seen, bad ones included
+    uint32_t m_nFeatures = 0;  // tables seen, faulty ones included
     std::optional<uint32_t> m_oCount;
     uint32_t m_nCountLine = 0;                       // 0: no count given
     std::unordered_map<SFeature, uint32_t> m_oPairs; // line of each pair's first appearance
@@ -311,6 +332,7 @@ SFeatureList parseFeatureList(std::string_view text) {
     return CFeatureListCheck().run(text);
 }
 
+// FILE:LINE: text is how compilers report, so editors can follow it.
 std::string printListError(const std::string& path, const SListError& error) {
     const std::string place = error.m_nLine != 0 ? fmt::format("{}:{}", path, error.m_nLine) : path;
     return fmt::format("{}: {}", place, error.m_sText);

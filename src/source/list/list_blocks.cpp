@@ -8,7 +8,6 @@ bool isBlank(char c) {
     return c == ' ' || c == '\t';
 }
 
-// Steps over blanks.
 void skipBlanks(std::string_view& line) {
     while (!line.empty() && isBlank(line.front())) {
         line.remove_prefix(1);
@@ -24,20 +23,26 @@ bool skipWord(std::string_view& line, std::string_view word) {
     return true;
 }
 
+// TOML allows blanks inside the brackets. A header in another spelling, say with the key in quotes, is not
+// seen here; it stays in the block before, where the parser finds the table all the same.
 bool isFeatureHeader(std::string_view line) {
     return skipWord(line, "[[") && skipWord(line, "feature") && skipWord(line, "]]");
 }
 
-// Follows strings, brackets and dotted keys through the text, as far as needed to tell what is nested how
-// deep.
+// Follows strings, comments, brackets and dotted keys through the text, as far as that is needed to know what
+// is inside a string and how deep the nesting goes. Judges nothing: errors are for the parser to find.
 class CListScanner {
 public:
     // True inside a string that goes on over line ends.
     bool isInText() const { return m_sClosing.size() == 3; }
+    // Reading stops there, so neither number can overflow.
     bool isTooDeep() const { return m_nDepth > nMaxListNesting || m_nDots > nMaxListNesting; }
+    // A bracket that a faulty feature leaves open must not spoil the features behind it. An open multi-line
+    // string does: it hides their headers, and the parser reports the string.
     void startBlock() { *this = CListScanner(); }
 
-    // Takes in one line, without its line end.
+    // Takes in one line, without its line end. A string that is not multi-line ends with its line at the
+    // latest: if it is still open, that is an error of this line, and must not hide the next ones.
     void scan(std::string_view line) {
         m_nDots = 0;
         while (!line.empty() && !isTooDeep()) {
@@ -49,7 +54,7 @@ public:
     }
 
 private:
-    // Both return how many characters they dealt with.
+    // Both return how many characters they have dealt with, at least one.
     size_t plain(std::string_view line) {
         switch (line.front()) {
         case '#':
@@ -64,9 +69,11 @@ private:
             break;
         case ']':
         case '}':
+            // Too many closing brackets are for the parser to report.
             m_nDepth = std::max(0, m_nDepth - 1);
             break;
         case '.':
+            // The parser recurses with a dotted key. The dots of numbers count too, but no number has many.
             ++m_nDots;
             return 1;
         case ',':
@@ -80,13 +87,14 @@ private:
     }
 
     size_t quoted(std::string_view line) {
+        // Only basic strings have escapes; literal ones take the backslash as it is (TOML 1.0, "String").
         if (line.front() == '\\' && m_sClosing.front() == '"') {
             return std::min<size_t>(2, line.size());
         }
         if (!line.starts_with(m_sClosing)) {
             return 1;
         }
-        // Quotes right before the closing ones belong to the text.
+        // TOML allows one or two quotation marks right before the closing three; they belong to the text.
         const size_t quotes = std::min(line.find_first_not_of(m_sClosing.front()), line.size());
         const size_t length = m_sClosing.size() == 1 ? 1 : quotes;
         m_sClosing = {};
@@ -104,6 +112,8 @@ private:
 
 } // namespace
 
+// One walk over the text. A block ends where the next header's line begins, so comments above a feature
+// belong to the block before, where they do no harm.
 std::vector<SListBlock> cutFeatureList(std::string_view text) {
     std::vector<SListBlock> blocks(1);
     CListScanner scanner;
@@ -119,6 +129,7 @@ std::vector<SListBlock> cutFeatureList(std::string_view text) {
             scanner.startBlock();
         }
         scanner.scan(line);
+        // Marked, so that nobody gives this block to the parser.
         if (scanner.isTooDeep() && blocks.back().m_nTooDeepLine == 0) {
             blocks.back().m_nTooDeepLine = number;
         }

@@ -17,12 +17,13 @@ namespace {
 constexpr int nReadAttempts = 5;
 constexpr auto oReadPause = std::chrono::milliseconds(20);
 
+// Both are of one open file, so neither device nor inode can differ.
 bool isSame(const struct stat& one, const struct stat& other) {
     return one.st_size == other.st_size && one.st_mtim.tv_sec == other.st_mtim.tv_sec &&
            one.st_mtim.tv_nsec == other.st_mtim.tv_nsec;
 }
 
-// Reads on past the size that fstat told, so that a file that grows is noticed. False: errno tells why.
+// Asks for one byte more than fstat told, so that a file that has grown is noticed. False: errno tells why.
 bool readAll(int descriptor, size_t size, std::string& text) {
     text.resize(size + 1);
     size_t length = 0;
@@ -43,11 +44,13 @@ bool readAll(int descriptor, size_t size, std::string& text) {
     return true;
 }
 
+// strerrordesc_np(3) is safe in any thread and not translated, so the log reads the same everywhere.
 std::string whyNot() {
     return fmt::format("cannot be read: {}", strerrordesc_np(errno));
 }
 
-// True: done, with a text or an error. False: the file changed meanwhile.
+// True: done, with a text or an error. False: the file changed meanwhile. O_NONBLOCK is for what is refused
+// anyway: without it, opening a FIFO would wait for a writer (fifo(7)).
 bool tryRead(const std::string& path, size_t limit, SWholeFile& file) {
     const CFileDescriptor descriptor(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     struct stat before {};
@@ -69,6 +72,7 @@ bool tryRead(const std::string& path, size_t limit, SWholeFile& file) {
         file.m_sError = whyNot();
         return true;
     }
+    // A file that shrank gives fewer bytes than its size, one that grew gives one more.
     return isSame(before, after) && file.m_sText.size() == size;
 }
 

@@ -7,11 +7,12 @@
 
 struct SWholeFile {
     std::string m_sText;
-    std::string m_sError; // why there is no text; empty: there is
+    std::string m_sError; // why it cannot be used; empty: m_sText is the file
 };
 
-// A file that is written to while it is read is read again, a few times with a short pause. Only regular
-// files of at most `limit` bytes are read; a device or a pipe is refused, not waited for.
+// A file that is written to while it is read is read again, a few times with a short pause, a tenth of a
+// second in all. Only regular files of at most `limit` bytes are read; a device or a pipe is refused, not
+// waited for. A rename over the path does no harm: the file that was opened stays whole.
 SWholeFile readWholeFile(const std::string& path, size_t limit);
 
 #endif
