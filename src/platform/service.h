@@ -12,10 +12,11 @@ enum { OVU_CALLBACK_NOTIFY_SERVICE_STOP = 0, OVU_CALLBACK_NOTIFY_SERVICE_SHUTDOW
 
 typedef void (*OvuServiceCallback)(uint32_t event);
 
-/* Registers the process as the service `name`. From then on `callback` is called with a notice from above, on
- * a thread of the manager's own, when the service is to stop or the host goes down; it may end the process.
- * To be called before the process starts other threads. The three numbers belong to the manager; the daemon
- * passes 1, 1 and 3. Returns 0 or an error number; without registration no notice ever comes. */
+/* Registers the process as the service `name`. To be called once, before the process starts other threads.
+ * From then on the manager calls `callback` on a thread of its own, with one of the notices above, when the
+ * service is to stop or the host goes down. The callback may end the process; other threads may be anywhere
+ * then. The three numbers belong to the manager; the daemon passes 1, 1 and 3. Returns 0 or an error number;
+ * without registration no notice ever comes. */
 int OvuServiceStartService(const char* name, uint32_t first, uint32_t second, OvuServiceCallback callback,
                            uint32_t third);
 

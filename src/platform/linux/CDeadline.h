@@ -1,5 +1,5 @@
-// A moment on the monotonic clock up to which a call may wait. Setting the time of day does not move it, nor
-// does a signal that interrupts the wait.
+// A moment on the monotonic clock up to which a call may wait. Setting the time of day does not move it, and
+// a signal that interrupts the wait does not either. Immutable, so any thread may use it.
 #ifndef QEL_PLATFORM_LINUX_CDEADLINE_H
 #define QEL_PLATFORM_LINUX_CDEADLINE_H
 
@@ -20,7 +20,8 @@ public:
         return static_cast<int>(std::clamp<int64_t>((left() + NANOSECONDS - 1) / NANOSECONDS, 0, INT_MAX));
     }
 
-    // Waits until `fd` is readable. False: the time was up first. With no time left it still looks once.
+    // Waits until `fd` is readable (or in an error that a read would report). False: the time was up first.
+    // With no time left it still looks once.
     bool waitReadable(int fd) const {
         pollfd entry{fd, POLLIN, 0};
         int count = poll(&entry, 1, milliseconds());
@@ -30,6 +31,7 @@ public:
         return count > 0;
     }
 
+    // Waits out the time, for calls that have failed: the loops around them have no pause of their own.
     void sleep() const {
         while (!isOver()) {
             poll(nullptr, 0, milliseconds());

@@ -8,11 +8,13 @@
 namespace {
 
 constexpr int SOCKET_TYPE = SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC;
-constexpr int BACKLOG = 4096; // the kernel takes its own limit where that is less
+constexpr int BACKLOG = 4096; // capped silently at net.core.somaxconn (listen(2))
+// Whoever may enter the runtime directory may connect: the directory alone decides who takes part.
 constexpr unsigned int SOCKET_MODE = 0777;
 
-// What one connection may hold of messages that its peer has not read. Some hundred of the usual ones, or
-// several of the largest that travel inside a packet; and 300 hung peers do not eat up a small appliance.
+// What one connection may hold of messages that its peer has not read: several hundred of the usual size, or
+// a few of the largest that travel inside a packet. Small enough that 300 hung peers do not eat up a small
+// appliance. The kernel doubles the number for its own overhead (socket(7)).
 constexpr int SEND_BUFFER = 256 * 1024;
 
 const sockaddr* generic(const sockaddr_un& address) {
@@ -21,6 +23,7 @@ const sockaddr* generic(const sockaddr_un& address) {
 
 } // namespace
 
+// EPIPE is not among them because it arrives as ECONNRESET: see errors.h.
 bool isGone(int error) {
     return error == ECONNRESET || error == ECONNREFUSED || error == ENOTCONN;
 }
@@ -30,10 +33,14 @@ int CMfwConnection::connect(const CRuntimeDirectory& directory, uint32_t peer) {
     if (!m_oSocket) {
         return lastError();
     }
+    // A Unix socket connects at once or not at all: where others return EINPROGRESS, this is EAGAIN
+    // (connect(2)).
     const sockaddr_un address = directory.socketAddress(mfwSocketName(peer));
     if (::connect(fd(), generic(address), sizeof address) != 0) {
         return lastError();
     }
+    // The socket's file proves nothing: another process may have made it. Only the kernel's word on who
+    // listens there does.
     if (const int error = identifyPeer()) {
         return error;
     }
@@ -45,7 +52,10 @@ int CMfwConnection::accept(int listener) {
     return m_oSocket ? identifyPeer() : lastError();
 }
 
-// A process outside our name space of process ids has none that we could know it by.
+// SO_PEERCRED tells who the peer was when it called connect(2) or listen(2), so a peer cannot change it
+// afterwards. The id is 0 for a process outside our pid namespace, and then there is no handle to know it by.
+//
+// The limit of unread messages is set here too, since both ways of making a connection come through here.
 int CMfwConnection::identifyPeer() {
     ucred credentials{};
     socklen_t size = sizeof credentials;
@@ -59,6 +69,7 @@ int CMfwConnection::identifyPeer() {
     return setsockopt(fd(), SOL_SOCKET, SO_SNDBUF, &SEND_BUFFER, sizeof SEND_BUFFER) == 0 ? 0 : lastError();
 }
 
+// After a failure for good, the endpoint opens another connection to the peer, which may have come back.
 int CMfwConnection::send(const CMfwOutgoingFrame& frame) {
     const int error = frame.send(fd());
     if (isGone(error)) {
@@ -74,6 +85,8 @@ int openMfwListener(const CRuntimeDirectory& directory, uint32_t handle, CFileDe
     if (!opened || bind(opened.get(), generic(address), sizeof address) != 0) {
         return lastError();
     }
+    // bind(2) applies the umask to the mode. Nobody can connect before listen(2), so nobody meets the mode
+    // of before.
     if (const int error = directory.setMode(name, SOCKET_MODE)) {
         return error;
     }

@@ -1,5 +1,12 @@
-// A connected socket between this process and one other, whichever of the two connected. Used in both
+// A connected socket between this process and one other, whichever of the two has connected. Used in both
 // directions.
+//
+// It is a Unix socket of type SOCK_SEQPACKET (unix(7)): a packet arrives whole and in order, the kernel
+// vouches for the peer's process id, and each side learns when the other is gone. One socket for each peer,
+// because the kernel charges unread packets to the socket that sent them: so a peer that does not read blocks
+// nobody but itself.
+//
+// Not thread-safe; the endpoint's mutex guards it. No function blocks. Error numbers are those of errors.h.
 #ifndef QEL_PLATFORM_LINUX_CMFWCONNECTION_H
 #define QEL_PLATFORM_LINUX_CMFWCONNECTION_H
 
@@ -8,19 +15,20 @@
 
 class CMfwConnection {
 public:
-    // Connects to the endpoint of the process `peer` and does not block. ECONNREFUSED, ENOENT, ESRCH: it has
-    // none. EAGAIN: too many wait to be let in.
+    // Connects to the endpoint of the process `peer`. ECONNREFUSED, ENOENT, ESRCH: it has none. EAGAIN: its
+    // queue of connections that wait to be accepted is full.
     [[nodiscard]] int connect(const CRuntimeDirectory& directory, uint32_t peer);
 
-    // Takes the next connection that waits at `listener`. EAGAIN: none does.
+    // Accepts the next connection that waits at `listener`. EAGAIN: there is none.
     [[nodiscard]] int accept(int listener);
 
-    // An error number for which isGone() is true ends the sending on this connection, but not the receiving:
-    // what the peer sent before it went is still to be read.
+    // EAGAIN: the peer does not read, and the connection is full. An error for which isGone() is true
+    // ends the sending on this connection, but not the receiving: what the peer sent before it went can
+    // still be read.
     [[nodiscard]] int send(const CMfwOutgoingFrame& frame);
 
     int fd() const { return m_oSocket.get(); }
-    uint32_t peer() const { return m_nPeer; } // its handle, by the kernel's word
+    uint32_t peer() const { return m_nPeer; } // its handle, vouched for by the kernel
     bool isSendable() const { return m_bSendable; }
 
 private:
@@ -31,10 +39,11 @@ private:
     bool m_bSendable = true;
 };
 
-// Whether a send failed because the other end of the connection is no more.
+// Whether a send failed because the other end of the connection is closed.
 [[nodiscard]] bool isGone(int error);
 
-// Opens the listening socket of the process `handle`, whose name is free. 0 or an error number.
+// Opens the listening socket of the process `handle`. Its file must not exist: the caller holds the name, and
+// has removed what a dead process left (mfw_names.h). 0 or an error number.
 [[nodiscard]] int openMfwListener(const CRuntimeDirectory& directory, uint32_t handle,
                                   CFileDescriptor& listener);
 

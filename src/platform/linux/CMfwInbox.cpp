@@ -2,6 +2,8 @@
 
 namespace {
 
+// Beyond its limits a sender's messages stay in its connection. Messages to oneself have none to stay in:
+// sending one fails then (EAGAIN).
 constexpr size_t MAX_MESSAGES = 64;               // of one sender
 constexpr size_t MAX_OWN_MESSAGES = 1024;         // of this process itself
 constexpr size_t MAX_BYTES = size_t{1024} * 1024; // of one sender's bodies
@@ -9,6 +11,7 @@ constexpr size_t MAX_ALL_BYTES = size_t{32} * 1024 * 1024;
 
 } // namespace
 
+// Bodies in memory files count in full, although this process reads them only at their delivery.
 bool CMfwInbox::hasRoom(uint32_t sender) const {
     const auto found = m_oQueues.find(sender);
     if (found == m_oQueues.end()) {
@@ -31,6 +34,8 @@ void CMfwInbox::add(SMfwMessage message) {
     place->second.m_oMessages.push_back(std::move(message));
 }
 
+// A sender whose queue is not empty goes to the end of the line. An empty queue is erased, so the table stays
+// as small as the number of senders that wait, and the next message of this sender is a first one again.
 bool CMfwInbox::take(SMfwMessage& message) {
     if (m_oTurns.empty()) {
         return false;

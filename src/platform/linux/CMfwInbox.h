@@ -1,5 +1,8 @@
-// Messages that have been taken in and wait for their delivery. Bounded: what a sender has no room for here
-// stays in its connection, and fills that up in the end, so that the sender notices and nobody else does.
+// Messages that have arrived and wait for their delivery, in memory, by sender.
+//
+// Bounded for each sender: what has no room here stays in the sender's connection, until that is full as well
+// and the sender's next send fails. So a flood is noticed by whoever causes it, and by nobody else. Not
+// thread-safe; the endpoint's mutex guards it.
 #ifndef QEL_PLATFORM_LINUX_CMFWINBOX_H
 #define QEL_PLATFORM_LINUX_CMFWINBOX_H
 
@@ -11,15 +14,17 @@
 
 class CMfwInbox {
 public:
-    // `own`: this process's handle, which has more room than the others. It writes to itself at moments when
-    // it cannot wait, and would cut off nobody else.
+    // `own` is this process's handle. Messages to oneself have more room, since they have no connection in
+    // which they could wait, and they hold up nobody else.
     explicit CMfwInbox(uint32_t own) : m_nOwn(own) {}
 
-    // Whether one more message of this sender may be added. The first of a sender always may.
+    // Whether one more message of this sender may be added. The first of a sender always may, whatever its
+    // size: otherwise a message above the limits could never be delivered.
     [[nodiscard]] bool hasRoom(uint32_t sender) const;
 
     bool isEmpty() const { return m_oTurns.empty(); }
 
+    // The caller has asked hasRoom() first; this does not check again.
     void add(SMfwMessage message);
 
     // Takes out the next message: senders take turns, each one's messages in the order they were added.

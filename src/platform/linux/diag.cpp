@@ -1,5 +1,6 @@
-// Diagnostics: lines go to the systemd journal, as one datagram each in its native protocol. libsystemd's own
-// call would wait for room where the journal does not read; this never does.
+// Diagnostics: each line goes to the systemd journal as one datagram in its native protocol
+// (https://systemd.io/JOURNAL_NATIVE_PROTOCOL). libsystemd's own call would wait for room if the journal does
+// not read; this never does: such a line is lost, and the daemon goes on.
 #include "platform/diag.h"
 
 #include "base/CFileDescriptor.h"
@@ -33,8 +34,8 @@ struct SModule {
     }
 };
 
-// A module's handle is its place here, counted from 1. Never destroyed: another thread may be ending the
-// process.
+// A module's handle is its place in the list, counted from 1, so it is never 0. Nothing is removed, since a
+// handle has no end. Never destroyed, since another thread may be ending the process meanwhile.
 struct SModules {
     std::mutex m_oMutex;
     std::vector<SModule> m_oAll;
@@ -45,8 +46,8 @@ SModules& modules() {
     return instance;
 }
 
-// Address of the journal's socket; false: not wanted (QEL_DIAG=off), or a path that is no address. QEL_DIAG
-// may also name another socket to write to.
+// The address of the journal's socket, or of another one that QEL_DIAG names. False: no diagnostics are
+// wanted (QEL_DIAG=off), or the path does not fit into an address with its NUL.
 bool journalAddress(sockaddr_un& address) {
     const char* setting = std::getenv("QEL_DIAG");
     const std::string_view path = setting == nullptr || *setting == '\0' ? JOURNAL_SOCKET : setting;
@@ -59,13 +60,16 @@ bool journalAddress(sockaddr_un& address) {
     return true;
 }
 
-// Connects to the journal. The descriptor is for one line: a journal that was started anew is another socket.
+// Connects to the journal. The descriptor serves one line, because a journal that was restarted has another
+// socket; so lines reach the journal again without anybody's doing.
 int openJournal(CFileDescriptor& journal) {
     sockaddr_un address;
     if (!journalAddress(address)) {
         return ENOTSUP;
     }
-    if (access(address.sun_path, W_OK) != 0) { // the cheap way to find that there is none
+    // The cheap way to find that there is no journal: this is done for every line where diagnostics
+    // are missing.
+    if (access(address.sun_path, W_OK) != 0) {
         return lastError();
     }
     journal = CFileDescriptor(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
@@ -76,7 +80,8 @@ int openJournal(CFileDescriptor& journal) {
     return connect(journal.get(), generic, sizeof address) == 0 ? 0 : lastError();
 }
 
-// A value with a line break in it goes with its length in front, eight bytes, the least significant first.
+// "FIELD=value", one in a line. A value that has a line break goes in the protocol's other form: its length
+// as eight bytes, the least significant first, then the value.
 void addField(std::string& entry, std::string_view field, std::string_view value) {
     entry.append(field);
     if (value.find('\n') == std::string_view::npos) {
@@ -90,6 +95,7 @@ void addField(std::string& entry, std::string_view field, std::string_view value
     entry.append(value).append(1, '\n');
 }
 
+// Severities as in diag.h; an unknown one counts as information.
 int priority(uint16_t severity) {
     switch (severity) {
     case 1:
@@ -101,23 +107,28 @@ int priority(uint16_t severity) {
     }
 }
 
+// Field names that begin with an underscore are reserved for the journal (systemd.journal-fields(7)), hence
+// QEL_. A field may occur several times, once for each of the module's names.
 int addLine(const SModule& module, uint16_t severity, uint32_t event, const char* text) {
     CFileDescriptor journal;
     if (const int error = openJournal(journal)) {
         return error;
     }
+    // One datagram, so the journal gets the line whole. It refuses what exceeds the socket's buffer
+    // (EMSGSIZE, some 200 KiB by default); the daemon's lines stay far below.
     std::string entry;
     addField(entry, "MESSAGE", text);
     addField(entry, "PRIORITY", std::to_string(priority(severity)));
     addField(entry, "SYSLOG_IDENTIFIER", module.m_sLogName);
     addField(entry, "QEL_EVENT", std::to_string(event));
-    for (const std::string& name : module.m_asNames) { // the journal takes a field several times
+    for (const std::string& name : module.m_asNames) {
         addField(entry, "QEL_MODULE", name);
     }
     return send(journal.get(), entry.data(), entry.size(), MSG_NOSIGNAL) >= 0 ? 0 : lastError();
 }
 
-// Registering the same again gives the same handle, so that a service may register for every line.
+// Registering the same module again gives the same handle, so that a service may register for every line
+// without the list growing.
 uint32_t registerModule(SModule module) {
     const std::lock_guard<std::mutex> guard(modules().m_oMutex);
     std::vector<SModule>& all = modules().m_oAll;
@@ -131,6 +142,7 @@ uint32_t registerModule(SModule module) {
     return static_cast<uint32_t>(place + 1);
 }
 
+// A copy, so that the lock is not held while the line is sent.
 bool findModule(uint32_t handle, SModule& module) {
     const std::lock_guard<std::mutex> guard(modules().m_oMutex);
     if (handle == 0 || handle > modules().m_oAll.size()) {
@@ -160,6 +172,8 @@ int OvuDiagRegisterModule(const char* name1, const char* name2, const char* name
     }
     return guarded([&] {
         CFileDescriptor journal;
+        // A trial connection: without a journal the caller is to learn that now, and to write to its own
+        // log instead.
         const int error = openJournal(journal);
         if (error == 0) {
             *handle = registerModule(makeModule({name1, name2, name3}, logName));

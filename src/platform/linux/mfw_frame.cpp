@@ -11,16 +11,19 @@
 
 namespace {
 
+// All that can be changed about a file's content and size, and the set of seals itself (fcntl(2)).
 constexpr int SEALS = F_SEAL_SEAL | F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE;
 constexpr size_t FRAMEWORK_BYTES = 20; // of a record, before the sender's handle
 
-// A frame carries one descriptor at most. There is room for as many as a packet can have (unix(7):
-// SCM_MAX_FD), so that what is too many is seen and closed: an emulator would keep what we have no room for.
+// A frame carries one descriptor at most. Still there is room for as many as a packet can hold (SCM_MAX_FD is
+// 253, see unix(7)), so that all of them are received and closed. The kernel discards what has no room, but
+// an emulator in between may leave it open.
 union UControl {
     cmsghdr m_oAligned;
     char m_aBytes[CMSG_SPACE(253 * sizeof(int))];
 };
 
+// write(2) may write less than it is given, say where memory runs out halfway. The next call then tells why.
 int writeWhole(int fd, const uint8_t* data, size_t size) {
     while (size > 0) {
         const ssize_t written = write(fd, data, size);
@@ -35,6 +38,9 @@ int writeWhole(int fd, const uint8_t* data, size_t size) {
     return 0;
 }
 
+// pread(2), not read(2): a descriptor that was passed shares its file offset with the sender's (unix(7),
+// SCM_RIGHTS), and that one stands at the end. A file that is too short cannot come here: isSealed() has
+// compared the size.
 int readWhole(int fd, uint8_t* data, size_t size) {
     size_t done = 0;
     while (done < size) {
@@ -47,7 +53,9 @@ int readWhole(int fd, uint8_t* data, size_t size) {
     return 0;
 }
 
-// Whether the file has the size and will keep its size and its bytes, whatever the peer does.
+// Whether the file has this size and will keep its size and its bytes, whatever the peer does. F_GET_SEALS
+// fails for files that know no seals. F_SEAL_WRITE cannot be set while a writable shared mapping exists
+// (fcntl(2)), so there is no way around it.
 bool isSealed(int fd, size_t size) {
     struct stat status {};
     const int seals = fcntl(fd, F_GET_SEALS);
@@ -55,12 +63,15 @@ bool isSealed(int fd, size_t size) {
            static_cast<uint64_t>(status.st_size) == size;
 }
 
+// Every descriptor gets an owner before anything else is looked at, so none stays open, whatever the frame
+// turns out to be. CMSG_DATA need not be aligned for an int (cmsg(3)), hence memcpy.
 std::vector<CFileDescriptor> takeFiles(msghdr& packet) {
     std::vector<CFileDescriptor> files;
     for (cmsghdr* part = CMSG_FIRSTHDR(&packet); part != nullptr; part = CMSG_NXTHDR(&packet, part)) {
         if (part->cmsg_level != SOL_SOCKET || part->cmsg_type != SCM_RIGHTS) {
             continue;
         }
+        // cmsg_len counts the header as well (cmsg(3)).
         const size_t count = (part->cmsg_len - CMSG_LEN(0)) / sizeof(int);
         files.reserve(files.size() + count);
         for (size_t i = 0; i < count; ++i) {
@@ -98,10 +109,13 @@ int CMfwOutgoingFrame::prepare(uint16_t type, uint32_t userId, const uint8_t* bo
     m_oHeader.m_nPlace = SMfwFrameHeader::BODY_INLINE;
     m_pBody = body;
     m_nLength = length;
+    // A packet cannot be larger than the socket's buffer (EMSGSIZE), and every reader keeps room for
+    // the largest.
     if (length <= MFW_MAX_INLINE_BODY) {
         return 0;
     }
     m_oHeader.m_nPlace = SMfwFrameHeader::BODY_IN_FILE;
+    // The name shows in /proc/<pid>/fd only; it need not be unique (memfd_create(2)).
     m_oFile = CFileDescriptor(memfd_create("qel-message", MFD_CLOEXEC | MFD_ALLOW_SEALING));
     if (!m_oFile) {
         return lastError();
@@ -109,9 +123,12 @@ int CMfwOutgoingFrame::prepare(uint16_t type, uint32_t userId, const uint8_t* bo
     if (const int error = writeWhole(m_oFile.get(), body, length)) {
         return error;
     }
+    // Sealed after it was written, as F_SEAL_WRITE would forbid that.
     return fcntl(m_oFile.get(), F_ADD_SEALS, SEALS) == 0 ? 0 : lastError();
 }
 
+// sendmsg(2) only reads the parts, although iovec is not const. MSG_NOSIGNAL: a peer that is gone is an error
+// number, not a SIGPIPE.
 int CMfwOutgoingFrame::send(int socket) const {
     iovec parts[] = {{const_cast<SMfwFrameHeader*>(&m_oHeader), sizeof m_oHeader},
                      {const_cast<uint8_t*>(m_pBody), m_oFile ? 0 : m_nLength}};
@@ -146,7 +163,8 @@ EMfwReceived CMfwFrameReader::receive(int socket, SMfwMessage& message) {
     packet.msg_control = control.m_aBytes;
     packet.msg_controllen = sizeof control.m_aBytes;
     ssize_t size = -1;
-    // A reset is told once and ahead of what the peer had sent before it went; that can still be read.
+    // A peer that closes with unread messages of ours makes this fail once with ECONNRESET, ahead of what the
+    // peer itself sent before. That can still be read, so the error is passed over.
     do {
         size = recvmsg(socket, &packet, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
     } while (size < 0 && (errno == EINTR || errno == ECONNRESET));
@@ -154,18 +172,24 @@ EMfwReceived CMfwFrameReader::receive(int socket, SMfwMessage& message) {
         return errno == EAGAIN ? EMfwReceived::Nothing : EMfwReceived::Closed;
     }
     std::vector<CFileDescriptor> files = takeFiles(packet);
+    // There was a descriptor, but RLIMIT_NOFILE left no room for it (unix(7)). The peer has done nothing
+    // wrong, so only the message is lost and not the connection.
     if ((packet.msg_flags & MSG_CTRUNC) != 0 && files.empty()) {
         return EMfwReceived::Dropped;
     }
+    // An empty packet would look the same, but no frame is empty.
     if (size == 0) {
         return EMfwReceived::Closed;
     }
+    // Longer than any frame, or with more descriptors than one.
     if ((packet.msg_flags & (MSG_TRUNC | MSG_CTRUNC)) != 0) {
         return EMfwReceived::Garbage;
     }
     return decode(static_cast<size_t>(size), std::move(files), message);
 }
 
+// Exactly what the header says, nothing missing and nothing extra: of a frame that differs in any way,
+// nothing is used.
 EMfwReceived CMfwFrameReader::decode(size_t size, std::vector<CFileDescriptor> files,
                                      SMfwMessage& message) const {
     SMfwFrameHeader header;
@@ -174,6 +198,7 @@ EMfwReceived CMfwFrameReader::decode(size_t size, std::vector<CFileDescriptor> f
     }
     std::memcpy(&header, m_oPacket.data(), sizeof header);
     const size_t inlineSize = size - sizeof header;
+    // The length is the peer's claim, and a record of that size will be allocated. So it is bounded first.
     if (header.m_nMagic != SMfwFrameHeader::MAGIC || header.m_nType > UINT16_MAX ||
         header.m_nLength > MFW_MAX_BODY) {
         return EMfwReceived::Garbage;

@@ -1,9 +1,10 @@
-// Frames: how a message travels from process to process. One packet each: a header, and the body behind it. A
-// body above 64 KiB travels as a sealed memory file instead, whose descriptor goes with the header; so a
-// message of any size arrives whole or not at all, and sending it does not block.
+// Frames: how a message travels from process to process. A frame is one packet of a SOCK_SEQPACKET socket: a
+// header, and the body behind it. A body above 64 KiB travels as a sealed memory file instead
+// (memfd_create(2)), whose descriptor goes with the header. So a message of any size arrives whole or not at
+// all, sending it does not block, and the kernel's limit of a packet's size does not matter.
 //
-// The peer is not trusted: a frame is taken only if all of it is as it must be, and a memory file only if its
-// seals say that it will stay as it is.
+// The peer is not trusted. A frame is accepted only if every part of it is as it should be, and a memory file
+// only if its seals promise that neither its size nor its content can change any more (fcntl(2), F_SEAL_...).
 #ifndef QEL_PLATFORM_LINUX_MFW_FRAME_H
 #define QEL_PLATFORM_LINUX_MFW_FRAME_H
 
@@ -20,8 +21,8 @@ enum { MFW_MAX_INLINE_BODY = 64 * 1024, MFW_MAX_BODY = 64 * 1024 * 1024 };
 struct SMfwFrameHeader {
     enum : uint32_t { MAGIC = 0x514D4631, BODY_INLINE = 0, BODY_IN_FILE = 1 };
 
-    CBigEndian32 m_nMagic;
-    CBigEndian32 m_nType; // 16 bits used
+    CBigEndian32 m_nMagic; // "QMF1"; whatever else comes is not this protocol
+    CBigEndian32 m_nType;  // 16 bits used
     CBigEndian32 m_nUserId;
     CBigEndian32 m_nLength; // bytes of the body
     CBigEndian32 m_nPlace;  // BODY_...
@@ -51,28 +52,31 @@ private:
     uint8_t* m_pStart = m_aUsual;
 };
 
-// A message between its arrival and its delivery. The body is either in m_oBody or in the file.
+// A message between arrival and delivery. Its body is in m_oBody, or in the file if that is open. Owns both.
 struct SMfwMessage {
     uint16_t m_nType = 0;
     uint32_t m_nUserId = 0;
-    uint32_t m_nSender = 0; // handle
+    uint32_t m_nSender = 0; // handle; from the connection, never from the frame
     uint32_t m_nLength = 0;
     std::vector<uint8_t> m_oBody;
     CFileDescriptor m_oFile;
 
-    // The record as a callback reads it: 24 bytes of the framework, the body, and zeros up to the least size.
-    // 0 or an error number: memory files are read at this moment only, so that a backlog of them takes no
-    // memory.
+    // Writes the record as a callback reads it (mfw.h): 24 bytes of the framework, the body, and zeros up to
+    // the least size. Memory files are read only now, so that a backlog of them takes no memory of this
+    // process. 0 or an error number; the message is then lost. May throw std::bad_alloc.
     [[nodiscard]] int makeRecord(CMfwRecord& record) const;
 };
 
-// A message on its way out. Made before any lock is taken; may be sent more than once. Borrows the body.
+// A message on its way out. Prepared before any lock is taken, since that may copy megabytes; may be sent
+// more than once. Borrows the body, which must stay until the last send.
 class CMfwOutgoingFrame {
 public:
-    // 0 or an error number. `length` is at most MFW_MAX_BODY.
+    // Call it once. `length` is at most MFW_MAX_BODY. 0 or an error number, say EMFILE or ENOMEM of a
+    // memory file.
     [[nodiscard]] int prepare(uint16_t type, uint32_t userId, const uint8_t* body, uint32_t length);
 
-    // Sends to a connected socket and does not block. EAGAIN: the peer's queue is full.
+    // Sends to a connected socket without blocking. EAGAIN: the peer's queue is full. The frame is sent whole
+    // or not at all.
     [[nodiscard]] int send(int socket) const;
 
 private:
@@ -84,18 +88,20 @@ private:
 
 enum class EMfwReceived {
     Message,
-    Dropped, // one was there, but our own descriptors were used up
+    Dropped, // a message was lost: this process has no descriptor left for its file
     Nothing, // none for now
-    Closed,  // the peer is gone, and all that it sent was read
-    Garbage  // the peer does not speak as it must
+    Closed,  // the peer is gone, and all that it sent has been read
+    Garbage  // not a frame: the connection is of no use any more
 };
 
-// Reads frames; holds the room for one packet.
+// Reads frames into the one buffer that it holds, of the size of the largest packet. Used by one thread
+// at a time.
 class CMfwFrameReader {
 public:
     CMfwFrameReader() : m_oPacket(sizeof(SMfwFrameHeader) + MFW_MAX_INLINE_BODY) {}
 
-    // Takes the next frame from a non-blocking socket. All but m_nSender is set, where it is a message.
+    // Takes the next frame from a non-blocking socket. If the result is Message, all of `message` but
+    // m_nSender is set; otherwise it is of no use.
     [[nodiscard]] EMfwReceived receive(int socket, SMfwMessage& message);
 
 private:

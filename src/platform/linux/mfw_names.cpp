@@ -14,7 +14,7 @@ namespace {
 
 constexpr std::string_view NAME_PREFIX = "name.";
 
-// Another process holds a dead one's lock for some system calls only, while it clears away.
+// Whoever clears away after a dead process holds its lock for some system calls only.
 constexpr int CLAIM_ATTEMPTS = 500;
 constexpr std::chrono::milliseconds CLAIM_PAUSE{1};
 
@@ -22,6 +22,7 @@ std::string nameFile(uint32_t handle) {
     return std::string(NAME_PREFIX) + std::to_string(handle);
 }
 
+// Only the one spelling that nameFile() makes: "name.007" would be another file than that of process 7.
 std::optional<uint32_t> handleOf(const std::string& file) {
     uint32_t handle = 0;
     const char* end = file.data() + file.size();
@@ -30,7 +31,9 @@ std::optional<uint32_t> handleOf(const std::string& file) {
     return whole ? std::optional(handle) : std::nullopt;
 }
 
-// To be called with the exclusive lock on the file that `lockedFd` has open.
+// To be called with the exclusive lock on the file that `lockedFd` has open. Without the comparison a file
+// that another process has meanwhile made under the name could be removed. The socket goes first: with the
+// file gone, a new owner may bind it at once.
 void removeIfSame(const CRuntimeDirectory& directory, uint32_t handle, int lockedFd) {
     if (directory.isSameFile(nameFile(handle), lockedFd)) {
         directory.remove(mfwSocketName(handle));
@@ -38,7 +41,7 @@ void removeIfSame(const CRuntimeDirectory& directory, uint32_t handle, int locke
     }
 }
 
-// The lock that an owner holds is exclusive. Asking with a shared one, several may look at the same time.
+// The owner's lock is exclusive. A question with a shared one lets several processes look at the same time.
 bool isAlive(int fd) {
     return flock(fd, LOCK_SH | LOCK_NB) != 0;
 }
@@ -60,6 +63,10 @@ std::string ownProcessName() {
     return name != nullptr && *name != '\0' ? name : program_invocation_short_name;
 }
 
+// Each turn either ends in a lock on a fresh file that has the name, or begins again: somebody else held the
+// lock, there was a dead process's file, or the new file was cleared away before it was locked. An flock
+// belongs to the open file, not to the process (flock(2)), so it also holds against another endpoint of this
+// very process.
 int CMfwNameClaim::claim(const CRuntimeDirectory& directory, uint32_t handle) {
     const std::string file = nameFile(handle);
     for (int attempt = 0; attempt < CLAIM_ATTEMPTS; ++attempt) {
@@ -73,11 +80,12 @@ int CMfwNameClaim::claim(const CRuntimeDirectory& directory, uint32_t handle) {
             std::this_thread::sleep_for(CLAIM_PAUSE);
             continue;
         }
-        if (stale) { // not reused: its text would be taken for our name
+        if (stale) { // not used again: it still holds the dead process's name
             removeIfSame(directory, handle, opened.get());
             continue;
         }
         if (directory.isSameFile(file, opened.get())) {
+            // Otherwise bind(2) would fail with EADDRINUSE.
             directory.remove(mfwSocketName(handle));
             m_nHandle = handle;
             m_oLocked = std::move(opened);
@@ -87,6 +95,7 @@ int CMfwNameClaim::claim(const CRuntimeDirectory& directory, uint32_t handle) {
     return EBUSY;
 }
 
+// The file has been empty so far, and an empty name is nobody's.
 int CMfwNameClaim::publish(const std::string& name) {
     const ssize_t written = pwrite(m_oLocked.get(), name.data(), name.size(), 0);
     return written == static_cast<ssize_t>(name.size()) ? 0 : lastError();
@@ -99,6 +108,9 @@ void CMfwNameClaim::withdraw(const CRuntimeDirectory& directory) {
     }
 }
 
+// Two processes may have one name; the lowest handle makes all who ask agree. For a dead one, the shared lock
+// is turned into an exclusive one. That may fail, as others look as well; then one of them clears away, now
+// or at the next look.
 int findProcess(const CRuntimeDirectory& directory, const std::string& name, uint32_t& handle) {
     std::optional<uint32_t> lowest;
     for (const std::string& file : directory.list(NAME_PREFIX)) {
@@ -106,6 +118,7 @@ int findProcess(const CRuntimeDirectory& directory, const std::string& name, uin
         if (!candidate) {
             continue;
         }
+        // Empty if the file was removed since the directory was read.
         const CFileDescriptor opened = directory.openFile(file, O_RDONLY);
         if (!opened) {
             continue;

@@ -1,8 +1,8 @@
-// Who has an endpoint, and under which process name: the file "name.<handle>" holds the name, and its owner
-// holds a lock on it for as long as it lives. A handle is the process's id.
+// Who has an endpoint, and under which process name. The file "name.<handle>" holds the name, and its owner
+// holds a lock on it (flock(2)) for as long as it lives. A handle is a process id.
 //
-// The rule that keeps this exact with no server: whoever takes away a file "name.<handle>" holds the
-// exclusive lock on it and has seen, with the lock held, that the name still means that file. The socket
+// There is no server to keep this exact; a rule does it. Whoever removes a file "name.<handle>" holds the
+// exclusive lock on it, and has seen, with the lock held, that the name still means that file. The socket
 // "mfw.<handle>" belongs to whoever holds the lock on the file beside it.
 #ifndef QEL_PLATFORM_LINUX_MFW_NAMES_H
 #define QEL_PLATFORM_LINUX_MFW_NAMES_H
@@ -14,20 +14,22 @@
 
 std::string mfwSocketName(uint32_t handle);
 
-// This process's own name: QEL_PROCESS_NAME in the environment, else that of its program.
+// This process's own name: QEL_PROCESS_NAME in the environment, else that of its program. Reads the
+// environment, so it must not run while another thread changes that.
 std::string ownProcessName();
 
-// This process's place among the names, from claim() to withdraw(). Where the process dies first, the next
-// one that looks clears away what it left.
+// This process's place among the names: claim(), then publish(), at the end withdraw(). If the process dies
+// instead, the kernel frees its lock, and the next one that looks clears away what is left. Not thread-safe.
 class CMfwNameClaim {
 public:
-    // Takes the lock for `handle` and removes what a dead process of the same id left. Nobody finds it yet.
+    // Takes the lock for `handle` and removes what a dead process of the same id has left. Nobody finds the
+    // process by its name yet. EBUSY: others held the lock for half a second.
     [[nodiscard]] int claim(const CRuntimeDirectory& directory, uint32_t handle);
 
-    // From here on the process is found under `name`.
+    // From here on the process is found under `name`, so its socket must be listening already.
     [[nodiscard]] int publish(const std::string& name);
 
-    // Removes the file, the socket and the lock.
+    // Removes file and socket, and frees the lock. Harmless if there is no claim.
     void withdraw(const CRuntimeDirectory& directory);
 
 private:
@@ -35,7 +37,8 @@ private:
     CFileDescriptor m_oLocked;
 };
 
-// The lowest handle of the living processes of that name. ESRCH: there is none. Removes what dead ones left.
+// The lowest handle of the living processes of that name. ESRCH: there is none. Also removes what dead
+// processes have left. Costs about four system calls for each process that has an endpoint. Does not block.
 [[nodiscard]] int findProcess(const CRuntimeDirectory& directory, const std::string& name, uint32_t& handle);
 
 #endif

@@ -1,5 +1,7 @@
-// Process state: whoever holds the lock on "process.<name>" runs. The kernel frees the lock when the process
-// dies.
+// Process state: a process runs as long as it holds the lock on "process.<name>". It is a lock of flock(2):
+// the kernel frees it when the process ends, however it ends, and other descriptors of the file do not matter
+// (a POSIX lock of fcntl(2) would go when any of them is closed). The file is never removed, so all who ask
+// mean the same one.
 #include "platform/linux/CRuntimeDirectory.h"
 #include "platform/linux/errors.h"
 
@@ -11,8 +13,8 @@
 
 namespace {
 
-// Held open for the life of the process; never destroyed, for another thread may be ending the process
-// meanwhile.
+// The locked files of this process, open as long as it lives. Never destroyed, since another thread may be
+// ending the process meanwhile.
 struct SClaims {
     std::mutex m_oMutex;
     std::vector<CFileDescriptor> m_oHeld;
@@ -28,6 +30,8 @@ int claim(const std::string& name, int& state) {
     if (const int error = directory.open()) {
         return error;
     }
+    // Two threads of this process that ask for one name conflict like two processes. The second one must find
+    // the first one's file in the list, so lock and list change together.
     const std::lock_guard<std::mutex> guard(claims().m_oMutex);
     std::vector<CFileDescriptor>& held = claims().m_oHeld;
     CFileDescriptor file = directory.openOrCreateFile(name);
@@ -42,6 +46,7 @@ int claim(const std::string& name, int& state) {
     if (errno != EWOULDBLOCK) {
         return lastError();
     }
+    // The lock is taken. By ourselves? Then the name is ours, and the answer is the same as the first time.
     const bool ours = std::any_of(held.begin(), held.end(), [&](const CFileDescriptor& own) {
         return directory.isSameFile(name, own.get());
     });
