@@ -4,7 +4,8 @@
 
 namespace {
 
-// Cuts the next part that is not empty off the text; empty if there is none.
+// Removes the next non-empty part from the front of the text and returns it; empty if there is none. The
+// separator behind it stays and is skipped by the next call, which is how empty lines and fields vanish.
 std::string_view cut(std::string_view& text, std::string_view separators) {
     text.remove_prefix(std::min(text.find_first_not_of(separators), text.size()));
     const std::string_view part = text.substr(0, text.find_first_of(separators));
@@ -16,6 +17,7 @@ std::string_view cut(std::string_view& text, std::string_view separators) {
 
 bool CDescriptions::next() {
     while (!m_sRest.empty()) {
+        // At the end of the text both fields come out empty, and the loop ends.
         std::string_view line = cut(m_sRest, "\r\n");
         const std::string_view code = cut(line, ",");
         m_sName = cut(line, ",");
@@ -33,6 +35,7 @@ uint32_t CDescriptions::readNumber(std::string_view text) {
     if (isNegative || text.starts_with('+')) {
         text.remove_prefix(1);
     }
+    // Unsigned arithmetic wraps where signed overflow would be undefined; strtol() would saturate instead.
     uint32_t number = 0;
     for (const char c : text) {
         if (c < '0' || c > '9') {

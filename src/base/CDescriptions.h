@@ -6,24 +6,31 @@
 #include <cstdint>
 #include <string_view>
 
-// One feature a line, "code,name"; docs/feature-list.md tells the format to operators. Every '\r' and every '\n' ends a
-// line. Empty fields are dropped, what follows the second field is ignored, and a line with less than two says
-// nothing. A first field that is no number counts as 0. Of several lines with one code the last gives the name.
+// The daemon and qelctl both read the file with this class, so both give a feature the same name. The format:
 //
-// Walks through the text, which must stay; allocates nothing.
+// - Each line names one feature, as "code,name". Every '\r' and every '\n' ends a line, so the line ends of
+//   all systems work.
+// - Empty fields are dropped, so ",,12,,Paging" reads as "12,Paging". Fields after the second are ignored.
+// - A line with fewer than two fields is skipped.
+// - A first field that is not a number counts as 0.
+// - If several lines have the same code, the last one gives the name. Callers therefore read to the end.
+//
+// Walks over the caller's text, which must outlive the object and the names taken from it. Allocates nothing
+// and reports no faults: a malformed line costs a name, never a feature.
 class CDescriptions {
 public:
-    // The text ends at its first NUL.
+    // The text ends at its first NUL, if it has one.
     explicit CDescriptions(std::string_view text) : m_sRest(text.substr(0, text.find('\0'))) {}
 
-    // Goes on to the next line that names a feature. False: there is none.
+    // Moves to the next line that names a feature; call it before the first one. False: there are no more.
     bool next();
 
+    // Of the current line.
     uint32_t code() const { return m_nCode; }
-    std::string_view name() const { return m_sName; } // as it is written, blanks and all; never empty
+    std::string_view name() const { return m_sName; } // exactly as written, with its blanks; never empty
 
-    // Leading blanks (' ' only), an optional sign, decimal digits; 0 where there is no number. Beyond 32 bits it
-    // wraps: codes are compared bit for bit, so that -1 and 4294967295 are one.
+    // Reads leading blanks (' ' only), an optional sign and decimal digits; what follows them is ignored. 0
+    // where there is no number. Values beyond 32 bits wrap, so -1 and 4294967295 are the same code.
     static uint32_t readNumber(std::string_view text);
 
 private:

@@ -9,7 +9,9 @@ namespace {
 
 constexpr size_t nBufferSize = 4096;
 
-// Where the stream stands, at its end. What is no size is none: a directory can be opened, and ends nowhere.
+// The size of a stream that stands at its end. 0 for what has none: fopen(3) opens a directory for reading,
+// whose end some file systems place beyond any size, and ftell(3) fails on pipes and, where long has 32 bits,
+// beyond 2 GiB.
 uint32_t sizeOf(FILE* stream) {
     const long end = std::ftell(stream);
     return end < 0 || static_cast<unsigned long>(end) > UINT32_MAX ? 0 : static_cast<uint32_t>(end);
@@ -21,6 +23,7 @@ CFile::CFile(const char* path, int mode, int text) {
     open(path, mode, text);
 }
 
+// write() has flushed already; only what it could not flush is lost here.
 CFile::~CFile() {
     if (m_pStream != nullptr) {
         std::fclose(m_pStream);
@@ -39,6 +42,7 @@ int CFile::open(const char* path, int mode, int text) {
     std::memcpy(m_szPath.get(), path, length);
     m_nText = text;
 
+    // The letter b has no effect on POSIX systems, and glibc ignores the t, which is not in ISO C.
     const bool isText = text == nText;
     const char* modeWord = isText ? "a+t" : "a+b";
     EState state = stAppend;
@@ -56,6 +60,7 @@ int CFile::open(const char* path, int mode, int text) {
     if (m_pStream == nullptr) {
         return 0;
     }
+    // POSIX does not say where a stream opened with "a+" begins to read, so the start is sought in any case.
     m_eState = state;
     std::fseek(m_pStream, 0, SEEK_END);
     m_nSize = sizeOf(m_pStream);
@@ -68,6 +73,8 @@ int CFile::isOpen() const {
     return m_eState != stClosed ? 1 : 0;
 }
 
+// Flushes first, so that a full disk leaves the caller a stream to try again with: fclose(3) gives the stream
+// up even when it fails.
 int CFile::close() {
     if (isOpen() == 0 || std::fflush(m_pStream) != 0) {
         return 0;
@@ -93,6 +100,7 @@ int CFile::remove() {
         forget();
         return 1;
     }
+    // The caller still holds an open file, as before the call, though the stream is a new one.
     const bool isText = m_nText == nText;
     if (m_eState == stAppend) {
         m_pStream = std::fopen(m_szPath.get(), isText ? "a+t" : "a+b");
@@ -125,6 +133,8 @@ int CFile::gets(char* buffer, uint32_t size) {
     return isOpen() != 0 && std::fgets(buffer, static_cast<int>(size), m_pStream) != nullptr ? 1 : 0;
 }
 
+// Stops at the size known at opening: a caller that sized its buffer by size() gets a consistent text even if
+// another process appends meanwhile.
 uint32_t CFile::read(char* buffer, uint32_t size) {
     const long position = getPosition();
     if (isOpen() == 0 || position < 0 || static_cast<unsigned long>(position) >= m_nSize) {
@@ -138,6 +148,7 @@ uint32_t CFile::write(const char* buffer, uint32_t size) {
     if (!isWritable()) {
         return 0;
     }
+    // Flushed at once, so that a process that is killed afterwards loses nothing that was written.
     const auto written = static_cast<uint32_t>(std::fwrite(buffer, 1, size, m_pStream));
     std::fflush(m_pStream);
     m_nSize += written;
@@ -152,6 +163,7 @@ int CFile::setBufferingMode(int on) {
     return result != 0 ? 1 : 0;
 }
 
+// POSIX keeps no time of creation; the last change of the inode is the nearest that stat(2) tells.
 long CFile::getCreationTime(const char* path) {
     struct stat status {};
     return ::stat(path, &status) == 0 ? static_cast<long>(status.st_ctime) : 0;

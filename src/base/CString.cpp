@@ -4,6 +4,7 @@
 #include <cctype>
 #include <new>
 
+// Compares before it looks for the end, so that the NUL itself can be found.
 const char* CString::strchr(const char* text, int c) {
     for (;; ++text) {
         if (static_cast<unsigned char>(*text) == c) {
@@ -18,6 +19,7 @@ const char* CString::strchr(const char* text, int c) {
 int CString::compareIgnoreCase(const char* other) const {
     const char* mine = c_str();
     for (; *mine != '\0' && *other != '\0'; ++mine, ++other) {
+        // As unsigned bytes: tolower(3) is undefined for negative values other than EOF.
         const auto a = static_cast<unsigned char>(*mine);
         const auto b = static_cast<unsigned char>(*other);
         if (a != b && std::tolower(a) != std::tolower(b)) {
@@ -54,6 +56,7 @@ std::vector<CString> CString::tokenize(const char* delimiters, EReturnTokensFlag
             tokens.emplace_back(token.c_str());
             token.clear();
         }
+        // From the delimiter to the end, as the header says, not the delimiter alone.
         if (flag != eSkipDelimiters) {
             tokens.emplace_back(at);
         }

@@ -1,11 +1,12 @@
-// Unsigned 32-bit words in big-endian byte order, whatever the host's.
+// Unsigned 32-bit words in big-endian (network) byte order, whatever the host's order is.
 #ifndef QEL_BASE_BIG_ENDIAN_H
 #define QEL_BASE_BIG_ENDIAN_H
 
 #include <cstdint>
 
-// A word as it lies in a message: four bytes, no alignment. Reads and assigns like a number, so that a struct
-// of such words is both the declaration of a layout and the means to read and write it.
+// A word as it lies in a message: four bytes, no alignment. It reads and assigns like a number, so a struct
+// of such words both declares a layout and reads and writes it. Shifts work on values and not on memory, so
+// one code serves both byte orders, and no address is ever misaligned.
 class CBigEndian32 {
 public:
     CBigEndian32() = default;

@@ -4,6 +4,7 @@
 
 namespace {
 
+// The cast keeps the low 32 bits, so times of a 64-bit time_t beyond 2038 come out right.
 uint32_t systemSeconds() {
     return static_cast<uint32_t>(std::time(nullptr));
 }
@@ -16,6 +17,7 @@ timeval systemTimeOfDay() {
 
 } // namespace
 
+// Constant-initialised, both: the clock works in the initialisers of other sources as well.
 constinit const SClock oSystemClock{systemSeconds, systemTimeOfDay};
 
 namespace {

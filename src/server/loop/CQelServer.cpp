@@ -18,8 +18,9 @@ constinit CFeatureSupply* CQelServer::m_pSupply = nullptr;
 
 namespace {
 
-// The millisecond part within the current second. Differences of it wrap where a second ends in between, on
-// purpose: such a turn counts as a long one.
+// The millisecond part within the current second. If a second ends between two readings, their unsigned
+// difference wraps to a huge number, and the turn counts as a long one. It then waits 5 ms instead of up to
+// 35, once a second at most, which does no harm.
 uint32_t millisecondOfSecond() {
     return static_cast<uint32_t>(nowTimeOfDay().tv_usec / 1000);
 }
@@ -38,6 +39,12 @@ void CQelServer::setSupply(CFeatureSupply& supply) {
     m_pSupply = &supply;
 }
 
+// The list comes first: whoever announces itself once the endpoint is open finds the features in force. The
+// watch comes last, for its callback is registered with the message framework and is lost when that is
+// cleaned up.
+//
+// Without a usable list the daemon starts all the same, so that an operator repairs the file and need not
+// restart anything: the watch picks the repaired file up.
 int CQelServer::init() {
     if (m_pControl.load() == nullptr) {
         m_pControl = CQelControl::instance();
@@ -55,6 +62,8 @@ int CQelServer::init() {
     return 1;
 }
 
+// instance() initialises the endpoint that it creates, but one that outlived a clear() is closed: hence
+// init() again. On an open endpoint that is harmless.
 bool CQelServer::initEndpoint() {
     CMFWServer* endpoint = CMFWServer::instance();
     if (endpoint == nullptr || endpoint->init() != 0) {
@@ -71,8 +80,12 @@ bool CQelServer::initEndpoint() {
     return true;
 }
 
-// An event that a dead daemon left behind is killed and created anew. Any other failure than that of the new
-// creation leaves the daemon running without an event: it then ends by the service manager's notice.
+// An event that exists was left behind by a dead daemon, for main() lets only one instance run. It is killed
+// and created anew, since a stop signal that nobody received might still be in it and would end this daemon
+// at once. If that fails, the start fails.
+//
+// If no event can be created for another reason, the daemon runs without one: `qelserver -stop` cannot reach
+// it then, but the service manager's notice still ends it.
 bool CQelServer::initEvent() {
     uint32_t event = OS_EVENT_NONE;
     const int error = osCreateEvent(sServiceEventName, 0, &event);
@@ -94,6 +107,8 @@ bool CQelServer::initEvent() {
     return true;
 }
 
+// The exchange lets only one of two threads kill the event, when a stop event and the service manager's
+// notice come together. existing() and not instance(), which would open an endpoint only to close it.
 void CQelServer::clear() {
     const uint32_t event = m_nEvent.exchange(OS_EVENT_NONE);
     if (event != OS_EVENT_NONE) {
@@ -106,6 +121,8 @@ void CQelServer::clear() {
     m_pControl = nullptr;
 }
 
+// One thread does everything in turn: the passes, one message, the wait. So the tables need no lock, and a
+// message never sees a pass half done.
 int CQelServer::run() {
     for (uint32_t turn = 1;; ++turn) {
         const uint32_t start = millisecondOfSecond();
@@ -113,6 +130,7 @@ int CQelServer::run() {
             checkSignal();
         }
         processMessages();
+        // The wait is also the pause that keeps a flood of messages from taking the whole processor.
         const uint32_t elapsed = millisecondOfSecond() - start;
         if (osReceiveEvent(m_nEvent.load(), waitAfter(elapsed)) == 0) {
             break;
@@ -122,11 +140,14 @@ int CQelServer::run() {
     return logEvent(svInfo, 31120, "main thread exited");
 }
 
+// The cap comes before the subtraction, which therefore cannot wrap, however large `elapsed` is.
 uint32_t CQelServer::waitAfter(uint32_t elapsed) {
     const uint32_t counted = std::min(elapsed, nMaxLoopDelay);
     return std::max(35 - counted, nMinLoopDelay);
 }
 
+// The message is handled inside the call, by cbQelServer() or by the feature source's callback. No message
+// within the time is the normal case of an idle daemon.
 int CQelServer::processMessages() {
     CMFWServer* endpoint = CMFWServer::instance();
     if (endpoint == nullptr) {
@@ -147,6 +168,7 @@ int CQelServer::checkSignal() {
         logEvent(svWarning, 31004, "failed to find control object.");
         return 0;
     }
+    // Audit first: what the timeout pass declares overdue is then not sent again in the same turn.
     control->audit();
     control->timeout();
     return 1;

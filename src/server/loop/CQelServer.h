@@ -1,5 +1,4 @@
-// The server object: the control, the message-framework endpoint and the stop event bound together by the
-// main loop.
+// The server object: binds the control, the message endpoint and the stop event together in the main loop.
 #ifndef QEL_SERVER_LOOP_CQELSERVER_H
 #define QEL_SERVER_LOOP_CQELSERVER_H
 
@@ -12,8 +11,14 @@
 class CFeatureSupply;
 class CQelControl;
 
-// One for each process. init() and run() belong to the main loop's thread. clear() may come from the service
-// manager's thread at any moment, while the main loop runs; it takes no lock.
+// There is one for each process. Order of calls: setSupply(), init(), run(), clear(); init() may follow a
+// clear().
+//
+// init() and run() belong to the main loop's thread. The service manager's thread may call clear() at any
+// moment while the loop runs. That is safe without a lock: the two members that it changes are atomic, the
+// platform's functions may be called from any thread, and instance() never destroys what it made. Until the
+// process ends, the loop finds no event and no endpoint any more; the platform's waits then fail only after
+// their time is up, so it does not spin.
 class CQelServer {
 public:
     // Created on first use, lives until the process ends. Null only where memory is exhausted.
@@ -24,32 +29,38 @@ public:
     CQelServer(const CQelServer&) = delete;
     CQelServer& operator=(const CQelServer&) = delete;
 
-    // Who supplies the feature list; to be named before init(), and to live as long as the process.
+    // Names the supplier of the feature list. Not owned: it must live as long as the process. Call it before
+    // init().
     static void setSupply(CFeatureSupply& supply);
 
-    // Opens everything that the loop needs. 1, or 0 with the reason in the log.
+    // Takes in the first feature list and opens everything that the loop needs. 1, or 0 with the reason in
+    // the log. A list that is missing or refused is logged but is no failure: the daemon then serves an empty
+    // table until the supplier hands over a usable list.
     int init();
-    // Releases the stop event and the endpoint; callable any number of times.
+    // Releases the stop event and the endpoint. May be called any number of times, from any thread.
     void clear();
-    // The main loop; returns when the stop event has come.
+    // The main loop. Returns when the stop event has come; without an event it runs until the service
+    // manager's notice ends the process. The result is that of the last line of the log and has no other
+    // meaning.
     int run();
 
-    // One step each of the loop: 1 for success, 0 for failure.
-    int processMessages();
-    int checkSignal();
+    // The steps of the loop. 1 for success, 0 for a failure, which is logged and does not end the loop.
+    int processMessages(); // receives one message at most, waiting up to nReceiveTimeout
+    int checkSignal();     // the periodic passes: audit, then timeout
 
     // Sends the stop event to this daemon itself. All ones where it holds no event, else the platform's
     // result.
     uint32_t stop();
 
-    // How long the loop waits for the stop event after a turn that took `elapsed` milliseconds.
+    // How long the loop waits for the stop event after a turn that took `elapsed`: 5 to 35. In milliseconds.
     static uint32_t waitAfter(uint32_t elapsed);
 
-    // The log; see server/log/log.h. Severity: 1 error, 2 warning, 4 information.
+    // The log under the server's name; see server/log/log.h. Severity: 1 error, 2 warning, 4 information.
     static int LogFile(uint16_t severity, uint32_t event, const char* text);
     static int LogFile(const char* text);
 
-    // The callback of the client protocol: hands one message to the request dispatcher.
+    // The framework's callback for the client protocol: hands one message to the request dispatcher. Runs
+    // inside processMessages(), on the main loop's thread.
     static void cbQelServer(uint16_t type, uint32_t id, const sOvuMfwMessage* message, uint32_t length);
 
 private:
@@ -57,7 +68,7 @@ private:
     bool initEvent();
 
     static std::atomic<CQelServer*> m_pInstance;
-    static CFeatureSupply* m_pSupply; // null: nobody
+    static CFeatureSupply* m_pSupply; // not owned; null: none was named
 
     std::atomic<uint32_t> m_nEvent = OS_EVENT_NONE;
     std::atomic<CQelControl*> m_pControl = nullptr; // not owned
