@@ -19,7 +19,7 @@
 
 namespace {
 
-// The name field of a message, with a NUL behind it.
+// The name field of a message with a NUL behind it, which a peer may have left out.
 struct SName {
     explicit SName(const CQelNameMessage& message) {
         fieldText(message.m_szName).copy(m_szText, nNameFieldSize);
@@ -28,13 +28,13 @@ struct SName {
     char m_szText[nNameFieldSize + 1] = {};
 };
 
-// One message, as its handler sees it. What the body does not have reads as zero.
+// One message, as its handler sees it. What a short body lacks reads as zero.
 struct SRequest {
     CQelControl& m_oControl;
     CQelMessageHeader m_oHeader;
-    std::span<const uint8_t> m_aBody; // all that can be read: the message, and zeros behind it
-    size_t m_nLength;                 // of the message
-    CComponent* m_pComponent = nullptr;
+    std::span<const uint8_t> m_aBody;   // all that can be read: the message, and zeros behind it
+    size_t m_nLength;                   // of the message
+    CComponent* m_pComponent = nullptr; // whose message it is, once that is known
 
     uint32_t handle() const { return m_oHeader.m_nHandle; }
 
@@ -46,8 +46,9 @@ struct SRequest {
         return readBody<CQelReplyMessage>(m_aBody.data(), m_aBody.size()).m_nStatus;
     }
 
-    // Up to its NUL: whole, though only a short one is stored. But what is no text at all, however many
-    // megabytes a peer sends, must not hold up the loop or fill the log.
+    // Up to its NUL. The log gets texts that are too long to be stored, too; the bound keeps a peer that
+    // sends megabytes from holding up the loop or filling the disk. The record always reaches past the text's
+    // offset, so subspan() is in range.
     std::string_view replyText() const {
         constexpr size_t nMaxLogged = 8192;
         const auto text = m_aBody.subspan(offsetof(CQelReplyMessage, m_szText));
@@ -56,13 +57,16 @@ struct SRequest {
     }
 };
 
+// What is done with one message. dispatch() does the common steps in this order: log what came, find the
+// component, run the handler. A handler runs only if the component was found, unless the row asks for no
+// look-up.
 struct SRow {
     uint32_t m_nSubType;
-    void (*m_fnLog)(const SRequest& request); // tells what came
-    uint32_t m_nFoundEvent; // of a message from a known component; 0: of no component, or a new one
-    const char* m_szFound;  // the words that differ in the lines of the look-up
+    void (*m_fnLog)(const SRequest& request);
+    uint32_t m_nFoundEvent; // event number of a successful look-up by handle; 0: no look-up
+    const char* m_szFound;  // the two words in which the look-ups' lines in the log differ
     const char* m_szFailedTo;
-    void (*m_fnHandle)(SRequest& request); // null: nothing more is done
+    void (*m_fnHandle)(SRequest& request); // null: the message is only logged
 };
 
 void answer(CComponent& comp) {
@@ -75,7 +79,9 @@ void logName(const SRequest& request) {
     logEvent(svInfo, 31015, "CompNameMsgType %s", request.name().m_szText);
 }
 
-// As many pairs as the message claims, but no more than it has, nor than a component has room for.
+// Takes as many pairs as the message claims, but no more than arrived and no more than a component has room
+// for. They replace the pairs of an earlier announcement, even with none: what an earlier process held says
+// nothing about this one.
 void takeKnownPairs(const SRequest& request, uint32_t claimed) {
     const size_t length = std::max(request.m_nLength, sizeof(CQelNameMessage)) - sizeof(CQelNameMessage);
     const size_t count = std::min({size_t{claimed}, length / sizeof(CQelPair), nMaxKnownPairs});
@@ -92,8 +98,13 @@ void takeKnownPairs(const SRequest& request, uint32_t claimed) {
     request.m_pComponent->setKnownPairs(std::span(pairs).first(count));
 }
 
-// A new component is taken into its features; so is a known one that came back as another process. False: there
-// is no memory for a new one.
+// Enrols a new component in the features that concern it, and likewise a known one that came back as another
+// process: whatever that had accepted is gone with it, so all its records start again. The same process id
+// means that the component merely announced itself again; what it was told still holds.
+//
+// Nothing is sent here, so no message can be held back by the pairs of an earlier announcement, which are
+// replaced only afterwards. False if there is no memory to register a new component; records of it may then
+// stand in features already.
 bool setUp(const SRequest& request, const SName& name, uint32_t processId, bool isNew) {
     CComponent& comp = *request.m_pComponent;
     const CScopedLock lock(oMutex);
@@ -105,12 +116,17 @@ bool setUp(const SRequest& request, const SName& name, uint32_t processId, bool 
     return !isNew || request.m_oControl.addComponent(&comp);
 }
 
-// Out of the control and its features, and out of memory.
+// Removes the component from every feature before it is freed, for their records point at it. Also for a
+// component that never made it into the control's table.
 void destroy(CQelControl& control, CComponent* comp) {
     control.delComponent(comp);
     delete comp;
 }
 
+// Components are identified by name here, as opposed to the handle everywhere else: the name is what survives
+// a restart of the process. An unnamed component cannot be concerned by anything, so it gets no record and no
+// answer. A process id of 0 is accepted with a warning: two processes without an id that follow each other
+// look like one, and the second is not told its features again.
 void announce(SRequest& request) {
     const CQelNameMessage message = request.nameMessage();
     const SName name(message);
@@ -134,6 +150,8 @@ void announce(SRequest& request) {
         destroy(request.m_oControl, request.m_pComponent);
         return;
     }
+    // Only now, since setUp() compares with the id of the process before. The answer comes last: it tells the
+    // component that the daemon knows its handle.
     request.m_pComponent->m_nProcessId = message.m_nProcessId;
     takeKnownPairs(request, message.m_nPairCount);
     answer(*request.m_pComponent);
@@ -145,6 +163,7 @@ void logInitList(const SRequest& request) {
     logEvent(svInfo, 31018, "InitListMsgType 0x%x", request.handle());
 }
 
+// The position survives an announcement, also that of another process of the name, hence this request.
 void initList(SRequest& request) {
     request.m_pComponent->rewindFeatureList();
     answer(*request.m_pComponent);
@@ -154,6 +173,7 @@ void logGetFeature(const SRequest&) {
     logEvent(svInfo, 31021, "cbQelServer recv nQelClientGetFeatureMsgType.");
 }
 
+// One feature for each request. At the end of the list both words keep their 0, which tells the component so.
 void getFeature(SRequest& request) {
     uint32_t code = 0;
     uint32_t data = 0;
@@ -165,6 +185,7 @@ void logStartMonitor(const SRequest&) {
     logEvent(svInfo, 31024, "cbQelServer recv nQelClientStartMonitorMsgType.");
 }
 
+// The answer goes out first, so a component knows that it monitors before the first notification comes.
 void startMonitor(SRequest& request) {
     request.m_pComponent->m_bMonitor = 1;
     answer(*request.m_pComponent);
@@ -187,6 +208,9 @@ void logWriteReply(const SRequest& request) {
              static_cast<int>(text.size()), text.data());
 }
 
+// A reply names no feature. It is credited to the first one in the component's array that awaits an answer,
+// and the answer says which that was. Then the next pending notification goes out, so a component that
+// replies works through its list without waiting for an audit. If no feature awaits one, the answer is 0, 0.
 void writeReply(SRequest& request) {
     CComponent& comp = *request.m_pComponent;
     if (const CFeatureEntry* entry = comp.replyFeatureArray()) {
@@ -204,12 +228,17 @@ void logShutdown(const SRequest& request) {
              text.data());
 }
 
+// Not answered: the process is about to end. From here on no feature waits for the component. The array goes
+// first, feature by feature with a line of the log each; destroy() then finds the records that stand in
+// features outside the array.
 void shutDown(SRequest& request) {
     request.m_pComponent->removeFeatureArray();
     request.m_pComponent->clearFeatureArray();
     destroy(request.m_oControl, request.m_pComponent);
 }
 
+// A name message finds or creates its component itself. The words of GetFeature's row are not quite those of
+// the others; docs/events.md lists each line as it stands here.
 constexpr SRow aRequests[] = {
     {CompNameMsgType, logName, 0, "", "", announce},
     {InitListMsgType, logInitList, 31020, "found", "to", initList},
@@ -226,8 +255,9 @@ constexpr SRow aReplies[] = {
 
 // --- OAM ---
 
-constexpr int nErrorNoMessage = 31;
+constexpr int nErrorNoMessage = 31; // there is nothing to send
 
+// Allocated for each request and freed after it: a list of 100,000 features takes 1.6 MB.
 struct SPackedList {
     std::unique_ptr<char[]> m_pBytes; // none: there was no memory
     size_t m_nSize = 0;
@@ -244,7 +274,8 @@ SPackedList packActiveFeatures(CQelControl& control) {
     return list;
 }
 
-// The header's length word stays 0, although the body is longer.
+// Goes to the handle in the request's header, which need not belong to a component. The header's length word
+// is 0; receivers go by the length that the framework reports.
 int sendFeatureList(const SPackedList& list, const CQelMessageHeader& request) {
     if (list.m_pBytes == nullptr) {
         logEvent(svError, 31071, "sendMessage empty message");
@@ -264,6 +295,7 @@ int sendFeatureList(const SPackedList& list, const CQelMessageHeader& request) {
     return error;
 }
 
+// Needs no announcement. Without memory for the list there is no answer, only a line in the log.
 void answerOAM(CQelControl& control, const CQelMessageHeader& request) {
     logEvent(svInfo, 31036, "cbQelServer recv OAMActiveFeature.");
     const SPackedList list = packActiveFeatures(control);
@@ -276,6 +308,12 @@ void answerOAM(CQelControl& control, const CQelMessageHeader& request) {
 
 // --- Dispatch ---
 
+// A message from a handle that never announced itself is logged and not answered: after a restart of the
+// daemon this is how components find out that they must announce themselves again.
+//
+// The component takes in the header before its handler runs, since an answer goes to the handle, and carries
+// the tag, of the latest message. A request may rename the component; a reply brings a status and a text
+// instead.
 bool findComponent(SRequest& request, const SRow& row) {
     request.m_pComponent = request.m_oControl.findCompByMFW(request.handle());
     if (request.m_pComponent == nullptr) {
@@ -286,14 +324,14 @@ bool findComponent(SRequest& request, const SRow& row) {
              request.m_pComponent->m_szName);
     if (request.m_oHeader.m_nType == nQelClientReplyMsgType) {
         request.m_pComponent->init(request.m_oHeader, nullptr, request.replyStatus(),
-                                   request.replyText().data()); // a bounded part of it is looked at
+                                   request.replyText().data()); // reads up to 501 bytes, all in the record
     } else {
         request.m_pComponent->init(request.m_oHeader, request.name().m_szText, 0, nullptr);
     }
     return true;
 }
 
-// False if no row of the table is the message's.
+// False if the table has no row for the message.
 bool dispatch(SRequest& request, std::span<const SRow> table) {
     const auto row = std::find_if(table.begin(), table.end(), [&](const SRow& candidate) {
         return candidate.m_nSubType == request.m_oHeader.m_nSubType;
@@ -320,6 +358,7 @@ void dispatchRequest(uint16_t type, uint32_t id, const sOvuMfwMessage* message, 
     if (message == nullptr) {
         return;
     }
+    // For the log only: what decides is the handle in the message's own header.
     const uint32_t sender = readBody<CBigEndian32>(message->sender, sizeof message->sender);
     logEvent(svInfo, 31011,
              "cbQelServer received a message from %lX: Type = %X, Id = %d, data[ 0 ] = %X, Length = %d",
@@ -329,6 +368,8 @@ void dispatchRequest(uint16_t type, uint32_t id, const sOvuMfwMessage* message, 
         logEvent(svError, 31012, "failed to find control object.");
         return;
     }
+    // The framework guarantees that so much is readable, and zero past the message. Fixed fields are thus
+    // read without a check each; only what a count or a length in the message governs is checked.
     const std::span<const uint8_t> body(message->data, std::max<size_t>(length, OVU_MFW_MIN_DATA));
     SRequest request{*control, readBody<CQelMessageHeader>(body.data(), body.size()), body, length};
     logHeader(request.m_oHeader);
