@@ -6,11 +6,11 @@
 
 class CComponent;
 
-// A plain record, created and deleted by the feature entry that it belongs to. State, stamp and counters are
-// written by the delivery alone (features/delivery.h).
+// A plain record, created and deleted by the feature entry that it belongs to. Only the delivery writes its
+// state, stamp and counters (features/delivery.h), so every change follows a row of the delivery's table.
 struct CCompStatus {
-    // Idle, then three phases of four states each: waiting, success, failure, timed out. In the waiting
-    // states (1, 5 and 9), and only there, a reply can be overdue.
+    // Idle, then three phases of four states each: waiting, success, failure, timed out. Only in the waiting
+    // states (1, 5 and 9) can a reply be overdue. The numbers appear in the log, so they must not change.
     enum ECStatus : int32_t {
         csIdle = 0,            // taken into delivery; nothing sent yet
         csEnabling = 1,        // feature sent; waiting for the reply
@@ -28,9 +28,11 @@ struct CCompStatus {
     };
 
     CComponent* m_pComponent = nullptr; // whose record it is; not owned
-    uint32_t m_tStamp = 0;              // seconds since the epoch: last change of state, or last send
+    // Seconds since the epoch: the last send, reply, fetch or taking in. A time-out and a new list, which
+    // change the state too, leave it.
+    uint32_t m_tStamp = 0;
     ECStatus m_eStatus = csIdle;
-    uint32_t m_nEnableTries = 0; // sends in the current cycle of each phase
+    uint32_t m_nEnableTries = 0; // notifications without an answer so far, counted for each phase by itself
     uint32_t m_nDisableTries = 0;
     uint32_t m_nModifyTries = 0;
 };

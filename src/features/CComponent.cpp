@@ -10,7 +10,8 @@
 
 namespace {
 
-// Copies a text that fits, and leaves the field as it was otherwise.
+// Copies a text that fits, and leaves the field as it was otherwise: a cut name would make the component
+// another one. Looks at maxLength + 1 characters at most, so it does not run off a text without a NUL.
 template <size_t N>
 void storeText(char (&field)[N], const char* text, size_t maxLength) {
     static_assert(N > 0);
@@ -29,6 +30,8 @@ CComponent::CComponent(CMediator* mediator) : CParty(mediator) {}
 
 CComponent::~CComponent() = default;
 
+// Called for every message of the component, so that an answer goes to the handle, and carries the tag, of
+// what it answers.
 void CComponent::init(const CQelMessageHeader& header, const char* name, uint32_t status, const char* text) {
     m_oHeader = header;
     storeText(m_szName, name, nMaxNameLength);
@@ -56,6 +59,9 @@ bool CComponent::equalName(const char* name) const {
     return std::strcmp(name, m_szName) == 0;
 }
 
+// The position is an index into the array. When a withdrawn feature leaves the table during the paging, the
+// entries behind it move up by one and a page is skipped; the audit finds a skipped new feature still untold.
+// Entries that are passed over at the end are looked at again by the next call.
 bool CComponent::getNextFeatureList(uint32_t* code, uint32_t* data) {
     const auto& entries = m_aFeatures.m_vItems;
     for (int32_t i = m_nNextFeature; i < static_cast<int32_t>(entries.size()); ++i) {
@@ -71,7 +77,12 @@ bool CComponent::getNextFeatureList(uint32_t* code, uint32_t* data) {
     return false;
 }
 
-// What a component fetches counts as acknowledged. The first fetch of a modification commits it for all.
+// Whether the entry is the next page. The component asked for it and has it with the answer, so the record
+// counts as accepted, and the feature as active.
+//
+// The first fetch of a modification puts the new data into force for all components: from then on pages carry
+// it, and the audit tells the others with a notification of the new data. The delivery goes first, since its
+// rows depend on the feature's status and its line of the log tells the pending data.
 bool CComponent::isNextToFetch(CFeatureEntry* entry) {
     CCompStatus* record = entry != nullptr ? entry->findCompByPtr(this) : nullptr;
     if (record == nullptr) {
@@ -134,6 +145,7 @@ CFeatureEntry* CComponent::replyFeatureArray() {
     return firstToTake(CFeatureEntry::opReply);
 }
 
+// Asking is doing: the first entry that takes the event has moved on to its next state when this returns.
 CFeatureEntry* CComponent::firstToTake(uint32_t op) {
     for (CFeatureEntry* entry : m_aFeatures.m_vItems) {
         if (entry != nullptr && entry->addComponent(static_cast<CFeatureEntry::EOperator>(op), this) != 0) {
@@ -143,6 +155,7 @@ CFeatureEntry* CComponent::firstToTake(uint32_t op) {
     return nullptr;
 }
 
+// Only what the array knows. CQelControl::delComponent() finds records in other features.
 void CComponent::removeFeatureArray() {
     for (CFeatureEntry* entry : m_aFeatures.m_vItems) {
         if (entry != nullptr && entry->addComponent(CFeatureEntry::opRemove, this) != 0) {
@@ -164,6 +177,9 @@ int CComponent::auditFeature() {
     return 0;
 }
 
+// An entry of the array without a record is a repair: the record went while the array kept the entry. The
+// component is told even if it does not monitor, as in the control's audit. Changes are for components that
+// monitor; the others fetch their list when they want it.
 bool CComponent::auditEntry(CFeatureEntry& entry) {
     if (CCompStatus* record = entry.findCompByPtr(this)) {
         return m_bMonitor != 0 && tell(dvAudit, entry, *record);
@@ -175,6 +191,9 @@ bool CComponent::auditEntry(CFeatureEntry& entry) {
     return true;
 }
 
+// The record is in its waiting state before the message goes out. sendMessage() depends on that order: for a
+// pair that the component announced it credits an acceptance instead, which only a waiting record takes. The
+// result of the send is not looked at: a message that was lost shows as an overdue reply.
 bool CComponent::tell(EDeliveryEvent event, const CFeatureEntry& entry, CCompStatus& record) {
     switch (deliver(event, entry, record)) {
     case ocRefused:
@@ -184,7 +203,7 @@ bool CComponent::tell(EDeliveryEvent event, const CFeatureEntry& entry, CCompSta
     case ocNotify:
         sendMessage(nQelServerNotifyMsgType, entry.m_nCode, entry.m_nData);
         return true;
-    case ocNotifyNew:
+    case ocNotifyNew: // after a disable the component has no old data that could change
         sendMessage(nQelServerNotifyMsgType, entry.m_nCode, entry.m_nNewData);
         return true;
     case ocModify:
@@ -203,6 +222,7 @@ bool CComponent::tell(EDeliveryEvent event, const CFeatureEntry& entry, CCompSta
     return false;
 }
 
+// The handle is 0: components find the daemon by its process name, and the framework names the sender.
 int CComponent::fillMessageHeader(CQelServerMessage* message, uint32_t type, uint32_t subType, uint32_t tag) {
     if (message == nullptr) {
         return 0;
@@ -215,6 +235,11 @@ int CComponent::sendMessage(uint32_t type, uint32_t code, uint32_t data) {
     return sendMessage(type, code, data, 0);
 }
 
+// The known pairs save a component that survived a restart of the daemon from being notified of what it
+// holds. Its answer is given in its stead, and goes the way of a write reply: to the first entry of the array
+// that awaits one.
+//
+// A type that no component knows is sent with an empty payload; receivers ignore types that they do not know.
 int CComponent::sendMessage(uint32_t type, uint32_t code, uint32_t data, uint32_t extra) {
     if (isHeldAlready(type, code, data)) {
         logEvent(svInfo, 31108, "already has feature (%d, %d, %d) at comp %s", type, code, data, m_szName);
@@ -243,8 +268,9 @@ int CComponent::sendMessage(uint32_t type, uint32_t code, uint32_t data, uint32_
     return result;
 }
 
-// Whether the component said that it holds exactly this feature. What it said of a code is out of date once
-// it is sent anything else about it, and forgotten.
+// Whether a notification is needless because the component announced exactly this pair. Any other message
+// about a code makes what was announced of it out of date; the pair is then forgotten, and the last pair
+// takes its slot, for the order does not matter.
 bool CComponent::isHeldAlready(uint32_t type, uint32_t code, uint32_t data) {
     const auto begin = m_aKnown.begin();
     const auto end = begin + m_nKnownCount;

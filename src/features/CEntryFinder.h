@@ -12,32 +12,40 @@
 #include <unordered_map>
 #include <vector>
 
-// Looks into hash maps where a walk would look through all entries; where there is no memory for the maps, it walks.
-// The entries are the caller's, who tells of every change. Does not throw.
+// Looks entries up in hash maps, which makes a merge linear in the number of features: a walk for each
+// feature would make it quadratic. Where there is no memory for the maps it walks, with the same results.
+//
+// The array and the entries are the caller's, and both must outlive the finder. The caller reports every
+// change by appended() or changed(), and removes nothing as long as it still asks. Null slots are skipped.
+// Does not throw.
 class CEntryFinder {
 public:
     explicit CEntryFinder(const CArray<CFeatureEntry*>& entries) noexcept;
 
-    // The first entry of this code and data, in the order of the array; null if none.
+    // The first entry with this code and data, in the order of the array; null if there is none.
     CFeatureEntry* find(const SFeature& feature) const;
-    // The first of the code that has another status than `status`. No entry that has it may leave it.
+    // The first entry with this code whose status is not `butNot`. From the first call on, `butNot` is the
+    // same in every call, and no entry that has reached that status leaves it; entries that were passed over
+    // are not looked at again.
     CFeatureEntry* findOfCode(uint32_t code, CFeatureEntry::EFStatus butNot);
 
-    // The entry was appended to the array.
+    // The entry has just been appended to the array.
     void appended(CFeatureEntry* entry) noexcept;
-    // The entry's data were `before`; no other entry has the code and data that it has now.
+    // The entry's data was `before` and is different now. No other entry has the code and data that it has
+    // now, or find() might prefer the wrong one of the two.
     void changed(CFeatureEntry* entry, uint32_t before) noexcept;
 
 private:
     struct SOfCode {
         std::vector<CFeatureEntry*> m_vEntries;
-        size_t m_nNext = 0; // those before it have the status that is not looked for
+        size_t m_nNext = 0; // all before it have the status that findOfCode() passes over
     };
 
     struct SIndex {
         void append(CFeatureEntry* entry);
 
-        std::unordered_map<SFeature, std::vector<CFeatureEntry*>> m_oByFeature; // in the array's order, both
+        // Vectors, because pairs and codes may repeat; in the array's order. They may have become empty.
+        std::unordered_map<SFeature, std::vector<CFeatureEntry*>> m_oByFeature;
         std::unordered_map<uint32_t, SOfCode> m_oByCode;
     };
 

@@ -12,7 +12,8 @@
 #include <new>
 
 CFeatureEntry::CFeatureEntry(CMediator* mediator) : CParty(mediator) {
-    static const bool bRunOnce = descriptionPath() != nullptr; // the environment is read before it can change
+    // The first entry fixes the path of the description file; all take their names from there.
+    static const bool bRunOnce = descriptionPath() != nullptr;
     static_cast<void>(bRunOnce);
 }
 
@@ -24,6 +25,7 @@ void CFeatureEntry::addCompName(const char* name) {
     m_vCompNames.push_back(name);
 }
 
+// A plain walk. The audit, which asks this of every pair, has an index instead (CPassIndex).
 int CFeatureEntry::findCompName(const char* name) const {
     if (name == nullptr) {
         return 0;
@@ -44,6 +46,8 @@ CCompStatus* CFeatureEntry::findCompByPtr(const CComponent* comp) const {
     return found != m_vCompStatus.end() ? *found : nullptr;
 }
 
+// opAdd comes before the look-up of the record: it is the one event that may create one. Everything else
+// about a component without a record is refused with a line of its own.
 int CFeatureEntry::addComponent(EOperator op, CComponent* comp) {
     if (comp == nullptr) {
         return 0;
@@ -70,7 +74,7 @@ int CFeatureEntry::addComponent(EOperator op, CComponent* comp) {
     return 0;
 }
 
-// The line that tells why an event was not taken: there is no record to apply it to, or it is no event.
+// Logs why an event was refused, and returns 0: the component has no record here, or the number is no event.
 int CFeatureEntry::refuse(EOperator op, const CComponent& comp) const {
     const char* name = comp.m_szName;
     switch (op) {
@@ -93,6 +97,7 @@ int CFeatureEntry::refuse(EOperator op, const CComponent& comp) const {
     return 0;
 }
 
+// Refuses without a line a component that is not concerned: each set-up asks this of every feature.
 int CFeatureEntry::add(CComponent* comp) {
     if (findCompName(comp->m_szName) == 0) {
         return 0;
@@ -106,8 +111,12 @@ int CFeatureEntry::add(CComponent* comp) {
     return 1;
 }
 
-// A component that has a record is taken in anew with the record that it has, which then stands in two slots:
-// the one that it had, and the last. Null where memory is exhausted.
+// The slot of a component that is taken in: the last one, in the order of taking in. A component that has a
+// record keeps it, and keeps its old slot too, which is the one that walks come to first. Slots between the
+// two are erased: however often a component comes back, it never has more than two.
+//
+// Null where memory is exhausted; nothing has changed then. The new record is released only once a slot
+// points at it, so a failing push_back() frees it.
 CCompStatus* CFeatureEntry::takeSlot(CComponent* comp) try {
     CCompStatus* record = findCompByPtr(comp);
     if (record == nullptr) {
@@ -124,7 +133,8 @@ CCompStatus* CFeatureEntry::takeSlot(CComponent* comp) try {
     return nullptr;
 }
 
-// The last answer to a modification ends it.
+// The last answer to a modification ends it at once, without waiting for the timeout pass: the new data is in
+// force before the answer to the reply goes out. Components that do not monitor are not waited for.
 int CFeatureEntry::reply(CCompStatus& record) {
     const bool isAccepted = record.m_pComponent->m_nReplyStatus == nReplyOk;
     if (deliver(isAccepted ? dvAccept : dvRefuse, *this, record) == ocRefused) {
@@ -136,13 +146,14 @@ int CFeatureEntry::reply(CCompStatus& record) {
     return 1;
 }
 
-// The line tells the pending data after it has taken effect, so its number is always 0.
+// The line is written when nothing is pending any more, so its number is always 0.
 void CFeatureEntry::endModification() {
     commitNewData();
     m_eStatus = fsActive;
     logEvent(svInfo, 31131, "feature (%d): moded FeatureData update (%d)", m_nCode, m_nNewData);
 }
 
+// Without pending data the data in force stays: 0 stands for "none", so there is no modification to 0.
 void CFeatureEntry::commitNewData() {
     if (m_nNewData != 0) {
         m_nData = m_nNewData;
@@ -150,6 +161,7 @@ void CFeatureEntry::commitNewData() {
     }
 }
 
+// All slots of the record go, not only the first: a second one would point at freed memory.
 int CFeatureEntry::remove(CCompStatus& record) {
     deliver(dvRemove, *this, record);
     std::erase(m_vCompStatus, &record);
@@ -157,6 +169,8 @@ int CFeatureEntry::remove(CCompStatus& record) {
     return 1;
 }
 
+// A component that does not monitor is not told of changes, so waiting for it could keep a feature from ever
+// being settled.
 int CFeatureEntry::isReplied(EFStatus status) const {
     return std::all_of(m_vCompStatus.begin(), m_vCompStatus.end(), [status](const CCompStatus* record) {
         if (record == nullptr || record->m_pComponent == nullptr || record->m_pComponent->m_bMonitor != 1) {
@@ -166,6 +180,7 @@ int CFeatureEntry::isReplied(EFStatus status) const {
     });
 }
 
+// A record that stands in two slots is set twice, which makes no difference to it.
 int CFeatureEntry::setCompStatus(CCompStatus::ECStatus status) {
     int changed = 0;
     for (CCompStatus* record : m_vCompStatus) {
@@ -185,6 +200,8 @@ CCompStatus* CFeatureEntry::findNextTimeout() {
     return findTimeout(static_cast<size_t>(m_nTimeoutIndex) + 1);
 }
 
+// A record that stands in two slots is returned once, since the caller's dvOverdue takes it out of its
+// waiting state.
 CCompStatus* CFeatureEntry::findTimeout(size_t from) {
     for (size_t i = from; i < m_vCompStatus.size(); ++i) {
         CCompStatus* record = m_vCompStatus[i];
@@ -197,6 +214,8 @@ CCompStatus* CFeatureEntry::findTimeout(size_t from) {
     return nullptr;
 }
 
+// Name, component names and pending data stay this entry's own. Without records nobody is waited for until an
+// audit takes the components in again.
 void CFeatureEntry::modifyByPtr(const CFeatureEntry* other) {
     if (other == nullptr) {
         logEvent(svInfo, 31144, "modifyByPtr NULL pointer");
@@ -214,7 +233,9 @@ void CFeatureEntry::clear() {
     m_vCompNames.clear();
 }
 
-// A record may stand in two slots, and is deleted once.
+// A record may stand in two slots, but must be deleted once; sorting brings the two together. The order of
+// the slots does not matter any more. dvForget must not look at the component, which may be gone: the control
+// deletes its components first.
 void CFeatureEntry::deleteRecords() {
     std::sort(m_vCompStatus.begin(), m_vCompStatus.end());
     m_vCompStatus.erase(std::unique(m_vCompStatus.begin(), m_vCompStatus.end()), m_vCompStatus.end());

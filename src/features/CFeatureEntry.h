@@ -11,19 +11,29 @@
 #include <string_view>
 #include <vector>
 
-// Every event about this feature at one component goes through addComponent(), which finds the component's record
-// and has the delivery decide (features/delivery.h). The entry sends nothing; a result of 1 for opNotify tells
-// the caller to send.
+// The entry knows whom the feature concerns (by name) and has a record (CCompStatus) for each component that
+// was taken into its delivery. Five operations go through addComponent(), which finds the component's record
+// and lets the delivery decide (features/delivery.h); the audits, the paging and the timeout pass hand the
+// record to the delivery themselves. The entry sends nothing: a result of 1 for opNotify tells the caller to
+// send.
 //
-// Invariants: a component has at most one record here, though the record may stand in two slots: a component that
-// came back under its name is taken in again while its record still stands. A record that goes leaves no slot
-// pointing at it. No slot is null.
+// Life: the feature source builds an entry, the control's table takes it over, the merge sets its status, and
+// the timeout pass deletes it once it is withdrawn and all have answered.
 //
-// Nothing here throws, but for addCompName(). Used on the main loop's thread only, but for
-// construction and those two, which the feature source calls on its own thread for entries that nobody else knows
-// yet.
+// Invariants:
+//
+// - A component has at most one record here, but that record may stand in two slots: a component that comes
+//   back under its name is taken in again while its old record still stands.
+// - A record that is deleted leaves no slot pointing at it.
+// - No slot is null.
+// - No record outlives its component in the control's table (CQelControl::delComponent()).
+//
+// Nothing here throws, except addCompName(). Everything belongs to the main loop's thread, with one
+// exception: the feature source constructs and fills entries (addCompName(), setupName(), the public members)
+// on its own thread while nobody else knows them yet.
 class CFeatureEntry : public CParty {
 public:
+    // What can be asked of addComponent().
     enum EOperator : uint32_t {
         opAdd = 0,    // take the component into delivery
         opNotify = 1, // a message for this feature is being sent to the component now
@@ -32,7 +42,9 @@ public:
         opConfirm = 4 // the component confirms again what it had accepted
     };
 
-    // The feature's own state between merge and settlement.
+    // The feature's own state. The merge sets all but fsActive, which means that the feature is settled: by
+    // the timeout pass, by the last answer to a modification, or by a fetch. OAM receives these numbers, so
+    // they must not change.
     enum EFStatus : int32_t {
         fsNewAdd = 0,  // new, or withdrawn and taken into use again
         fsModify = 1,  // its data changes
@@ -46,51 +58,56 @@ public:
 
     SFeature id() const { return {m_nCode, m_nData}; }
 
-    // Appends the pointer; the string is the caller's and must outlive its use here.
+    // Appends the pointer, without a copy or a check. The string must outlive the entry, for it stays the
+    // caller's. Records are not touched: if the entry is in force, a later audit takes the component in.
+    // Throws std::bad_alloc.
     void addCompName(const char* name);
-    // 1 if the feature concerns the component called `name`: one of the names added, exactly, or one of those
-    // that every feature concerns.
+    // 1 if the feature concerns the component called `name`, else 0. It does if the name was added (compared
+    // exactly, and by case), or is one of aAlwaysConcerned: those take part in every feature.
     int findCompName(const char* name) const;
     static constexpr const char* aAlwaysConcerned[] = {"ALL", "Anchor"};
 
-    // The component's record, or null.
+    // The component's record, or null. Linear in the number of records.
     CCompStatus* findCompByPtr(const CComponent* comp) const;
 
-    // Applies one event. 1 if it was taken, 0 if it was refused.
+    // Applies one event. 1 if it was taken, 0 if it was refused: the log says why, except where opAdd meets a
+    // component that the feature does not concern, and opNotify a delivery that is settled. All but opAdd
+    // need a record of the component.
     int addComponent(EOperator op, CComponent* comp);
-    // 1 if every monitored component has answered. For fsModify only the answers to a modification count.
+    // 1 if every monitoring component has answered, also where there is none. For fsModify only answers to a
+    // modification count; for any other value, answers of all phases.
     int isReplied(EFStatus status) const;
-    // Sets every record's state, and nothing else of it. 1 if there was a record.
+    // Sets the state of every record, and leaves stamps and counters. 1 if there was a record, else 0.
     int setCompStatus(CCompStatus::ECStatus status);
 
-    // Walk over the overdue records; do not remove records during it. At the end: null, and the walk is
-    // reset.
+    // A walk over the overdue records: call the first, then the second until it returns null. The position is
+    // kept in the entry, so one walk at a time; do not remove records during it.
     CCompStatus* findFirstTimeout();
     CCompStatus* findNextTimeout();
-    // Takes over another entry's code and data, and starts a modification without any record.
+    // Takes over another entry's code and data, deletes all records and sets fsModify. Null is only logged.
     void modifyByPtr(const CFeatureEntry* other);
-    // Makes the pending data the data in force, if there is any.
+    // Puts the pending data into force, if there is any.
     void commitNewData();
     // Deletes every record and forgets the component names.
     void clear();
 
-    // Fills m_sName from the feature description file, which is read anew each time. 0 if that cannot be
-    // read.
+    // Fills m_sName from the feature description file. 1, or 0 if that could not be read. The file is read
+    // anew for each entry, so naming n features reads it n times.
     int setupName();
-    // Whether a description file is configured at all: QEL_DESCRIPTION in the environment, else compiled in.
+    // Whether a description file is configured at all: by QEL_DESCRIPTION in the environment, or compiled in.
     static bool hasDescriptionFile();
-    // Reads a decimal number as CDescriptions::readNumber() does: 4294967295 reads as -1.
+    // Reads a decimal number as CDescriptions::readNumber() does, as a signed one: 4294967295 becomes -1.
     static int doC2N(const char* text);
 
     EFStatus m_eStatus = fsNewAdd;
     uint32_t m_nCode = 0;
     uint32_t m_nData = 0;
-    CString m_sName;                         // for people; empty where nobody named the feature
-    uint32_t m_nNewData = 0;                 // waits to take effect at the end of a modification; 0: none
-    std::vector<const char*> m_vCompNames;   // not owned
+    CString m_sName;                         // for people; empty where the description file has no name
+    uint32_t m_nNewData = 0;                 // takes effect at the end of a modification; 0: none is pending
+    std::vector<const char*> m_vCompNames;   // whom the feature concerns; strings not owned
     std::vector<CCompStatus*> m_vCompStatus; // owned; in the order in which components were taken in
-    int32_t m_nTimeoutIndex = 0;             // slot of the overdue record returned last
-    uint8_t m_bSourced = 0;                  // 1: the source keeps this entry from list to list
+    int32_t m_nTimeoutIndex = 0;             // slot of the overdue record that was returned last
+    uint8_t m_bSourced = 0;                  // 1: a merge keeps or modifies the entry; see CFeatureMerge
 
 private:
     int add(CComponent* comp);

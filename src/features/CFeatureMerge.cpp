@@ -10,7 +10,7 @@ namespace {
 
 constexpr uint32_t nMergeEvent = 31115;
 
-// Features whose addition or modification takes effect with the next restart of the appliance. Ends with 0.
+// Codes whose addition or modification takes effect with the next restart of the appliance. Ends with 0.
 constexpr uint32_t nRebootFeatureList[] = {206, 306, 0};
 
 } // namespace
@@ -19,9 +19,12 @@ int CQelControl::addFeatureList(CArray<CFeatureEntry*>& list) {
     return CFeatureMerge(m_aFeatures, list).run();
 }
 
+// One index over the table and one over the list: each pass walks one of the two and looks into the other.
 CFeatureMerge::CFeatureMerge(CArray<CFeatureEntry*>& table, CArray<CFeatureEntry*>& list)
     : m_aTable(table), m_aList(list), m_oTable(table), m_oList(list) {}
 
+// The order is that of the cases: only what the first pass left in force can be existing, and only what is
+// not existing can be modified or taken back.
 CFeatureMerge::EResult CFeatureMerge::run() {
     withdrawGone();
     markExisting();
@@ -29,9 +32,12 @@ CFeatureMerge::EResult CFeatureMerge::run() {
     return m_eResult;
 }
 
-// What the new list does not hold is withdrawn; so is what came with an earlier list even if this one holds
-// it, to be brought back below and pushed to its components again. Only entries that the source keeps are
-// left alone.
+// An entry that is not sourced is withdrawn even if the new list has it. bringIn() takes it back, and its
+// components are notified once more, so that every list puts right what a component has lost or refused. A
+// sourced entry that the list has is left alone.
+//
+// Records go back to idle here, so the audit sends a disable to every component that monitors, whatever it
+// answered before.
 void CFeatureMerge::withdrawGone() {
     for (CFeatureEntry* entry : m_aTable.m_vItems) {
         if (entry == nullptr || (isMatched(*entry) && entry->m_bSourced == 1)) {
@@ -44,8 +50,10 @@ void CFeatureMerge::withdrawGone() {
     }
 }
 
-// By code and data; else by code alone, and then the list's entry is claimed, so that no second entry of the
-// table with that code can have it. A claim shows as fsModify.
+// An entry is matched by code and data, else by code alone. In the latter case it claims the list's entry, so
+// that no second entry of the table with that code is kept for it: of two sourced entries of a code, one is
+// modified and the other withdrawn. The claim is kept in the status of the list's entry, which has no other
+// use before the third pass.
 bool CFeatureMerge::isMatched(const CFeatureEntry& entry) {
     if (m_oList.find(entry.id()) != nullptr) {
         return true;
@@ -58,6 +66,8 @@ bool CFeatureMerge::isMatched(const CFeatureEntry& entry) {
     return true;
 }
 
+// Protects unchanged entries in the third pass: findOfCode() passes over them, so that no other feature of
+// their code is brought in as a modification of them.
 void CFeatureMerge::markExisting() {
     for (const CFeatureEntry* fresh : m_aList.m_vItems) {
         CFeatureEntry* entry = fresh != nullptr ? m_oTable.find(fresh->id()) : nullptr;
@@ -68,6 +78,8 @@ void CFeatureMerge::markExisting() {
     }
 }
 
+// From here on nobody looks into m_oList, whose index points at entries that are adopted or deleted one by
+// one. In the table no entry leaves fsExisting any more, as m_oTable.findOfCode() requires.
 void CFeatureMerge::bringIn() {
     for (CFeatureEntry*& slot : m_aList.m_vItems) {
         if (slot != nullptr && take(slot)) {
@@ -76,7 +88,10 @@ void CFeatureMerge::bringIn() {
     }
 }
 
-// False: the feature is in force unchanged, or cannot be brought in; the fresh entry stays the caller's.
+// True: the fresh entry was adopted or deleted. False: it stays the caller's, because the feature is in force
+// unchanged or there was no memory to adopt it.
+//
+// A feature that is merely taken back counts as no change, so it is not tested for the restart list.
 bool CFeatureMerge::take(CFeatureEntry* fresh) {
     if (CFeatureEntry* same = m_oTable.find(fresh->id())) {
         if (same->m_eStatus != CFeatureEntry::fsDeleted) {
@@ -106,6 +121,10 @@ void CFeatureMerge::reuse(CFeatureEntry& entry) {
     logEvent(svInfo, nMergeEvent, "reuse newadd feature %d %d %s", entry.m_nCode, entry.m_nData, "");
 }
 
+// The data in force stays until all have answered, or one component has fetched the new data. With no record
+// there is nobody to wait for, and the new data is in force at once.
+//
+// Lowered data is reported like a withdrawal, since it takes something from a component.
 void CFeatureMerge::modify(CFeatureEntry& entry, const CFeatureEntry& fresh) {
     if (fresh.m_nData < entry.m_nData) {
         m_eResult = rsWithdrawn;
@@ -122,6 +141,8 @@ void CFeatureMerge::modify(CFeatureEntry& entry, const CFeatureEntry& fresh) {
     }
 }
 
+// The withdrawn entry becomes the new pair, with the new data at once, and its components are notified as of
+// a new feature. A disable that has not been sent yet is not sent any more.
 void CFeatureMerge::reuseDisabled(CFeatureEntry& entry, const CFeatureEntry& fresh) {
     entry.m_eStatus = CFeatureEntry::fsNewAdd;
     entry.setCompStatus(CCompStatus::csIdle);
@@ -129,6 +150,7 @@ void CFeatureMerge::reuseDisabled(CFeatureEntry& entry, const CFeatureEntry& fre
     logEvent(svInfo, nMergeEvent, "newadd feature (disable reuse) %d %d", fresh.m_nCode, fresh.m_nData);
 }
 
+// The status is set first, since the fresh entry may still bear a claim of the first pass.
 bool CFeatureMerge::adopt(CFeatureEntry* fresh) {
     fresh->m_eStatus = CFeatureEntry::fsNewAdd;
     fresh->setCompStatus(CCompStatus::csIdle);
@@ -142,6 +164,7 @@ bool CFeatureMerge::adopt(CFeatureEntry* fresh) {
     return true;
 }
 
+// The table's index is by data, too. take() has made sure that no entry of the table has the new pair.
 void CFeatureMerge::setData(CFeatureEntry& entry, uint32_t data) {
     const uint32_t before = std::exchange(entry.m_nData, data);
     m_oTable.changed(&entry, before);

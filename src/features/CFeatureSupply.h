@@ -1,4 +1,5 @@
-// Who supplies the control with its feature lists, as the server sees it.
+// Who supplies the control with its feature lists, as the server sees it. These two calls are all that the
+// server knows of the supplier, so the loop builds and is tested without one.
 #ifndef QEL_FEATURES_CFEATURESUPPLY_H
 #define QEL_FEATURES_CFEATURESUPPLY_H
 
@@ -6,12 +7,14 @@ class CQelControl;
 
 class CFeatureSupply {
 public:
-    // Hands the first list to the control, which must live as long as the process. False where there is no
-    // usable list; the log has said why. On the main thread, before startWatching().
+    // Hands the first list to the control, which must live as long as the process. False if there is no
+    // usable list; the log has said why. It returns only when the list is in the table. Call it on the main
+    // thread, before startWatching().
     virtual bool supply(CQelControl& control) = 0;
 
-    // From now on hands over every list that replaces the one in force. After supply() and with the message
-    // framework up; again whenever that was initialised anew. On the main thread.
+    // From now on every list that replaces the one in force is handed over, on the main loop's thread. Call
+    // it on the main thread, after supply() and with the message framework initialised; and again each time
+    // that was initialised anew, since its clean-up forgets all callbacks.
     virtual void startWatching() = 0;
 
 protected:

@@ -15,6 +15,9 @@ CPassIndex::CPassIndex(const CArray<CFeatureEntry*>& features, const CArray<CCom
     }
 }
 
+// The keys of m_oByName point at the components' own names, which no message can change while a pass runs.
+// Components come first: markConcerned() looks into m_oByName. Positions come before markHeld(), which needs
+// them all.
 void CPassIndex::build() {
     const auto& features = m_aFeatures.m_vItems;
     const auto& components = m_aComponents.m_vItems;
@@ -39,6 +42,8 @@ void CPassIndex::build() {
     }
 }
 
+// Costs one look-up for each name of the feature, however many components there are. All components of one
+// name are marked.
 void CPassIndex::markConcerned(size_t feature) {
     const auto mark = [&](std::string_view name) {
         if (const auto found = m_oByName.find(name); found != m_oByName.end()) {
@@ -57,7 +62,7 @@ void CPassIndex::markConcerned(size_t feature) {
     }
 }
 
-// What a component holds and the table does not is nobody's to look up.
+// Entries of a component's array that are not in the table have no position, and no pass asks about them.
 void CPassIndex::markHeld(size_t component) {
     for (const CFeatureEntry* entry : m_aComponents.m_vItems[component]->m_aFeatures.m_vItems) {
         if (const size_t feature = positionOf(entry); feature != SIZE_MAX) {

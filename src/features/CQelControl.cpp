@@ -37,6 +37,8 @@ CQelControl* CQelControl::instance() {
     return singleton(m_pInstance, [] { return new (std::nothrow) CQelControl; });
 }
 
+// Components first: they point at entries and never look at them on their way out, while an entry deletes its
+// records without looking at their components (dvForget).
 CQelControl::~CQelControl() {
     for (CComponent* comp : m_aComponents.m_vItems) {
         delete comp;
@@ -48,6 +50,7 @@ CQelControl::~CQelControl() {
     m_aFeatures.m_vItems.clear();
 }
 
+// The components' arrays are emptied as well, or they would point at entries that the caller deletes.
 void CQelControl::clearFeatureArray() {
     for (CFeatureEntry* entry : m_aFeatures.m_vItems) {
         if (entry != nullptr) {
@@ -66,8 +69,9 @@ bool CQelControl::addComponent(CComponent* comp) {
     return addItem(m_aComponents, comp);
 }
 
-// A component's own array may have lost features that still hold its record: it was renamed, or came back
-// anew.
+// Looks at every feature, not only at the component's array, which may lack some that still have its record:
+// the array is refilled by name when a component comes back, and its name may have changed in between. A
+// record left behind would point at freed memory.
 int CQelControl::delComponent(CComponent* comp) {
     for (CFeatureEntry* entry : m_aFeatures.m_vItems) {
         if (entry != nullptr && entry->findCompByPtr(comp) != nullptr) {
@@ -81,6 +85,7 @@ bool CQelControl::addFeature(CFeatureEntry* entry) {
     return addItem(m_aFeatures, entry);
 }
 
+// Only for a removal by itself: linear. A pass that removes many compacts the table once (CRemovals).
 int CQelControl::delFeature(CFeatureEntry* entry) {
     return m_aFeatures.del(entry);
 }

@@ -10,14 +10,16 @@
 
 namespace {
 
+// All have answered, so the timeout pass will remove the feature; auditing it could only take components into
+// it again. The argument fsExisting asks for the answers of all phases.
 bool isWithdrawnEverywhere(const CFeatureEntry& entry) {
     return entry.m_eStatus == CFeatureEntry::fsDeleted && entry.isReplied(CFeatureEntry::fsExisting) != 0;
 }
 
-// The events of the two repairs; the audit of one component has its own.
+// What differs in the log between the audit of the table and that of one component.
 struct SRepairEvents {
     uint32_t m_nNotInFeature;
-    const char* m_szOpen; // around the component's name
+    const char* m_szOpen; // what stands around the component's name
     const char* m_szClose;
     uint32_t m_nNotInComponent;
 };
@@ -25,8 +27,10 @@ struct SRepairEvents {
 constexpr SRepairEvents oAuditEvents{31107, "", "", 31108};
 constexpr SRepairEvents oAuditCompEvents{31112, "(", ")", 31113};
 
-// Feature and component must know each other. True if they did not: the component has been told of the
-// feature.
+// A feature and a component that it concerns must know each other: the feature by a record, the component by
+// its array. The usual case of one that does not is a feature that is newer than the component: this is how
+// new features go out. Others are a name added to a feature, a component renamed, and memory that ran out.
+// What is missing is supplied and the component is notified, whether or not it monitors. True if so.
 bool repair(CFeatureEntry& entry, CComponent& comp, CCompStatus* record, bool isHeld,
             const SRepairEvents& events) {
     if (record != nullptr && isHeld) {
@@ -59,6 +63,8 @@ void CQelControl::notifyComponents(CString text) {
     }
 }
 
+// Every feature is asked and takes the component in if that is concerned, withdrawn ones included: there the
+// record begins as disabled, so nothing is sent and nobody waits for it.
 int CQelControl::notifyFeatures(void* list, void* component) {
     auto* taken = static_cast<CArray<CFeatureEntry*>*>(list);
     auto* comp = static_cast<CComponent*>(component);
@@ -69,13 +75,13 @@ int CQelControl::notifyFeatures(void* list, void* component) {
         }
         result = entry->addComponent(CFeatureEntry::opAdd, comp);
         if (result != 0 && taken != nullptr && !taken->add(entry)) {
-            logEvent(svError, 31124, "failed to new obj"); // the audit finds the feature missing there
+            logEvent(svError, 31124, "failed to new obj"); // repair() finds the feature missing there
         }
     }
     return result;
 }
 
-// True if anything was sent.
+// True if any component was told. repair() returns true where the record is null, so tell() gets a real one.
 bool CQelControl::auditFeature(size_t feature, const CPassIndex& index) {
     CFeatureEntry& entry = *m_aFeatures.m_vItems[feature];
     bool isSent = false;
@@ -93,7 +99,12 @@ bool CQelControl::auditFeature(size_t feature, const CPassIndex& index) {
     return isSent;
 }
 
-// One feature a pass: a long list reaches the components spread over many.
+// Ends at the first feature that anybody had to be told of: a long new list reaches the components over many
+// passes and does not burst over all of them at once. Components that answer need not wait for that, since
+// each write reply fetches the next notification (CComponent::auditFeature()).
+//
+// The index is built anew for each pass. What it costs is linear too, and an index that lived on would have
+// to follow every change of names, arrays and tables.
 void CQelControl::audit() {
     const CPassIndex index(m_aFeatures, m_aComponents);
     for (size_t i = 0; i < m_aFeatures.m_vItems.size(); ++i) {
@@ -104,6 +115,8 @@ void CQelControl::audit() {
     }
 }
 
+// Searches instead of building an index: it concerns one component, and ends at the first message. Withdrawn
+// features are skipped, so this audit never sends a disable.
 int CQelControl::auditComp(CComponent* comp) {
     for (CFeatureEntry* entry : m_aFeatures.m_vItems) {
         if (entry == nullptr || entry->m_eStatus == CFeatureEntry::fsDeleted ||

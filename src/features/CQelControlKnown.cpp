@@ -12,6 +12,7 @@
 
 namespace {
 
+// Components that may be running before the daemon is, and the processes that host them.
 struct SWellKnown {
     char m_szName[22];    // as the component announces itself
     char m_szProcess[22]; // the process that hosts it
@@ -22,7 +23,9 @@ constexpr SWellKnown oMFWList[] = {
     {"Gateway", "gateway"}, {"Tracing", "tracing"},
 };
 
-// What such a component runs with is taken as told and answered.
+// The component has been running with what is in force, so its records count as told and accepted: first
+// waiting (dvAssume), then an accepting reply, which the component's init() has put into m_nReplyStatus.
+// Nothing is sent. From the next change on it is told like any other.
 void takeAsAnswered(const CArray<CFeatureEntry*>& features, CComponent* comp) {
     for (CFeatureEntry* entry : features.m_vItems) {
         CCompStatus* record = entry != nullptr ? entry->findCompByPtr(comp) : nullptr;
@@ -35,6 +38,9 @@ void takeAsAnswered(const CArray<CFeatureEntry*>& features, CComponent* comp) {
 
 } // namespace
 
+// A process that does not run is not an error: the next list asks again. When the component announces itself
+// later, the dispatcher finds it by its name; the process id that it announces differs from the 0 here, so it
+// is taken in anew and told everything.
 int CQelControl::auditComponent() {
     int result = 0;
     for (const SWellKnown& row : oMFWList) {
@@ -55,16 +61,17 @@ int CQelControl::auditComponent() {
             logEvent(svError, 31124, "failed to new obj");
             continue;
         }
+        // As if it had announced itself. Messages go out with the tag, 1, and to the handle.
         comp->init({0, 17, 0, 0, 1, handle}, row.m_szName, nReplyOk, nullptr);
         comp->clearFeatureArray();
         comp->notifyAllFeatures();
         if (!addComponent(comp)) {
-            delComponent(comp); // out of the features
+            delComponent(comp); // not in the table, but features have its records already
             delete comp;
             continue;
         }
         takeAsAnswered(m_aFeatures, comp);
-        comp->m_bMonitor = 1;
+        comp->m_bMonitor = 1; // it may never send StartMonitor
     }
     return result;
 }

@@ -9,20 +9,23 @@
 
 namespace {
 
-// Entries that the source keeps from list to list are not OAM's.
+// Sourced entries, which the source keeps from list to list, are not shown to OAM.
 bool isPacked(const CFeatureEntry* entry) {
     return entry != nullptr && entry->m_bSourced != 1;
 }
 
 } // namespace
 
+// Counts with the same test that packFeatures() writes by, on the same thread, so the size fits the records.
 int CQelControl::getPackSize() {
     const auto& entries = m_aFeatures.m_vItems;
     const auto packed = std::count_if(entries.begin(), entries.end(), isPacked);
     return static_cast<int>(sizeof(CBigEndian32) + static_cast<size_t>(packed) * sizeof(CQelFeatureRecord));
 }
 
-// The count is that of all slots, packed or not: readers go by the length of the buffer.
+// The first word counts all slots of the table, packed or not; readers go by the length of the buffer.
+// Withdrawn features are packed as long as they stand in the table, with their status. The texts are empty at
+// present. The records are copied bytewise, for the buffer has no alignment.
 int CQelControl::packFeatures(char* buffer) {
     if (buffer == nullptr) {
         return 0;

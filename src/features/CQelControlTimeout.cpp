@@ -1,5 +1,5 @@
-// The timeout pass: what all have answered is settled, what is withdrawn everywhere is removed, what is
-// overdue is sent again.
+// The timeout pass: features that all have answered are settled, withdrawn ones are removed once all have
+// answered, and overdue replies are told to the components that owe them.
 #include "features/CQelControl.h"
 
 #include "features/CComponent.h"
@@ -18,6 +18,8 @@ namespace {
 
 constexpr uint32_t nPassEvent = 31115;
 
+// Each overdue record moves on, to timed out or failed, so that nobody waits for it any longer, and the
+// component gets message 4: it must not answer the feature any more. Enables are sent again by later audits.
 void sendOverdueAgain(CFeatureEntry& entry) {
     for (CCompStatus* record = entry.findFirstTimeout(); record != nullptr && record->m_pComponent != nullptr;
          record = entry.findNextTimeout()) {
@@ -25,7 +27,13 @@ void sendOverdueAgain(CFeatureEntry& entry) {
     }
 }
 
-// True if the entry is withdrawn and every component has confirmed it: it is to be removed.
+// Settles a feature that all monitoring components have answered, accepted or not: a component that refuses
+// or hangs must not hold the feature up for the others. True if it is withdrawn and therefore to be removed.
+//
+// A modification needs answers to the modification itself. One is missing where a component joined meanwhile
+// and let the notification of the old data go overdue: no audit pushes to it in state 4, so the feature stays
+// as it is, with a line at every pass, until a new list, a fetch of the feature or the component's return
+// ends that.
 bool settle(CFeatureEntry& entry) {
     if (entry.isReplied(CFeatureEntry::fsExisting) == 0) {
         return false;
@@ -55,14 +63,18 @@ bool settle(CFeatureEntry& entry) {
     return false;
 }
 
-// The entries that a pass removes. They leave the tables together when the pass is over, so that a pass that
-// removes many costs no more than one that removes one; the log tells of each in its turn.
+// The entries that a pass removes. They leave the table and the components' arrays together when the pass is
+// over, since erasing them one by one would move everything behind each. The log tells of each in its turn
+// nevertheless, as if it had gone at once.
+//
+// Without memory for the index, entries are removed at once instead. Once the index is built nothing in here
+// can fail, so no entry goes at once after another was deferred, and the positions stay true.
 class CRemovals {
 public:
     CRemovals(CArray<CFeatureEntry*>& features, const CArray<CComponent*>& components)
         : m_aFeatures(features), m_aComponents(components) {}
 
-    // False where there is no memory to remember it: it is to be removed at once.
+    // Marks the entry at this position. False if there is no memory for that: the caller removes it at once.
     bool defer(size_t feature) try {
         if (!m_oIndex) {
             m_vLeaving.resize(m_aFeatures.m_vItems.size());
@@ -83,6 +95,8 @@ public:
         return false;
     }
 
+    // The arrays first, then the table, which deletes: at no time does either point at a deleted entry.
+    // Entries are recognised by their addresses alone, and what is left keeps its order.
     void carryOut() {
         if (m_vLeaving.empty() || !m_oIndex->isBuilt()) {
             return;
@@ -117,6 +131,7 @@ private:
 
 } // namespace
 
+// The plain way, for when there is no memory: linear in the table for each entry. Arrays first, as above.
 void CQelControl::removeNow(CFeatureEntry* entry) {
     for (CComponent* comp : m_aComponents.m_vItems) {
         if (comp != nullptr) {
@@ -127,8 +142,9 @@ void CQelControl::removeNow(CFeatureEntry* entry) {
     delete entry;
 }
 
-// The entry that moves into the place of a removed one is looked at for overdue replies only: its turn to be
-// settled comes with the next pass.
+// The slot behind a removed entry is not settled in this pass, only looked at for overdue replies; its turn
+// comes with the next pass. That holds for both ways of removal, so a shortage of memory does not change the
+// result.
 void CQelControl::timeout() {
     CRemovals removals(m_aFeatures, m_aComponents);
     bool hasMovedUp = false;

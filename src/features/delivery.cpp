@@ -21,7 +21,9 @@ using enum CFeatureEntry::EFStatus;
 
 // --- The words that the table is written in ---
 
-constexpr uint16_t nNoState = 1 << 15; // any number that is none of the thirteen states
+// The sets fit into 16 bits: bits 0 to 12 are the states, bit 15 stands for every number that is none of
+// them. A record with such a number is out of order, and the table can say so without an undefined shift.
+constexpr uint16_t nNoState = 1 << 15;
 
 // A set of states, a bit each.
 template <typename... States>
@@ -33,7 +35,7 @@ constexpr uint16_t bit(CCompStatus::ECStatus status) {
     return status >= csIdle && status <= csModifyTimedOut ? in(status) : nNoState;
 }
 
-constexpr uint16_t nAny = UINT16_MAX;
+constexpr uint16_t nAny = UINT16_MAX; // nNoState included
 constexpr uint16_t nWaiting = in(csEnabling, csDisabling, csModifying);
 constexpr uint16_t nModificationAnswered = in(csModified, csModifyFailed, csModifyTimedOut);
 constexpr uint16_t nAnswered = nModificationAnswered | in(csEnabled, csEnableFailed, csEnableTimedOut,
@@ -41,7 +43,7 @@ constexpr uint16_t nAnswered = nModificationAnswered | in(csEnabled, csEnableFai
 
 constexpr uint8_t nEvery = UINT8_MAX; // whatever the feature's own state is
 
-// Where a row leads that leads to no state of its own.
+// Where a row leads that does not name a state. Negative, so they cannot be mistaken for one.
 constexpr auto nSame = static_cast<CCompStatus::ECStatus>(-1); // the state stays
 constexpr auto nByNotify =
     static_cast<CCompStatus::ECStatus>(-2); // dvNotify decides; then the line, if it sends
@@ -49,10 +51,11 @@ constexpr auto nAgain =
     static_cast<CCompStatus::ECStatus>(-3);                    // to idle; after the line, the event once more
 constexpr auto nGone = static_cast<CCompStatus::ECStatus>(-4); // the caller deletes the record
 
-// What must hold besides the states.
+// What must hold besides the states. The tries are those of the record's phase.
 enum EIf : uint8_t { ifAlways, ifTriesLeft, ifTriesSpent };
 
-// What is written besides the state. A phase's counter is that of the state to go to.
+// What is written besides the state. Rows that count or clear stay within a phase, so the counter is that of
+// the state they come from as well as of the one they lead to.
 enum EWrites : uint8_t {
     wrNothing,
     wrStamp,
@@ -61,8 +64,9 @@ enum EWrites : uint8_t {
     wrStampAnew   // no sends in any phase
 };
 
-// A line of the log at severity 4; event 0: none. Each letter says what fills the next %s or %d of the text:
-// n the component's name, f and t the states from and to, c code, d data, p pending data.
+// A line of the log at severity 4; event 0: none. Each letter of m_sFill says what fills the next %s or %d of
+// the text: n the component's name, f and t the states from and to, c code, d data, p pending data. Whether
+// text and letters agree is checked by the compiler (isSound()).
 struct SLine {
     uint32_t m_nEvent = 0;
     std::string_view m_sText;
@@ -71,7 +75,7 @@ struct SLine {
 
 struct SRow {
     uint8_t m_nFeature; // the feature's own states, a bit each
-    uint16_t m_nFrom;
+    uint16_t m_nFrom;   // the record's states, as in() makes them
     EIf m_eIf;
     CCompStatus::ECStatus m_eTo;
     EWrites m_eWrites;
@@ -81,15 +85,23 @@ struct SRow {
 
 // --- The table ---
 
+// The first row of an event that fits is taken, so the order of rows matters: a row for any state stands last
+// and catches what is left. The states that a row starts from are written as numbers, as in the log and in
+// docs/architecture.md.
+
 // clang-format off
 
 // feature        from states         if            to                 writes        outcome       line
 
+// A component that came back may still have its record: whatever that says is void. A withdrawn feature
+// begins as disabled, so nobody waits for it; the component finds it on no page.
 constexpr SRow aTakeIn[] = {
 {in(fsDeleted),   nAny,               ifAlways,     csDisabled,        wrStampAnew,  ocTaken,      {31125, "adding new compstatus %s %d at feature %d %d", "nfcd"}},
 {nEvery,          nAny,               ifAlways,     csIdle,            wrStampAnew,  ocTaken,      {31125, "adding new compstatus %s %d at feature %d %d", "nfcd"}},
 };
 
+// Counts the sends of a phase. Settled states (2, 3, 6, 7, 10, 11) have no row: nothing is sent, or logged,
+// until an audit or a list begins a new phase.
 constexpr SRow aNotify[] = {
 {nEvery,          in(0, 1, 4),        ifTriesLeft,  csEnabling,        wrStampCount, ocSend,       {31126, "feature: check comp %s %d at feature %d %d", "ntcd"}},
 {nEvery,          in(0, 1, 4),        ifTriesSpent, csEnableFailed,    wrStampClear, ocRefused,    {31126, "feature: failed comp %s %d at feature %d %d", "ntcd"}},
@@ -101,6 +113,9 @@ constexpr SRow aNotify[] = {
 {nEvery,          nNoState,           ifTriesLeft,  nAgain,            wrNothing,    ocSend,       {31126, "feature: change state %s %d at feature %d %d", "nfcd"}},
 };
 
+// A reply names no feature, so it is offered to one record after the other until a waiting one takes it.
+// Those that refuse it leave a line each. Their stamp is renewed, which decides nothing: only waiting records
+// can be overdue.
 constexpr SRow aAccept[] = {
 {nEvery,          in(1),              ifAlways,     csEnabled,         wrStampClear, ocTaken,      {31129, "feature (%d): got reply ok from comp (%s) %d", "cnt"}},
 {nEvery,          in(5),              ifAlways,     csDisabled,        wrStampClear, ocTaken,      {31131, "feature (%d): got reply ok disabled comp (%s) %d", "cnt"}},
@@ -108,6 +123,7 @@ constexpr SRow aAccept[] = {
 {nEvery,          nAny,               ifAlways,     nSame,             wrStamp,      ocRefused,    {31133, "feature (%d): comp (%s) in wrong state %d", "cnt"}},
 };
 
+// What a component has refused is not sent again before the next list, and then with a fresh counter.
 constexpr SRow aRefuse[] = {
 {nEvery,          in(1),              ifAlways,     csEnableFailed,    wrStampClear, ocTaken,      {31130, "feature (%d): got reply failed from comp (%s) %d", "cnt"}},
 {nEvery,          in(5),              ifAlways,     csDisableFailed,   wrStampClear, ocTaken,      {31132, "feature (%d): got reply error from comp (%s) %d", "cnt"}},
@@ -115,19 +131,24 @@ constexpr SRow aRefuse[] = {
 {nEvery,          nAny,               ifAlways,     nSame,             wrStamp,      ocRefused,    {31133, "feature (%d): comp (%s) in wrong state %d", "cnt"}},
 };
 
+// Changes nothing but the stamp: what was accepted stays accepted.
 constexpr SRow aConfirm[] = {
 {nEvery,          in(2),              ifAlways,     nSame,             wrStamp,      ocTaken,      {31137, "feature (%d): replied comp (%s) %d", "cnt"}},
 {nEvery,          nAny,               ifAlways,     nSame,             wrNothing,    ocRefused,    {31138, "feature (%d): wrong state comp (%s) %d", "cnt"}},
 };
 
-// What a component fetches counts as acknowledged.
+// What a component fetches counts as accepted, without a write reply, even if it had failed before. A
+// withdrawn feature is passed over: the component does not get it, so there is nothing to disable.
 constexpr SRow aFetch[] = {
 {in(fsDeleted),   nAny,               ifAlways,     csDisabled,        wrStamp,      ocRefused,    {31108, "no send, disabled feature (%d, %d) at comp %s", "cdn"}},
 {in(fsModify),    nAny,               ifAlways,     csModified,        wrStamp,      ocTaken,      {31108, "moded feature (%d, %d) at comp %s", "cpn"}},
 {nEvery,          nAny,               ifAlways,     csEnabled,         wrStamp,      ocTaken,      {31108, "replied feature (%d, %d) at comp %s", "cdn"}},
 };
 
-// To a component that has disabled the feature, the new data are a new feature.
+// A push begins a phase from idle or from a settled state, and leaves a waiting record alone. For a settled
+// feature dvNotify decides instead, which also repeats what is waiting or has timed out, and counts it. To a
+// component that has disabled the feature, the new data is a new feature. Where a feature is withdrawn,
+// components in 6 to 8 have been told.
 constexpr SRow aAudit[] = {
 {in(fsNewAdd),    in(0),              ifAlways,     csEnabling,        wrStamp,      ocNotify,     {31108, "notifying feature (%d, %d) at comp %s", "cdn"}},
 {in(fsModify),    in(6, 7),           ifAlways,     csModifying,       wrStamp,      ocNotifyNew,  {31108, "notifying feature (%d, %d) at comp %s", "cpn"}},
@@ -136,7 +157,9 @@ constexpr SRow aAudit[] = {
 {in(fsActive, fsExisting), nAny,      ifAlways,     nByNotify,         wrNothing,    ocNotify,     {31109, "audit feature (%d, %d) at comp %s", "cdn"}},
 };
 
-// Here, who owes the answer to a modification, or to what came before it, is told of it again as far as its sends go.
+// As above, with two differences: a component that owes the answer to a modification, or to what came before
+// it, is told again as often as its sends allow; and withdrawn features have no row, since auditComp() skips
+// them.
 constexpr SRow aAuditOne[] = {
 {in(fsNewAdd),    in(0),              ifAlways,     csEnabling,        wrStamp,      ocNotify,     {31108, "notifying feature (%d, %d) at comp %s", "cdn"}},
 {in(fsModify),    in(6, 7),           ifAlways,     csModifying,       wrStamp,      ocNotifyNew,  {31108, "notifying feature (%d, %d) at comp %s", "cpn"}},
@@ -145,12 +168,15 @@ constexpr SRow aAuditOne[] = {
 {in(fsActive, fsExisting), nAny,      ifAlways,     nByNotify,         wrNothing,    ocNotify,     {31109, "audit feature (%d, %d) at comp %s", "cdn"}},
 };
 
+// The stamp stays that of the send. An enable goes to a state from which the next notification sends it
+// again; a modification fails for good. Either way nobody waits for the component any longer.
 constexpr SRow aOverdue[] = {
 {nEvery,          in(1),              ifAlways,     csEnableTimedOut,  wrNothing,    ocOverdue,    {31115, "timeout feature %d for comp %s at state %d", "cnf"}},
 {nEvery,          in(5),              ifAlways,     csDisableTimedOut, wrNothing,    ocOverdue,    {31115, "timeout feature %d for comp %s at state %d", "cnf"}},
 {nEvery,          in(9),              ifAlways,     csModifyFailed,    wrNothing,    ocOverdue,    {31115, "timeout feature %d for comp %s at state %d", "cnf"}},
 };
 
+// Into a waiting state without a send, so that the reply that the caller makes up is taken.
 constexpr SRow aAssume[] = {
 {in(fsDeleted),   nAny,               ifAlways,     csDisabling,       wrNothing,    ocTaken},
 {nEvery,          nAny,               ifAlways,     csEnabling,        wrNothing,    ocTaken},
@@ -160,13 +186,14 @@ constexpr SRow aRemove[] = {
 {nEvery,          nAny,               ifAlways,     nGone,             wrNothing,    ocTaken,      {31135, "feature: remove comp %s (%d)", "nf"}},
 };
 
+// No line of the log here: the component whose name it would tell may have been deleted already.
 constexpr SRow aForget[] = {
 {nEvery,          nAny,               ifAlways,     nGone,             wrNothing,    ocTaken},
 };
 
 // clang-format on
 
-// The rows of each event. The first that fits is taken; where none fits, the event is refused without a line.
+// The rows of each event. Where none fits, the event is refused without a line. dvReset has none.
 constexpr std::span<const SRow> aTable[] = {
     aTakeIn,   aNotify,  aAccept, aRefuse, aConfirm, aFetch,  aAudit,
     aAuditOne, aOverdue, aAssume, {},      aRemove,  aForget,
@@ -175,9 +202,10 @@ static_assert(std::size(aTable) == nDeliveryEvents, "one for each event, in the 
 
 // --- The line of the log ---
 
-constexpr size_t nMaxLine = 256;
+constexpr size_t nMaxLine = 256; // with its NUL
 
-// Every conversion of the text has its letter, of the right kind, and the longest line fits.
+// Every conversion of the text has its letter, of the right kind, and the longest line fits into nMaxLine.
+// This is what lets tell() write without a check: a row that broke it would not compile.
 constexpr bool isSound(const SLine& line) {
     constexpr size_t nMaxFilled = nNameFieldSize; // a name; a number is shorter
     size_t filled = 0;
@@ -198,13 +226,14 @@ constexpr bool isSound(std::span<const SRow> rows) {
 }
 static_assert(std::all_of(std::begin(aTable), std::end(aTable), [](auto rows) { return isSound(rows); }));
 
-// What one step tells of.
+// What a line of the log can tell about one step. The record has its new state already.
 struct SStep {
     const CFeatureEntry& m_oEntry;
     const CCompStatus& m_oRecord;
     CCompStatus::ECStatus m_eFrom;
 };
 
+// Signed, as the %d of the texts demands: codes and data from 2^31 on appear as negative numbers.
 int32_t number(char letter, const SStep& step) {
     switch (letter) {
     case 'f':
@@ -228,7 +257,9 @@ char* put(char letter, const SStep& step, char* at, char* end) {
     return std::copy(name.begin(), name.end(), at);
 }
 
-// A step is logged for each feature and component: the text is put together here, at a fraction of what printf takes.
+// A step may be logged for each feature and component, so a long list makes many thousands of these lines.
+// The text is put together here, which takes a fraction of printf's time. A conversion is two characters,
+// hence the second ++i.
 void tell(const SLine& line, const SStep& step) {
     if (line.m_nEvent == 0) {
         return;
@@ -252,7 +283,7 @@ void tell(const SLine& line, const SStep& step) {
 
 constinit DeliveryWitness pWitness = nullptr;
 
-// The counter of the phase that the record is in; what is no state counts as enabling.
+// The counter of the phase that the record is in. Idle, and a number that is no state, belong to enabling.
 uint32_t& triesOf(CCompStatus& record) {
     if (record.m_eStatus >= csDisabling && record.m_eStatus <= csDisableTimedOut) {
         return record.m_nDisableTries;
@@ -263,6 +294,7 @@ uint32_t& triesOf(CCompStatus& record) {
     return record.m_nEnableTries;
 }
 
+// Asks for one send more than were counted: tries are left for the first three, and spent for the fourth.
 bool holds(EIf condition, CCompStatus& record) {
     return condition == ifAlways || (triesOf(record) + 1 <= nMaxTries) == (condition == ifTriesLeft);
 }
@@ -278,6 +310,8 @@ const SRow* findRow(EDeliveryEvent event, const CFeatureEntry& entry, CCompStatu
     return nullptr;
 }
 
+// The counter before the state: triesOf() goes by the state. A row without a state of its own (nSame,
+// nByNotify, nGone) leaves the state as it is.
 void write(const SRow& row, CCompStatus& record) {
     if (row.m_eWrites != wrNothing) {
         record.m_tStamp = nowSeconds();
@@ -304,6 +338,12 @@ void witness(EDeliveryEvent event, const SStep& step) {
 
 } // namespace
 
+// The engine. Two kinds of rows make it call itself. nByNotify lets dvNotify decide and write first, and then
+// adds its own line. nAgain makes the record idle and applies the event once more; idle has rows of its own,
+// so that ends there.
+//
+// The state is written before the line and the witness, as both tell the new one. The witness does not see
+// rows that keep the state, and dvNotify has told it already where a row goes by that.
 EOutcome deliver(EDeliveryEvent event, const CFeatureEntry& entry, CCompStatus& record) {
     const SRow* row = findRow(event, entry, record);
     if (row == nullptr || (row->m_eTo == nByNotify && deliver(dvNotify, entry, record) == ocRefused)) {
@@ -336,6 +376,8 @@ bool isModificationAnswered(CCompStatus::ECStatus status) {
     return (bit(status) & nModificationAnswered) != 0;
 }
 
+// Stamps are whole seconds, so a reply is overdue from 10 to 11 seconds after the send; the next timeout
+// pass, up to 12 seconds later, finds it.
 bool isOverdue(const CCompStatus& record) {
     return isWaiting(record.m_eStatus) && nowSeconds() > record.m_tStamp + nReplyTimeout;
 }

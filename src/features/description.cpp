@@ -12,7 +12,8 @@
 
 namespace {
 
-// The file's text up to its first NUL; null where there is no memory for it.
+// The file's text with a NUL behind it; null where there is no memory for it. A file that shrinks meanwhile
+// leaves the rest of the buffer zero, so the text ends early.
 std::unique_ptr<char[]> readText(CFile& file) {
     std::unique_ptr<char[]> text(new (std::nothrow) char[size_t{file.size()} + 1]());
     if (text != nullptr) {
@@ -23,6 +24,8 @@ std::unique_ptr<char[]> readText(CFile& file) {
 
 } // namespace
 
+// Initialised once, even if two threads come first (the language guarantees it). getenv(3) is safe here
+// because nothing in the daemon changes the environment.
 const char* descriptionPath() {
     static const char* const path = [] {
         const char* configured = std::getenv("QEL_DESCRIPTION");
@@ -35,6 +38,9 @@ bool CFeatureEntry::hasDescriptionFile() {
     return *descriptionPath() != '\0';
 }
 
+// Nothing is kept from one entry to the next, so no cache can be out of date. Called while a list is built,
+// on the source's thread during operation, so it does not hold up the loop. The loop goes on after a match,
+// since the last line of a code counts.
 int CFeatureEntry::setupName() {
     CFile file(descriptionPath(), CFile::nReadOnly, CFile::nText);
     if (file.isOpen() == 0) {
@@ -53,7 +59,7 @@ int CFeatureEntry::setupName() {
     return 1;
 }
 
-// Without memory for it the feature has no name; that is no reason to do without the feature.
+// Without memory the feature has no name. Names are for people, so it is delivered all the same.
 void CFeatureEntry::takeName(std::string_view name) try {
     m_sName = CString(std::string(name).c_str());
 } catch (const std::bad_alloc&) {

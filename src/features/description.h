@@ -1,10 +1,10 @@
-// The feature description file: a name for each feature code. One feature a line, "code,name";
-// docs/feature-list.md tells the format to operators.
+// Where the feature description file is. It has a name for each feature code; base/CDescriptions.h has its
+// format.
 #ifndef QEL_FEATURES_DESCRIPTION_H
 #define QEL_FEATURES_DESCRIPTION_H
 
-// The file's path: QEL_DESCRIPTION in the environment, else the one compiled in. Empty where none is
-// configured.
+// The file's path: QEL_DESCRIPTION of the environment, else the one compiled in; empty if neither names one.
+// It is determined by the first call and stays the same. From any thread.
 const char* descriptionPath();
 
 #endif
