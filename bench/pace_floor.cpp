@@ -1,9 +1,10 @@
 // What the daemon's pace costs without the daemon: the system calls of its loop, and nothing between them.
 //
-//     pace_floor idle                            waits as the loop does that has nothing to do, until killed
-//     pace_floor delivery TURNS LINES SIZE FILE  TURNS turns that take one message each, send two, and share
-//                                                LINES appends of SIZE bytes to FILE, opened and closed for
-//                                                each; prints the processor time in microseconds
+//     pace_floor idle           waits as the loop does that has nothing to do, until killed
+//     pace_floor delivery PEERS TURNS LINES SIZE FILE
+//                               TURNS turns that take one message each, from one of PEERS processes, send it two,
+//                               and share LINES appends of SIZE bytes to FILE, opened and closed for each; prints
+//                               the processor time in microseconds
 #include "base/CFileDescriptor.h"
 #include "server/loop/names.h"
 
@@ -17,8 +18,10 @@
 #include <poll.h>
 #include <string>
 #include <sys/epoll.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
 
 namespace {
 
@@ -39,29 +42,34 @@ void require(bool isDone, const char* what) {
     }
 }
 
-// What the loop waits on: a connection to its one peer, by epoll, and a pipe that stays empty.
+// A component in a process of its own: whenever two messages have come, it sends one.
+void answerAll(int socket) {
+    char packet[nSentSize];
+    for (size_t received = 1; recv(socket, packet, sizeof packet, 0) > 0; ++received) {
+        if (received % 2 == 0) {
+            send(socket, packet, nReplySize, MSG_NOSIGNAL);
+        }
+    }
+}
+
+// What the loop waits on: connections to its peers, by epoll, and a pipe that stays empty.
 class CFloor {
 public:
-    CFloor() {
+    explicit CFloor(int peers) {
         int ends[2] = {-1, -1};
-        require(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends) == 0,
-                "socketpair");
-        m_oSocket = CFileDescriptor(ends[0]);
-        m_oPeer = CFileDescriptor(ends[1]);
         require(pipe2(ends, O_CLOEXEC) == 0, "pipe2");
         m_oEvent = CFileDescriptor(ends[0]);
         m_oSender = CFileDescriptor(ends[1]);
         m_oEpoll = CFileDescriptor(epoll_create1(EPOLL_CLOEXEC));
-        epoll_event event{};
-        event.events = EPOLLIN;
-        require(epoll_ctl(m_oEpoll.get(), EPOLL_CTL_ADD, m_oSocket.get(), &event) == 0, "epoll_ctl");
+        for (int i = 0; i < peers; ++i) {
+            startPeer();
+        }
     }
 
-    int peer() const { return m_oPeer.get(); }
-
-    bool waitForMessage() const {
+    // The connection on which a message is; -1: none came.
+    int waitForMessage() const {
         epoll_event event{};
-        return epoll_wait(m_oEpoll.get(), &event, 1, int{nReceiveTimeout}) == 1;
+        return epoll_wait(m_oEpoll.get(), &event, 1, int{nReceiveTimeout}) == 1 ? event.data.fd : -1;
     }
 
     void waitForEvent(int milliseconds) const {
@@ -69,20 +77,42 @@ public:
         poll(&entry, 1, milliseconds);
     }
 
-    void takeMessage() const {
+    static void takeMessage(int socket) {
         char packet[nReplySize];
-        require(recv(m_oSocket.get(), packet, sizeof packet, MSG_DONTWAIT) == sizeof packet, "recv");
+        require(recv(socket, packet, sizeof packet, MSG_DONTWAIT) == sizeof packet, "recv");
     }
 
-    void sendMessage() const {
+    static void sendMessage(int socket) {
         const char packet[nSentSize] = {};
-        require(send(m_oSocket.get(), packet, sizeof packet, MSG_DONTWAIT | MSG_NOSIGNAL) == sizeof packet,
-                "send");
+        require(send(socket, packet, sizeof packet, MSG_DONTWAIT | MSG_NOSIGNAL) == sizeof packet, "send");
+    }
+
+    // Every peer has a reply under way from then on.
+    void sendFirst() const {
+        for (const CFileDescriptor& socket : m_aSockets) {
+            sendMessage(socket.get());
+            sendMessage(socket.get());
+        }
     }
 
 private:
-    CFileDescriptor m_oSocket;
-    CFileDescriptor m_oPeer;
+    void startPeer() {
+        int ends[2] = {-1, -1};
+        require(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) == 0, "socketpair");
+        if (fork() == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            answerAll(ends[1]);
+            _exit(0);
+        }
+        close(ends[1]);
+        m_aSockets.emplace_back(ends[0]);
+        epoll_event event{};
+        event.events = EPOLLIN;
+        event.data.fd = ends[0];
+        require(epoll_ctl(m_oEpoll.get(), EPOLL_CTL_ADD, ends[0], &event) == 0, "epoll_ctl");
+    }
+
+    std::vector<CFileDescriptor> m_aSockets;
     CFileDescriptor m_oEvent;
     CFileDescriptor m_oSender;
     CFileDescriptor m_oEpoll;
@@ -95,34 +125,22 @@ void append(const char* path, const std::string& line) {
 }
 
 [[noreturn]] void idle() {
-    const CFloor floor;
+    const CFloor floor(1);
     for (;;) {
         floor.waitForMessage();
         floor.waitForEvent(int{nMinLoopDelay});
     }
 }
 
-// A component in a process of its own: whenever two messages have come, it sends one.
-void answerAll(int socket) {
-    char packet[nSentSize];
-    pollfd entry{socket, POLLIN, 0};
-    for (size_t received = 1; poll(&entry, 1, -1) == 1; ++received) {
-        if (recv(socket, packet, sizeof packet, 0) <= 0) {
-            return;
-        }
-        if (received % 2 == 0) {
-            send(socket, packet, nReplySize, MSG_NOSIGNAL);
-        }
-    }
-}
-
 void deliver(const CFloor& floor, const char* path, const std::string& line, int lines) {
     const int64_t start = nanoseconds(CLOCK_MONOTONIC);
-    while (!floor.waitForMessage()) {
+    int socket = -1;
+    while (socket < 0) {
+        socket = floor.waitForMessage();
     }
-    floor.takeMessage();
-    floor.sendMessage();
-    floor.sendMessage();
+    CFloor::takeMessage(socket);
+    CFloor::sendMessage(socket);
+    CFloor::sendMessage(socket);
     for (int i = 0; i < lines; ++i) {
         append(path, line);
     }
@@ -130,16 +148,9 @@ void deliver(const CFloor& floor, const char* path, const std::string& line, int
     floor.waitForEvent(std::max(int{nMaxLoopDelay} - elapsed, int{nMinLoopDelay}));
 }
 
-int delivery(int turns, int lines, size_t size, const char* path) {
-    CFloor floor;
-    const pid_t component = fork();
-    require(component >= 0, "fork");
-    if (component == 0) {
-        answerAll(floor.peer());
-        _exit(0);
-    }
-    floor.sendMessage();
-    floor.sendMessage();
+int delivery(int peers, int turns, int lines, size_t size, const char* path) {
+    const CFloor floor(peers);
+    floor.sendFirst();
     std::string line(size, '.');
     line.back() = '\n';
     const int64_t start = nanoseconds(CLOCK_PROCESS_CPUTIME_ID);
@@ -147,8 +158,7 @@ int delivery(int turns, int lines, size_t size, const char* path) {
         deliver(floor, path, line, (turn + 1) * lines / turns - turn * lines / turns);
     }
     std::printf("%.3f\n", static_cast<double>(nanoseconds(CLOCK_PROCESS_CPUTIME_ID) - start) / 1000);
-    kill(component, SIGTERM);
-    return waitpid(component, nullptr, 0) == component ? 0 : 1;
+    return 0;
 }
 
 } // namespace
@@ -157,11 +167,11 @@ int main(int argc, char** argv) {
     if (argc == 2 && std::strcmp(argv[1], "idle") == 0) {
         idle();
     }
-    if (argc == 6 && std::strcmp(argv[1], "delivery") == 0 && std::atoi(argv[2]) > 0 &&
-        std::atoi(argv[4]) > 0) {
-        return delivery(std::atoi(argv[2]), std::atoi(argv[3]), static_cast<size_t>(std::atoi(argv[4])),
-                        argv[5]);
+    if (argc == 7 && std::strcmp(argv[1], "delivery") == 0 && std::atoi(argv[3]) > 0 &&
+        std::atoi(argv[5]) > 0) {
+        return delivery(std::atoi(argv[2]), std::atoi(argv[3]), std::atoi(argv[4]),
+                        static_cast<size_t>(std::atoi(argv[5])), argv[6]);
     }
-    std::fputs("usage: pace_floor idle | delivery TURNS LINES SIZE FILE\n", stderr);
+    std::fputs("usage: pace_floor idle | delivery PEERS TURNS LINES SIZE FILE\n", stderr);
     return 2;
 }
