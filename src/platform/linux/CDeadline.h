@@ -4,6 +4,7 @@
 #define QEL_PLATFORM_LINUX_CDEADLINE_H
 
 #include <algorithm>
+#include <cerrno>
 #include <climits>
 #include <cstdint>
 #include <ctime>
@@ -15,7 +16,8 @@ public:
 
     bool isOver() const { return left() <= 0; }
 
-    // What is left, as the waiting system calls take it: whole milliseconds, none of them too few. 0: it is over.
+    // What is left, as the waiting system calls take it: whole milliseconds, none of them too few, so that a wait
+    // that ends by itself ends after the deadline. 0: it is over.
     int milliseconds() const {
         return static_cast<int>(std::clamp<int64_t>((left() + NANOSECONDS - 1) / NANOSECONDS, 0, INT_MAX));
     }
@@ -24,10 +26,10 @@ public:
     // With no time left it still looks once.
     bool waitReadable(int fd) const {
         pollfd entry{fd, POLLIN, 0};
-        int count = poll(&entry, 1, milliseconds());
-        while (count <= 0 && !isOver()) { // interrupted, or the time is longer than poll can wait
+        int count = 0;
+        do {
             count = poll(&entry, 1, milliseconds());
-        }
+        } while (count < 0 && errno == EINTR);
         return count > 0;
     }
 

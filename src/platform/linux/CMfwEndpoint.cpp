@@ -179,11 +179,8 @@ int CMfwEndpoint::receive(const CDeadline& deadline, SMfwMessage& message) {
     for (;;) {
         epoll_event ready[MAX_READY];
         const int count = epoll_wait(m_oEpoll.get(), ready, MAX_READY, mayWait ? deadline.milliseconds() : 0);
-        if (count <= 0 && mayWait) {
-            if (deadline.isOver()) {
-                return OVU_MFW_NO_MESSAGE;
-            }
-            continue;
+        if (count == 0 && mayWait) {
+            return OVU_MFW_NO_MESSAGE;
         }
         const std::lock_guard<std::mutex> guard(m_oMutex);
         if (!m_bOpen) {
