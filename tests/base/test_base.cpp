@@ -45,7 +45,7 @@ TEST_F(CFileTest, ReadsNoFurtherThanTheSizeKnown) {
     EXPECT_EQ(file.gets(buffer, sizeof buffer), 0);
 }
 
-TEST_F(CFileTest, FailedOpeningOrRemovingLeavesItHalfOpen) {
+TEST_F(CFileTest, AFailedOpeningClosesItAndAFailedRemovalOpensItAnew) {
     CFile file(m_sPath.c_str(), CFile::nAppend, CFile::nText);
     EXPECT_EQ(file.open("/none/file", CFile::nWrite, CFile::nText), 0);
     char buffer[4] = "abc";
@@ -60,7 +60,7 @@ TEST_F(CFileTest, FailedOpeningOrRemovingLeavesItHalfOpen) {
     }
 }
 
-TEST(CStringTest, TokenizeDropsEmptyTokensAndReturnsTheRestFromEachDelimiterOnDemand) {
+TEST(CStringTest, TokenizeDropsEmptyTokensAndReturnsTheRestAtDelimitersOnDemand) {
     using Tokens = std::vector<std::string>;
     const std::tuple<const char*, const char*, int, Tokens> cases[] = {
         {",a,,b,", ",", 0, {"a", "b"}},    {",,,", ",", 0, {}},

@@ -100,20 +100,20 @@ protected:
     size_t m_nTaken = 0; // messages from the client that the script has seen
 };
 
-struct SFault {
+struct SRule {
     const char* m_szName;
     const char* m_szScript;
     const char* m_szTold; // and what is held in the end
     uint32_t m_nAnswerTimeout = 0;
 
-    friend void PrintTo(const SFault& fault, std::ostream* out) { *out << fault.m_szName; }
+    friend void PrintTo(const SRule& rule, std::ostream* out) { *out << rule.m_szName; }
 };
-class CFault : public CConversation, public ::testing::WithParamInterface<SFault> {};
+class CRule : public CConversation, public ::testing::WithParamInterface<SRule> {};
 
 } // namespace
 
 // The component refuses 13 and gives no answer about 14.
-TEST_P(CFault, IsNotThere) {
+TEST_P(CRule, Holds) {
     m_fnAnswer = [](const qel_notification& n, char*) {
         return n.code == 13 ? QEL_REFUSED : n.code == 14 ? QEL_NO_REPLY : QEL_OK;
     };
@@ -127,19 +127,19 @@ TEST_P(CFault, IsNotThere) {
     EXPECT_EQ(qel_state(m_pClient), QEL_STATE_MONITORING);
 }
 
-const SFault aFaults[] = {
-    {"NotificationAmidPagingLostOrAnsweredTwice",
+const SRule aRules[] = {
+    {"ANotificationAmidPagingIsToldAndAnsweredOnce",
      "name=0 - init - get enable=9:1 9:1 " // overtaken by its own page: no reply is awaited any more
      "get enable=8:1 1:1 ok 8:1 get - "    // on no page: answered before the next request
      "monitor disable=1:1 - ok 1:1",       // between the last page and the start of monitoring
      "enable 9:1, enable 1:1, enable 8:1, disable 1:1, holds 8:1 9:1"},
-    {"ReplyThatTheDaemonNoLongerAwaits",
+    {"NoReplyIsSentThatTheDaemonNoLongerAwaits",
      "name=0 - init - get enable=16:1 overdue=16:1 - monitor - " // overdue before the component is told
      "enable=14:1 quiet overdue=14:1 "                           // answered by nothing
      "enable=15:1 overdue=15:1 quiet " // overdue while the component still works on it
      "enable=15:1 ok -",               // comes again: held by now, answered in silence
      "enable 16:1, overdue 16:1, enable 14:1, overdue 14:1, enable 15:1, overdue 15:1, holds 15:1 16:1"},
-    {"NotificationMisjudgedAgainstWhatIsHeld",
+    {"ANotificationIsJudgedByWhatIsHeld",
      "hold=1:5 name=1 - init - get 1:5 get - monitor - enable=1:5 ok - " // held exactly so: a repetition
      "enable=1:6 ok - "                       // a list put new data in place of the old
      "modify=1:6>7 ok - modify=1:6>7 ok - "   // the second a repetition
@@ -149,35 +149,35 @@ const SFault aFaults[] = {
      "enable=2:0 ok - enable=0:3 ok -",       // data may be 0, and so may a code
      "modify 1:5>6, modify 1:6>7, disable 1:7, enable 1:8, enable 13:1, enable 13:1, enable 2:0, "
      "enable 0:3, holds 0:3 1:8 2:0"},
-    {"DifferenceLostOrToldTwiceAfterRestart",
+    {"EachDifferenceAfterARestartIsToldOnce",
      "name=0 - init - get 1:1 get 2:1 get 3:1 get 13:1 get - monitor - restart "
      "name=3 - init - get 1:1 get 2:2 get 4:1 get 13:1 get - "
      "name=0 - init - get 1:1 get 2:2 get 4:1 get 13:1 get - " // again, without 3 that seems to be gone
      "monitor - enable=3:1 ok -",
      "enable 1:1, enable 2:1, enable 3:1, enable 13:1, enable 4:1, enable 13:1, modify 2:1>2, "
      "disable 3:1, enable 3:1, holds 1:1 2:2 3:1 4:1"},
-    {"HalfAListWhenTheDaemonDiesAmidPaging",
+    {"TheListIsFetchedAnewWhenTheDaemonDiesAmidPaging",
      "name=0 - init - get 1:1 get restart name=1 - init - get 1:2 get 2:1 get - monitor -",
      "enable 1:1, enable 2:1, modify 1:1>2, holds 1:2 2:1"},
-    {"LatePageTakenForAnAnswerOrAFeatureSkipped", // as would happen if the page alone were asked for again
+    {"ALatePageIsNoAnswerAndNoFeatureIsSkipped", // as would happen if the page alone were asked for again
      "name=0 - init - get name=0 - init - get late=5:5 6:6 get - monitor -", "enable 6:6, holds 6:6", 200},
-    {"SkippedPageTakenForAWithdrawal", // a withdrawn feature left the daemon's table during the paging
+    {"ASkippedPageIsNoWithdrawal", // a withdrawn feature left the daemon's table during the paging
      "hold=1:1 hold=2:1 name=2 - init - get 1:1 get - name=0 - init - get 1:1 get 2:1 get - monitor -",
      "holds 1:1 2:1"},
-    {"OneCodeInForceTwiceTakenForAChange",
+    {"OneCodeInForceTwiceIsNoChange",
      "hold=1:1 name=1 - init - get 1:2 get 1:1 get 3:1 get 3:2 get - monitor -",
      "enable 3:1, enable 3:2, enable 1:2, holds 1:1 1:2 3:1 3:2"},
-    {"NotificationFromBeforeTheAnnouncementAnswered", // it is about an earlier life of the component
+    {"ANotificationFromBeforeTheAnnouncementIsIgnored", // it is about an earlier life of the component
      "name=0 enable=5:5 - init - get - monitor -", ""},
-    {"GarbageOrAStrangerTakenForTheDaemon",
+    {"GarbageAndStrangersAreIgnored",
      "name=0 - init - get - monitor - cut=1 cut=23 cut=24 cut=35 "
      "unknown=66:6 oam=66:6 wild=66:6 late=66:6 stranger=66:6 enable=1:1 ok -",
      "enable 1:1, holds 1:1"},
 };
-INSTANTIATE_TEST_SUITE_P(Conversation, CFault, ::testing::ValuesIn(aFaults),
-                         [](const auto& fault) { return std::string(fault.param.m_szName); });
+INSTANTIATE_TEST_SUITE_P(Conversation, CRule, ::testing::ValuesIn(aRules),
+                         [](const auto& rule) { return std::string(rule.param.m_szName); });
 
-TEST_F(CConversation, AnnouncementDiffersFromTheWireLayout) {
+TEST_F(CConversation, AnAnnouncementHasTheLayoutOfTheWire) {
     begin("hold=102:4294967295 hold=101:5 name=2 -");
     EXPECT_EQ(qel_announce(m_pClient, nLong), 0);
     // The client's handle is 1; its process id, and "Voice" in 20 bytes.
@@ -187,7 +187,7 @@ TEST_F(CConversation, AnnouncementDiffersFromTheWireLayout) {
                             "00000002 00000065 00000005 00000066 ffffffff")));
 }
 
-TEST_F(CConversation, DaemonNotThereYetBlocksTooLongOrIsGivenUp) {
+TEST_F(CConversation, AnAbsentDaemonIsWaitedForAsLongAsAskedAndFoundLater) {
     m_rPlatform.m_oProcesses.clear();
     begin("name=0 - init quiet");
     auto start = std::chrono::steady_clock::now();
@@ -201,7 +201,7 @@ TEST_F(CConversation, DaemonNotThereYetBlocksTooLongOrIsGivenUp) {
     EXPECT_EQ(qel_fetch(m_pClient, 0), QEL_ETIMEDOUT);
 }
 
-TEST_F(CConversation, CallbacksThatReenterTheClient) {
+TEST_F(CConversation, CallbacksCannotReenterTheClient) {
     begin("name=0 - init - get 1:1 get - monitor -");
     m_fnAnswer = [this](const qel_notification&, char*) {
         for (int rc : {qel_run(m_pClient, 0), qel_shutdown(m_pClient, nullptr), qel_hold(m_pClient, 5, 5)}) {
@@ -217,7 +217,7 @@ TEST_F(CConversation, CallbacksThatReenterTheClient) {
     EXPECT_EQ(m_sTold, "enable 1:1, ");
 }
 
-TEST_F(CConversation, ArgumentsTakenUnchecked) {
+TEST_F(CConversation, BadArgumentsAreRefused) {
     qel_client* other = nullptr;
     for (const char* name : {"", "SeventeenLetters!", static_cast<const char*>(nullptr)}) {
         EXPECT_EQ(qel_open(name, nullptr, &other), QEL_EINVAL);

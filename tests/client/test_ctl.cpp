@@ -11,7 +11,7 @@ static CBytes bytes(std::string_view hex) {
     return CBytes(text.begin(), text.end());
 }
 
-TEST(ActiveList, WalkedByTheCountOrPastTheEnd) {
+TEST(ActiveList, IsWalkedByItsLengthNotByItsCount) {
     CBytes answer = bytes("00000000 00000000 0000000b 00000000 00000001 00000000 00000003" // three slots
                           "00000003 00000009 00000100 00000002 6869 00000002 00000007 00000005 00000000");
     auto features = parseActiveList(answer.data(), answer.size());
@@ -26,7 +26,7 @@ TEST(ActiveList, WalkedByTheCountOrPastTheEnd) {
     EXPECT_FALSE(parseActiveList(answer.data(), answer.size()));
 }
 
-TEST(Describe, HostileBytesPrintedRawOrReadPastTheEnd) {
+TEST(Describe, HostileBytesAreNeitherPrintedRawNorReadPastTheEnd) {
     CBytes modify = bytes("00000000 00000024 00000002 00000000 00000000 00000000 00000001 00000002 00000003");
     EXPECT_EQ(describeReceived(modify.data(), 36).m_sDetail, "code 1 data 2 new data 3");
     EXPECT_EQ(describeReceived(modify.data(), 35).m_sKind, "unknown");

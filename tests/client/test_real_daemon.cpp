@@ -25,7 +25,7 @@ protected:
     static std::string control(const std::string& arguments) { return ::attempt(QEL_CTL " " + arguments); }
 };
 
-TEST_F(CRealDaemon, DifferencesLostOrRepeatedByNotificationsFetchOrRestart) {
+TEST_F(CRealDaemon, EveryDifferenceIsToldOnceByNotificationFetchOrRestart) {
     open();
     EXPECT_EQ(qel_hold(m_pClient, 4, 1), 0); // which the daemon then keeps to itself
     start({{1, 1}, {2, 1}, {3, 1}, {4, 1}});
@@ -44,7 +44,7 @@ TEST_F(CRealDaemon, DifferencesLostOrRepeatedByNotificationsFetchOrRestart) {
     EXPECT_TRUE(eventually([this] { return countInLog(": ShutdownMsgType (1 bye)\n") == 1; }));
 }
 
-TEST_F(CRealDaemon, ToolsHangOrHideErrorsWithoutADaemon) {
+TEST_F(CRealDaemon, WithoutADaemonToolsSayAtOnceWhatIsWrong) {
     const auto start = std::chrono::steady_clock::now();
     for (const char* command : {"list", "component Voice --monitor"}) {
         EXPECT_EQ(control(command), "qelctl: the daemon is not running\nstatus 2\n");

@@ -69,7 +69,7 @@ bool perform(const std::string& line) {
     return true;
 }
 
-TEST_F(CConversationTest, AWholeConversationByteByByteAndLineByLine) {
+TEST_F(CConversationTest, AWholeConversationGoesByItsScriptToTheByte) {
     std::ifstream script(QEL_TEST_SCRIPT);
     std::string done = "nothing";
     std::string expected;
@@ -115,7 +115,7 @@ TEST_F(CConversationTest, ARestartedProcessIsToldAnewAndLeavesNoRecordBehind) {
     EXPECT_TRUE(recordsOf(ofVoice) == 0 && recordsOf(ofGateway) == 0);
 }
 
-TEST_F(CConversationTest, TheListInForceForOAM) {
+TEST_F(CConversationTest, OAMGetsTheListInForceWithoutWhatTheSourceKeeps) {
     newList({fresh(1, 10), fresh(206, 0xFFFFFFFF)});
     feature(3, 30); // kept by the source: not packed, but counted
     EXPECT_TRUE(control().addFeature(nullptr));

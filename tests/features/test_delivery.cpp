@@ -111,7 +111,7 @@ TEST_F(CDeliveryTest, EveryStateTakesEveryEventAsTheTableSays) {
     }
 }
 
-TEST_F(CDeliveryTest, WithoutARecordNothingButTakingInWhomItConcernsIsDone) {
+TEST_F(CDeliveryTest, WithoutARecordOnlyTakingInWhomItConcernsIsDone) {
     for (const auto event : {opNotify, opReply, opRemove, opConfirm}) {
         EXPECT_EQ(m_oEntry.addComponent(event, &m_oVoice), 0);
     }

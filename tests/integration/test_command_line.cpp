@@ -6,7 +6,7 @@ namespace {
 
 using CCommandLineTest = CDaemonTest;
 
-TEST_F(CCommandLineTest, HostThatGivesNoEventOrNothingAtAllIsNotTold) {
+TEST_F(CCommandLineTest, AHostWithoutEventOrRuntimeDirectoryIsReported) {
     std::filesystem::create_directory(file("event.QELEVENTSERVER1")); // it exists, but cannot be opened
     EXPECT_EQ(attempt("-stop"),
               fmt::format("Failed to create event ({0}, 0xffffffff)\nstatus {0}\n", EISDIR));
@@ -20,7 +20,7 @@ TEST_F(CCommandLineTest, HostThatGivesNoEventOrNothingAtAllIsNotTold) {
     EXPECT_EQ(countInLog(": failed to init message framework.\n"), 1u) << "an unknown state starts it";
 }
 
-TEST_F(CCommandLineTest, WhatAStopOrAKilledDaemonLeftEndsTheNextOne) {
+TEST_F(CCommandLineTest, WhatAStopOrAKilledDaemonLeftDoesNotEndTheNextOne) {
     EXPECT_TRUE(isLike(attempt("-stop"), "Sending stop event (0x*)\nstatus 0\n")); // creates the event
     EXPECT_TRUE(isLike(attempt("-stop"), "Sending stop event (0x*)\nstatus 0\n")); // opens it
     for (int i = 0; i < 3; ++i) {
@@ -37,7 +37,7 @@ TEST_F(CCommandLineTest, WhatAStopOrAKilledDaemonLeftEndsTheNextOne) {
     EXPECT_FALSE(exists("event.QELEVENTSERVER1"));
 }
 
-TEST_F(CCommandLineTest, OtherThanTheExactWordDebugs) {
+TEST_F(CCommandLineTest, OnlyTheExactWordDebugs) {
     const std::string started = sStamp + "run qel service.\n";
     startDaemon("-debug");
     stopDaemon(false);
@@ -63,7 +63,7 @@ int flood(const CLine&) {
 }
 
 // QEL_TEST_SIGTERMS in the environment: how often, 60 by default.
-TEST_F(CCommandLineTest, TerminatedAtSomeMomentItHangsOrFails) {
+TEST_F(CCommandLineTest, TerminatedAtAnyMomentItEndsWell) {
     const char* times = std::getenv("QEL_TEST_SIGTERMS");
     writeList(feature(1, 1, "Phone") + feature(2, 2, "Phone", "sourced = true") + feature(3, 3, "ALL"));
     const CChild one = startPeer("one", flood);

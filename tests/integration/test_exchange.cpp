@@ -13,7 +13,7 @@ std::string inHex(const std::string& body) {
     return hex;
 }
 
-TEST_F(CExchangeTest, AByteOfATypicalExchangeIsAnother) {
+TEST_F(CExchangeTest, ATypicalExchangeIsTheSameToTheByte) {
     writeList(feature(0x101, 5, "Phone") + feature(0x102, 6, "Phone") +
               feature(0x104, 1, "Phone", "sourced = true") + feature(0x105, 1, "Another"));
     startDaemon();
@@ -57,7 +57,7 @@ TEST_F(CExchangeTest, AByteOfATypicalExchangeIsAnother) {
     stopDaemon();
 }
 
-TEST_F(CExchangeTest, ListChangeIsMissedOrABadOneTakenOrNobodyTold) {
+TEST_F(CExchangeTest, AChangedListIsTakenAndToldAndABadOneIsNot) {
     startDaemon();
     EXPECT_EQ(featuresInForce(), (Features{{1, 1}}));
     writeList(feature(2, 7, "Nobody") + feature(3, 8, "Fax"));
@@ -80,7 +80,7 @@ TEST_F(CExchangeTest, ListChangeIsMissedOrABadOneTakenOrNobodyTold) {
 }
 
 // 100,000 features where no sanitizer slows the reading down; as a file beside the message in any case.
-TEST_F(CExchangeTest, LongListIsCutOnItsWayToOAM) {
+TEST_F(CExchangeTest, ALongListReachesOAMWhole) {
     std::string list;
     Features features;
     for (uint32_t code = 1; code <= QEL_LONG_LIST; ++code) {
@@ -95,7 +95,7 @@ TEST_F(CExchangeTest, LongListIsCutOnItsWayToOAM) {
     stopDaemon();
 }
 
-TEST_F(CExchangeTest, HostileBytesStopTheDaemonOrAreNotTold) {
+TEST_F(CExchangeTest, HostileBytesAreToldAndStopNothing) {
     const std::vector<std::string> bodies = {
         "",
         std::string(23, '\0'),
@@ -123,7 +123,7 @@ TEST_F(CExchangeTest, HostileBytesStopTheDaemonOrAreNotTold) {
 }
 
 // Each has its answer, and leaves what comes behind it unread.
-TEST_F(CExchangeTest, OneOfManyThatAnnounceAtTheSameMomentHasNoAnswerOrTheirHangingDelaysAHealthyOne) {
+TEST_F(CExchangeTest, EveryOneOfManyThatAnnounceAtOnceIsAnsweredAndHungOnesDelayNobody) {
     writeList(feature(1, 1, "ALL"));
     std::vector<CChild> hung;
     for (uint32_t tag = 0; tag < 128; ++tag) {

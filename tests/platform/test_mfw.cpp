@@ -16,7 +16,7 @@ uint32_t find(const char* name) {
     return OvuMfwGetProcessHandle(name, &handle) == 0 ? handle : OVU_MFW_NO_HANDLE;
 }
 
-TEST_F(CMfwTest, lookupFindsADeadProcessOrNotTheLowest) {
+TEST_F(CMfwTest, LookupFindsTheLowestThatLives) {
     CChild first = startPeer("twin", hang);
     CChild second = startPeer("twin", hang);
     CChild other = startPeer("twi", hang);
@@ -34,7 +34,7 @@ TEST_F(CMfwTest, lookupFindsADeadProcessOrNotTheLowest) {
 }
 
 // A process that died had our process id, and what it left stands in our place.
-TEST_F(CMfwTest, leftoverOfAReusedProcessIdStopsTheStartOrAnEndedOneStaysKnown) {
+TEST_F(CMfwTest, LeftoversUnderOurProcessIdHinderNothingAndNoneStayOfOurs) {
     put(file("name." + std::to_string(m_nOwn)), "formerly-somebody");
     put(file("mfw." + std::to_string(m_nOwn)), "not even a socket");
     openEndpoint();
@@ -53,7 +53,7 @@ int echo(const CLine& line) { // answers every message with the same one
     return 0;
 }
 
-TEST_F(CMfwTest, messageIsCutOrOvertakenOrItsRecordShowsOldBytesOrAForgedSender) {
+TEST_F(CMfwTest, MessagesArriveWholeAndInOrderWithTheirTrueSender) {
     CChild peer = startPeer("peer", echo);
     openEndpoint();
     std::vector<std::string> bodies;
@@ -74,7 +74,7 @@ TEST_F(CMfwTest, messageIsCutOrOvertakenOrItsRecordShowsOldBytesOrAForgedSender)
     }
 }
 
-TEST_F(CMfwTest, messageGoesToAnotherCallbackOrStaysWhereNobodyWantsIt) {
+TEST_F(CMfwTest, AMessageGoesToItsCallbackOrIsDropped) {
     openEndpoint();
     const auto deliver = [this](uint16_t type) {
         return sendText(m_nOwn, type, "") == 0 && OvuMfwProcessNextMessage(0) == 0;
@@ -91,7 +91,7 @@ TEST_F(CMfwTest, messageGoesToAnotherCallbackOrStaysWhereNobodyWantsIt) {
 }
 
 // It closes with something of ours unread: the kernel tells of a reset before it hands out what was sent.
-TEST_F(CMfwTest, peerThatCameBackStaysUnreachableOrWhatItSentBeforeIsLost) {
+TEST_F(CMfwTest, APeerThatCameBackIsReachedAndWhatItSentBeforeArrives) {
     for (const bool sendFirst : {true, false}) { // either may be what meets the reset
         CChild peer = startPeer("peer", [parent = m_nOwn](const CLine& line) {
             receiveText(); // the connection is known now, and serves both ways
@@ -120,7 +120,7 @@ TEST_F(CMfwTest, peerThatCameBackStaysUnreachableOrWhatItSentBeforeIsLost) {
     }
 }
 
-TEST_F(CMfwTest, messageFromAnotherThreadDoesNotWakeTheReceiverOrItsCleanupDisturbs) {
+TEST_F(CMfwTest, AnotherThreadMayWakeTheReceiverOrCleanUpBelowIt) {
     for (int i = 0; i < 20; ++i) {
         openEndpoint();
         std::jthread sender([&] {
@@ -138,7 +138,7 @@ TEST_F(CMfwTest, messageFromAnotherThreadDoesNotWakeTheReceiverOrItsCleanupDistu
 }
 
 // Peers that hang: among the daemon's exchanges.
-TEST_F(CMfwTest, floodingPeerKeepsAHealthyOneWaitingOrFillsOurMemory) {
+TEST_F(CMfwTest, AFloodingPeerDelaysNoOtherAndFillsNoMemory) {
     CChild flooder = startPeer("flooder", [parent = m_nOwn](const CLine& line) {
         while (line.hear() == 'g') {
             while (sendText(parent, 1, "flood") == 0) { // until its queue is full
@@ -192,7 +192,7 @@ long openDescriptors() {
     return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
 }
 
-TEST_F(CMfwTest, garbageIsTakenOrLeaksDescriptorsOrStopsTraffic) {
+TEST_F(CMfwTest, GarbageIsNotTakenLeaksNothingAndStopsNoTraffic) {
     const int memory = memoryFile(100);
     const int plain = open("/dev/null", O_RDONLY | O_CLOEXEC);
     const std::pair<std::string, std::vector<int>> frames[] = {

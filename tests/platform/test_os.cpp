@@ -19,7 +19,7 @@ int askState(const char* name) {
     return osGetProcessState(name, &state) == 0 ? state : -1;
 }
 
-TEST_F(COsTest, ofSeveralThatAskAtOnceMoreThanOneRuns) {
+TEST_F(COsTest, OfSeveralThatAskAtOnceOnlyOneRuns) {
     std::vector<CChild> children;
     for (int i = 0; i < 8; ++i) {
         children.emplace_back([](const CLine& line) {
@@ -43,7 +43,7 @@ TEST_F(COsTest, ofSeveralThatAskAtOnceMoreThanOneRuns) {
 }
 
 // What a dead daemon leaves, and its signal to another process: among the command line's tests.
-TEST_F(COsTest, signalsPileUpOrBlockOrAKillTakesTheNewerEventOrALoopSpins) {
+TEST_F(COsTest, SignalsDoNotPileUpOrBlockAndAKillSparesTheNewerEvent) {
     uint32_t handle = 0;
     uint32_t second = 0;
     ASSERT_TRUE(osCreateEvent("stop", 0, &handle) == 0 && osOpenEvent("stop", &second) == 0);
@@ -62,7 +62,7 @@ TEST_F(COsTest, signalsPileUpOrBlockOrAKillTakesTheNewerEventOrALoopSpins) {
     EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(50));
 }
 
-TEST_F(COsTest, threadsEnterTogetherOrSleepForever) {
+TEST_F(COsTest, ThreadsEnterOneByOneAndAllWakeUp) {
     COswLightweightMutex mutex;
     long counter = 0;
     const auto work = [&] {
@@ -80,7 +80,7 @@ TEST_F(COsTest, threadsEnterTogetherOrSleepForever) {
     EXPECT_TRUE(mutex.unlock() == 1 && mutex.unlock() == 0);
 }
 
-TEST_F(COsTest, longPathOrTightUmaskKeepsProcessesApart) {
+TEST_F(COsTest, ALongPathOrATightUmaskKeepsNoProcessesApart) {
     const std::string deep = file(std::string(200, 'd'));
     setenv("QEL_RUNTIME_DIR", deep.c_str(), 1);
     const mode_t before = umask(0077);
@@ -117,7 +117,7 @@ int serve(const CLine& line) {
 }
 
 // The manager's socket is a file, or a name without one.
-TEST_F(CServiceTest, signalEndsTheProcessWithoutANoticeOrTheManagerIsNotTold) {
+TEST_F(CServiceTest, ASignalGivesNoticeAndTheManagerIsTold) {
     const std::pair<int, int> expected[] = {{SIGTERM, OVU_CALLBACK_NOTIFY_SERVICE_STOP},
                                             {SIGINT, OVU_CALLBACK_NOTIFY_SERVICE_STOP},
                                             {SIGPWR, OVU_CALLBACK_NOTIFY_SERVICE_SHUTDOWN}};
@@ -134,7 +134,7 @@ TEST_F(CServiceTest, signalEndsTheProcessWithoutANoticeOrTheManagerIsNotTold) {
     }
 }
 
-TEST_F(CServiceTest, managerThatIsGoneOrDoesNotReadHoldsUsUp) {
+TEST_F(CServiceTest, AManagerThatIsGoneOrDoesNotReadHoldsNobodyUp) {
     const CFileDescriptor manager = socketAt(file("notify"), SOCK_DGRAM, bind);
     for (const std::string& name : {file("notify"), file("nobody"), std::string("nowhere"), std::string("@"),
                                     "/" + std::string(200, 'd'), std::string()}) {
@@ -149,7 +149,7 @@ TEST_F(CServiceTest, managerThatIsGoneOrDoesNotReadHoldsUsUp) {
 }
 
 // In the place of systemctl, scripts that answer, do not, or wait for ever.
-TEST_F(CServiceTest, answerOfTheManagerIsMisreadOrAwaitedForEver) {
+TEST_F(CServiceTest, TheManagersAnswerIsReadWholeAndAwaitedInVainNotForEver) {
     const auto says = [this](const std::string& script) {
         put(file("ctl"), "#!/bin/sh\n" + script + "\n");
         std::filesystem::permissions(file("ctl"), std::filesystem::perms::owner_all);
@@ -170,7 +170,7 @@ TEST_F(CServiceTest, answerOfTheManagerIsMisreadOrAwaitedForEver) {
 }
 
 // Its other end may hang up on it, and it is to die of that.
-TEST_F(CServiceTest, signalSettingsOfOursAreHandedOn) {
+TEST_F(CServiceTest, WhatWeStartHasNoneOfOurSignalSettings) {
     sigset_t all;
     sigset_t before;
     sigfillset(&all);
@@ -184,7 +184,7 @@ TEST_F(CServiceTest, signalSettingsOfOursAreHandedOn) {
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
-TEST_F(CDiagTest, lineIsLostOrAJournalThatDoesNotReadBlocks) {
+TEST_F(CDiagTest, LinesReachTheJournalAndAFullOneDoesNotBlock) {
     setenv("QEL_DIAG", file("journal").c_str(), 1);
     uint32_t handle = 0;
     EXPECT_NE(OvuDiagRegisterModule("a", "b", "c", "log", &handle), 0);

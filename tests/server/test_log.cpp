@@ -24,7 +24,7 @@ struct CLogTest : CServerTestBase {
     const std::string m_sPath = m_oDirectory.file("log");
 };
 
-TEST_F(CLogTest, RegistrationIsTriedAgainForEveryLineUntilItWorksAndDebuggingBypassesBothLogs) {
+TEST_F(CLogTest, RegistrationIsTriedUntilItWorksAndDebuggingBypassesBothLogs) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     const auto inFreshProcess = [this] {
         m_oPlatform.fail("OvuDiagRegisterModule", 2, 1, 2);
@@ -59,7 +59,7 @@ TEST_F(CLogTest, EachLineHasItsStampAndOpensTheLogAnew) {
 }
 
 // Lines longer than any buffer of the library: in pieces, they would mix.
-TEST_F(CLogTest, LinesOfSeveralThreadsMix) {
+TEST_F(CLogTest, LinesOfSeveralThreadsDoNotMix) {
     const auto write = [](char letter) {
         for (int i = 0; i < 2000; ++i) {
             CQelServer::LogFile(std::string(5000, letter).c_str());

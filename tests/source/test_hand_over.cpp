@@ -121,25 +121,25 @@ private:
 
 TEST_F(CHandOverTest, EachIsToldOfWhatConcernsItAndOfNothingElse) {
     const struct {
-        const char* m_sFault;
+        const char* m_sRule;
         std::vector<std::string> m_vSteps; // the first list settles; "half": a pass, one answer
         const char* m_sTold;               // what V | G are told of those
     } aCases[] = {
-        {"kept one told again", {"1 10 *V, 2 20 :V", "1 10 *V, 2 20 :V"}, " +2 20 |"},
-        {"change right after a hand-over lost", {"1 10 *V", "1 10 *V", "1 11 *V"}, " ~1 10 +1 11 |"},
-        {"not set back", {"1 10 *PV", "1 11 *PV", "half", "1 10 *PV"}, " ~1 10 +1 11 ~1 11 +1 10 |"},
-        {"set back untold", {"1 5 *PV", "1 6 *PV", "half", "1 5 *PV, 1 7 *P"}, " ~1 5 +1 6 -1 6 +1 5 |"},
-        {"modified to 0, which cannot be told", {"1 10 *V", "1 0 *V"}, " +1 0 |"},
-        {"told again as it becomes sourced", {"1 10 :V", "1 10 *V"}, " |"},
-        {"kept though sourced no longer", {"1 10 *V", "1 10 :V"}, " +1 10 |"},
-        {"all told of an added component", {"1 10 *V", "1 10 *GV"}, " | +1 10"},
-        {"joined amid a modification", {"1 10 *V", "1 11 *GV"}, " ~1 10 +1 11 | +1 11"},
-        {"dropped untold", {"1 10 :GV", "1 10 :V"}, " -1 10 +1 10 | -1 10"},
-        {"joined amid the next modification", {"1 10 *V", "1 10 *GV", "1 11 *GV"}, " +1 11 | +1 11"},
+        {"a kept one is not told again", {"1 10 *V, 2 20 :V", "1 10 *V, 2 20 :V"}, " +2 20 |"},
+        {"a change right after a hand-over is told", {"1 10 *V", "1 10 *V", "1 11 *V"}, " ~1 10 +1 11 |"},
+        {"set back is told", {"1 10 *PV", "1 11 *PV", "half", "1 10 *PV"}, " ~1 10 +1 11 ~1 11 +1 10 |"},
+        {"set back anew", {"1 5 *PV", "1 6 *PV", "half", "1 5 *PV, 1 7 *P"}, " ~1 5 +1 6 -1 6 +1 5 |"},
+        {"a change to 0, which cannot be told, is a new feature", {"1 10 *V", "1 0 *V"}, " +1 0 |"},
+        {"what becomes sourced is not told again", {"1 10 :V", "1 10 *V"}, " |"},
+        {"what is sourced no longer is told again", {"1 10 *V", "1 10 :V"}, " +1 10 |"},
+        {"only an added component is told", {"1 10 *V", "1 10 *GV"}, " | +1 10"},
+        {"who is added with a change is told the new data", {"1 10 *V", "1 11 *GV"}, " ~1 10 +1 11 | +1 11"},
+        {"and so is who was added before", {"1 10 *V", "1 10 *GV", "1 11 *GV"}, " +1 11 | +1 11"},
+        {"a dropped one is told, and the others again", {"1 10 :GV", "1 10 :V"}, " -1 10 +1 10 | -1 10"},
     };
     for (const auto& row : aCases) {
         const auto allButFirst = [isLost = false]() mutable { return std::exchange(isLost, true); };
-        SCOPED_TRACE(row.m_sFault);
+        SCOPED_TRACE(row.m_sRule);
         give(row.m_vSteps[0]);
         passes(20);
         m_oTold.clear();
@@ -153,7 +153,7 @@ TEST_F(CHandOverTest, EachIsToldOfWhatConcernsItAndOfNothingElse) {
 }
 
 // 206 is one of the codes that need a restart, whether the merge brings it in or not.
-TEST_F(CHandOverTest, FeatureThatNeedsARestartIsReported) {
+TEST_F(CHandOverTest, AFeatureThatNeedsARestartIsReported) {
     const std::tuple<const char*, int, int> aLists[] = {
         {"206 1 :V", 1, 0}, {"", 2, 0}, {"206 1 *GV", 1, 0}, {"206 1 *V", 2, 1}};
     for (const auto& [list, atOnce, later] : aLists) {
@@ -163,7 +163,7 @@ TEST_F(CHandOverTest, FeatureThatNeedsARestartIsReported) {
 }
 
 // Lists come while the last one is still under way, and replies get lost.
-TEST_F(CHandOverTest, TableComesToStandForTheLastOfRandomLists) {
+TEST_F(CHandOverTest, TheTableComesToStandForTheLastOfRandomLists) {
     const auto upTo = [this](uint32_t limit) { return static_cast<uint32_t>(m_oRandom() % (limit + 1)); };
     for (int round = 0; round < 1000 && !HasFailure(); ++round) {
         SCOPED_TRACE(round);

@@ -88,7 +88,7 @@ TEST(FeatureList, TellsAllFaultsInOneGo) {
 }
 
 // Judged by the list taken last. Kept data cannot change to 0: as pending data, 0 tells that there is none.
-TEST(FeatureLoader, BadUnchangedOrUndeliverableListIsNotTaken) {
+TEST(FeatureLoader, ABadUnchangedOrUndeliverableListIsNotTaken) {
     const struct {
         const char *m_sText, *m_sLogged; // of the file, and right behind its path; none: the list is taken
     } aLists[] = {

@@ -32,7 +32,7 @@ protected:
     const CTestDirectory m_oDirectory;
 };
 
-TEST_F(CToolsTest, TextOrStatusIsAnother) {
+TEST_F(CToolsTest, EachCommandLineHasItsTextAndStatus) {
     const char* cases[][2] = {
         {"", "Usage: qelserver -[newkey|run|check|signature|signverify] [...]\nstatus 1\n"},
         {"-ru", "status 0\n"},
@@ -89,7 +89,7 @@ TEST_F(CToolsTest, TextOrStatusIsAnother) {
 // Files that are no libraries stand in the way of the module and of libcrypto. (Of the sanitizers' daemon they cannot:
 // its run path comes before the environment's.)
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-TEST_F(CToolsTest, MissingModuleIsNotToldOrHindersOtherModes) {
+TEST_F(CToolsTest, AMissingModuleIsToldAndHindersNoOtherMode) {
     put("libqelsign.so", "");
     put("libcrypto.so.3", "");
     EXPECT_EQ(attempt("LD_LIBRARY_PATH=. $qel -ru"), "status 0\n");
@@ -103,7 +103,7 @@ TEST_F(CToolsTest, MissingModuleIsNotToldOrHindersOtherModes) {
 }
 #endif
 
-TEST_F(CToolsTest, KeyPairIsNotWhatTheStockCommandTakesForOne) {
+TEST_F(CToolsTest, AKeyPairIsOneToTheStockCommand) {
     const std::string name = "C=Tarsil,CN=Halyx,O=Dorna,OU=Platforms\n";
     EXPECT_EQ(run("$openssl x509 -in key.crt -noout -subject -issuer | tr -d ' '"),
               "subject=" + name + "issuer=" + name);
@@ -116,7 +116,7 @@ TEST_F(CToolsTest, KeyPairIsNotWhatTheStockCommandTakesForOne) {
     run("$openssl verify -auth_level 0 -check_ss_sig -CAfile key.crt key.crt && $qel -check key key.crt");
 }
 
-TEST_F(CToolsTest, StockKeyOfSomeSizeIsRefusedOrMixedUp) {
+TEST_F(CToolsTest, StockKeysOfAnySizeAreTakenAndToldApart) {
     for (const char* bits : {"1024", "1032", "4096"}) {
         run(std::string("$openssl req -x509 -nodes -subj /CN=x -keyout k -out c -newkey rsa:") + bits);
         run("$openssl rsa -in k -traditional -out t && $qel -check k c && $qel -check t c");
@@ -127,7 +127,7 @@ TEST_F(CToolsTest, StockKeyOfSomeSizeIsRefusedOrMixedUp) {
     }
 }
 
-TEST_F(CToolsTest, PrivateKeyIsOpenToOthersOrHalfOfAFileIsLeft) {
+TEST_F(CToolsTest, APrivateKeyIsItsOwnersAndNoHalfOfAFileIsLeft) {
     put("old", "old"); // somebody holds the file open that the key replaces
     run("chmod 644 old && ln old new && umask 0 && $qel -newkey new && $qel -check new new.crt");
     EXPECT_EQ(contents("old"), "old");
@@ -145,7 +145,7 @@ TEST_F(CToolsTest, PrivateKeyIsOpenToOthersOrHalfOfAFileIsLeft) {
     EXPECT_EQ(run("$qel -newkey " + longest + "x"), "Invalid file name " + longest + "x\n");
 }
 
-TEST_F(CToolsTest, ValidityIsOffByASecondOrByAnEra) {
+TEST_F(CToolsTest, ValidityIsExactToTheSecondInAnyEra) {
     static uint32_t nNow = 0;
     const SClock clock{[] { return nNow; }, oSystemClock.m_fnTimeOfDay};
     useClock(clock);
@@ -166,7 +166,7 @@ TEST_F(CToolsTest, ValidityIsOffByASecondOrByAnEra) {
     useClock(oSystemClock);
 }
 
-TEST_F(CToolsTest, MalformedTimeIsTakenForOne) {
+TEST_F(CToolsTest, AMalformedTimeIsNotTakenForOne) {
     // Both take the place of two of 13 characters. The signature is not looked at.
     const char* cases[][3] = {
         {"200101000000Z", "490101000000Z", "status 0\n"},
@@ -185,7 +185,7 @@ TEST_F(CToolsTest, MalformedTimeIsTakenForOne) {
     }
 }
 
-TEST_F(CToolsTest, SignatureOfSomeSizeIsNotTheStockCommands) {
+TEST_F(CToolsTest, SignaturesOfAnySizeAreTheStockCommands) {
     for (const size_t size : {0u, 1u, 1023u, 1024u, 1025u, 2048u, 1000000u}) {
         std::string data(size, '\0');
         std::generate(data.begin(), data.end(), std::mt19937{20});
@@ -201,7 +201,7 @@ TEST_F(CToolsTest, SignatureOfSomeSizeIsNotTheStockCommands) {
 
 // A change beside the certificate's key (name, date, its own signature) leaves the one that signed. A changed
 // key is worth nothing. QEL_TEST_CHANGES in the environment: how many random changes, 1000 by default.
-TEST_F(CToolsTest, ChangedSignatureOrKeyIsAccepted) {
+TEST_F(CToolsTest, AChangedSignatureOrKeyIsRefused) {
     run("$qel -signature key data s && $openssl dgst -sha256 -sign key -out sha256 data");
     const std::string good = contents("s");
     const auto isAccepted = [](const char* certificate, const std::string& signature) {
