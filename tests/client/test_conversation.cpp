@@ -57,11 +57,12 @@ protected:
         std::string verb = word.substr(0, word.find('='));
         std::array<uint32_t, 3> n = {};
         std::sscanf(word.c_str() + (verb == word ? 0 : verb.size() + 1), "%u:%u>%u", &n[0], &n[1], &n[2]);
+        const size_t unseen = m_rPlatform.m_vSent.size() - m_nTaken;
         const bool isRequest = oRequests.count(verb) != 0;
-        if (isRequest && m_nTaken == m_rPlatform.m_vSent.size()) {
+        if (isRequest && unseen == 0) {
             return; // the client's turn
         }
-        EXPECT_TRUE(isRequest || m_nTaken == m_rPlatform.m_vSent.size()) << "sent before " << word;
+        EXPECT_EQ(isRequest ? 0 : unseen, 0u) << "sent before " << word;
         if (isRequest) {
             expect(word, oRequests.at(verb), n[0]);
         } else if (verb == "restart") {
@@ -193,7 +194,8 @@ TEST_F(CConversation, AnAbsentDaemonIsWaitedForAsLongAsAskedAndFoundLater) {
     auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(qel_announce(m_pClient, 50), QEL_ENODAEMON);
     auto took = std::chrono::steady_clock::now() - start;
-    EXPECT_TRUE(took >= std::chrono::milliseconds(50) && took < std::chrono::milliseconds(500));
+    EXPECT_GE(took, std::chrono::milliseconds(50));
+    EXPECT_LT(took, std::chrono::milliseconds(500));
     EXPECT_EQ(qel_shutdown(m_pClient, nullptr), QEL_ENODAEMON);
     m_rPlatform.m_oProcesses["qelserver"] = m_nDaemon;
     EXPECT_EQ(qel_announce(m_pClient, nLong), 0);

@@ -15,7 +15,8 @@ TEST(ActiveList, IsWalkedByItsLengthNotByItsCount) {
     CBytes answer = bytes("00000000 00000000 0000000b 00000000 00000001 00000000 00000003" // three slots
                           "00000003 00000009 00000100 00000002 6869 00000002 00000007 00000005 00000000");
     auto features = parseActiveList(answer.data(), answer.size());
-    ASSERT_TRUE(features && features->size() == 2);
+    ASSERT_TRUE(features);
+    ASSERT_EQ(features->size(), 2u);
     EXPECT_EQ(features->at(0).m_nData, 256u);
     EXPECT_EQ(features->at(1).m_nCode, 7u);
     for (size_t length = 0; length < answer.size(); ++length) { // whole only at a record's end

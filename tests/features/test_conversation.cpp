@@ -104,15 +104,19 @@ TEST_F(CConversationTest, ARestartedProcessIsToldAnewAndLeavesNoRecordBehind) {
     announce("Voice", 77, 0x22); // the same process: only where to answer is new
     EXPECT_EQ(ofVoice.m_vCompStatus.at(0)->m_eStatus, csEnabled);
     announce("Voice", 78, 0x23);
-    EXPECT_TRUE(ofVoice.m_vCompStatus.at(0)->m_eStatus == csIdle && recordsOf(ofVoice) == 2);
+    EXPECT_EQ(ofVoice.m_vCompStatus.at(0)->m_eStatus, csIdle);
+    EXPECT_EQ(recordsOf(ofVoice), 2u);
     const CComponent& voice = *control().findCompByMFW(0x23);
-    EXPECT_TRUE(voice.m_bMonitor == 1 && voice.m_aFeatures.m_vItems.size() == 1); // monitored for its life
+    EXPECT_EQ(voice.m_bMonitor, 1) << "monitored for its life";
+    EXPECT_EQ(voice.m_aFeatures.m_vItems.size(), 1u);
     request(InitListMsgType, 0x23, "Gateway");
     announce("Gateway", 79, 0x23);
-    EXPECT_TRUE(recordsOf(ofVoice) == 2 && recordsOf(ofGateway) == 1);
+    EXPECT_EQ(recordsOf(ofVoice), 2u);
+    EXPECT_EQ(recordsOf(ofGateway), 1u);
     EXPECT_EQ(control().components().m_vItems.size(), 1u);
     shutDown(0x23);
-    EXPECT_TRUE(recordsOf(ofVoice) == 0 && recordsOf(ofGateway) == 0);
+    EXPECT_EQ(recordsOf(ofVoice), 0u);
+    EXPECT_EQ(recordsOf(ofGateway), 0u);
 }
 
 TEST_F(CConversationTest, OAMGetsTheListInForceWithoutWhatTheSourceKeeps) {
@@ -166,8 +170,10 @@ TEST_F(CConversationTest, PagesHandOutWhatIsInForceAndCountAsAnswered) {
         request(nQelClientGetFeatureMsgType, 0x21);
     }
     EXPECT_EQ(told(), (CTexts{"33: 0 2 21 0", "33: 0 4 40 0", "33: 0 0 0 0"}));
-    EXPECT_TRUE(gone.m_eStatus == csDisabled && atChanged.m_eStatus == csModified);
-    EXPECT_TRUE(changed.m_nNewData == 0 && changed.m_eStatus == EFStatus::fsActive); // committed for all
+    EXPECT_EQ(gone.m_eStatus, csDisabled);
+    EXPECT_EQ(atChanged.m_eStatus, csModified);
+    EXPECT_EQ(changed.m_eStatus, EFStatus::fsActive) << "committed for all";
+    EXPECT_EQ(changed.m_nNewData, 0u);
 }
 
 TEST_F(CConversationTest, WellKnownComponentsThatRunAreTakenAsAnswered) {
@@ -177,8 +183,8 @@ TEST_F(CConversationTest, WellKnownComponentsThatRunAreTakenAsAnswered) {
     platform().m_oProcesses = {{"anchor", 0x31}, {"tracing", 0x34}};
     platform().fail("osLockLwtMutex", 1); // it goes on without
     control().auditComponent();
-    EXPECT_TRUE(first.m_vCompStatus.at(0)->m_eStatus == csEnabled &&
-                gone.m_vCompStatus.at(0)->m_eStatus == csDisabled);
+    EXPECT_EQ(first.m_vCompStatus.at(0)->m_eStatus, csEnabled);
+    EXPECT_EQ(gone.m_vCompStatus.at(0)->m_eStatus, csDisabled);
 }
 
 // --- Messages that lie about themselves; bytes at random are among the random lives ---
@@ -220,7 +226,7 @@ TEST_F(CHostileBodyTest, NoMorePairsAreTakenThanThereAreAndFit) {
         announce("Voice", 77, 0x21, claimed, pairs.substr(0, bytes));
         const CComponent& voice = *control().findCompByMFW(0x21);
         ASSERT_EQ(voice.m_nKnownCount, taken) << claimed;
-        EXPECT_TRUE(taken == 0 || voice.m_aKnown[taken - 1].m_nData == taken + 1);
+        EXPECT_EQ(taken == 0 ? 1 : voice.m_aKnown[taken - 1].m_nData, taken + 1);
         EXPECT_EQ(platform().logged(31017).size(), taken < claimed ? 1u : 0u);
         EXPECT_EQ(told(), CTexts{"33: 0 0 0 0"});
     }

@@ -103,7 +103,8 @@ TEST_F(CDeliveryTest, EveryStateTakesEveryEventAsTheTableSays) {
             m_oEntry.m_eStatus = feature;
             const CCompStatus& status = at(state);
             EXPECT_EQ(m_oEntry.addComponent(opAdd, &m_oVoice), 1);
-            EXPECT_TRUE(status.m_eStatus == to && status.m_tStamp == 1000000) << state;
+            EXPECT_EQ(status.m_eStatus, to) << state;
+            EXPECT_EQ(status.m_tStamp, 1000000u) << state;
             EXPECT_EQ(status.m_nEnableTries + status.m_nDisableTries + status.m_nModifyTries, 0);
             EXPECT_EQ(m_oEntry.addComponent(opRemove, &m_oVoice), 1);
             EXPECT_TRUE(m_oEntry.m_vCompStatus.empty());
@@ -132,10 +133,12 @@ TEST_F(CDeliveryTest, AModificationEndsWithTheLastAnswerOfTheMonitored) {
     }
     m_oVoice.m_nReplyStatus = 1;
     EXPECT_EQ(m_oEntry.addComponent(opReply, &m_oVoice), 1);
-    EXPECT_TRUE(m_oEntry.m_nData == 70 && m_oEntry.m_eStatus == EFStatus::fsModify);
+    EXPECT_EQ(m_oEntry.m_nData, 70u);
+    EXPECT_EQ(m_oEntry.m_eStatus, EFStatus::fsModify);
     EXPECT_EQ(m_oEntry.addComponent(opReply, &gateway), 1); // it failed: the cycle ends all the same
-    EXPECT_TRUE(m_oEntry.m_nData == 71 && m_oEntry.m_nNewData == 0 &&
-                m_oEntry.m_eStatus == EFStatus::fsActive);
+    EXPECT_EQ(m_oEntry.m_nData, 71u);
+    EXPECT_EQ(m_oEntry.m_nNewData, 0u);
+    EXPECT_EQ(m_oEntry.m_eStatus, EFStatus::fsActive);
 }
 
 } // namespace

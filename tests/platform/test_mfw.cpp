@@ -77,15 +77,21 @@ TEST_F(CMfwTest, MessagesArriveWholeAndInOrderWithTheirTrueSender) {
 TEST_F(CMfwTest, AMessageGoesToItsCallbackOrIsDropped) {
     openEndpoint();
     const auto deliver = [this](uint16_t type) {
-        return sendText(m_nOwn, type, "") == 0 && OvuMfwProcessNextMessage(0) == 0;
+        EXPECT_EQ(sendText(m_nOwn, type, ""), 0) << type;
+        EXPECT_EQ(OvuMfwProcessNextMessage(0), 0) << type;
     };
     EXPECT_EQ(OvuMfwRegisterCallback(5, keep), 0);
     EXPECT_EQ(OvuMfwRegisterCallback(5, [](auto...) {}), 0); // replaces the first
-    EXPECT_TRUE(deliver(6) && deliver(0) && deliver(5));
+    deliver(6);
+    deliver(0);
+    deliver(5);
     EXPECT_EQ(oReceived.size(), 2U);
-    EXPECT_TRUE(OvuMfwDeregisterCallback(5) == 0 && OvuMfwDeregisterCallback(5) != 0 && deliver(5));
+    EXPECT_EQ(OvuMfwDeregisterCallback(5), 0);
+    EXPECT_NE(OvuMfwDeregisterCallback(5), 0);
+    deliver(5);
     EXPECT_EQ(oReceived.size(), 3U);
-    EXPECT_TRUE(OvuMfwDeregisterCallback(0) == 0 && deliver(5));
+    EXPECT_EQ(OvuMfwDeregisterCallback(0), 0);
+    deliver(5);
     EXPECT_EQ(OvuMfwProcessNextMessage(0), OVU_MFW_NO_MESSAGE);
     EXPECT_EQ(oReceived.size(), 3U);
 }
@@ -103,19 +109,19 @@ TEST_F(CMfwTest, APeerThatCameBackIsReachedAndWhatItSentBeforeArrives) {
                                                                                                     : '?');
             return receiveText() == "again" ? 0 : 1;
         });
-        const auto again = [handle = peer.handle()] { return sendText(handle, 1, "again") == 0; };
+        const auto again = [handle = peer.handle()] { return sendText(handle, 1, "again"); };
         openEndpoint();
-        EXPECT_TRUE(again());
+        EXPECT_EQ(again(), 0);
         ASSERT_EQ(peer.hear(), 'a');
         EXPECT_EQ(sendText(peer.handle(), 1, "lost with the old endpoint"), 0);
         peer.tell('g');
         ASSERT_EQ(peer.hear(), 'r');
-        EXPECT_TRUE(!sendFirst || again());
+        EXPECT_EQ(sendFirst ? again() : 0, 0);
         EXPECT_EQ(receiveText(), "first");
         EXPECT_EQ(receiveText(), std::string(70000, '2'));
-        EXPECT_TRUE(sendFirst || again());
+        EXPECT_EQ(sendFirst ? 0 : again(), 0);
         EXPECT_EQ(peer.end(), 0);
-        EXPECT_FALSE(again());
+        EXPECT_NE(again(), 0);
         OvuMfwCleanup();
     }
 }
@@ -133,7 +139,7 @@ TEST_F(CMfwTest, AnotherThreadMayWakeTheReceiverOrCleanUpBelowIt) {
             OvuMfwCleanup();
         });
         const int result = OvuMfwProcessNextMessage(20);
-        EXPECT_TRUE(result == OVU_MFW_NO_MESSAGE || result == ENOTCONN); // closed in the wait, or before it
+        EXPECT_EQ(result == ENOTCONN ? OVU_MFW_NO_MESSAGE : result, OVU_MFW_NO_MESSAGE); // closed by then
     }
 }
 
@@ -155,7 +161,8 @@ TEST_F(CMfwTest, AFloodingPeerDelaysNoOtherAndFillsNoMemory) {
         ASSERT_EQ(sendText(healthy.handle(), 1, "ping"), 0);
         ASSERT_EQ(healthy.hear(), 's');
         const std::string first = receiveText();
-        EXPECT_TRUE(receiveText() == "ping" || first == "ping") << "round " << round;
+        const std::string second = receiveText();
+        EXPECT_EQ(first == "ping" ? first : second, "ping") << "round " << round;
     }
     while (OvuMfwProcessNextMessage(0) == 0) {
     }
@@ -184,7 +191,8 @@ constexpr int SEALED = F_SEAL_SEAL | F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE;
 
 int memoryFile(int size, int seals = SEALED) {
     const int fd = memfd_create("tested", MFD_CLOEXEC | MFD_ALLOW_SEALING);
-    EXPECT_TRUE(ftruncate(fd, size) == 0 && fcntl(fd, F_ADD_SEALS, seals) == 0);
+    EXPECT_EQ(ftruncate(fd, size), 0);
+    EXPECT_EQ(fcntl(fd, F_ADD_SEALS, seals), 0);
     return fd;
 }
 
@@ -222,12 +230,14 @@ TEST_F(CMfwTest, GarbageIsNotTakenLeaksNothingAndStopsNoTraffic) {
         sendRaw(raw, header(3, 0) + "bad"); // nothing that comes behind it is taken
         EXPECT_EQ(OvuMfwProcessNextMessage(0), OVU_MFW_NO_MESSAGE) << name;
         char byte = 0;
-        EXPECT_TRUE(recv(raw.get(), &byte, 1, MSG_DONTWAIT) == 0 || errno == ECONNRESET) << name; // cut off
+        const ssize_t read = recv(raw.get(), &byte, 1, MSG_DONTWAIT);
+        EXPECT_EQ(read < 0 && errno == ECONNRESET ? 0 : read, 0) << name << errno << ": it is cut off";
     }
     EXPECT_EQ(openDescriptors(), before);
     // The same without a fault is a message: the frames above fail for their faults.
     const CFileDescriptor right = socketAt(path, SOCK_SEQPACKET, connect);
-    EXPECT_TRUE(sendRaw(right, header(3, 0) + "abc") && sendRaw(right, header(100, 1), {memory}));
+    EXPECT_TRUE(sendRaw(right, header(3, 0) + "abc"));
+    EXPECT_TRUE(sendRaw(right, header(100, 1), {memory}));
     EXPECT_EQ(receiveText(), "abc");
     EXPECT_EQ(receiveText(), std::string(100, '\0'));
 }

@@ -46,12 +46,14 @@ TEST_F(COsTest, OfSeveralThatAskAtOnceOnlyOneRuns) {
 TEST_F(COsTest, SignalsDoNotPileUpOrBlockAndAKillSparesTheNewerEvent) {
     uint32_t handle = 0;
     uint32_t second = 0;
-    ASSERT_TRUE(osCreateEvent("stop", 0, &handle) == 0 && osOpenEvent("stop", &second) == 0);
+    ASSERT_EQ(osCreateEvent("stop", 0, &handle), 0);
+    ASSERT_EQ(osOpenEvent("stop", &second), 0);
     EXPECT_EQ(osCreateEvent("stop", 0, &handle), OS_ERROR_EXISTS);
     for (int i = 0; i < 100000; ++i) { // more than a full pipe takes
         ASSERT_EQ(osSendEvent(handle), 0);
     }
-    EXPECT_TRUE(osReceiveEvent(second, 0) == 0 && osReceiveEvent(second, 20) != 0);
+    EXPECT_EQ(osReceiveEvent(second, 0), 0);
+    EXPECT_NE(osReceiveEvent(second, 20), 0);
     EXPECT_EQ(osKillEvent(handle), 0);
     EXPECT_EQ(osOpenEvent("stop", &handle), ENOENT);
     EXPECT_EQ(osCreateEvent("stop", 0, &handle), 0);
@@ -76,8 +78,10 @@ TEST_F(COsTest, ThreadsEnterOneByOneAndAllWakeUp) {
     };
     { const std::jthread threads[] = {std::jthread(work), std::jthread(work), std::jthread(work)}; }
     EXPECT_EQ(counter, 60000);
-    EXPECT_TRUE(mutex.trylock() == 1 && mutex.trylock() == 0);
-    EXPECT_TRUE(mutex.unlock() == 1 && mutex.unlock() == 0);
+    EXPECT_EQ(mutex.trylock(), 1);
+    EXPECT_EQ(mutex.trylock(), 0);
+    EXPECT_EQ(mutex.unlock(), 1);
+    EXPECT_EQ(mutex.unlock(), 0);
 }
 
 TEST_F(COsTest, ALongPathOrATightUmaskKeepsNoProcessesApart) {
@@ -86,7 +90,8 @@ TEST_F(COsTest, ALongPathOrATightUmaskKeepsNoProcessesApart) {
     const mode_t before = umask(0077);
     uint32_t event = 0;
     int state = 0;
-    EXPECT_TRUE(osCreateEvent("stop", 0, &event) == 0 && osGetProcessState("tested", &state) == 0);
+    EXPECT_EQ(osCreateEvent("stop", 0, &event), 0);
+    EXPECT_EQ(osGetProcessState("tested", &state), 0);
     openEndpoint();
     umask(before);
     EXPECT_EQ(sendText(m_nOwn, 1, "hello"), 0);
