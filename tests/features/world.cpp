@@ -3,6 +3,7 @@
 #include "server/loop/CQelServer.h"
 
 #include <algorithm>
+#include <iterator>
 #include <memory>
 
 CFeatureEntry* fresh(uint32_t code, uint32_t data, const CNames& names) {
@@ -53,6 +54,16 @@ int newList(const CEntries& entries, CMerge merge) {
     const int result = merge(list);
     std::ranges::for_each(list.m_vItems, [](CFeatureEntry* entry) { delete entry; });
     return result;
+}
+
+std::string textOf(const SLogged& line) {
+    return std::to_string(line.m_nSeverity) + " " + std::to_string(line.m_nEvent) + " " + line.m_sText;
+}
+
+CTexts takeLines() {
+    CTexts lines;
+    std::ranges::transform(platform().takeLog(), std::back_inserter(lines), textOf);
+    return lines;
 }
 
 CTexts told() {

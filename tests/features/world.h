@@ -43,6 +43,9 @@ void empty();
 int newList(
     const CEntries& entries, CMerge merge = [](CList& list) { return control().addFeatureList(list); });
 
+// A line of the log as "severity event text"; those since the last call.
+std::string textOf(const SLogged& line);
+CTexts takeLines();
 // The messages to components since the last call, each as "handle: type code data extra". Forgets the log.
 CTexts told();
 

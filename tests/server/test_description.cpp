@@ -1,6 +1,5 @@
 #include "ctl/CFeatureNames.h"
-#include "features/CFeatureEntry.h"
-#include "server/stand_ins.h"
+#include "features/world.h"
 #include "support/files.h"
 
 namespace {
@@ -12,7 +11,9 @@ const CTestDirectory oDirectory;
 const std::string sPath = oDirectory.file("names");
 [[maybe_unused]] const int nConfigured = setenv("QEL_DESCRIPTION", sPath.c_str(), 1);
 
-TEST_F(CServerTestBase, DescriptionNamesFollowTheFile) {
+using CDescriptionTest = CHeartTest;
+
+TEST_F(CDescriptionTest, NamesFollowTheFile) {
     const std::tuple<std::string, uint32_t, const char*> cases[] = {
         {" 7, Hunt Groups ,extra", 7, " Hunt Groups "},
         {"42\n", 42, "before"},
@@ -35,10 +36,10 @@ TEST_F(CServerTestBase, DescriptionNamesFollowTheFile) {
         const std::string shown(CFeatureNames::parse(file).find(code));
         EXPECT_EQ(shown.empty() ? "before" : shown, name) << "qelctl reads it otherwise: " << file;
     }
-    EXPECT_EQ(takeLines(), Lines());
+    EXPECT_EQ(takeLines(), CTexts());
     std::filesystem::remove(sPath);
     EXPECT_EQ(CFeatureEntry(nullptr).setupName(), 0);
-    EXPECT_EQ(takeLines(), Lines{"4 31142 cannot open " + sPath});
+    EXPECT_EQ(takeLines(), CTexts{"4 31142 cannot open " + sPath});
 }
 
 } // namespace

@@ -1,15 +1,14 @@
+#include "features/world.h"
 #include "server/log/log.h"
 #include "server/loop/CQelServer.h"
-#include "server/stand_ins.h"
 #include "support/files.h"
 
 #include <thread>
 
 namespace {
 
-struct CLogTest : CServerTestBase {
-    void SetUp() override {
-        CServerTestBase::SetUp();
+struct CLogTest : CHeartTest {
+    CLogTest() {
         setenv("QEL_LOG_FILE", m_sPath.c_str(), 1);
         setClock("UTC0", 42000);
     }
@@ -17,7 +16,7 @@ struct CLogTest : CServerTestBase {
     void setClock(const char* zone, uint64_t microseconds) {
         setenv("TZ", zone, 1);
         tzset();
-        m_oPlatform.m_nMicroseconds = 1710421445 * uint64_t{1000000} + microseconds;
+        platform().m_nMicroseconds = 1710421445 * uint64_t{1000000} + microseconds;
     }
 
     const CTestDirectory m_oDirectory;
@@ -27,16 +26,16 @@ struct CLogTest : CServerTestBase {
 TEST_F(CLogTest, RegistrationIsTriedUntilItWorksAndDebuggingBypassesBothLogs) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     const auto inFreshProcess = [this] {
-        m_oPlatform.fail("OvuDiagRegisterModule", 2, 1, 2);
+        platform().fail("OvuDiagRegisterModule", 2, 1, 2);
         CQelServer::LogFile(1, 31001, "one");
         bQelServerDebugFlag = true;
         CQelServer::LogFile(4, 31010, "on screen");
         bQelServerDebugFlag = false;
-        EXPECT_EQ(m_oPlatform.callsOf("OvuDiagRegisterModule"), 2) << "debugging or not";
+        EXPECT_EQ(platform().callsOf("OvuDiagRegisterModule"), 2) << "debugging or not";
         EXPECT_EQ(CQelServer::LogFile(2, 31004, "two"), 1) << "the diagnostics service's own result";
         CQelServer::LogFile(4, 31010, "three");
-        EXPECT_EQ(m_oPlatform.callsOf("OvuDiagRegisterModule"), 3);
-        EXPECT_EQ(takeLines(), (Lines{"2 31004 two", "4 31010 three"}));
+        EXPECT_EQ(platform().callsOf("OvuDiagRegisterModule"), 3);
+        EXPECT_EQ(takeLines(), (CTexts{"2 31004 two", "4 31010 three"}));
         EXPECT_EQ(contents(m_sPath), "2024-03-14 13:04:05.042: one\n");
         std::filesystem::remove_all(m_oDirectory.path());
         std::exit(HasFailure() ? 1 : 0);
@@ -78,7 +77,7 @@ TEST_F(CLogTest, TextsAreFormattedWholeWhateverTheirLength) {
     for (const size_t length : {0u, 509u, 510u, 511u, 512u, 100000u}) {
         const std::string text(length, 'x');
         logEvent(svWarning, 31016, "%s|%d", text.c_str(), 5);
-        EXPECT_EQ(takeLines(), Lines{"2 31016 " + text + "|5"}) << length;
+        EXPECT_EQ(takeLines(), CTexts{"2 31016 " + text + "|5"}) << length;
     }
 }
 

@@ -2,7 +2,6 @@
 #include "features/world.h"
 #include "messaging/endpoint/CMFWServer.h"
 #include "server/loop/CQelServer.h"
-#include "server/stand_ins.h"
 
 namespace {
 
@@ -14,35 +13,36 @@ struct CSupply final : CFeatureSupply {
     int m_nWatches = 0;
 };
 
-const Lines vOpenEndpoint = {"OvuMfwInitialize", "OvuMfwRegisterCallback 0", "OvuMfwRegisterCallback 6"};
-const Lines vClear = {"OvuMfwDeregisterCallback 6", "OvuMfwDeregisterCallback 0", "OvuMfwCleanup"};
+const CTexts vOpenEndpoint = {"OvuMfwInitialize", "OvuMfwRegisterCallback 0", "OvuMfwRegisterCallback 6"};
+const CTexts vClear = {"OvuMfwDeregisterCallback 6", "OvuMfwDeregisterCallback 0", "OvuMfwCleanup"};
 const std::string sEvent = "QELEVENTSERVER1", sCreate = "osCreateEvent " + sEvent;
 
-Lines operator+(Lines left, const Lines& right) {
+CTexts operator+(CTexts left, const CTexts& right) {
     left.insert(left.end(), right.begin(), right.end());
     return left;
 }
 
-struct CServerTest : CServerTestBase {
+struct CServerTest : CHeartTest {
     void SetUp() override { // the endpoint exists, and is open, as its constructor leaves it
-        CServerTestBase::SetUp();
+        platform().reset();
         CQelServer::setSupply(m_oSupply);
         ASSERT_EQ(CMFWServer::instance()->init(), 0);
-        m_oPlatform.m_vCalls.clear();
+        platform().m_vCalls.clear();
     }
 
     CSupply m_oSupply;
 };
 
 TEST_F(CServerTest, EachWayThroughInitEndsAsItMust) {
-    const Lines opened = vOpenEndpoint + Lines{sCreate}, foundStale = opened + Lines{"osOpenEvent " + sEvent};
-    const Lines createdAnew = foundStale + Lines{"osKillEvent 90", sCreate};
-    const Lines notOpened = {"OvuMfwInitialize", "OvuMfwDeregisterCallback 0", "OvuMfwCleanup"};
-    const Lines noMfw = {"1 31146 MFW server init failed rc=7", "1 31001 failed to init message framework."};
-    const Lines noCallback = {"1 31151 register callback failed rc = 7",
-                              "1 31002 failed to add message Callback."};
+    const CTexts opened = vOpenEndpoint + CTexts{sCreate},
+                 foundStale = opened + CTexts{"osOpenEvent " + sEvent};
+    const CTexts createdAnew = foundStale + CTexts{"osKillEvent 90", sCreate};
+    const CTexts notOpened = {"OvuMfwInitialize", "OvuMfwDeregisterCallback 0", "OvuMfwCleanup"};
+    const CTexts noMfw = {"1 31146 MFW server init failed rc=7", "1 31001 failed to init message framework."};
+    const CTexts noCallback = {"1 31151 register callback failed rc = 7",
+                               "1 31002 failed to add message Callback."};
     // What fails, the n-th call of it and how; the result, what is told and the calls made.
-    const std::tuple<std::string, int, int, int, Lines, Lines> cases[] = {
+    const std::tuple<std::string, int, int, int, CTexts, CTexts> cases[] = {
         {"nothing", 1, 0, 1, {}, opened},
         {"supply", 1, 0, 1, {"1 31000 failed to add the initial feature list."}, opened},
         {"OvuMfwInitialize", 1, 7, 0, noMfw, notOpened},
@@ -52,16 +52,16 @@ TEST_F(CServerTest, EachWayThroughInitEndsAsItMust) {
         {"osCreateEvent", 1, 13, 1, {}, opened}};
     for (const auto& [function, nth, error, result, lines, calls] : cases) {
         SetUp();
-        m_oPlatform.fail(function, error, nth);
+        platform().fail(function, error, nth);
         m_oSupply = {};
         m_oSupply.m_bFails = function == "supply";
         if (function == "stale") {
-            m_oPlatform.m_oEvents[sEvent] = 90;
+            platform().m_oEvents[sEvent] = 90;
         }
         CQelServer server;
         EXPECT_EQ(server.init(), result) << function;
         EXPECT_EQ(takeLines(), lines) << function;
-        EXPECT_EQ(m_oPlatform.m_vCalls, calls) << function;
+        EXPECT_EQ(platform().m_vCalls, calls) << function;
         EXPECT_EQ(m_oSupply.m_nWatches, result) << function;
     }
 }
@@ -70,15 +70,15 @@ TEST_F(CServerTest, ClearGivesBackTheEventOnceAndStopNeedsIt) {
     CQelServer server;
     EXPECT_EQ(server.stop(), 0xFFFFFFFF);
     server.init();
-    m_oPlatform.fail("osSendEvent", 7);
+    platform().fail("osSendEvent", 7);
     EXPECT_EQ(server.stop(), 7u);
     EXPECT_EQ(server.stop(), 0u);
-    m_oPlatform.m_vCalls.clear();
+    platform().m_vCalls.clear();
     server.clear();
     server.clear();
-    EXPECT_EQ(m_oPlatform.m_vCalls, Lines{"osKillEvent 1"} + vClear + vClear);
+    EXPECT_EQ(platform().m_vCalls, CTexts{"osKillEvent 1"} + vClear + vClear);
     const std::string told = "2 31152 deregister callback failed rc = 2";
-    EXPECT_EQ(takeLines(), (Lines{told, told, "1 31149 enter MFW server init failed to delCallback."}));
+    EXPECT_EQ(takeLines(), (CTexts{told, told, "1 31149 enter MFW server init failed to delCallback."}));
     EXPECT_EQ(server.stop(), 0xFFFFFFFF);
 }
 
@@ -86,13 +86,13 @@ TEST_F(CServerTest, LoopTakesOneMessageATurnAndGoesOnWhateverReceivingSays) {
     CQelServer server;
     server.init();
     takeLines();
-    m_oPlatform.fail("OvuMfwProcessNextMessage", 7, 2);
-    m_oPlatform.m_fnReceiveEvent = [this] { return m_oPlatform.m_vWaits.size() == 4; };
+    platform().fail("OvuMfwProcessNextMessage", 7, 2);
+    platform().m_fnReceiveEvent = [] { return platform().m_vWaits.size() == 4; };
     EXPECT_EQ(server.run(), 1) << "the result of the last log call";
-    EXPECT_EQ(m_oPlatform.callsOf("OvuMfwProcessNextMessage"), 4);
+    EXPECT_EQ(platform().callsOf("OvuMfwProcessNextMessage"), 4);
     EXPECT_EQ(takeLines(),
-              (Lines{"1 31156 OvuMfwProcessNextMessage error = 7", "1 31009 failed to recv MFW message",
-                     "4 31010 recv stop event", "4 31120 main thread exited"}));
+              (CTexts{"1 31156 OvuMfwProcessNextMessage error = 7", "1 31009 failed to recv MFW message",
+                      "4 31010 recv stop event", "4 31120 main thread exited"}));
 }
 
 TEST_F(CServerTest, TurnsWaitByTheMillisecondsWithinTheSecond) {
@@ -103,11 +103,11 @@ TEST_F(CServerTest, TurnsWaitByTheMillisecondsWithinTheSecond) {
     CQelServer server;
     server.init();
     for (const auto& [start, takes, wait] : turns) {
-        m_oPlatform.m_nMicroseconds = uint64_t{1000000} * 1000000 + start;
-        m_oPlatform.m_fnOnReceive = [this, takes = takes] { m_oPlatform.m_nMicroseconds += takes; };
-        m_oPlatform.m_fnReceiveEvent = [] { return true; };
+        platform().m_nMicroseconds = uint64_t{1000000} * 1000000 + start;
+        platform().m_fnOnReceive = [takes = takes] { platform().m_nMicroseconds += takes; };
+        platform().m_fnReceiveEvent = [] { return true; };
         server.run();
-        EXPECT_EQ(m_oPlatform.m_vWaits.back(), wait) << start << "+" << takes;
+        EXPECT_EQ(platform().m_vWaits.back(), wait) << start << "+" << takes;
     }
 }
 
@@ -118,19 +118,19 @@ TEST_F(CServerTest, AuditThenTimeoutRunBeforeTheMessageOfEvery214thTurn) {
     component("Voice");
     feature(1, 10, EFStatus::fsNewAdd, {"Voice"});
     feature(2, 20, EFStatus::fsNewAdd, {"Nobody"});
-    Lines passes; // with the turn before whose message they ran
+    CTexts passes; // with the turn before whose message they ran
     int turn = 0;
-    m_oPlatform.m_fnOnReceive = [&] {
+    platform().m_fnOnReceive = [&] {
         ++turn;
-        for (const SLogged& line : m_oPlatform.takeLog()) {
+        for (const SLogged& line : platform().takeLog()) {
             if (line.m_nEvent == 31107 || line.m_nEvent == 31115) {
                 passes.push_back(std::to_string(turn) + " " + std::to_string(line.m_nEvent));
             }
         }
     };
-    m_oPlatform.m_fnReceiveEvent = [&] { return turn == 427; };
+    platform().m_fnReceiveEvent = [&] { return turn == 427; };
     server.run();
-    EXPECT_EQ(passes, (Lines{"214 31107", "214 31115"}));
+    EXPECT_EQ(passes, (CTexts{"214 31107", "214 31115"}));
 }
 
 } // namespace
