@@ -116,29 +116,16 @@ TEST_F(CDeliveryTest, WithoutARecordOnlyTakingInWhomItConcernsIsDone) {
     for (const auto event : {opNotify, opReply, opRemove, opConfirm}) {
         EXPECT_EQ(m_oEntry.addComponent(event, &m_oVoice), 0);
     }
+    uint32_t code = 0;
+    uint32_t data = 0;
+    m_oVoice.addFeatureEntry(&m_oEntry);
+    EXPECT_FALSE(m_oVoice.getNextFeatureList(&code, &data));
     for (const char* name : {"voice", "Gate", "Gateway2", "all"}) {
         EXPECT_EQ(m_oEntry.addComponent(opAdd, &component(name)), 0) << name;
     }
     for (const char* name : {"Voice", "Gateway", "ALL", "Anchor"}) {
         EXPECT_EQ(m_oEntry.addComponent(opAdd, &component(name)), 1) << name;
     }
-}
-
-TEST_F(CDeliveryTest, AModificationEndsWithTheLastAnswerOfTheMonitored) {
-    CComponent& gateway = component("Gateway", 0x22);
-    m_oEntry.m_eStatus = EFStatus::fsModify;
-    m_oEntry.m_nNewData = 71;
-    for (CComponent* comp : {&m_oVoice, &gateway, &component("ALL", 0x23, 0)}) {
-        record(m_oEntry, *comp, csModifying);
-    }
-    m_oVoice.m_nReplyStatus = 1;
-    EXPECT_EQ(m_oEntry.addComponent(opReply, &m_oVoice), 1);
-    EXPECT_EQ(m_oEntry.m_nData, 70u);
-    EXPECT_EQ(m_oEntry.m_eStatus, EFStatus::fsModify);
-    EXPECT_EQ(m_oEntry.addComponent(opReply, &gateway), 1); // it failed: the cycle ends all the same
-    EXPECT_EQ(m_oEntry.m_nData, 71u);
-    EXPECT_EQ(m_oEntry.m_nNewData, 0u);
-    EXPECT_EQ(m_oEntry.m_eStatus, EFStatus::fsActive);
 }
 
 } // namespace
