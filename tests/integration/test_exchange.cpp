@@ -17,43 +17,37 @@ TEST_F(CExchangeTest, ATypicalExchangeIsTheSameToTheByte) {
     writeList(feature(0x101, 5, "Phone") + feature(0x102, 6, "Phone") +
               feature(0x104, 1, "Phone", "sourced = true") + feature(0x105, 1, "Another"));
     startDaemon();
-    // word 0, length, type, sub-type, tag, handle; code, data, extra
-    const auto expect = [&](const std::string& rest) {
-        EXPECT_EQ(inHex(receiveText()), "00000000 00000024 " + rest);
+    // What is sent, and what comes of it: each as type, tag, code, data, extra.
+    using CAnswers = std::vector<std::array<uint32_t, 5>>;
+    const auto exchange = [&](const std::string& body, const CAnswers& answers) {
+        send(body);
+        for (const auto& [type, tag, code, data, extra] : answers) {
+            EXPECT_EQ(inHex(receiveText()),
+                      fmt::format("00000000 00000024 {:08x} 00000000 {:08x} 00000000 {:08x} {:08x} {:08x}",
+                                  type, tag, code, data, extra));
+        }
     };
-
-    send(nameMessage(0xA1, "Phone"));
-    expect("00000000 00000000 000000a1 00000000 00000000 00000000 00000000");
-    send(request(nGetFeature, 0xA2));
-    expect("00000000 00000000 000000a2 00000000 00000101 00000005 00000000");
-    send(request(nStartMonitor, 0xA3));
-    expect("00000000 00000000 000000a3 00000000 00000000 00000000 00000000");
-    expect("00000001 00000000 000000a3 00000000 00000102 00000006 00000000");
-    send(reply(nWriteReply, 0xA4, 1));
-    expect("00000000 00000000 000000a4 00000000 00000102 00000006 00000000");
-    expect("00000001 00000000 000000a4 00000000 00000104 00000001 00000000");
-    send(reply(nWriteReply, 0xA5, 1));
-    expect("00000000 00000000 000000a5 00000000 00000104 00000001 00000000");
+    exchange(nameMessage(0xA1, "Phone"), {{0, 0xA1}});
+    exchange(request(nGetFeature, 0xA2), {{0, 0xA2, 0x101, 5}});
+    exchange(request(nStartMonitor, 0xA3), {{0, 0xA3}, {1, 0xA3, 0x102, 6}});
+    exchange(reply(nWriteReply, 0xA4, 1), {{0, 0xA4, 0x102, 6}, {1, 0xA4, 0x104, 1}});
+    exchange(reply(nWriteReply, 0xA5, 1), {{0, 0xA5, 0x104, 1}});
 
     writeList(feature(0x101, 5, "Phone") + feature(0x104, 2, "Phone", "sourced = true") +
               feature(0x105, 1, "Another"));
     ASSERT_TRUE(eventually([&] { return featuresInForce().count(0x102) == 0; }));
-    send(request(nStartMonitor, 0xA6)); // does not wait for the audit
-    expect("00000000 00000000 000000a6 00000000 00000000 00000000 00000000");
-    expect("00000001 00000000 000000a6 00000000 00000101 00000005 00000000");
-    send(reply(nWriteReply, 0xA7, 1));
-    expect("00000000 00000000 000000a7 00000000 00000101 00000005 00000000");
-    expect("00000003 00000000 000000a7 00000000 00000102 00000006 00000000");
-    send(reply(nWriteReply, 0xA8, 1));
-    expect("00000000 00000000 000000a8 00000000 00000102 00000006 00000000");
-    expect("00000002 00000000 000000a8 00000000 00000104 00000001 00000002");
-    send(reply(nWriteReply, 0xA9, 1));
-    expect("00000000 00000000 000000a9 00000000 00000104 00000002 00000000");
+    exchange(request(nStartMonitor, 0xA6), {{0, 0xA6}, {1, 0xA6, 0x101, 5}}); // does not wait for the audit
+    exchange(reply(nWriteReply, 0xA7, 1), {{0, 0xA7, 0x101, 5}, {3, 0xA7, 0x102, 6}});
+    exchange(reply(nWriteReply, 0xA8, 1), {{0, 0xA8, 0x102, 6}, {2, 0xA8, 0x104, 1, 2}});
+    exchange(reply(nWriteReply, 0xA9, 1), {{0, 0xA9, 0x104, 2}});
 
-    send(reply(nShutdown, 0xAA, 1)); // neither this nor what comes of a stranger is answered
-    send(request(nGetFeature, 0xAB));
-    send(nameMessage(0xAC, "Phone"));
-    expect("00000000 00000000 000000ac 00000000 00000000 00000000 00000000");
+    exchange(reply(nShutdown, 0xAA, 1), {}); // neither this nor what comes of a stranger is answered
+    exchange(request(nGetFeature, 0xAB), {});
+    exchange(std::string(200000, '\xFF'), {});
+    for (const int type : {7, 9}) {
+        EXPECT_EQ(sendText(m_nHandle, static_cast<uint16_t>(type), "stranger"), 0);
+    }
+    exchange(nameMessage(0xAC, "Phone"), {{0, 0xAC}});
     stopDaemon();
 }
 
@@ -71,11 +65,6 @@ TEST_F(CExchangeTest, AChangedListIsTakenAndToldAndABadOneIsNot) {
     writeList("\n[[feature]]\ncode = \"five\"\n");
     EXPECT_TRUE(eventually([&] { return countInLog("features.toml:3:") > 0; }));
     EXPECT_EQ(featuresInForce(), (Features{{2, 7}, {3, 8}}));
-
-    ask(nameMessage(0xB1, "Phone"));
-    ask(request(nStartMonitor, 0xB2));
-    writeList(feature(0x201, 9, "Phone")); // only the loop's own audit can tell of it
-    EXPECT_EQ(receiveText(), words({0, 36, 1, 0, 0xB2, 0, 0x201, 9, 0}));
     stopDaemon();
 }
 
@@ -92,33 +81,6 @@ TEST_F(CExchangeTest, ALongListReachesOAMWhole) {
     EXPECT_TRUE(featuresInForce() == features);
     ASSERT_FALSE(oReceived.empty());
     EXPECT_EQ(oReceived.back().text().substr(0, 28), words({0, 0, 11, 0, 1, 0, QEL_LONG_LIST}));
-    stopDaemon();
-}
-
-TEST_F(CExchangeTest, HostileBytesAreToldAndStopNothing) {
-    const std::vector<std::string> bodies = {
-        "",
-        std::string(23, '\0'),
-        std::string(200000, '\xFF'),
-        words({0, 0, 11}),
-        words({0, 0, 1, 7, 1, 1}),
-        nameMessage(1, std::string(20, 'N'), 0xFFFFFFFF), // no NUL; four billion pairs
-        reply(nWriteReply, 2, 0).substr(0, 32) + std::string(60000, 'T'),
-    };
-    startDaemon();
-    for (const std::string& body : bodies) {
-        send(body);
-    }
-    for (const int type : {0, 7, 9, 65535}) {
-        EXPECT_EQ(sendText(m_nHandle, static_cast<uint16_t>(type), "stranger"), 0);
-    }
-    send(oamRequest(0xEE)); // the last in the queue
-    const std::string last = words({0, 0, 11, 0, 0xEE, 0});
-    for (std::string text; !text.starts_with(last); text = receiveText()) {
-        ASSERT_NE(text, "none");
-    }
-    EXPECT_EQ(countInLog(": cbQelServer received a message from "), bodies.size() + 2);
-    EXPECT_EQ(countInLog("Type = 9, userDefinedId = 0, data[ 0 ] = 73, dataLength = 8\n"), 1u);
     stopDaemon();
 }
 

@@ -95,6 +95,12 @@ TEST_F(CServerTest, LoopTakesOneMessageATurnAndGoesOnWhateverReceivingSays) {
                       "4 31010 recv stop event", "4 31120 main thread exited"}));
 }
 
+TEST_F(CServerTest, WhatHasNoCallbackOfItsOwnIsTold) {
+    CFakePlatform::handOver(platform().m_oCallbacks.at(0), 9, "stranger");
+    EXPECT_EQ(takeLines(), CTexts{"4 31157 DefaultCallback received a message from 1234:Type = 9, "
+                                  "userDefinedId = 0, data[ 0 ] = 73, dataLength = 8"});
+}
+
 TEST_F(CServerTest, TurnsWaitByTheMillisecondsWithinTheSecond) {
     // Where a turn starts within the second and how long it takes, in microseconds, and its wait.
     const std::tuple<uint32_t, uint32_t, uint32_t> turns[] = {
