@@ -4,14 +4,15 @@
 #include <algorithm>
 #include <fstream>
 #include <functional>
+#include <iterator>
+#include <map>
+#include <set>
 #include <sstream>
 #include <tuple>
 #include <utility>
 
 namespace {
 
-using enum CCompStatus::ECStatus;
-using CConversationTest = CHeartTest;
 using CHostileBodyTest = CHeartTest;
 
 // "1:10 3:30" to entries, each made by `make`.
@@ -25,60 +26,56 @@ CEntries entriesOf(std::istream& pairs, const std::function<CFeatureEntry*(uint3
     return entries;
 }
 
-// What the daemon logged and sent since the last call. The endpoint logs each send: there the message stands.
-std::string transcript() {
-    std::string text;
-    const std::vector<SSent> sent = platform().takeSent();
-    auto message = sent.begin();
-    for (const SLogged& line : platform().takeLog()) {
-        if (line.m_nEvent == 31153 && message != sent.end()) {
-            text += "-> " + std::to_string(message->m_nHandle) + ": " + toHex(message->m_sBody) + "\n";
-            ++message;
-        } else {
-            text += textOf(line) + "\n";
-        }
+class CConversationTest : public CHeartTest {
+protected:
+    // Does what a line of the script says.
+    void perform(const std::string& line) {
+        std::istringstream words(line);
+        std::string verb;
+        words >> verb >> verb;
+        line[0] == '<' ? receive(fromHex(line.substr(2))) : m_oVerbs.at(verb)(words);
     }
-    return text;
-}
 
-// Does what a line of the script says; false for a line that tells what is expected.
-bool perform(const std::string& line) {
-    std::istringstream words(line);
-    std::string mark;
-    std::string verb;
-    words >> mark;
-    if (mark == "<-") {
-        receive(fromHex(line.substr(2)));
-        return true;
+    // What the daemon logged and sent since the last call. The endpoint logs each send: there the message stands.
+    std::string transcript() const {
+        std::string text;
+        const std::vector<SSent> sent = platform().takeSent();
+        auto message = sent.begin();
+        for (const SLogged& line : platform().takeLog()) {
+            if (line.m_nEvent == 31153 && message != sent.end()) {
+                text += "-> " + std::to_string(message->m_nHandle) + ": " + toHex(message->m_sBody) + "\n";
+                ++message;
+            } else if (m_oLeftOut.count(line.m_nEvent) == 0) {
+                text += textOf(line) + "\n";
+            }
+        }
+        return text;
     }
-    words >> verb;
-    if (mark != "!") {
-        return false;
-    }
-    if (verb == "features") {
-        entriesOf(words, [](uint32_t code, uint32_t data) { return &feature(code, data); });
-    } else if (verb == "list") {
-        newList(entriesOf(words, [](uint32_t code, uint32_t data) { return fresh(code, data); }));
-    } else if (verb == "hole") {
-        EXPECT_TRUE(control().addFeature(nullptr));
-    } else if (verb == "known") { // two of them run; the lock fails, which hinders nothing
-        platform().m_oProcesses = {{"anchor", 0x51}, {"voice", 0x52}};
-        platform().fail("osLockLwtMutex", 1);
-        control().auditComponent();
-    } else if (verb == "advance") {
-        words >> verb;
-        platform().advance(static_cast<uint32_t>(std::stoul(verb)));
-    } else {
-        verb == "audit" ? control().audit() : control().timeout();
-    }
-    return true;
-}
+
+private:
+    std::set<uint32_t> m_oLeftOut; // events
+    const std::map<std::string, std::function<void(std::istream&)>> m_oVerbs = {
+        {"features", [](auto& pairs) { entriesOf(pairs, [](auto... pair) { return &feature(pair...); }); }},
+        {"list", [](auto& pairs) { newList(entriesOf(pairs, [](auto... pair) { return fresh(pair...); })); }},
+        {"advance", [](auto& words) { platform().advance(*std::istream_iterator<uint32_t>(words)); }},
+        {"audit", [](auto&) { control().audit(); }},
+        {"timeout", [](auto&) { control().timeout(); }},
+        {"hole", [](auto&) { EXPECT_TRUE(control().addFeature(nullptr)); }},
+        {"known", // two of them run; the lock fails, which hinders nothing
+         [](auto&) {
+             platform().m_oProcesses = {{"anchor", 0x51}, {"voice", 0x52}};
+             platform().fail("osLockLwtMutex", 1);
+             control().auditComponent();
+         }},
+        {"brief", [this](auto&) {
+             m_oLeftOut = {31011, 31014};
+         }}};
+};
 
 TEST_F(CConversationTest, AWholeConversationGoesByItsScriptToTheByte) {
     std::ifstream script(QEL_TEST_SCRIPT);
-    std::string done = "nothing";
+    std::string done;
     std::string expected;
-    int performed = 0;
     for (std::string line; std::getline(script, line);) {
         if (line.empty() || line[0] == '#') {
             continue;
@@ -88,13 +85,13 @@ TEST_F(CConversationTest, AWholeConversationGoesByItsScriptToTheByte) {
         }
         if (line[0] == '<' || line[0] == '!') {
             EXPECT_EQ(transcript(), std::exchange(expected, "")) << "after: " << done;
-            performed += perform(done = line);
+            perform(done = line);
         } else {
             expected += line + "\n";
         }
     }
     EXPECT_EQ(transcript(), expected) << "after: " << done;
-    EXPECT_GT(performed, 0) << QEL_TEST_SCRIPT;
+    EXPECT_NE(done, "") << QEL_TEST_SCRIPT;
 }
 
 TEST_F(CConversationTest, WhatIsSentOfACodeMakesTheHeldPairOutOfDate) {
