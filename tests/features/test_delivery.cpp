@@ -116,10 +116,16 @@ TEST_F(CDeliveryTest, WithoutARecordOnlyTakingInWhomItConcernsIsDone) {
     for (const auto event : {opNotify, opReply, opRemove, opConfirm}) {
         EXPECT_EQ(m_oEntry.addComponent(event, &m_oVoice), 0);
     }
+    EXPECT_EQ(takeLines(), (CTexts{"4 31128 failed to notify comps",
+                                   "4 31134 feature (7): failed to find the comp (Voice)",
+                                   "4 31136 failed to remove compstatus.",
+                                   "4 31139 feature (7): failed to find comp (Voice) 0"}));
     uint32_t code = 0;
     uint32_t data = 0;
     m_oVoice.addFeatureEntry(&m_oEntry);
     EXPECT_FALSE(m_oVoice.getNextFeatureList(&code, &data));
+    EXPECT_EQ(m_oVoice.auditFeature(), 1) << "which takes it in, and tells it";
+    EXPECT_EQ(m_oEntry.findCompByPtr(&m_oVoice)->m_nEnableTries, 1u);
     for (const char* name : {"voice", "Gate", "Gateway2", "all"}) {
         EXPECT_EQ(m_oEntry.addComponent(opAdd, &component(name)), 0) << name;
     }

@@ -28,14 +28,15 @@ TEST_F(CLogTest, RegistrationIsTriedUntilItWorksAndDebuggingBypassesBothLogs) {
     const auto inFreshProcess = [this] {
         platform().fail("OvuDiagRegisterModule", 2, 1, 2);
         CQelServer::LogFile(1, 31001, "one");
-        bQelServerDebugFlag = true;
-        CQelServer::LogFile(4, 31010, "on screen");
-        bQelServerDebugFlag = false;
-        EXPECT_EQ(platform().callsOf("OvuDiagRegisterModule"), 2) << "debugging or not";
-        EXPECT_EQ(CQelServer::LogFile(2, 31004, "two"), 1) << "the diagnostics service's own result";
-        CQelServer::LogFile(4, 31010, "three");
+        for (const int times : {2, 3}) { // debugging or not, it is tried until it has worked
+            bQelServerDebugFlag = true;
+            CQelServer::LogFile(4, 31010, "on screen");
+            bQelServerDebugFlag = false;
+            EXPECT_EQ(platform().callsOf("OvuDiagRegisterModule"), times);
+            EXPECT_EQ(CQelServer::LogFile(2, 31004, "two"), 1) << "the diagnostics service's own result";
+        }
         EXPECT_EQ(platform().callsOf("OvuDiagRegisterModule"), 3);
-        EXPECT_EQ(takeLines(), (CTexts{"2 31004 two", "4 31010 three"}));
+        EXPECT_EQ(takeLines(), (CTexts{"2 31004 two", "2 31004 two"}));
         EXPECT_EQ(contents(m_sPath), "2024-03-14 13:04:05.042: one\n");
         std::filesystem::remove_all(m_oDirectory.path());
         std::exit(HasFailure() ? 1 : 0);
@@ -48,8 +49,8 @@ TEST_F(CLogTest, EachLineHasItsStampAndOpensTheLogAnew) {
         {"UTC0", 7000, "2024-03-14 13:04:05.007"}, {"EAST-2", 1999999, "2024-03-14 15:04:06.999"}};
     for (const auto& [zone, microseconds, stamp] : cases) {
         setClock(zone, microseconds);
-        CQelServer::LogFile("100% text\nof one line");
-        EXPECT_EQ(contents(m_sPath), stamp + ": 100% text\\x0aof one line\n");
+        CQelServer::LogFile("100% text\n\x7fof one line");
+        EXPECT_EQ(contents(m_sPath), stamp + ": 100% text\\x0a\\x7fof one line\n");
         std::filesystem::remove(m_sPath); // as a rotation would, between two lines
         setenv("QEL_LOG_FILE", "/none/log", 1);
         EXPECT_EQ(CQelServer::LogFile("lost"), 0);

@@ -22,20 +22,20 @@ protected:
     }
 
     // The features are handed over in any order.
-    int give(const std::string& list) {
-        CFreshList fresh;
-        std::istringstream text(list);
-        for (std::string code, data, names; text >> code >> data >> names;) {
-            auto entry = std::make_unique<CFeatureEntry>(&control());
-            entry->m_nCode = static_cast<uint32_t>(std::stoul(code));
-            entry->m_nData = static_cast<uint32_t>(std::stoul(data));
+    int give(const std::string& text) {
+        CFreshList list;
+        std::istringstream words(text);
+        uint32_t code = 0;
+        uint32_t data = 0;
+        for (std::string names; words >> code >> data >> names;) {
+            CNames concerned;
             for (const char name : names.substr(1, names.find(',') - 1)) {
-                entry->addCompName(m_oNames.intern(std::string(1, name)));
+                concerned.push_back(m_oNames.intern(std::string(1, name)));
             }
-            fresh.push_back({std::move(entry), names[0] == '*'});
+            list.push_back({std::unique_ptr<CFeatureEntry>(fresh(code, data, concerned)), names[0] == '*'});
         }
-        std::shuffle(fresh.begin(), fresh.end(), m_oRandom);
-        return m_oHandOver.apply(std::move(fresh));
+        std::shuffle(list.begin(), list.end(), m_oRandom);
+        return m_oHandOver.apply(std::move(list));
     }
 
     // Passes of the daemon; what is sent is answered unless lost. How often a restart was asked for.
@@ -152,10 +152,10 @@ TEST_F(CHandOverTest, EachIsToldOfWhatConcernsItAndOfNothingElse) {
     }
 }
 
-// 206 is one of the codes that need a restart, whether the merge brings it in or not.
+// 206 and 306 are the codes that need a restart, whether the merge brings it in or not.
 TEST_F(CHandOverTest, AFeatureThatNeedsARestartIsReported) {
     const std::tuple<const char*, int, int> aLists[] = {
-        {"206 1 :V", 1, 0}, {"", 2, 0}, {"206 1 *GV", 1, 0}, {"206 1 *V", 2, 1}};
+        {"206 1 :V", 1, 0}, {"", 2, 0}, {"306 1 *GV", 1, 0}, {"306 1 *V", 2, 1}};
     for (const auto& [list, atOnce, later] : aLists) {
         EXPECT_EQ(give(list), atOnce) << list;
         EXPECT_EQ(passes(5), later) << list;
