@@ -109,28 +109,6 @@ TEST_F(CConversationTest, WhatIsSentOfACodeMakesTheHeldPairOutOfDate) {
 
 // --- Messages that lie about themselves; bytes at random are among the random lives ---
 
-TEST_F(CHostileBodyTest, ANameThatDoesNotFitIsNotStored) {
-    const CComponent& voice = component("Voice", 0x20);
-    for (const size_t length : {17u, 20u, 20u}) { // it is not found the second time either
-        const std::string name(length, 'n');
-        announce(name, 77, 0x21);
-        EXPECT_EQ(platform().logged(31015), CTexts{"CompNameMsgType " + name});
-        EXPECT_EQ(told(), CTexts{"33: 0 0 0 0"});
-        EXPECT_NE(control().components().m_vItems.back(), &voice);
-        EXPECT_STREQ(control().components().m_vItems.back()->m_szName, "");
-        request(InitListMsgType, 0x20, name);
-        EXPECT_STREQ(voice.m_szName, "Voice");
-        told();
-    }
-    announce("sixteen_letters_", 0, 0x22);
-    EXPECT_EQ(platform().logged(31016), CTexts{"Name Msg has no process id"});
-    EXPECT_NE(control().findCompByName("sixteen_letters_"), nullptr);
-    told();
-    announce("", 77, 0x23);
-    EXPECT_EQ(platform().m_vLog.back(), (SLogged{2, 31016, "Name Msg has no name"}));
-    EXPECT_TRUE(told().empty());
-}
-
 TEST_F(CHostileBodyTest, NoMorePairsAreTakenThanThereAreAndFit) {
     std::string pairs;
     for (uint32_t i = 0; i < 150; ++i) {
