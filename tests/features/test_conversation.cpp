@@ -92,6 +92,9 @@ TEST_F(CConversationTest, AWholeConversationGoesByItsScriptToTheByte) {
     }
     EXPECT_EQ(transcript(), expected) << "after: " << done;
     EXPECT_NE(done, "") << QEL_TEST_SCRIPT;
+    for (const CFeatureEntry* entry : control().features().m_vItems) {
+        EXPECT_EQ(entry != nullptr ? entry->m_nNewData : 0, 0u) << "no modification is left pending";
+    }
 }
 
 TEST_F(CConversationTest, WhatIsSentOfACodeMakesTheHeldPairOutOfDate) {

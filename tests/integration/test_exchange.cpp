@@ -54,6 +54,7 @@ TEST_F(CExchangeTest, ATypicalExchangeIsTheSameToTheByte) {
 TEST_F(CExchangeTest, AChangedListIsTakenAndToldAndABadOneIsNot) {
     startDaemon();
     EXPECT_EQ(featuresInForce(), (Features{{1, 1}}));
+    EXPECT_EQ(countInLog(": failed to get Mfw Handle for anchor\n"), 1u) << "a list looks for the well-known";
     writeList(feature(2, 7, "Nobody") + feature(3, 8, "Fax"));
     EXPECT_TRUE(eventually([&] { return featuresInForce() == Features{{2, 7}, {3, 8}}; }));
 
