@@ -1,28 +1,59 @@
 #include "CStage.h"
 
-#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
-#include <ctime>
 #include <filesystem>
-#include <poll.h>
+#include <fmt/format.h>
+#include <fstream>
+#include <optional>
+#include <regex>
+#include <sys/prctl.h>
+#include <sys/wait.h>
 #include <system_error>
+#include <thread>
+#include <unistd.h>
+#include <utility>
 
 namespace {
 
-constexpr int nPumpTime = 50;      // milliseconds
-constexpr int64_t nSortTime = 150; // milliseconds in which what happened is put in order
-constexpr auto oCallTime = std::chrono::seconds(15);
+constexpr auto oReapPause = std::chrono::milliseconds(10);
+constexpr int nMaxReapPauses = 200;           // for a process that is asked to end before it is killed
 constexpr int64_t nDay = 24 * 60 * 60 * 1000; // milliseconds
-constexpr char sTranscript[] = "transcript";
 
+// What cannot be executed exits with 127.
+pid_t launch(const std::string& command, const std::string& output) {
+    std::ofstream(output).close(); // to be followed from its beginning
+    const std::string script = "exec " + command + " </dev/null >>\"$0\" 2>&1";
+    const pid_t parent = getpid();
+    const pid_t child = fork();
+    if (child < 0) {
+        throw std::system_error(errno, std::generic_category(), "fork");
+    }
+    if (child == 0) {
+        setpgid(0, 0);
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (getppid() == parent) {
+            execl("/bin/sh", "sh", "-c", script.c_str(), output.c_str(), nullptr);
+        }
+        _exit(127);
+    }
+    return child;
+}
+
+std::string makeDirectory() {
+    std::string path = std::filesystem::temp_directory_path() / "qel-demo.XXXXXX";
+    if (mkdtemp(path.data()) == nullptr) {
+        throw std::system_error(errno, std::generic_category(), path);
+    }
+    return path;
+}
+
+// In universal time, which the processes have as well.
 int64_t timeOfDay() {
-    timespec now = {};
-    clock_gettime(CLOCK_REALTIME, &now);
-    tm local = {};
-    localtime_r(&now.tv_sec, &local);
-    return ((local.tm_hour * 60 + local.tm_min) * 60 + local.tm_sec) * int64_t{1000} + now.tv_nsec / 1000000;
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    return std::chrono::duration_cast<std::chrono::milliseconds>(now).count() % nDay;
 }
 
 // From one time of day to another, over midnight the short way.
@@ -30,25 +61,72 @@ int64_t difference(int64_t from, int64_t to) {
     return (to - from + nDay + nDay / 2) % nDay - nDay / 2;
 }
 
-std::string makeDirectory() {
-    const char* base = std::getenv("TMPDIR");
-    std::string path = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/qel-demo.XXXXXX";
-    if (mkdtemp(path.data()) == nullptr) {
-        throw std::system_error(errno, std::generic_category(), path);
+// Takes "[date ]HH:MM:SS.mmm[:] " off the front of a line; where there is no such stamp, it is now.
+int64_t takeTimeOfDay(std::string& line) {
+    static const std::regex stamp(R"((?:[-\d]+ )?(\d+):(\d+):(\d+)\.(\d{3}):? )");
+    std::smatch found;
+    if (!std::regex_search(line, found, stamp, std::regex_constants::match_continuous)) {
+        return timeOfDay();
     }
-    return path;
+    const auto part = [&found](size_t i) { return std::stoll(found[i]); };
+    const int64_t time = ((part(1) * 60 + part(2)) * 60 + part(3)) * 1000 + part(4);
+    line = std::string(found.suffix());
+    return time;
 }
 
 } // namespace
 
-CStage::CStage(std::string programs, const std::string& descriptions)
-    : m_sPrograms(std::move(programs)), m_sDirectory(makeDirectory()), m_nBegin(timeOfDay()),
-      m_oTranscript(m_sDirectory + "/" + sTranscript) {
-    m_oEnvironment = {{"QEL_RUNTIME_DIR", m_sDirectory},
-                      {"QEL_FEATURE_LIST", listPath()},
-                      {"QEL_LOG_FILE", m_sDirectory + "/qelserver.log"},
-                      {"QEL_DESCRIPTION", descriptions},
-                      {"QEL_DIAG", "off"}};
+// Runs in a process group of its own, so that Ctrl-C at the terminal reaches only the demonstration, which
+// then stops the rest in order; and dies with the demonstration, however that dies. The destructor leaves
+// nothing running and nothing to be reaped.
+struct CStage::SProcess {
+    SProcess(const std::string& name, const std::string& command, const std::string& output, bool stays)
+        : m_sName(name), m_bStays(stays), m_nPid(launch(command, output)), m_oOutput(output) {}
+    ~SProcess() {
+        for (int pauses = 0; !status(); ++pauses) {
+            send(pauses == 0 ? SIGTERM : pauses < nMaxReapPauses ? 0 : SIGKILL);
+            std::this_thread::sleep_for(oReapPause);
+        }
+    }
+
+    void send(int signal) const { kill(m_nPid, signal); } // not to one that is reaped
+
+    // 128 and the signal's number where one killed it, nothing while it runs.
+    std::optional<int> status() {
+        int word = 0;
+        if (!m_oStatus && waitpid(m_nPid, &word, WNOHANG) == m_nPid) {
+            m_oStatus = WIFSIGNALED(word) ? 128 + WTERMSIG(word) : WEXITSTATUS(word);
+        }
+        return m_oStatus;
+    }
+
+    // The next line; one that is being written stays for the next time.
+    std::optional<std::string> takeLine() {
+        const std::streampos begin = m_oOutput.tellg();
+        std::string line;
+        if (std::getline(m_oOutput, line) && !m_oOutput.eof()) {
+            return line;
+        }
+        m_oOutput.clear();
+        m_oOutput.seekg(begin);
+        return std::nullopt;
+    }
+
+    const std::string m_sName;
+    bool m_bStays;
+    const pid_t m_nPid;
+    std::ifstream m_oOutput;
+    std::optional<int> m_oStatus;
+};
+
+CStage::CStage(CChronicle& chronicle, const std::string& descriptions)
+    : m_oChronicle(chronicle), m_sDirectory(makeDirectory()), m_nBegin(timeOfDay()) {
+    setenv("QEL_RUNTIME_DIR", m_sDirectory.c_str(), 1);
+    setenv("QEL_FEATURE_LIST", listPath().c_str(), 1);
+    setenv("QEL_LOG_FILE", file(sDaemon).c_str(), 1); // where its output goes, too
+    setenv("QEL_DESCRIPTION", descriptions.c_str(), 1);
+    setenv("QEL_DIAG", "off", 1);
+    setenv("TZ", "UTC0", 1);
 }
 
 CStage::~CStage() {
@@ -60,101 +138,36 @@ CStage::~CStage() {
     std::filesystem::remove_all(m_sDirectory, ignored);
 }
 
-CProcess& CStage::startDaemon() {
-    std::ofstream(m_sDirectory +
-                  "/qelserver.log"); // so that there is a log to be followed from the beginning
-    m_oLog.open(m_sDirectory + "/qelserver.log");
-    m_vProcesses.push_back(std::make_unique<CProcess>(
-        "daemon", std::vector<std::string>{program("qelserver"), "-run"}, m_oEnvironment));
-    return *m_vProcesses.back();
+void CStage::start(const std::string& name, const std::string& command, bool stays) {
+    m_vProcesses.push_back(std::make_unique<SProcess>(name, command, file(name), stays));
+    say(name, fmt::format("starts as process {}: {}", m_vProcesses.back()->m_nPid, command));
 }
 
-CProcess& CStage::startComponent(const std::string& name, std::vector<std::string> command) {
-    m_oParsers.emplace(name, CComponentParser(name));
-    m_vProcesses.push_back(std::make_unique<CProcess>(name, std::move(command), m_oEnvironment));
-    return *m_vProcesses.back();
-}
-
-std::pair<std::vector<std::string>, int> CStage::call(std::vector<std::string> command) {
-    CProcess process("call", std::move(command), m_oEnvironment);
-    std::vector<std::string> lines;
-    const auto deadline = std::chrono::steady_clock::now() + oCallTime;
-    while (!process.wait(std::chrono::milliseconds(20)) && std::chrono::steady_clock::now() < deadline) {
-        std::ranges::move(process.takeLines(), std::back_inserter(lines));
-    }
-    std::ranges::move(process.takeLines(), std::back_inserter(lines));
-    return {lines, process.status().value_or(-1)};
-}
-
-void CStage::pump(const std::function<void(const SEvent&)>& listener, bool all) {
-    std::vector<pollfd> outputs;
+bool CStage::dismiss() {
+    bool gone = true;
     for (const auto& process : m_vProcesses) {
-        outputs.push_back({process->output(), POLLIN, 0});
-    }
-    poll(outputs.data(), outputs.size(), nPumpTime);
-    readLog();
-    readComponents();
-    std::ranges::stable_sort(m_vHeard, {}, [](const SHeard& heard) { return heard.m_oEvent.m_nTime; });
-    const int64_t before = now() - nSortTime;
-    std::vector<SHeard> later;
-    for (SHeard& heard : m_vHeard) {
-        if (all || heard.m_nHeard < before) {
-            listener(heard.m_oEvent);
-        } else {
-            later.push_back(std::move(heard));
+        const bool component = process->m_sName != sDaemon;
+        if (std::exchange(process->m_bStays, false) && component) {
+            process->send(SIGINT);
         }
+        gone = gone && !component;
     }
-    m_vHeard = std::move(later);
+    return gone;
 }
 
-void CStage::readLog() {
-    std::string line;
-    while (std::getline(m_oLog, line)) {
-        m_sPartialLog += line;
-        if (m_oLog.eof()) {
-            break;
+void CStage::listen() {
+    std::erase_if(m_vProcesses, [this](const auto& process) {
+        const std::optional<int> status = process->status(); // first, so that all its lines are there
+        while (std::optional<std::string> line = process->takeLine()) {
+            const int64_t time = takeTimeOfDay(*line);
+            m_oChronicle.hear(difference(m_nBegin, time), process->m_sName, *line);
         }
-        hear("daemon", m_sPartialLog, parseDaemonLine);
-        m_sPartialLog.clear();
-    }
-    m_oLog.clear();
-}
-
-void CStage::readComponents() {
-    for (const auto& process : m_vProcesses) {
-        const auto parser = m_oParsers.find(process->name());
-        for (const std::string& line : process->takeLines()) {
-            hear(process->name(), line, [&](std::string_view text) {
-                return parser != m_oParsers.end() ? parser->second.parse(text) : SEvent();
-            });
+        if (status) {
+            say(process->m_sName,
+                fmt::format("ended{}, status {}", process->m_bStays ? " before its time" : "", *status));
         }
-    }
-}
-
-void CStage::hear(const std::string& who, std::string_view line,
-                  const std::function<SEvent(std::string_view)>& parse) {
-    m_oTranscript << who << ": " << line << '\n';
-    const int64_t heard = now();
-    const std::optional<int64_t> time = takeTimeOfDay(line);
-    SEvent event = parse(line);
-    event.m_nTime = time ? difference(m_nBegin, *time) : heard;
-    if (event.m_eKind != evOther) {
-        m_vHeard.push_back({std::move(event), heard});
-    }
-}
-
-CProcess* CStage::findDead() {
-    const auto dead =
-        std::ranges::find_if(m_vProcesses, [](const auto& process) { return process->status().has_value(); });
-    return dead != m_vProcesses.end() ? dead->get() : nullptr;
-}
-
-std::string CStage::keepTranscript() {
-    m_oTranscript.flush();
-    const std::string kept = m_sDirectory + ".log";
-    std::error_code error;
-    std::filesystem::rename(m_sDirectory + "/" + sTranscript, kept, error);
-    return error ? std::string() : kept;
+        return status.has_value();
+    });
 }
 
 int64_t CStage::now() const {
