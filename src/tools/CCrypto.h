@@ -2,40 +2,42 @@
 #ifndef QEL_TOOLS_CCRYPTO_H
 #define QEL_TOOLS_CCRYPTO_H
 
-// Each operation returns 1 for success and 0 for failure, and tells a failure in one line on standard output.
-// Files are PEM, but for data and signatures. Keys are RSA; a key of another kind, and one that asks for a
-// passphrase, count as unreadable, and nobody is asked. Signatures are SHA-1 with RSA (PKCS #1 v1.5), raw.
+// Each operation returns 1 for success and 0 for failure, and prints the reason for a failure as one line on
+// standard output. Key and certificate files are PEM. Only RSA keys are accepted: a key of another kind, or
+// one that needs a passphrase, counts as unreadable, since the tools run in scripts where nobody could type
+// one. Signatures are SHA-1 with RSA (RSASSA-PKCS1-v1_5 of RFC 8017), stored raw, without any encoding.
 //
-// Nothing is kept between calls. Operations may run side by side, but for generateRSA(), which uses the
-// process's umask and its random sequence (srand(3)).
+// Nothing is kept between calls. Threads may call the operations at the same time, except generateRSA(),
+// which uses the process's umask and its random sequence (srand(3)).
 class CCrypto {
 public:
-    // Makes a private key of 2048 bits in the file `path`, its public key in `path`.pub, and a certificate
-    // signed with itself, valid for 3650 days from nowSeconds(), in `path`.crt. The path has at most 244
-    // characters.
+    // Makes a private key of 2048 bits in the file `path`, its public key in `path`.pub, and a self-signed
+    // certificate in `path`.crt, valid for 3650 days from nowSeconds(). The path has at most 244 characters.
     //
-    // The private key is its owner's alone (0600), whatever the umask, and regardless of who may read a file
-    // that it replaces. The three take their places only once all of them are written whole; a file that is
-    // there is replaced, but nothing else is (a directory, a device).
+    // Only the owner can read and write the private key (mode 0600), whatever the umask and whatever the mode
+    // of a file that it replaces. The three files appear under their names only once all of them are written
+    // whole. They replace regular files, but nothing else (a directory, a device).
     //
-    // A certificate that cannot be made is the one failure that is not told.
+    // A certificate that cannot be made is the one failure that prints nothing.
     [[nodiscard]] static int generateRSA(const char* path);
 
-    // Whether the private key belongs to the certificate: transforms bytes with the one and back with the
-    // other.
+    // Whether the private key belongs to the certificate: transforms bytes with the private key, and back
+    // with the certificate's.
     [[nodiscard]] static int verifyRSA(const char* privateKeyFile, const char* certificateFile);
 
-    // Signs the data file. A signature that cannot be written whole is removed again.
+    // Signs the data file. A signature file that cannot be written whole is removed again.
     [[nodiscard]] static int generateSignature(const char* privateKeyFile, const char* dataFile,
                                                const char* signatureFile);
 
-    // Whether the signature is that of the data file by the certificate's key, and tells either way. Only the
-    // first 4096 bytes of the signature file count. Validity and issuer of the certificate are not looked at.
+    // Whether the signature was made over the data file with the private key of the certificate; prints the
+    // answer either way. Only the first 4096 bytes of the signature file count. The certificate's validity
+    // and issuer are not checked: ask verifyCert() for the one, and keep the certificate where only trusted
+    // users can write for the other.
     [[nodiscard]] static int verifySignature(const char* certificateFile, const char* dataFile,
                                              const char* signatureFile);
 
-    // Whether nowSeconds() is in the certificate's validity: from not-before on, and before not-after. Its
-    // signature is not looked at.
+    // Whether the certificate is valid at nowSeconds(): from not-before on, and before not-after. Its
+    // signature is not checked.
     [[nodiscard]] static int verifyCert(const char* certificateFile);
 };
 

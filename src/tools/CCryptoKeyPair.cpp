@@ -18,7 +18,7 @@
 
 namespace {
 
-constexpr size_t nMaxBasePath = 244; // leaves room for the suffixes within 255 characters
+constexpr size_t nMaxBasePath = 244; // 255 (NAME_MAX) with ".crt" and the temporary file's ".XXXXXX"
 constexpr size_t nKeyBits = 2048;
 constexpr unsigned nPublicExponent = 65537;
 constexpr int64_t nValidSeconds = 315360000; // 3650 days
@@ -28,7 +28,8 @@ struct SNameEntry {
     const char* m_szValue;
 };
 
-// Subject and issuer. The country carries the organisation's name, and stays so.
+// Subject and issuer alike, as the certificate signs itself. The country is not one of the two-letter codes
+// of ISO 3166 that the attribute calls for; see addEntries().
 constexpr SNameEntry aNameEntries[] = {{"C", "Tarsil"}, {"CN", "Halyx"}, {"O", "Dorna"}, {"OU", "Platforms"}};
 
 constexpr SKeyTexts oPrivateKeyTexts{"Failed to get SSL key", "Failed to read file name",
@@ -43,6 +44,8 @@ CKeyHandle failedKey(const char* text) {
     return nullptr;
 }
 
+// EVP_PKEY_generate() fills the key that it is given; it would allocate one only for a null pointer
+// (EVP_PKEY_keygen(3)). So the caller's handle stays the owner.
 bool generate(EVP_PKEY* key) {
     size_t bits = nKeyBits;
     unsigned exponent = nPublicExponent;
@@ -69,8 +72,9 @@ CKeyHandle newKey() {
     return key;
 }
 
-// Values go in under the type that they have in the certificate: given as mere text, a country of more than
-// two letters is refused.
+// Passes the values as PrintableString, the type that they have in the certificate. If they were passed as
+// text to convert (MBSTRING_ASC), the library would check its table of sizes and refuse a country of more
+// than two letters.
 bool addEntries(X509_NAME* name) {
     return std::all_of(std::begin(aNameEntries), std::end(aNameEntries), [name](const SNameEntry& entry) {
         const auto* value = reinterpret_cast<const unsigned char*>(entry.m_szValue);
@@ -87,6 +91,9 @@ bool setValidity(X509* certificate, int64_t now) {
            X509_set1_notAfter(certificate, notAfter.get()) == 1;
 }
 
+// The serial number need not be hard to guess; it only tells certificates apart, and two made within one
+// second share it. Both names must be the same, and the key's own signature goes on last, since it covers all
+// the other fields. SHA-1 as in the signatures: what verifies on the appliances knows nothing else.
 CCertificateHandle newCertificate(EVP_PKEY* key) {
     CCertificateHandle certificate(X509_new());
     X509* const raw = certificate.get();
@@ -101,6 +108,7 @@ CCertificateHandle newCertificate(EVP_PKEY* key) {
     return certificate;
 }
 
+// Names the first file that fails: the callers chain with && and stop there.
 bool tellUnlessWritten(bool isWritten, const COutputFile& file) {
     if (!isWritten) {
         std::printf("Cannot write file (%s)\n", file.path());
@@ -118,6 +126,9 @@ bool publish(COutputFile& file) {
     return tellUnlessWritten(file.publish(), file);
 }
 
+// Writes all three before it publishes any: a full disk leaves an old key pair as it was, instead of a new
+// key beside an old certificate. The private key is written unencrypted, since the tools cannot ask for a
+// passphrase when they read it back.
 bool writeFiles(const std::string& path, EVP_PKEY* key, X509* certificate) {
     COutputFile privateFile(path, COutputFile::acOwner);
     COutputFile publicFile(path + ".pub", COutputFile::acUmask);
@@ -133,7 +144,9 @@ bool writeFiles(const std::string& path, EVP_PKEY* key, X509* certificate) {
 
 using CBlock = std::vector<unsigned char>;
 
-// The raw operation of either half of a key, without padding. Empty on failure.
+// The raw RSA operation (RFC 8017, section 5) with either half of a key, without padding. `init` and `apply`
+// choose the half: EVP_PKEY_sign for the private one, EVP_PKEY_verify_recover for the public one. Empty on
+// failure.
 CBlock transform(EVP_PKEY* key, const CBlock& input, decltype(&EVP_PKEY_sign_init) init,
                  decltype(&EVP_PKEY_sign) apply) {
     const CKeyContextHandle context(EVP_PKEY_CTX_new_from_pkey(nullptr, key, nullptr));
@@ -148,7 +161,9 @@ CBlock transform(EVP_PKEY* key, const CBlock& input, decltype(&EVP_PKEY_sign_ini
     return output;
 }
 
-// Fails where the certificate's key has another size, too.
+// Comparing the public parts (EVP_PKEY_eq) would not do: a private key file holds a copy of the public part,
+// and only using the private exponent shows that the two halves work together. A key of another size fails
+// too, since its result has another length.
 bool isPair(EVP_PKEY* privateKey, EVP_PKEY* publicKey) {
     CBlock block(static_cast<size_t>(EVP_PKEY_get_size(privateKey)));
     for (size_t i = 0; i < block.size(); ++i) {
@@ -166,6 +181,7 @@ int fail(const char* text, const char* file) {
 
 } // namespace
 
+// No file is touched before both the key and the certificate exist.
 int CCrypto::generateRSA(const char* path) {
     if (path == nullptr || std::strlen(path) > nMaxBasePath) {
         return fail("Invalid file name", path != nullptr ? path : "(null)");

@@ -13,8 +13,8 @@
 
 namespace {
 
-constexpr size_t nBlockSize = 1024;
-constexpr size_t nMaxSignature = 4096;
+constexpr size_t nBlockSize = 1024;    // bytes of data that are read at once
+constexpr size_t nMaxSignature = 4096; // bytes; a signature is as long as its key: 32,768 bits
 
 constexpr SKeyTexts oPrivateKeyTexts{"Cannot open private key file", "Cannot open private key file",
                                      "Cannot read private key file", nullptr, "Cannot read private key file"};
@@ -39,7 +39,9 @@ int failParameter() {
     return 0;
 }
 
-// Hands the file to `update` block by block. False if a block cannot be read or is not taken.
+// Hands the file to `update` block by block. False if a block cannot be read or `update` fails. A directory
+// can be opened for reading, and fails only here (EISDIR); without the check of ferror(3) it would pass for
+// an empty file, and be signed as one.
 template <typename FUpdate>
 bool readBlocks(FILE* file, FUpdate update) {
     unsigned char block[nBlockSize];
@@ -53,7 +55,7 @@ bool readBlocks(FILE* file, FUpdate update) {
     return std::ferror(file) == 0;
 }
 
-// Empty on failure.
+// Empty on failure, also where the system's crypto policy forbids SHA-1 signatures.
 CSignature sign(EVP_PKEY* key, FILE* data) {
     const CDigestHandle digest(EVP_MD_CTX_new());
     EVP_MD_CTX* const raw = digest.get();
@@ -71,7 +73,9 @@ CSignature sign(EVP_PKEY* key, FILE* data) {
     return signature;
 }
 
-// What cannot be written whole is removed, if it is a file at all.
+// Removes a signature that could not be written whole, since half a one would look like a tampered file. A
+// device or pipe as the output (/dev/stdout) is left alone. A full disk often shows only in fclose(3), which
+// writes what stdio has buffered.
 bool writeWhole(CStreamHandle file, const CSignature& signature, const char* path) {
     struct stat status {};
     const bool isFile = ::fstat(::fileno(file.get()), &status) == 0 && S_ISREG(status.st_mode);
@@ -86,6 +90,8 @@ bool writeWhole(CStreamHandle file, const CSignature& signature, const char* pat
     return false;
 }
 
+// Data that cannot be read is told apart from a wrong signature: the one is a typing mistake, the other an
+// alarm.
 enum EVerdict { vdUnreadable, vdWrong, vdRight };
 
 EVerdict verify(EVP_PKEY* key, FILE* data, const CSignature& signature) {
@@ -99,11 +105,13 @@ EVerdict verify(EVP_PKEY* key, FILE* data, const CSignature& signature) {
         })) {
         return vdUnreadable;
     }
-    // 1 alone is a success: a signature that does not match gives 0, one that makes no sense a negative
-    // number.
+    // Only 1 means success: a signature that does not match gives 0, and one that makes no sense may give a
+    // negative number (EVP_DigestVerifyInit(3)), which must not pass for true.
     return EVP_DigestVerifyFinal(raw, signature.data(), signature.size()) == 1 ? vdRight : vdWrong;
 }
 
+// Reads one block and no more, so an endless file (/dev/zero) is no trouble. A longer file than any signature
+// is not refused here: it fails to verify.
 bool readSignature(const char* path, CSignature& signature) {
     const CStreamHandle file(std::fopen(path, "rb"));
     if (file == nullptr) {
@@ -130,8 +138,9 @@ int CCrypto::generateSignature(const char* privateKeyFile, const char* dataFile,
     }
     const CSignature signature = sign(privateKey.m_pKey.get(), data.get());
     if (signature.empty()) {
-        return fail("Cannot open data file", dataFile); // the same line, and stays so
+        return fail("Cannot open data file", dataFile); // mostly data that opened but cannot be read
     }
+    // Opened only now: opening empties the file, so a failure up to here leaves an older signature in place.
     CStreamHandle output(std::fopen(signatureFile, "wb"));
     if (output == nullptr) {
         return fail("Cannot open signature file", signatureFile);
@@ -142,6 +151,8 @@ int CCrypto::generateSignature(const char* privateKeyFile, const char* dataFile,
     return 1;
 }
 
+// Reads the certificate, the signature and the data in this order, and reports the first that fails. The
+// certificate's own validity plays no part: a file signed in time still verifies after it has expired.
 int CCrypto::verifySignature(const char* certificateFile, const char* dataFile, const char* signatureFile) {
     if (certificateFile == nullptr || dataFile == nullptr || signatureFile == nullptr) {
         return failParameter();
@@ -165,6 +176,8 @@ int CCrypto::verifySignature(const char* certificateFile, const char* dataFile, 
     return isRight ? 1 : 0;
 }
 
+// RFC 5280 counts the moment of not-after as valid (section 4.1.2.5); here that very second is too late
+// already. Times that are malformed count as not valid either way.
 int CCrypto::verifyCert(const char* certificateFile) {
     if (certificateFile == nullptr || *certificateFile == '\0') {
         return failParameter();

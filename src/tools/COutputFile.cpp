@@ -10,11 +10,15 @@
 
 namespace {
 
+// Checked beforehand, because rename(2) would replace a device or a pipe without asking. stat(2) follows
+// links, so a link to a device is refused too.
 bool mayTakePlace(const char* path) {
     struct stat status {};
     return ::stat(path, &status) == 0 ? S_ISREG(status.st_mode) : errno == ENOENT;
 }
 
+// umask(2) has no query: it can only be read by setting it. For a moment the process has none, which is why
+// no other thread may create files meanwhile.
 mode_t modeFor(COutputFile::EAccess access) {
     if (access == COutputFile::acOwner) {
         return S_IRUSR | S_IWUSR;
@@ -38,6 +42,10 @@ COutputFile::~COutputFile() {
     }
 }
 
+// The temporary file stands beside the one that it replaces, because rename(2) does not cross file systems.
+// mkostemp(3) creates it exclusively: where others can write to the directory (/tmp), a link that somebody
+// has planted is not followed. Its mode is widened only afterwards, so a private key is never readable by
+// others.
 void COutputFile::create(EAccess access) {
     std::string temporary = m_sPath + ".XXXXXX";
     const int file = ::mkostemp(temporary.data(), O_CLOEXEC); // 0600 at most
@@ -53,6 +61,9 @@ void COutputFile::create(EAccess access) {
     }
 }
 
+// To the disk before the rename: otherwise a power cut soon after could leave the new name with an empty
+// file. The BIO writes straight to the descriptor, so fsync(2) misses nothing. It also reports delayed write
+// errors, so the close has nothing to add.
 bool COutputFile::finish() {
     const bool isWritten =
         m_pBio != nullptr && ::fsync(static_cast<int>(BIO_get_fd(m_pBio.get(), nullptr))) == 0;
@@ -60,6 +71,8 @@ bool COutputFile::finish() {
     return isWritten;
 }
 
+// rename(2) is atomic: whoever opens the name gets the old file or the new one, and never a part. On failure
+// the destructor still removes the temporary file.
 bool COutputFile::publish() {
     if (m_sTemporary.empty() || std::rename(m_sTemporary.c_str(), m_sPath.c_str()) != 0) {
         return false;

@@ -1,4 +1,4 @@
-// A file that is written under another name and takes its place only when it is whole.
+// A file that is written under a temporary name and gets its real name only when it is whole.
 #ifndef QEL_TOOLS_COUTPUTFILE_H
 #define QEL_TOOLS_COUTPUTFILE_H
 
@@ -6,13 +6,16 @@
 
 #include <string>
 
-// What is not published leaves nothing behind when the object goes. Replaces regular files and symbolic links
-// to such, the link itself; anything else stays.
+// Order of calls: construction, writing to bio(), finish(), publish(). A file that is not published by the
+// end of the object's life is removed, and what had its name before is untouched.
+//
+// Replaces regular files. Of a symbolic link to a regular file it replaces the link itself. Anything else
+// (a directory, a device, a pipe) stays, and bio() is null.
 class COutputFile {
 public:
     enum EAccess {
-        acOwner, // 0600, whatever the umask, from the first byte on
-        acUmask  // as for any new file
+        acOwner, // mode 0600, whatever the umask, from the first byte on
+        acUmask  // mode 0666 less the umask, as any new file has
     };
 
     COutputFile(std::string path, EAccess access);
@@ -20,9 +23,10 @@ public:
     COutputFile(const COutputFile&) = delete;
     COutputFile& operator=(const COutputFile&) = delete;
 
-    // Brings all that was written to the disk. No more can be written then.
+    // Flushes everything to the disk and closes the file, so nothing more can be written. False: the file is
+    // incomplete and must not be published.
     [[nodiscard]] bool finish();
-    // After finish().
+    // Gives the finished file its real name. False: the name is as it was.
     [[nodiscard]] bool publish();
 
     const char* path() const { return m_sPath.c_str(); }

@@ -6,7 +6,9 @@
 
 namespace {
 
-// The two forms that a certificate may use, to the second and in UTC. Comparing alone would let others pass.
+// RFC 5280 (section 4.1.2.5) allows a certificate two forms, UTCTime and GeneralizedTime, both to the second
+// and in UTC. ASN1_TIME_compare() alone would also accept others, such as fractions or an offset. With a null
+// target ASN1_TIME_set_string_X509() only checks. A NUL inside would hide from it what follows.
 bool isWellFormed(const ASN1_TIME* time) {
     const auto* bytes = reinterpret_cast<const char*>(ASN1_STRING_get0_data(time));
     const std::string text(bytes, static_cast<size_t>(ASN1_STRING_length(time)));
@@ -15,6 +17,9 @@ bool isWellFormed(const ASN1_TIME* time) {
 
 } // namespace
 
+// A year that does not have four digits changes the length, so the buffer's size is the check of the range.
+// The library picks the form by itself: UTCTime for 1950 to 2049, GeneralizedTime otherwise
+// (ASN1_TIME_set(3)).
 CTimeHandle certificateTime(int64_t seconds) {
     const auto moment = static_cast<time_t>(seconds);
     std::tm parts{};

@@ -1,7 +1,8 @@
 // Moments as certificates write them.
 //
-// The library's own conversions take a time_t. On a 32-bit host it may have been built with a shorter one
-// than the daemon, so none of them is used: moments go to the library as text.
+// libcrypto's own conversions take a time_t. On a 32-bit host libcrypto may have been built with a 32-bit
+// time_t and the daemon with a 64-bit one, so none of them is used: moments are passed to the library as
+// text.
 #ifndef QEL_TOOLS_CERTIFICATE_TIME_H
 #define QEL_TOOLS_CERTIFICATE_TIME_H
 
@@ -9,10 +10,11 @@
 
 #include <cstdint>
 
-// Seconds since the epoch, up to the year 9999; null beyond, and where there is no memory.
+// The moment `seconds` after the epoch, up to the year 9999. Null beyond that, or if memory is exhausted.
 [[nodiscard]] CTimeHandle certificateTime(int64_t seconds);
 
-// Both are false for a malformed time, and for a null `now`.
+// Compare a certificate's time with `now`. Both are false if the time is malformed or `now` is null, so a
+// certificate with a broken date is never valid, whichever end it stands at.
 [[nodiscard]] bool isAtOrBefore(const ASN1_TIME* time, const ASN1_TIME* now);
 [[nodiscard]] bool isAfter(const ASN1_TIME* time, const ASN1_TIME* now);
 

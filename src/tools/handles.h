@@ -1,4 +1,6 @@
-// Owners of the cryptographic library's objects.
+// Owning handles for libcrypto's objects: each frees its object, or drops its reference to one that libcrypto
+// counts, at the end of its scope. To be used with what the library returns as the caller's own (..._new,
+// PEM_read_..., X509_get_pubkey), never with what it only lends (..._get0_...).
 #ifndef QEL_TOOLS_HANDLES_H
 #define QEL_TOOLS_HANDLES_H
 
@@ -7,6 +9,7 @@
 #include <openssl/evp.h>
 #include <openssl/x509.h>
 
+// The function is part of the type, so a handle is no larger than a pointer.
 template <auto fnFree>
 struct SHandleFree {
     template <typename T>

@@ -5,7 +5,8 @@
 
 namespace {
 
-// Without it the library would ask for a passphrase at the terminal. Certificates may be encrypted, too.
+// Without a callback the library would ask for a passphrase at the terminal (pem_password_cb(3)), and a
+// script would hang. Certificates need it too, for PEM encryption can wrap any kind of object.
 int refusePassphrase(char*, int, int, void*) {
     return -1;
 }
@@ -16,6 +17,8 @@ SKeyInput failure(const char* text) {
     return input;
 }
 
+// RSA-PSS keys are a kind of their own for the library, so they are refused as well: their signatures could
+// not be verified as PKCS #1 v1.5.
 SKeyInput acceptRsa(CKeyHandle key, CCertificateHandle certificate, const SKeyTexts& texts) {
     if (EVP_PKEY_is_a(key.get(), "RSA") != 1) {
         return failure(texts.m_szNotRsa);
@@ -23,7 +26,7 @@ SKeyInput acceptRsa(CKeyHandle key, CCertificateHandle certificate, const SKeyTe
     return SKeyInput{nullptr, std::move(key), std::move(certificate)};
 }
 
-// Opens the file and hands it to `read`, which returns the input or its failure.
+// Opens the file and hands it to `read`, which returns the key or its failure.
 template <typename FRead>
 SKeyInput readFile(const char* file, const SKeyTexts& texts, FRead read) {
     const CBioHandle reader(BIO_new(BIO_s_file()));

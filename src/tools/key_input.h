@@ -1,25 +1,27 @@
-// Reads the keys that the tools work with.
+// Reads the keys that the tools work with, from PEM files. Keeps nothing between calls; any thread.
 #ifndef QEL_TOOLS_KEY_INPUT_H
 #define QEL_TOOLS_KEY_INPUT_H
 
 #include "tools/handles.h"
 
-// What a tool says about a key that it cannot have.
+// What a tool prints about each reason why it has no key. The tools word them differently, and scripts may
+// match the lines, so the reader leaves the wording to them. The texts are static.
 struct SKeyTexts {
-    const char* m_szNoReader; // the library cannot read files now
-    const char* m_szNoFile;
-    const char* m_szNoPem;
-    const char* m_szNoKey; // of a certificate: holds a key that cannot be read
-    const char* m_szNotRsa;
+    const char* m_szNoReader; // libcrypto cannot make a reader: memory is exhausted
+    const char* m_szNoFile;   // the file cannot be opened
+    const char* m_szNoPem;    // no PEM object of the right kind in it, or one that needs a passphrase
+    const char* m_szNoKey;    // the certificate's key cannot be read; null for private keys
+    const char* m_szNotRsa;   // the key is of another kind
 };
 
 struct SKeyInput {
-    const char* m_szFailure = nullptr; // one of the texts; null: the key is there
+    const char* m_szFailure = nullptr; // one of the texts; null: success
     CKeyHandle m_pKey;                 // an RSA key; null after a failure
-    CCertificateHandle m_pCertificate; // that it was read from, if any; null after a failure
+    CCertificateHandle m_pCertificate; // the key's; null for a private key, or after a failure
 };
 
-// From PEM files. A key that asks for a passphrase is no readable PEM; nobody is asked.
+// Neither asks for a passphrase: a file that needs one fails with m_szNoPem. readCertificate() returns the
+// certificate's public key and checks neither its validity nor its signature.
 [[nodiscard]] SKeyInput readPrivateKey(const char* file, const SKeyTexts& texts);
 [[nodiscard]] SKeyInput readCertificate(const char* file, const SKeyTexts& texts);
 

@@ -11,6 +11,8 @@ struct SMode {
     int (*m_fnRun)(int argc, char** argv);
 };
 
+// main() loads this module for just these words. Each must be in both tables: one that is missing here would
+// do nothing and end with 0.
 constexpr SMode aModes[] = {
     {"-newkey", makeKeyPair},    {"-check", checkKeyPair},           {"-signature", signFile},
     {"-signverify", verifyFile}, {"-certverify", verifyCertificate},
@@ -18,6 +20,7 @@ constexpr SMode aModes[] = {
 
 } // namespace
 
+// The one symbol that the module exports; libcrypto's and the tools' own are hidden by the link options.
 extern "C" __attribute__((visibility("default"))) int qelSignMain(int argc, char** argv) {
     for (const SMode& mode : aModes) {
         if (argc > 1 && std::strcmp(argv[1], mode.m_szWord) == 0) {

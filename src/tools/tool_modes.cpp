@@ -6,9 +6,10 @@
 
 namespace {
 
-constexpr char sQelDefaultCertPath[] = "/ov/etc/t31syscert1.pem"; // that signatures are verified with
-constexpr char sQelDefaultKeyPath[] = "/tmp/t31";                 // of a new key pair
+constexpr char sQelDefaultCertPath[] = "/ov/etc/t31syscert1.pem"; // verifies a signature if none is named
+constexpr char sQelDefaultKeyPath[] = "/tmp/t31";                 // of a new key pair if none is named
 
+// CCrypto says 1 for success, a shell 0.
 int exitStatus(int result) {
     return result == 1 ? 0 : 1;
 }
@@ -20,6 +21,8 @@ int tellUsage(const char* text) {
 
 } // namespace
 
+// The result is dropped: see tool_modes.h for how a script learns whether it worked. The default path is in
+// /tmp, where anybody can plant a link; COutputFile follows none.
 int makeKeyPair(int argc, char** argv) {
     static_cast<void>(CCrypto::generateRSA(argc > 2 ? argv[2] : sQelDefaultKeyPath));
     return 0;
@@ -39,6 +42,7 @@ int signFile(int argc, char** argv) {
     return exitStatus(CCrypto::generateSignature(argv[2], argv[3], argv[4]));
 }
 
+// The optional argument comes first, so the number of arguments tells what each of them is.
 int verifyFile(int argc, char** argv) {
     if (argc <= 3) {
         return tellUsage("Usage: qelserver -signverify <data file> <signature>");
