@@ -18,8 +18,9 @@ namespace {
 constexpr int nExitOk = 0;
 constexpr int nExitFailed = 1;
 
-// A stop event and a notice of the service manager may come together: the first ends the process, and the
-// second's thread waits for that.
+// A stop event and a notice of the service manager may come together, and exit(3) must not run in two threads
+// at once. So the first to get here ends the process; the other's thread waits for that in pause(2), which a
+// signal handler may interrupt, hence the loop.
 void claimProcessEnd() {
     static std::atomic_flag isClaimed = ATOMIC_FLAG_INIT;
     while (isClaimed.test_and_set()) {
@@ -27,7 +28,9 @@ void claimProcessEnd() {
     }
 }
 
-// On the service manager's own thread; the main loop is not asked to finish its turn.
+// Runs on the service manager's own thread and does not ask the main loop to finish its turn: a host that
+// goes down waits for nobody, and the daemon keeps nothing that has to be saved. What both threads touch is
+// made for this (CQelServer.h). clear() removes the stop event's name, which would outlive the process.
 void cbOVUService(uint32_t event) {
     if (event == OVU_CALLBACK_NOTIFY_SERVICE_SHUTDOWN) {
         logEvent(svInfo, 31160, "the Callback event is 'OVU_CALLBACK_NOTIFY_SERVICE_SHUTDOWN'");
@@ -41,6 +44,9 @@ void cbOVUService(uint32_t event) {
     std::exit(nExitOk);
 }
 
+// The answer "not running" also claims the name for this process, so of two daemons started at the same
+// moment one gives way. If the platform cannot tell, the daemon starts all the same, and without that
+// protection.
 bool isOtherInstanceRunning() {
     int state = OS_PROCESS_NOT_RUNNING;
     if (const int error = osGetProcessState(sQelLockFileName, &state)) {
@@ -49,6 +55,7 @@ bool isOtherInstanceRunning() {
     return state != OS_PROCESS_NOT_RUNNING;
 }
 
+// A failure is logged and no more: the daemon then serves as usual, and `qelserver -stop` still ends it.
 void registerService() {
     const int result = OvuServiceStartService(sOvuQelServiceName, 1, 1, cbOVUService, 3);
     logEvent(svInfo, 31162, "OvuServiceStartService return %d", result);
@@ -60,6 +67,7 @@ int serve() {
         logEvent(svInfo, 31163, "can't get server object.");
         return nExitFailed;
     }
+    // Before init(), which takes in the first list.
     CQelServer::setSupply(CFeatureSource::instance());
     server->clear();
     if (server->init() != 1) {
@@ -72,6 +80,11 @@ int serve() {
     return nExitOk;
 }
 
+// The order counts. A second daemon must end before it touches the log or the stop event of the first. The
+// debug flag must stand before the first line and the first thread. And the service manager comes before the
+// list's thread, because it blocks the signals that it waits for, and threads inherit that.
+//
+// With -debug it is left out: the signals keep their usual effect, so Ctrl-C ends the daemon in the terminal.
 int run(int argc, char** argv) {
     if (isOtherInstanceRunning()) {
         std::puts("Another instance of Qel server is running");
@@ -87,7 +100,13 @@ int run(int argc, char** argv) {
     return status;
 }
 
-// Without a daemon the event is created afresh and sent to nobody: on purpose no error.
+// Opens the event of the running daemon and signals it; does not wait for the daemon's end, which comes with
+// the end of a turn of its loop.
+//
+// If no daemon runs, this creates the event and the signal reaches nobody. That is no error, since the caller
+// has what they wanted. The event's name stays behind, and the next daemon replaces it
+// (CQelServer::initEvent()). If the event can be neither created nor found, for example without access to the
+// runtime directory, nothing is signalled, and the status is 0 as well.
 int stop(int, char**) {
     uint32_t event = OS_EVENT_NONE;
     if (osCreateEvent(sServiceEventName1, 0, &event) == OS_ERROR_EXISTS) {
@@ -109,6 +128,7 @@ struct SMode {
     int (*m_fnRun)(int argc, char** argv);
 };
 
+// The words of the signing tools are here and in sign_module.cpp, so that other words do not load the module.
 constexpr SMode aModes[] = {
     {"-newkey", runSigningTool},
     {"-run", run},
@@ -121,7 +141,8 @@ constexpr SMode aModes[] = {
 
 } // namespace
 
-// A word that is no mode is no error either: nothing is printed, and the status is 0.
+// A word that names no mode does nothing: it prints nothing, and the status is 0. Only a missing word counts
+// as wrong use.
 int main(int argc, char** argv) {
     if (argc <= 1) {
         std::puts("Usage: qelserver -[newkey|run|check|signature|signverify] [...]");

@@ -7,6 +7,8 @@
 
 namespace {
 
+// On standard error, since standard output carries the tools' own answers. A missing libcrypto ends up here
+// too, in the dynamic linker's words.
 int fail(const char* reason) {
     std::fprintf(
         stderr,
@@ -18,8 +20,10 @@ int fail(const char* reason) {
 
 } // namespace
 
-// By the file's name alone: the linker looks for it where this executable's run path says. It stays loaded, since
-// libcrypto cleans up at the process's end.
+// The name has no slash, so dlopen(3) searches this executable's run path, $ORIGIN/../lib/qel, and the module
+// is found wherever the tree is installed. RTLD_NOW reports a missing symbol here, as an error, instead of
+// ending the process in the middle of a signature. The module stays loaded, because libcrypto cleans up when
+// the process ends, by code that must still be there.
 int runSigningTool(int argc, char** argv) {
     void* const module = ::dlopen(sSignModule, RTLD_NOW | RTLD_LOCAL);
     void* const entry = module != nullptr ? ::dlsym(module, sSignEntry) : nullptr;

@@ -1,9 +1,10 @@
-// The signing tools of the command line, which come from a module that only they load.
+// The signing tools of the command line. They are in a module that is loaded for them alone; sign_module.h
+// says why.
 #ifndef QEL_SERVER_SIGNING_H
 #define QEL_SERVER_SIGNING_H
 
-// Runs the tool mode that argv[1] names and returns the exit status: 1, with a line on standard error, where
-// the module cannot be loaded.
+// Loads the module, runs the tool mode that argv[1] names, and returns its exit status. If the module cannot
+// be loaded: 1, with a line on standard error. Call it once, from main().
 int runSigningTool(int argc, char** argv);
 
 #endif

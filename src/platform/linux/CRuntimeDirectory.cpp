@@ -22,6 +22,7 @@ struct SLocation {
     bool m_bInSharedPlace; // anybody could have made it before us
 };
 
+// An empty variable counts as none, as is usual in a shell.
 const char* environment(const char* variable) {
     const char* value = std::getenv(variable);
     return value != nullptr && *value != '\0' ? value : nullptr;
@@ -40,6 +41,8 @@ SLocation runtimeLocation() {
     return {"/tmp/qel-" + std::to_string(geteuid()), true};
 }
 
+// Asked of the descriptor and not of the path, which somebody could exchange between the question and the
+// use.
 bool isOurs(int fd) {
     struct stat status {};
     return fstat(fd, &status) == 0 && status.st_uid == geteuid() && (status.st_mode & S_IWOTH) == 0;
@@ -47,6 +50,10 @@ bool isOurs(int fd) {
 
 } // namespace
 
+// In /tmp anybody can make the directory before us, or plant a link to another of our directories: there a
+// link is refused, and so is a directory that is not ours. The other places belong to root or to the user,
+// who may as well use a link. O_PATH, since the directory is only a starting point for names; it need not be
+// readable for that.
 int CRuntimeDirectory::open() {
     const SLocation location = runtimeLocation();
     if (mkdir(location.m_sPath.c_str(), DIRECTORY_MODE) != 0 && errno != EEXIST) {
@@ -68,8 +75,9 @@ CFileDescriptor CRuntimeDirectory::openFile(const std::string& name, int flags) 
     return CFileDescriptor(openat(fd(), name.c_str(), flags | O_CLOEXEC | O_NOFOLLOW));
 }
 
-// Never O_CREAT on what exists: in a directory with the sticky bit the kernel refuses that for another user's
-// file.
+// Never uses O_CREAT on a file that exists: in a directory with the sticky bit the kernel may refuse that for
+// another user's file (protected_regular in proc(5)). So it tries both ways in turn; it goes round again only
+// if somebody created the file or removed it in between. fchmod(2) undoes the umask.
 CFileDescriptor CRuntimeDirectory::openOrCreateFile(const std::string& name) const {
     for (;;) {
         CFileDescriptor existing = openFile(name, O_RDWR);
@@ -102,6 +110,8 @@ bool CRuntimeDirectory::isSameFile(const std::string& name, int fileFd) const {
            named.st_dev == opened.st_dev && named.st_ino == opened.st_ino;
 }
 
+// Opens the directory once more, because an O_PATH descriptor cannot be read, and because a descriptor of its
+// own has a read position of its own. fdopendir(3) takes the descriptor over only if it succeeds.
 std::vector<std::string> CRuntimeDirectory::list(std::string_view prefix) const {
     struct SCloseDirectory {
         void operator()(DIR* stream) const { closedir(stream); }
@@ -121,6 +131,8 @@ std::vector<std::string> CRuntimeDirectory::list(std::string_view prefix) const 
     return names;
 }
 
+// Sockets have short names ("mfw." and a process id), so the address always fits. The NUL at the end is the
+// initialisation's.
 sockaddr_un CRuntimeDirectory::socketAddress(const std::string& name) const {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;

@@ -1,5 +1,5 @@
-// The one directory that all processes of the appliance meet in. Its owner and mode alone say who takes part;
-// the files inside are usable by whoever gets that far.
+// The one directory in which all processes of the appliance meet. Its owner and mode alone decide who takes
+// part; the files inside are open to whoever gets that far. docs/platform.md lists them.
 #ifndef QEL_PLATFORM_LINUX_CRUNTIMEDIRECTORY_H
 #define QEL_PLATFORM_LINUX_CRUNTIMEDIRECTORY_H
 
@@ -10,34 +10,41 @@
 #include <sys/un.h>
 #include <vector>
 
+// Everything goes by the open directory, so the object keeps to it even if its path is renamed or the
+// environment changes. After open() the object is not changed, so several threads may use it. Failures are
+// numbers as in errors.h where a function returns int.
 class CRuntimeDirectory {
 public:
     // Opens the directory that the environment names at this moment: QEL_RUNTIME_DIR, else /run/qel for root,
-    // else $XDG_RUNTIME_DIR/qel, else /tmp/qel-<uid>. Where it is missing it is made with mode 0700, its
-    // parents are not.
+    // else $XDG_RUNTIME_DIR/qel, else /tmp/qel-<uid>. If it is missing, it is created with mode 0700; its
+    // parents are not. EACCES: the one in /tmp is not the user's own, or anybody may write to it.
     [[nodiscard]] int open();
 
-    // Opens an existing file with the flags of open(2), close-on-exec added. Empty, and errno set, on
-    // failure.
+    // Opens an existing file with the flags of open(2), to which it adds close-on-exec and that symbolic
+    // links are refused. On failure the result is empty and errno is set.
     [[nodiscard]] CFileDescriptor openFile(const std::string& name, int flags) const;
 
-    // Opens a regular file for reading and writing, and makes it first where it is missing.
+    // Opens a regular file for reading and writing, and creates it with mode 0666 if it is missing. On
+    // failure as openFile().
     [[nodiscard]] CFileDescriptor openOrCreateFile(const std::string& name) const;
 
-    // Gives a file the mode whatever the umask. `name` must not be a symbolic link.
+    // Sets a file's mode, by name: a socket or a FIFO need not be opened for it. The umask does not matter.
+    // `name` must not be a symbolic link, since it would be followed.
     [[nodiscard]] int setMode(const std::string& name, unsigned int mode) const;
 
-    // Removing what is not there is no failure worth telling.
+    // Removes a file. Failures are not reported: a file that is gone already is what the caller wanted.
     void remove(const std::string& name) const;
 
-    // Whether `name` still means the file that `fd` has open. Nobody reuses an inode that is open.
+    // Whether `name` still means the file that `fd` has open. The inode's number decides, which the kernel
+    // does not give to another file while this one is open.
     [[nodiscard]] bool isSameFile(const std::string& name, int fd) const;
 
-    // Names of all files that begin with `prefix`, in no order.
+    // Names of all files that begin with `prefix`, in no order. Empty if the directory cannot be read.
     [[nodiscard]] std::vector<std::string> list(std::string_view prefix) const;
 
-    // Address of a socket in this directory. However long the directory's path, it fits: it goes through the
-    // open directory, so it holds only while this object lives, and in this process.
+    // Address of a socket in this directory, for bind(2) and connect(2). sun_path has room for 108 bytes only
+    // (unix(7)), so the address goes by way of the open directory in /proc and fits however long the
+    // directory's path is. It is valid in this process only, and while this object lives.
     [[nodiscard]] sockaddr_un socketAddress(const std::string& name) const;
 
     int fd() const { return m_oDirectory.get(); }

@@ -9,9 +9,10 @@
 
 namespace {
 
-// Never destroyed: another thread may be ending the process while a message is waited for or delivered.
+// Never destroyed, since another thread may end the process while this one waits for a message or delivers
+// it.
 struct SFramework {
-    std::mutex m_oMutex; // not held while an endpoint's operation runs
+    std::mutex m_oMutex; // not held while the endpoint sends or receives, nor while a callback runs
     std::shared_ptr<CMfwEndpoint> m_pEndpoint;
     std::unordered_map<uint16_t, OvuMfwCallback> m_oCallbacks;
 };
@@ -21,11 +22,15 @@ SFramework& framework() {
     return instance;
 }
 
+// The caller shares ownership: if another thread cleans up meanwhile, the endpoint is closed at once, but
+// destroyed only when the last operation has left it.
 std::shared_ptr<CMfwEndpoint> currentEndpoint() {
     const std::lock_guard<std::mutex> guard(framework().m_oMutex);
     return framework().m_pEndpoint;
 }
 
+// Looked up for each message, for a callback may register and deregister. Type 0 catches what has no
+// callback.
 OvuMfwCallback callbackFor(uint16_t type) {
     const std::lock_guard<std::mutex> guard(framework().m_oMutex);
     const auto& callbacks = framework().m_oCallbacks;
@@ -36,12 +41,14 @@ OvuMfwCallback callbackFor(uint16_t type) {
     return found == callbacks.end() ? nullptr : found->second;
 }
 
+// A process id is unique while the process lives, as the contract asks, and needs no one to hand it out. The
+// price is that all processes must be in one pid namespace.
 uint32_t ownHandle() {
     return static_cast<uint32_t>(getpid());
 }
 
-// Each peer costs a descriptor. What the administrator allows is used; that it may be less is no failure
-// here.
+// Each peer costs a descriptor, and the usual soft limit is 1024. So the process uses what the administrator
+// allows (the hard limit). Fewer are no failure: sending then fails with EMFILE, and new peers wait.
 void raiseDescriptorLimit() {
     rlimit limit{};
     if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < limit.rlim_max) {
@@ -50,6 +57,8 @@ void raiseDescriptorLimit() {
     }
 }
 
+// The mutex is held throughout: of two threads that initialise at the same moment, one opens the endpoint,
+// and the other finds it open.
 int openEndpoint() {
     const std::lock_guard<std::mutex> guard(framework().m_oMutex);
     if (framework().m_pEndpoint != nullptr) {
@@ -64,7 +73,9 @@ int openEndpoint() {
     return error;
 }
 
-// Takes the next message and makes its record. A message whose file cannot be read is passed over.
+// Takes the next message and makes its record. A large message whose memory file cannot be read is skipped:
+// an error would help nobody, since its sender was told of a success long ago. The next one is taken within
+// the same time.
 int receiveRecord(uint32_t timeoutMs, SMfwMessage& message, CMfwRecord& record) {
     const CDeadline deadline(timeoutMs);
     const std::shared_ptr<CMfwEndpoint> endpoint = currentEndpoint();
@@ -85,8 +96,8 @@ int OvuMfwInitialize(void) {
     return guarded(openEndpoint);
 }
 
-// The endpoint is closed with the framework's mutex held, so that one that is opened at once finds the name
-// free.
+// Holds the framework's mutex while it closes the endpoint, so that a new one, opened by another thread at
+// the same moment, finds the process's name free. A thread that waits in receive() is woken and returns.
 int OvuMfwCleanup(void) {
     return guarded([] {
         const std::lock_guard<std::mutex> guard(framework().m_oMutex);
@@ -99,6 +110,7 @@ int OvuMfwCleanup(void) {
     });
 }
 
+// Works without an endpoint of its own, as the contract promises: the runtime directory has all the names.
 int OvuMfwGetProcessHandle(const char* processName, uint32_t* handle) {
     if (handle == nullptr) {
         return EINVAL;
@@ -152,6 +164,9 @@ int OvuMfwSendMessage(uint32_t handle, uint16_t type, uint32_t userDefinedId, co
     });
 }
 
+// The callback runs without any lock, so it may call every function of the framework, a clean-up included.
+// Message and record are on this stack, hence the contract's rule that a record is valid during the call
+// only.
 int OvuMfwProcessNextMessage(uint32_t timeoutMs) {
     SMfwMessage message;
     CMfwRecord record;

@@ -1,5 +1,7 @@
-// Named events: an event is a FIFO "event.<name>", a signal a byte in it. Both ends are held open by everyone
-// who has the event open, so neither side blocks nor is told of a broken pipe.
+// Named events: an event is the FIFO "event.<name>" in the runtime directory, and a signal is a byte in it.
+// Everyone who has the event open holds both ends open (O_RDWR, which Linux allows for a FIFO, see fifo(7)).
+// So opening never waits for the other side, and sending never finds a pipe without a reader (SIGPIPE). The
+// kernel keeps the bytes as long as any process has the FIFO open.
 #include "platform/linux/CDeadline.h"
 #include "platform/linux/CRuntimeDirectory.h"
 #include "platform/linux/errors.h"
@@ -28,13 +30,16 @@ private:
     [[nodiscard]] int openFifo();
     bool takeSignal() const;
 
-    CRuntimeDirectory
-        m_oDirectory; // where the name stands, wherever the environment points by the time of the kill
+    // Opened once: kill() must find the name where it was made, even if the environment has changed since.
+    CRuntimeDirectory m_oDirectory;
     std::string m_sFile;
     CFileDescriptor m_oFifo;
     std::atomic<bool> m_bKilled{false};
 };
 
+// mkfifoat(2) is atomic, so of two creators one gets OS_ERROR_EXISTS. It applies the umask, but other users'
+// processes take part too, so the mode is set once more. An event that cannot be used goes again, or its name
+// would be taken by something that nobody has open.
 int CNamedEvent::create(const char* name) {
     m_sFile = std::string("event.") + name;
     if (const int error = m_oDirectory.open()) {
@@ -66,7 +71,8 @@ int CNamedEvent::openFifo() {
     return m_oFifo ? 0 : lastError();
 }
 
-// A full FIFO holds signals that nobody has received: they count as one, and this one with them.
+// A full FIFO (EAGAIN) holds signals that nobody has received yet. They count as one, and so does this one
+// with them: that is a success.
 int CNamedEvent::send() const {
     const char signal = 1;
     for (;;) {
@@ -79,7 +85,8 @@ int CNamedEvent::send() const {
     }
 }
 
-// Takes all bytes there are. False: another receiver was faster.
+// Takes all bytes there are, since signals that nobody has received count as one. False: there were none, for
+// another receiver was faster; poll(2) wakes all of them.
 bool CNamedEvent::takeSignal() const {
     char signals[4096];
     bool found = false;
@@ -92,6 +99,8 @@ bool CNamedEvent::takeSignal() const {
     }
 }
 
+// kill() wakes nobody; the contract lets a waiting receiver return when its time is up. m_bKilled is looked
+// at again after the wait, so that a signal is not reported by an event that was killed meanwhile.
 int CNamedEvent::receive(const CDeadline& deadline) const {
     while (!m_bKilled && deadline.waitReadable(m_oFifo.get())) {
         if (!m_bKilled && takeSignal()) {
@@ -105,8 +114,10 @@ int CNamedEvent::receive(const CDeadline& deadline) const {
     return EBADF;
 }
 
-// Whoever removes an event's name holds the lock on the event, so the name cannot pass to a newer event
-// between the comparison and the removal. Where the lock is taken, another is removing this very event.
+// Another process may have killed this event and created a new one under the name, which must stay. unlink(2)
+// knows only names, so whoever removes the name holds the FIFO's lock (flock(2)) while it compares and
+// removes: the name cannot pass to a newer event in between. If the lock is taken, somebody else is removing
+// this very event, and there is nothing left to do.
 void CNamedEvent::kill() {
     m_bKilled = true;
     if (flock(m_oFifo.get(), LOCK_EX | LOCK_NB) != 0) {
@@ -118,11 +129,13 @@ void CNamedEvent::kill() {
     flock(m_oFifo.get(), LOCK_UN);
 }
 
-// Handles count upwards, so that one of a killed event is not mistaken for a newer one. Never destroyed:
-// another thread may be ending the process meanwhile. A thread inside an operation shares the event, so its
-// descriptor is not closed, nor its number reused, under it.
+// The events that this process has open, by handle. Handles count upwards, so that the handle of a killed
+// event does not mean a newer one. The table is never destroyed, since another thread may be ending the
+// process. A thread inside an operation shares ownership of its event, so that a kill by another thread does
+// not close the descriptor, and let its number be reused, in the middle of a call.
 class CEventTable {
 public:
+    // Skips 0, all ones (the contract's "none"), and what is still in use after 2^32 events.
     uint32_t add(std::shared_ptr<CNamedEvent> event) {
         const std::lock_guard<std::mutex> guard(m_oMutex);
         while (m_nNext == 0 || m_nNext == OS_EVENT_NONE || m_oEvents.count(m_nNext) != 0) {
@@ -191,6 +204,8 @@ int osSendEvent(uint32_t handle) {
     });
 }
 
+// The deadline stands before the look-up, because a failure has to wait out the time: a loop around this call
+// has no pause of its own.
 int osReceiveEvent(uint32_t handle, uint32_t waitMs) {
     return guarded([&] {
         const CDeadline deadline(waitMs);
@@ -203,6 +218,7 @@ int osReceiveEvent(uint32_t handle, uint32_t waitMs) {
     });
 }
 
+// Out of the table first: of two threads that kill one handle, one finds nothing.
 int osKillEvent(uint32_t handle) {
     return guarded([&] {
         const auto event = events().remove(handle);

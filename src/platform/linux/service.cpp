@@ -1,4 +1,6 @@
-// The service manager: a thread that waits for the signals that end a service and tells the callback.
+// The service manager: a thread that waits for the signals that end a service, and calls the callback for
+// each. A thread and not signal handlers: a handler may call next to nothing (signal-safety(7)), while the
+// callback logs, closes the endpoint and ends the process.
 #include "platform/service.h"
 
 #include "platform/linux/errors.h"
@@ -20,13 +22,16 @@ sigset_t serviceSignals() {
     return signals;
 }
 
-// SIGINT is somebody at the keyboard, SIGPWR the power; SIGTERM is sent for both reasons.
+// SIGINT comes from somebody at the keyboard, SIGPWR from a failing power supply. SIGTERM may mean either, as
+// systemd sends it to stop one service and to shut down the host: hence the question.
 uint32_t notice(int signal) {
     const bool shutdown = signal == SIGPWR || (signal == SIGTERM && isHostGoingDown());
     return shutdown ? OVU_CALLBACK_NOTIFY_SERVICE_SHUTDOWN : OVU_CALLBACK_NOTIFY_SERVICE_STOP;
 }
 
-// Never returns. The callback may: then the next signal is told as well.
+// Never returns. The callback may return, and is then called for the next signal as well; one that arrives
+// while it runs stays pending. "STOPPING=1" goes out first, since notice() may take half a second to ask
+// systemd.
 void watch(OvuServiceCallback callback) {
     const sigset_t signals = serviceSignals();
     for (;;) {
@@ -38,7 +43,10 @@ void watch(OvuServiceCallback callback) {
     }
 }
 
-// Every thread that is started after this has the signals blocked, so that they wait for the watching thread.
+// Threads inherit the mask, so in every thread that starts after this the signals are blocked and wait for
+// the watching thread; a thread that had them unblocked would get them instead. The mask comes before the
+// thread, or a signal in between would end the process in the default way. Without the thread, nobody would
+// take the signals, so the mask is restored and the process can still be ended by them.
 int start(const char* name, OvuServiceCallback callback) {
     const sigset_t signals = serviceSignals();
     sigset_t before;
@@ -63,6 +71,8 @@ int OvuServiceStartService(const char* name, uint32_t /*first*/, uint32_t /*seco
         return EINVAL;
     }
     return guarded([&] {
+        // Never destroyed, since another thread may be ending the process. Only a success counts: after a
+        // failure the caller may try again.
         static std::mutex& once = *new std::mutex;
         static bool started = false;
         const std::lock_guard<std::mutex> guard(once);

@@ -18,12 +18,14 @@
 namespace {
 
 constexpr const char* BOOTED_DIRECTORY = "/run/systemd/system"; // see sd_booted(3)
-constexpr const char* SYSTEMCTL =
-    "/usr/bin/systemctl";                // by its path: what $PATH has is not to be run as root
-constexpr uint32_t ANSWER_TIME_MS = 500; // asking must not hold up the notice
-constexpr size_t ANSWER_SIZE = 64;       // more than any state's name has
+// With its path, since the daemon may run as root and must not run whatever program $PATH finds first.
+constexpr const char* SYSTEMCTL = "/usr/bin/systemctl";
+constexpr uint32_t ANSWER_TIME_MS = 500; // the daemon's end must not wait for a systemd that is busy
+constexpr size_t ANSWER_SIZE = 64;       // bytes; more than the name of any state has
 
-// The length of the address, or 0 where `name` is none: a path, or '@' and a name without a file.
+// The forms of $NOTIFY_SOCKET in sd_notify(3): a path, or '@' and a name in the abstract namespace, which
+// unix(7) writes with a NUL in place of the '@'. Returns the address's length, 0 for any other form. The
+// length leaves out the final NUL, which would be part of an abstract name.
 socklen_t fillAddress(const char* name, sockaddr_un& address) {
     const size_t length = name != nullptr ? std::strlen(name) : 0;
     if (length < 2 || length >= sizeof address.sun_path || (name[0] != '/' && name[0] != '@')) {
@@ -54,8 +56,9 @@ sigset_t allSignals() {
     return signals;
 }
 
-// What a process is started with: a pipe for its output, and none of our signal settings (the thread that asks
-// has signals blocked).
+// What a process is started with: a pipe for its output, and none of our signal settings, since the thread
+// that asks has signals blocked and systemctl would inherit that. posix_spawn(3) and not fork(2): it copies
+// no page tables, and the process has other threads.
 class CLaunch {
 public:
     explicit CLaunch(int output) {
@@ -66,8 +69,8 @@ public:
         posix_spawnattr_setsigmask(&m_oAttributes, &none);
         posix_spawnattr_setsigdefault(&m_oAttributes, &all);
         posix_spawn_file_actions_init(&m_oFiles);
-        posix_spawn_file_actions_adddup2(&m_oFiles, output,
-                                         STDOUT_FILENO); // first: it may be one of the others
+        // First: in a daemon started with closed standard files, the pipe may have the number 0 or 2.
+        posix_spawn_file_actions_adddup2(&m_oFiles, output, STDOUT_FILENO);
         posix_spawn_file_actions_addopen(&m_oFiles, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
         posix_spawn_file_actions_addopen(&m_oFiles, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
     }
@@ -91,7 +94,7 @@ private:
     posix_spawn_file_actions_t m_oFiles;
 };
 
-// The first line that comes, or what of it came in time.
+// The first line, or as much of it as came in time. A pipe may deliver it in pieces.
 std::string readLine(int fd, const CDeadline& deadline) {
     std::string text;
     char piece[ANSWER_SIZE];
@@ -105,6 +108,8 @@ std::string readLine(int fd, const CDeadline& deadline) {
     return text.substr(0, text.find('\n'));
 }
 
+// Ends the process, whether it has answered or hangs, and reaps it. Until it is reaped its id cannot pass to
+// another process, so the signal never hits a stranger.
 void endProcess(pid_t process) {
     kill(process, SIGKILL);
     while (waitpid(process, nullptr, 0) < 0 && errno == EINTR) {
@@ -113,6 +118,7 @@ void endProcess(pid_t process) {
 
 } // namespace
 
+// A failure has no consequence here: systemd itself logs that a service of Type=notify never got ready.
 void tellSystemd(const std::string& state) {
     sockaddr_un address{};
     const socklen_t length = fillAddress(std::getenv("NOTIFY_SOCKET"), address);
@@ -129,6 +135,7 @@ bool isHostGoingDown() {
 }
 
 bool saysStopping(const char* program) {
+    // Starting the program counts as well.
     const CDeadline deadline(ANSWER_TIME_MS);
     int ends[2] = {-1, -1};
     if (pipe2(ends, O_CLOEXEC) != 0) {
@@ -137,11 +144,13 @@ bool saysStopping(const char* program) {
     const CFileDescriptor output(ends[0]);
     CFileDescriptor input(ends[1]);
     const pid_t process = CLaunch(input.get()).run(program, "is-system-running");
+    // Our copy of the writing end must go, or the pipe would not end with the program.
     input.close();
     if (process < 0) {
         return false;
     }
     const std::string state = readLine(output.get(), deadline);
+    // Its exit status says nothing: it is a failure for every state but "running" (systemctl(1)).
     endProcess(process);
     return state == "stopping";
 }

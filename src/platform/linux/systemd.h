@@ -1,18 +1,20 @@
-// What is said to systemd and asked of it, without its library: that would be mapped for as long as the daemon
-// runs, for two datagrams and one question.
+// What the daemon tells systemd and asks it. libsystemd is not used, because it would be mapped for as long
+// as the daemon runs, for the sake of two datagrams and one question. Any thread.
 #ifndef QEL_PLATFORM_LINUX_SYSTEMD_H
 #define QEL_PLATFORM_LINUX_SYSTEMD_H
 
 #include <string>
 
-// Tells the manager that started this process about it, in the protocol of sd_notify(3). Does not wait, and
-// whether it was heard is not known; nothing happens where no manager wants to know.
+// Sends `state`, one "NAME=value" on a line, to the service manager that started this process, in the
+// protocol of sd_notify(3). Does not wait and reports no failure. Does nothing where no manager asked for it
+// ($NOTIFY_SOCKET).
 void tellSystemd(const std::string& state);
 
-// Whether the host goes down, where systemd runs it. Takes half a second at most; no answer counts as no.
+// Whether systemd runs the host and is shutting it down. Takes half a second at most; no answer counts as no.
 bool isHostGoingDown();
 
-// Whether `program is-system-running` prints "stopping" within half a second. The program is ended, then.
+// Whether `program is-system-running` prints "stopping" within half a second. The program is killed
+// afterwards in any case. `program` is a path.
 bool saysStopping(const char* program);
 
 #endif

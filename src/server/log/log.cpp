@@ -21,10 +21,11 @@ namespace {
 
 constinit std::atomic<uint32_t> m_nOvuDiagHandler = 0; // of the diagnostics module; 0: not registered
 
-constexpr uint32_t nDiagKind = 2; // the diagnostics service's own number
+constexpr uint32_t nDiagKind = 2; // belongs to the diagnostics service, see diag.h
 
-// As "2024-03-14 13:04:05", in local time, which is worked out once a second: lines come in bursts. A change of the
-// time zone is seen in the next second.
+// As "2024-03-14 13:04:05", in local time. Lines come in bursts, so each thread keeps the text of the second
+// that it formatted last. localtime_r(3) reads the time zone once in glibc: the log follows a new zone of the
+// host only after a restart, but daylight saving time at once.
 std::string_view dateAndTime(time_t seconds) {
     struct SKnown {
         time_t m_tSecond = 0;
@@ -41,15 +42,18 @@ std::string_view dateAndTime(time_t seconds) {
     return {known.m_szText, known.m_nLength};
 }
 
+// Bytes from 0x80 on pass, so that UTF-8 in a name or a reply text stays readable.
 bool isPrintable(char character) {
     const auto byte = static_cast<unsigned char>(character);
     return byte >= ' ' && byte != 0x7F;
 }
 
-// One line of the log: stamp, text, line break. Only a long one takes memory.
+// One line of the log: stamp, text, line break. Built in one piece, so that one write(2) can put it out; in
+// memory of its own only if it is long, so that a usual line gets through even when memory is exhausted.
 class CLine {
 public:
-    // Throws std::bad_alloc where memory is exhausted.
+    // Reserves room for the worst case, every character escaped, so that append() need not check. Throws
+    // std::bad_alloc if a long line finds no memory.
     explicit CLine(const char* text) {
         const size_t most = nStampRoom + nEscapedSize * std::strlen(text) + 1;
         if (most > sizeof m_aRoom) {
@@ -67,8 +71,8 @@ public:
     size_t size() const { return m_nSize; }
 
 private:
-    static constexpr size_t nStampRoom = 48;
-    static constexpr size_t nEscapedSize = 4;
+    static constexpr size_t nStampRoom = 48;  // dateAndTime() has at most 39 characters, the fraction 6
+    static constexpr size_t nEscapedSize = 4; // as in "\x0a"
 
     void append(const char* text, size_t size) {
         std::memcpy(m_pText + m_nSize, text, size);
@@ -85,8 +89,8 @@ private:
         append(fraction, sizeof fraction);
     }
 
-    // A peer chooses its name and its reply text: control characters are written as "\x0a", so that none of them
-    // can end the line and begin another.
+    // A peer chooses its name and its reply text: control characters are written as "\x0a", so that none of
+    // them can end the line and begin another.
     void appendPrintable(const char* text) {
         for (;;) {
             const char* end = text;
@@ -110,13 +114,17 @@ private:
     size_t m_nSize = 0;
 };
 
+// The environment is asked for each line; nothing in the daemon changes it, so getenv(3) is safe in any
+// thread.
 const char* textLogPath() {
     const char* path = std::getenv("QEL_LOG_FILE");
     return path != nullptr ? path : sQelServerLogFileName;
 }
 
-// Opened and closed for each line, so that the log can be rotated or removed while the daemon runs. One write
-// a line: lines of two threads do not mix. Does not wait for the reader of a pipe.
+// Opens and closes the file for each line, so that the log can be rotated or removed while the daemon runs.
+// One write with O_APPEND for each line keeps lines of two threads whole (write(2)). O_NONBLOCK: where the
+// log is a pipe that nobody reads, the line is lost, but the daemon does not hang. O_NOCTTY: where it is a
+// terminal, that must not become the daemon's.
 bool appendToTextLog(const CLine& line) {
     const int file =
         ::open(textLogPath(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0666);
@@ -130,6 +138,9 @@ bool appendToTextLog(const CLine& line) {
 
 } // namespace
 
+// Until a registration succeeds, it is tried again for each line: so the daemon finds a journal that starts
+// after it. Two threads may register at once; the same module gets the same handle. Once registered, a line
+// that the service does not take is lost: the text log takes over only where there never was a service.
 int logEntry(uint16_t severity, uint32_t event, const char* text) {
     uint32_t handle = m_nOvuDiagHandler.load();
     if (handle == 0) {
@@ -144,6 +155,8 @@ int logEntry(uint16_t severity, uint32_t event, const char* text) {
     return logLine(text);
 }
 
+// When debugging, flushes each line: whoever watches through a pipe sees it at once, and the last line before
+// a crash is not lost. The exception is CLine's, which found no memory for a long line.
 int logLine(const char* text) try {
     const CLine line(text);
     if (!bQelServerDebugFlag) {
@@ -156,6 +169,9 @@ int logLine(const char* text) try {
     return 0;
 }
 
+// Formats into the stack first, which nearly every line fits into. vsnprintf(3) returns the length that the
+// text would have had, so a longer one is formatted once more, into just enough memory. The arguments need a
+// fresh va_start() for that, since the first pass has used them up.
 int logEvent(ESeverity severity, uint32_t event, const char* format, ...) {
     char text[512];
     va_list arguments;

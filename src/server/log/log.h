@@ -1,4 +1,4 @@
-// The log: one line for every notable event.
+// The log: one line for every notable event. docs/events.md lists the numbers and what they tell.
 #ifndef QEL_SERVER_LOG_LOG_H
 #define QEL_SERVER_LOG_LOG_H
 
@@ -12,18 +12,21 @@ inline constexpr char sQelServerLogFileName[] = "/var/log/QelServer.log";
 // Set once, before any thread is started, by "-run -debug": log lines go to standard output.
 extern bool bQelServerDebugFlag;
 
-// All of these may be called from any thread, take no lock and throw nothing; a line that cannot be written is
-// dropped.
+// All of these may be called from any thread, hold no lock of the log's own, and throw nothing. A line that
+// cannot be written is dropped: logging never stops the daemon, and nobody need look at the results.
 
-// Logs one line: to the diagnostics log, where a module can be registered there, else to the text log. Returns
-// what the diagnostics service says, or what logLine() does.
+// Logs one line: to the diagnostics log if the daemon's module is registered there, else to the text log.
+// When debugging, always by logLine(). Returns the diagnostics service's result (0: success) or that of
+// logLine() (1: success).
 int logEntry(uint16_t severity, uint32_t event, const char* text);
 
-// Writes one line with its time to the text log or, when debugging, to standard output. Returns 1, or 0 for a
-// line that was dropped.
+// Writes one line, with the local time in front, to the text log or, when debugging, to standard output.
+// Control characters in `text` are escaped as "\x0a", so it stays one line. Returns 1, or 0 for a line that
+// was dropped.
 int logLine(const char* text);
 
-// Formats the text, however long it gets, and logs it by logEntry(), whose result it returns.
+// Formats the text as printf(3) does, however long it gets, and logs it by logEntry(), whose result it
+// returns. If there is no memory for a text of 512 bytes or more, its beginning is logged.
 int logEvent(ESeverity severity, uint32_t event, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
 

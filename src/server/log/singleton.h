@@ -1,4 +1,5 @@
-// Creation of the process-wide objects.
+// Creates the process-wide objects. They live until the process ends: any thread may call exit(3) at any
+// moment, and must not destroy what another one uses.
 #ifndef QEL_SERVER_SINGLETON_H
 #define QEL_SERVER_SINGLETON_H
 
@@ -6,8 +7,10 @@
 
 #include <atomic>
 
-// The object behind `slot`, created on first use by `create` (which yields null where memory is exhausted).
-// Two threads may ask at the same moment: the service manager's may be ahead of the main loop's.
+// The object behind `slot`, created on first use by `create`, which returns null if memory is exhausted. Two
+// threads may ask at the same moment, the service manager's and the main loop's. Then both create an object:
+// the exchange lets one of them win, and the other deletes its own and uses the winner's. After a null, the
+// next call tries again.
 template <typename T, typename Create>
 T* singleton(std::atomic<T*>& slot, Create create) {
     if (T* object = slot.load()) {
