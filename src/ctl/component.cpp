@@ -1,4 +1,5 @@
-// qelctl component
+// qelctl component: a component at the shell's prompt. It announces itself, answers as its options say, and
+// prints every message; for trying out the daemon, a list, or what a component would see.
 #include "client/qelclient.h"
 #include "ctl/commands.h"
 #include "ctl/describe.h"
@@ -19,10 +20,10 @@ namespace {
 
 using CClock = std::chrono::steady_clock;
 
-std::atomic<qel_client*> pSignalled{nullptr}; // stopped by a signal; null: nobody
+std::atomic<qel_client*> pSignalled{nullptr}; // the client that a signal stops; null: none
 
-// qel_stop is the one call of the library that a signal handler may make. The flag is seen within
-// half a second.
+// qel_stop() is the one call of the library that a signal handler may make. The library notices within half a
+// second.
 void cbSignal(int) {
     qel_stop(pSignalled);
 }
@@ -59,20 +60,20 @@ private:
 
     const SComponentOptions& m_oOptions;
     qel_client* m_pClient = nullptr;
-    CClock::time_point m_tEnd = CClock::time_point::max();
-    std::map<std::string, int> m_oSent; // messages by kind
+    CClock::time_point m_tEnd = CClock::time_point::max(); // of the run; max: without --for, a signal ends it
+    std::map<std::string, int> m_oSent;                    // how many messages, by the kind that was printed
     std::map<std::string, int> m_oReceived;
-    int m_nUnanswered = 0;
+    int m_nUnanswered = 0; // notifications that --answer none left without a reply
 };
 
-// No signal may find the client once it is closed.
+// A signal may arrive at any moment, so its handler loses the client before that is closed.
 CPromptComponent::~CPromptComponent() {
     pSignalled = nullptr;
     qel_close(m_pClient);
 }
 
-// A run that ends by its time or by a signal has done what it was asked for, so it ends well even if the
-// component did not come up; only where there was no daemon it fails.
+// A run that its time or a signal ends has done what it was asked for, so the exit status is 0 even if the
+// component did not come up. It fails if there was no daemon, or on an error that ends it early.
 int CPromptComponent::run() {
     if (m_oOptions.m_nSeconds > 0) {
         auto span = std::chrono::duration<double>(m_oOptions.m_nSeconds);
@@ -86,7 +87,8 @@ int CPromptComponent::run() {
         keepUp();
     }
     bool ended = rc >= 0 || rc == QEL_ESTOPPED || timeLeft() == 0;
-    // A daemon that has not answered does not know the component, and need not be told.
+    // A daemon that has not answered the announcement does not know the component. One that did would keep
+    // its record if it were not told.
     if (m_pClient && qel_state(m_pClient) != QEL_STATE_SEEKING) {
         qel_shutdown(m_pClient, "stopped at the prompt");
     }
@@ -103,8 +105,8 @@ int CPromptComponent::open() {
     options.notify = cbNotify;
     options.trace = cbTrace;
     options.user = this;
-    // Somebody who tries out the daemon wants to hear repetitions too, and to answer them by --answer
-    // and --refuse.
+    // Without this the library answers repetitions itself. Somebody who tries out the daemon wants --answer
+    // and --refuse to apply to them as well.
     options.notify_unchanged = 1;
     int rc = qel_open(m_oOptions.m_sName.c_str(), &options, &m_pClient);
     if (rc != QEL_OK) {
@@ -113,24 +115,24 @@ int CPromptComponent::open() {
     pSignalled = m_pClient;
     struct sigaction action = {};
     action.sa_handler = cbSignal;
-    // Only from here on is there something to shut down; before, the signals end the process as usual.
+    // Only from here on is there something to shut down; until now the signals end the process as usual.
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
-    // Before the announcement, which names them.
+    // Before the announcement, which names them to the daemon.
     for (const SFeature& feature : m_oOptions.m_vHeld) {
         qel_hold(m_pClient, feature.m_nCode, feature.m_nData);
     }
     return QEL_OK;
 }
 
-// Without --wait, a first attempt that takes no time tells whether there is a daemon at all. If there is, it
-// ends with a time-out, for the answer is still on its way.
+// Without --wait, a first attempt with no time to wait tells whether there is a daemon at all. If there is,
+// the attempt ends with a time-out, because the answer is still on its way, and the second one waits for it.
 int CPromptComponent::bringUp() {
     int rc = m_oOptions.m_bWait ? QEL_OK : qel_announce(m_pClient, 0);
     if (rc == QEL_OK || rc == QEL_ETIMEDOUT) {
         rc = bring(qel_announce);
     }
-    // The list before the monitoring: what a page has delivered is not notified one by one any more.
+    // The list before the monitoring: the daemon does not notify what a page has delivered already.
     if (rc >= 0 && m_oOptions.m_bFetch) {
         rc = bring(qel_fetch);
     }
@@ -144,13 +146,14 @@ int CPromptComponent::bring(int (*step)(qel_client*, int)) {
     return step(m_pClient, timeLeft());
 }
 
-// In slices, since the library handles a lost daemon in silence, while here the operator is to see it.
+// Waits in slices, because the library reconnects to a restarted daemon without a word, while the operator
+// should see here that it was gone.
 void CPromptComponent::keepUp() {
     constexpr int nSlice = 500; // milliseconds between looks at the connection
     bool connected = true;
     while (timeLeft() != 0) {
         int left = timeLeft();
-        // Stopped, or an error that would come again: either way the run is over.
+        // Stopped, or an error that the next call would return again: either way the run is over.
         if (qel_wait(m_pClient, left < 0 ? nSlice : std::min(left, nSlice)) < 0) {
             return;
         }
@@ -172,10 +175,11 @@ int CPromptComponent::timeLeft() const {
     return static_cast<int>(std::clamp<int64_t>(left, 0, INT_MAX));
 }
 
+// Sent, received and events of the connection all go through here, so the columns line up.
 void CPromptComponent::printLine(std::string_view arrow, const SMessageText& message, EColour colour) {
     std::string what = paint(fmt::format("{} {:<8}", arrow, message.m_sKind), colour, stdout);
     fmt::print("{} {} {}\n", timeOfDay(), what, message.m_sDetail);
-    // Somebody may be watching through a pipe.
+    // Each line at once, since somebody may be watching through a pipe.
     std::fflush(stdout);
 }
 
@@ -193,7 +197,8 @@ void CPromptComponent::printSummary() const {
                list(m_oReceived), m_nUnanswered, counted(held, "feature"));
 }
 
-// Differences found by a fetch, and overdue notes, await no answer: --answer and --refuse are about replies.
+// The daemon awaits no answer to a difference that a fetch found, nor to an overdue note, so --answer and
+// --refuse do not apply to them. A code of --refuse is refused even with --answer none.
 int CPromptComponent::answer(const qel_notification& notification, char* text) {
     if (notification.fetched || notification.kind == QEL_OVERDUE) {
         return QEL_OK;
@@ -212,7 +217,8 @@ int CPromptComponent::answer(const qel_notification& notification, char* text) {
     return QEL_OK;
 }
 
-// Counts and prints from the trace, which sees everything that goes over the wire, ignored messages included.
+// Counts and prints here and not in cbNotify(), for the trace also sees requests, answers, and the messages
+// that the library ignores.
 void CPromptComponent::cbTrace(void* user, int sent, const uint8_t* body, size_t length) {
     auto& self = *static_cast<CPromptComponent*>(user);
     SMessageText message = sent ? describeSent(body, length) : describeReceived(body, length);
@@ -227,6 +233,7 @@ int CPromptComponent::cbNotify(void* user, const qel_notification* notification,
 } // namespace
 
 int runComponent(const SComponentOptions& options) {
+    // Before the endpoint is opened, which takes the name from the environment.
     setProcessName(options.m_sProcess);
     std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
     return CPromptComponent(options).run();

@@ -14,16 +14,20 @@
 
 namespace {
 
-constexpr auto oWatchPeriod = std::chrono::seconds(1); // of the look at the file, and of notes that wait
-constexpr auto oRestPeriod = std::chrono::seconds(4);  // of the look, where nothing is under way
-constexpr uint32_t nNoteLength = 4;                    // bytes, of no meaning
+// How long the thread waits before it looks at the file without an event. The shorter time is also how often
+// a note is repeated while there is work left; the longer one saves wake-ups of an idle appliance, and bounds
+// how late a change is found that inotify does not report.
+constexpr auto oWatchPeriod = std::chrono::seconds(1);
+constexpr auto oRestPeriod = std::chrono::seconds(4);
+constexpr uint32_t nNoteLength = 4; // bytes, without meaning
 
 std::string listPath() {
     const char* path = std::getenv("QEL_FEATURE_LIST");
     return path != nullptr && *path != '\0' ? path : QEL_FEATURE_LIST;
 }
 
-// Signals are for the threads that wait for them; threads started meanwhile inherit the mask.
+// While it lives, threads that are started inherit a mask with all signals blocked. The source's thread waits
+// for none: a signal must go to a thread that does, and not interrupt this one's reading.
 class CSignalsBlocked {
 public:
     CSignalsBlocked() {
@@ -53,6 +57,8 @@ CFeatureSource& CFeatureSource::instance() {
 
 CFeatureSource::CFeatureSource(std::string path) : m_oLoader(path), m_oWatch(std::move(path)) {}
 
+// Reads on the main thread: nothing is served before the first list is in force. Once the thread runs, the
+// loader is the thread's, so a second call (init() after a clear()) only tells whether there is a list.
 bool CFeatureSource::supply(CQelControl& control) {
     if (m_bThread) {
         return m_bInForce;
@@ -65,6 +71,8 @@ bool CFeatureSource::supply(CQelControl& control) {
     return m_bInForce;
 }
 
+// The callback first: without it every note would be wasted. A clean-up of the framework forgets it, so a
+// second call registers it again, while the thread is started once.
 void CFeatureSource::startWatching() {
     const auto callback = [](uint16_t, uint32_t, const sOvuMfwMessage*, uint32_t) { instance().takeMail(); };
     if (const int error = OvuMfwRegisterCallback(nQelSourceMfwMsgId, callback)) {
@@ -75,6 +83,8 @@ void CFeatureSource::startWatching() {
     }
 }
 
+// Without a thread the daemon serves the first list, and takes up changes with a restart. Detached, since
+// nobody ever joins it: it runs until the process ends.
 void CFeatureSource::startThread() {
     try {
         const CSignalsBlocked blocked;
@@ -86,8 +96,10 @@ void CFeatureSource::startThread() {
     }
 }
 
+// Work that is left keeps the waits short, so that the next note follows within a second. Notes are sent from
+// here, and not from the main loop to itself, because this thread has the clock for them anyway.
 void CFeatureSource::watch() {
-    for (bool isNoted = true;;) { // a note may leave work behind; so may the first list
+    for (bool isNoted = true;;) { // the first list, too, may have left features waiting in the hand-over
         if (m_oWatch.wait(isNoted || !m_oWatch.isAtRest() ? oWatchPeriod : oRestPeriod)) {
             if (std::optional<CFreshList> list = readList()) {
                 post(std::move(*list));
@@ -100,7 +112,8 @@ void CFeatureSource::watch() {
     }
 }
 
-// A list that does not fit into memory must not end the daemon.
+// A list that does not fit into memory must not end the daemon: the list in force stays, and the next change
+// of the file is a new attempt.
 std::optional<CFreshList> CFeatureSource::readList() {
     try {
         return m_oLoader.load(*m_pControl);
@@ -110,7 +123,9 @@ std::optional<CFreshList> CFeatureSource::readList() {
     }
 }
 
-// The newest list is the one that counts: an older one that still waits is destroyed, outside the lock.
+// Only the newest list counts: it replaces an older one that the main loop has not taken yet. That one is
+// destroyed after the lock is released (`mail` outlives `lock`), since destroying a long list takes time, in
+// which the main loop would wait.
 void CFeatureSource::post(CFreshList list) {
     auto mail = std::make_unique<CFreshList>(std::move(list));
     const std::lock_guard lock(m_oMailMutex);
@@ -122,6 +137,9 @@ bool CFeatureSource::isWorkLeft() {
     return m_pMail != nullptr || m_bWaiting;
 }
 
+// A note may fail, when the process's own queue is full or the endpoint is closed. It is sent again after a
+// second, for the work stays; only the first failure of a row is logged. The handle is asked for each time,
+// which costs nothing: it is the process's own.
 void CFeatureSource::sendNote() {
     static const sOvuMfwMessage note = {};
     uint32_t handle = nNoHandle;
@@ -136,6 +154,8 @@ void CFeatureSource::sendNote() {
     m_bNoteFailed = error != 0;
 }
 
+// On the main loop's thread. The lock is held for the exchange of a pointer only. A new list goes first: it
+// replaces what still waits of the older one.
 void CFeatureSource::takeMail() {
     std::unique_ptr<CFreshList> mail;
     {
@@ -149,6 +169,8 @@ void CFeatureSource::takeMail() {
     }
 }
 
+// The audit of the well-known components comes last, so that those that it finds running are registered with
+// the new list in the table.
 void CFeatureSource::handOver(CFreshList list) {
     const size_t count = list.size();
     m_bInForce = true;
@@ -172,6 +194,7 @@ void CFeatureSource::carryOn() {
     setWaiting();
 }
 
+// Logged when the waiting begins, not for each note while it lasts.
 void CFeatureSource::setWaiting() {
     const size_t waiting = m_pHandOver->waiting();
     if (waiting != 0 && !m_bWaiting) {

@@ -14,16 +14,17 @@
 
 class CQelControl;
 
-// The file is QEL_FEATURE_LIST of the environment, else the path compiled in.
+// The file is the one that QEL_FEATURE_LIST names in the environment, else the path compiled in.
 //
-// A thread of the source's own waits for changes, reads and checks the file, and builds the entries. It puts
-// them into a mailbox and sends the own process a note, a message of framework type 7; the note's callback,
-// on the main loop's thread, hands over what the mailbox holds. The note itself says nothing: one that a
-// stranger sent finds an empty mailbox. As long as the mailbox is full, or features wait in the hand-over, a
-// note goes out every second.
+// The source has a thread of its own, since reading a long list takes seconds, in which the main loop must
+// serve the components. The thread waits for changes, reads and checks the file, and builds the entries. It
+// puts them into a mailbox and sends its own process a note, a message of framework type 7. The note wakes
+// the main loop, whose thread runs the callback, and that hands over what the mailbox holds. The note has no
+// content: one from a stranger finds an empty mailbox and changes nothing. While the mailbox is full, or
+// features wait in the hand-over, a note goes out every second, so a note that is lost costs a second.
 //
-// The object and its thread live until the process ends, and are never destroyed: the process may exit at any
-// moment, from any thread.
+// There is one object, and it lives until the process ends, as its thread does: any thread may end the
+// process at any moment, and must not destroy what another one uses.
 class CFeatureSource final : public CFeatureSupply {
 public:
     static CFeatureSource& instance();
@@ -46,23 +47,23 @@ private:
     void carryOn();
     void setWaiting();
 
-    // Written before the thread starts.
+    // Written before the thread starts, and only read afterwards; so it needs no lock. Not owned.
     CQelControl* m_pControl = nullptr;
 
-    // The thread's, once it runs.
+    // The main thread's until the thread runs (it reads the first list), then the thread's alone.
     CFeatureLoader m_oLoader;
     CListWatch m_oWatch;
-    bool m_bNoteFailed = false; // and that was logged
+    bool m_bNoteFailed = false; // the last note was not sent, and the log says so
 
-    // The main thread's.
-    bool m_bThread = false;
+    // The main thread's alone.
+    bool m_bThread = false;  // the thread runs
     bool m_bInForce = false; // some list was handed over
     std::unique_ptr<CHandOver> m_pHandOver;
 
     // Both threads'.
-    std::mutex m_oMailMutex;
-    std::unique_ptr<CFreshList> m_pMail; // newest list that waits to be handed over
-    std::atomic<bool> m_bWaiting = false;
+    std::mutex m_oMailMutex;              // guards m_pMail
+    std::unique_ptr<CFreshList> m_pMail;  // the newest list, if it is not handed over yet
+    std::atomic<bool> m_bWaiting = false; // features wait in the hand-over; written by the main thread
 };
 
 #endif

@@ -32,7 +32,10 @@ CListWatch::~CListWatch() {
     }
 }
 
-// Arms before it looks: what comes after the look is an event.
+// Arms before it looks, so no change is lost: what comes before the look is in the fingerprint, and what
+// comes after it is an event for the next wait. Even an event says only when to look; whether there is news,
+// the fingerprint decides, so a file that is saved unchanged (touch) is read once, and one that is opened for
+// writing and closed is not read at all.
 bool CListWatch::wait(std::chrono::milliseconds time) {
     const ENews news = waitForNews(std::chrono::steady_clock::now() + time);
     arm();
@@ -59,9 +62,13 @@ CListWatch::SFingerprint CListWatch::look() const {
             status.st_mtim.tv_nsec, status.st_ctim.tv_sec, status.st_ctim.tv_nsec};
 }
 
-// Done anew for every wait, since file and directory may come late, or go and come again. Where they are the same
-// still, this changes nothing. The directory's other files may be written without end, a log for one: only
-// where there is no file to watch is the directory asked for what is written in it.
+// Called for every wait, since the file and the directory may be created late, or be removed and created
+// again. For the same file inotify_add_watch(2) returns the watch that there is, so that costs two system
+// calls.
+//
+// Other files of the directory may be written all the time, a log for example. So the directory is asked for
+// writes only if there is no file to watch. Renames over the file are the directory's events in any case, for
+// the file's own watch stays with the old inode.
 void CListWatch::arm() {
     if (m_nEvents < 0) {
         return;
@@ -72,6 +79,9 @@ void CListWatch::arm() {
     watch(m_nDirectory, m_sDirectory, IN_MOVED_TO | IN_ONLYDIR | written);
 }
 
+// A watch goes by inode. When the path means another file now, the old file's watch must go, or its events
+// would still arrive. If that file was deleted, the kernel has removed the watch itself, and the call fails
+// harmlessly.
 void CListWatch::watch(int& known, const std::string& path, uint32_t events) const {
     const int now = inotify_add_watch(m_nEvents, path.c_str(), events);
     if (known >= 0 && now != known) {
@@ -80,6 +90,8 @@ void CListWatch::watch(int& known, const std::string& path, uint32_t events) con
     known = now;
 }
 
+// Goes on waiting after events that do not concern the list, and after a signal. poll(2) ignores a negative
+// descriptor: without inotify this just waits out the time.
 CListWatch::ENews CListWatch::waitForNews(std::chrono::steady_clock::time_point end) const {
     using std::chrono::milliseconds;
     for (auto now = std::chrono::steady_clock::now(); now < end; now = std::chrono::steady_clock::now()) {
@@ -94,7 +106,9 @@ CListWatch::ENews CListWatch::waitForNews(std::chrono::steady_clock::time_point 
     return ENews::None;
 }
 
-// The best of the events that are there.
+// Reads all events that are there, and returns the highest rank among them. The buffer takes at least one
+// event of the longest name, without which read(2) would fail with EINVAL (inotify(7)); the descriptor does
+// not block.
 CListWatch::ENews CListWatch::takeEvents() const {
     alignas(inotify_event) char buffer[4096];
     ENews news = ENews::None;
@@ -109,7 +123,9 @@ CListWatch::ENews CListWatch::takeEvents() const {
     return news;
 }
 
-// Lost events count as the best.
+// If the queue has overflowed, events are lost, and one of them may have been the writer's close: so this
+// counts as Written. A mistake costs one look too many. The directory's events carry the name of the file
+// that they are about; those without a name are about the directory itself.
 CListWatch::ENews CListWatch::meaning(const inotify_event& event) const {
     if ((event.mask & IN_Q_OVERFLOW) != 0) {
         return ENews::Written;

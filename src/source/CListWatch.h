@@ -8,14 +8,20 @@
 #include <sys/inotify.h>
 #include <sys/stat.h>
 
-// Two ways: inotify on the file and on its directory tells at once that a writer closed the file, that one was
-// renamed over it, or that it went; writers of other files in the directory wake nobody. A look at the file's
-// fingerprint at the end of every wait finds what inotify cannot tell: a network file system, a link that points
-// elsewhere, lost events, a directory that came later. A change that no writer has closed counts once the
-// fingerprint has stood still from one look to the next, and nothing happened in between: the writer may still
-// be at it.
+// It uses two ways:
 //
-// One thread at a time. Waits for the file's first change after construction.
+// - inotify(7), on the file and on its directory, wakes the thread at once when a writer closes the file,
+//   when another file is renamed over it, and when it is removed. Writers of other files in the directory do
+//   not wake it.
+// - The file's fingerprint, taken at the end of every wait, finds what inotify misses: changes made by
+//   another host of a network file system, a symbolic link that points elsewhere, lost events, a directory
+//   that is created later.
+//
+// A change that no writer has closed counts only when the fingerprint has stayed the same from one look to
+// the next without an event in between, for the writer may not have finished.
+//
+// Used by one thread at a time. The file as it is at construction counts as known; the first wait() waits for
+// a change from that.
 class CListWatch {
 public:
     explicit CListWatch(std::string path);
@@ -23,14 +29,18 @@ public:
     CListWatch(const CListWatch&) = delete;
     CListWatch& operator=(const CListWatch&) = delete;
 
-    // True as soon as the file changed and is to be read; false after `time` without that, or earlier where it
-    // may be about to come true. A file that went counts as changed too.
+    // Waits at most `time`, and some 50 ms more if something happens. True: the file has changed and is to be
+    // read now; its removal is a change too. False: nothing new, or a change that is not complete yet. The
+    // latter may return early; the caller just waits again.
     bool wait(std::chrono::milliseconds time);
 
-    // Whether the next wait may be a long one: inotify is at work, and the last look found nothing new.
+    // Whether the next wait may be a long one: inotify watches the directory, and no change is waiting to be
+    // complete.
     bool isAtRest() const;
 
 private:
+    // From stat(2), which follows links. The change time is there because a writer can set the modification
+    // time back (cp -p, rsync), but no call sets the change time.
     struct SFingerprint {
         bool operator==(const SFingerprint& other) const = default;
         dev_t m_nDevice = 0; // all zero: there is no file
@@ -42,7 +52,9 @@ private:
         long m_nChanged = 0;
     };
 
-    enum class ENews { None, Changed, Written }; // in the order of what they count
+    // By rank: of several events the highest counts. Written: a writer is done, so the file can be read at
+    // once.
+    enum class ENews { None, Changed, Written };
 
     SFingerprint look() const;
     void arm();
@@ -54,11 +66,11 @@ private:
     std::string m_sPath;
     std::string m_sDirectory;
     std::string m_sName;
-    int m_nEvents = -1;       // inotify; -1 where there is none, and the fingerprint has to do
-    int m_nFile = -1;         // inotify's watch; -1: none
-    int m_nDirectory = -1;    // likewise
-    SFingerprint m_oReported; // what the caller knows of
-    SFingerprint m_oLast;     // as of the last look
+    int m_nEvents = -1;       // inotify; -1: the system has none to spare, and the fingerprint must do
+    int m_nFile = -1;         // inotify's watch on the file; -1: none, as when there is no file
+    int m_nDirectory = -1;    // and on its directory
+    SFingerprint m_oReported; // of the file that the caller knows
+    SFingerprint m_oLast;     // at the end of the last wait
 };
 
 #endif
