@@ -31,6 +31,8 @@ public:
 
     // For system calls; the object stays the owner. -1: none.
     int get() const { return m_nFd; }
+    // The descriptor is the caller's to close from now on.
+    int release() { return std::exchange(m_nFd, -1); }
     explicit operator bool() const { return m_nFd >= 0; }
 
 private:

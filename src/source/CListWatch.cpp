@@ -21,15 +21,9 @@ std::string directoryOf(const std::string& path) {
 CListWatch::CListWatch(std::string path)
     : m_sPath(std::move(path)), m_sDirectory(directoryOf(m_sPath)),
       m_sName(std::filesystem::path(m_sPath).filename().string()),
-      m_nEvents(inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {
+      m_oEvents(inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {
     arm();
     m_oReported = m_oLast = look();
-}
-
-CListWatch::~CListWatch() {
-    if (m_nEvents >= 0) {
-        close(m_nEvents);
-    }
 }
 
 // Arms before it looks, so no change is lost: what comes before the look is in the fingerprint, and what
@@ -70,7 +64,7 @@ CListWatch::SFingerprint CListWatch::look() const {
 // writes only if there is no file to watch. Renames over the file are the directory's events in any case, for
 // the file's own watch stays with the old inode.
 void CListWatch::arm() {
-    if (m_nEvents < 0) {
+    if (!m_oEvents) {
         return;
     }
     constexpr uint32_t nOfFile = IN_CLOSE_WRITE | IN_ATTRIB | IN_MOVE_SELF;
@@ -83,9 +77,9 @@ void CListWatch::arm() {
 // would still arrive. If that file was deleted, the kernel has removed the watch itself, and the call fails
 // harmlessly.
 void CListWatch::watch(int& known, const std::string& path, uint32_t events) const {
-    const int now = inotify_add_watch(m_nEvents, path.c_str(), events);
+    const int now = inotify_add_watch(m_oEvents.get(), path.c_str(), events);
     if (known >= 0 && now != known) {
-        inotify_rm_watch(m_nEvents, known);
+        inotify_rm_watch(m_oEvents.get(), known);
     }
     known = now;
 }
@@ -95,7 +89,7 @@ void CListWatch::watch(int& known, const std::string& path, uint32_t events) con
 CListWatch::ENews CListWatch::waitForNews(std::chrono::steady_clock::time_point end) const {
     using std::chrono::milliseconds;
     for (auto now = std::chrono::steady_clock::now(); now < end; now = std::chrono::steady_clock::now()) {
-        pollfd events{m_nEvents, POLLIN, 0};
+        pollfd events{m_oEvents.get(), POLLIN, 0};
         const auto left = std::chrono::ceil<milliseconds>(end - now).count();
         const ENews news = poll(&events, 1, static_cast<int>(left)) > 0 ? takeEvents() : ENews::None;
         if (news != ENews::None) {
@@ -113,7 +107,7 @@ CListWatch::ENews CListWatch::takeEvents() const {
     alignas(inotify_event) char buffer[4096];
     ENews news = ENews::None;
     ssize_t length = 0;
-    while ((length = read(m_nEvents, buffer, sizeof buffer)) > 0) {
+    while ((length = read(m_oEvents.get(), buffer, sizeof buffer)) > 0) {
         for (ssize_t at = 0; at < length;) {
             const auto* event = reinterpret_cast<const inotify_event*>(buffer + at);
             news = std::max(news, meaning(*event));

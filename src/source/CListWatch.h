@@ -2,6 +2,8 @@
 #ifndef QEL_SOURCE_CLISTWATCH_H
 #define QEL_SOURCE_CLISTWATCH_H
 
+#include "base/CFileDescriptor.h"
+
 #include <chrono>
 #include <cstdint>
 #include <string>
@@ -25,9 +27,6 @@
 class CListWatch {
 public:
     explicit CListWatch(std::string path);
-    ~CListWatch();
-    CListWatch(const CListWatch&) = delete;
-    CListWatch& operator=(const CListWatch&) = delete;
 
     // Waits at most `time`, and some 50 ms more if something happens. True: the file has changed and is to be
     // read now; its removal is a change too. False: nothing new, or a change that is not complete yet. The
@@ -66,11 +65,11 @@ private:
     std::string m_sPath;
     std::string m_sDirectory;
     std::string m_sName;
-    int m_nEvents = -1;       // inotify; -1: the system has none to spare, and the fingerprint must do
-    int m_nFile = -1;         // inotify's watch on the file; -1: none, as when there is no file
-    int m_nDirectory = -1;    // and on its directory
-    SFingerprint m_oReported; // of the file that the caller knows
-    SFingerprint m_oLast;     // at the end of the last wait
+    CFileDescriptor m_oEvents; // inotify; none: the system has none to spare, and the fingerprint must do
+    int m_nFile = -1;          // inotify's watch on the file; -1: none, as when there is no file
+    int m_nDirectory = -1;     // and on its directory
+    SFingerprint m_oReported;  // of the file that the caller knows
+    SFingerprint m_oLast;      // at the end of the last wait
 };
 
 #endif

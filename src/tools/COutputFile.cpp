@@ -1,5 +1,7 @@
 #include "tools/COutputFile.h"
 
+#include "base/CFileDescriptor.h"
+
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -48,16 +50,16 @@ COutputFile::~COutputFile() {
 // others.
 void COutputFile::create(EAccess access) {
     std::string temporary = m_sPath + ".XXXXXX";
-    const int file = ::mkostemp(temporary.data(), O_CLOEXEC); // 0600 at most
-    if (file < 0) {
+    CFileDescriptor file(::mkostemp(temporary.data(), O_CLOEXEC)); // 0600 at most
+    if (!file) {
         return;
     }
     m_sTemporary = std::move(temporary);
-    if (::fchmod(file, modeFor(access)) == 0) {
-        m_pBio.reset(BIO_new_fd(file, BIO_CLOSE));
+    if (::fchmod(file.get(), modeFor(access)) == 0) {
+        m_pBio.reset(BIO_new_fd(file.get(), BIO_CLOSE));
     }
-    if (m_pBio == nullptr) {
-        ::close(file);
+    if (m_pBio != nullptr) {
+        static_cast<void>(file.release()); // closed with the BIO
     }
 }
 

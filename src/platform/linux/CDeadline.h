@@ -12,14 +12,14 @@
 
 class CDeadline {
 public:
-    explicit CDeadline(uint32_t waitMs) : m_nEnd(now() + waitMs * NANOSECONDS) {}
+    explicit CDeadline(uint32_t waitMs) : m_nEnd(now() + waitMs * nNanoseconds) {}
 
     bool isOver() const { return left() <= 0; }
 
     // What is left, as the waiting system calls take it: whole milliseconds, none of them too few, so that a wait
     // that ends by itself ends after the deadline. 0: it is over.
     int milliseconds() const {
-        return static_cast<int>(std::clamp<int64_t>((left() + NANOSECONDS - 1) / NANOSECONDS, 0, INT_MAX));
+        return static_cast<int>(std::clamp<int64_t>((left() + nNanoseconds - 1) / nNanoseconds, 0, INT_MAX));
     }
 
     // Waits until `fd` is readable (or in an error that a read would report). False: the time was up first.
@@ -41,12 +41,12 @@ public:
     }
 
 private:
-    static constexpr int64_t NANOSECONDS = 1000000; // in a millisecond
+    static constexpr int64_t nNanoseconds = 1000000; // in a millisecond
 
     static int64_t now() {
         timespec time{};
         clock_gettime(CLOCK_MONOTONIC, &time);
-        return int64_t{time.tv_sec} * 1000 * NANOSECONDS + time.tv_nsec;
+        return int64_t{time.tv_sec} * 1000 * nNanoseconds + time.tv_nsec;
     }
     int64_t left() const { return m_nEnd - now(); }
 

@@ -7,15 +7,15 @@
 
 namespace {
 
-constexpr int SOCKET_TYPE = SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC;
-constexpr int BACKLOG = 4096; // capped silently at net.core.somaxconn (listen(2))
+constexpr int nSocketType = SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC;
+constexpr int nBacklog = 4096; // capped silently at net.core.somaxconn (listen(2))
 // Whoever may enter the runtime directory may connect: the directory alone decides who takes part.
-constexpr unsigned int SOCKET_MODE = 0777;
+constexpr unsigned int nSocketMode = 0777;
 
 // What one connection may hold of messages that its peer has not read: several hundred of the usual size, or
 // a few of the largest that travel inside a packet. Small enough that 300 hung peers do not eat up a small
 // appliance. The kernel doubles the number for its own overhead (socket(7)).
-constexpr int SEND_BUFFER = 256 * 1024;
+constexpr int nSendBuffer = 256 * 1024;
 
 const sockaddr* generic(const sockaddr_un& address) {
     return reinterpret_cast<const sockaddr*>(&address);
@@ -29,7 +29,7 @@ bool isGone(int error) {
 }
 
 int CMfwConnection::connect(const CRuntimeDirectory& directory, uint32_t peer) {
-    m_oSocket = CFileDescriptor(socket(AF_UNIX, SOCKET_TYPE, 0));
+    m_oSocket = CFileDescriptor(socket(AF_UNIX, nSocketType, 0));
     if (!m_oSocket) {
         return lastError();
     }
@@ -66,7 +66,7 @@ int CMfwConnection::identifyPeer() {
         return EPROTO;
     }
     m_nPeer = static_cast<uint32_t>(credentials.pid);
-    return setsockopt(fd(), SOL_SOCKET, SO_SNDBUF, &SEND_BUFFER, sizeof SEND_BUFFER) == 0 ? 0 : lastError();
+    return setsockopt(fd(), SOL_SOCKET, SO_SNDBUF, &nSendBuffer, sizeof nSendBuffer) == 0 ? 0 : lastError();
 }
 
 // After a failure for good, the endpoint opens another connection to the peer, which may have come back.
@@ -81,16 +81,16 @@ int CMfwConnection::send(const CMfwOutgoingFrame& frame) {
 int openMfwListener(const CRuntimeDirectory& directory, uint32_t handle, CFileDescriptor& listener) {
     const std::string name = mfwSocketName(handle);
     const sockaddr_un address = directory.socketAddress(name);
-    CFileDescriptor opened(socket(AF_UNIX, SOCKET_TYPE, 0));
+    CFileDescriptor opened(socket(AF_UNIX, nSocketType, 0));
     if (!opened || bind(opened.get(), generic(address), sizeof address) != 0) {
         return lastError();
     }
     // bind(2) applies the umask to the mode. Nobody can connect before listen(2), so nobody meets the mode
     // of before.
-    if (const int error = directory.setMode(name, SOCKET_MODE)) {
+    if (const int error = directory.setMode(name, nSocketMode)) {
         return error;
     }
-    if (listen(opened.get(), BACKLOG) != 0) {
+    if (listen(opened.get(), nBacklog) != 0) {
         return lastError();
     }
     listener = std::move(opened);

@@ -10,16 +10,16 @@
 namespace {
 
 // What a descriptor in the epoll set means: one of these, or a connection's id.
-constexpr uint64_t ID_LISTENER = 0;
-constexpr uint64_t ID_WAKEUP = 1;
-constexpr uint64_t ID_FIRST_CONNECTION = 2;
+constexpr uint64_t nListenerId = 0;
+constexpr uint64_t nWakeupId = 1;
+constexpr uint64_t nFirstConnectionId = 2;
 
-constexpr size_t MAX_CONNECTIONS = 2048;
-constexpr int MAX_CONNECTIONS_OF_PEER =
-    16;                         // it needs two at most; old ones of a peer that started anew may be unread
-constexpr int MAX_LET_IN = 512; // in one go
-constexpr int MAX_READ = 16;    // messages of one connection, in one go
-constexpr int MAX_READY = 512;  // connections looked at in one go
+constexpr size_t nMaxConnections = 2048;
+constexpr int nMaxConnectionsOfPeer =
+    16;                        // it needs two at most; old ones of a peer that started anew may be unread
+constexpr int nMaxLetIn = 512; // in one go
+constexpr int nMaxRead = 16;   // messages of one connection, in one go
+constexpr int nMaxReady = 512; // connections looked at in one go
 
 } // namespace
 
@@ -28,7 +28,7 @@ int CMfwEndpoint::open(const std::string& processName) {
         return EINVAL;
     }
     const std::lock_guard<std::mutex> guard(m_oMutex);
-    m_nNextId = ID_FIRST_CONNECTION;
+    m_nNextId = nFirstConnectionId;
     const int error = openDescriptors(processName);
     if (error != 0) {
         m_oName.withdraw(m_oDirectory);
@@ -52,11 +52,11 @@ int CMfwEndpoint::openDescriptors(const std::string& processName) {
         error = openMfwListener(m_oDirectory, m_nHandle, m_oListener);
     }
     if (error == 0) {
-        error = watch(m_oListener.get(), ID_LISTENER);
+        error = watch(m_oListener.get(), nListenerId);
     }
     if (error == 0) {
         m_bListening = true;
-        error = watch(m_oWakeup.get(), ID_WAKEUP);
+        error = watch(m_oWakeup.get(), nWakeupId);
     }
     return error != 0 ? error : m_oName.publish(processName);
 }
@@ -177,8 +177,8 @@ void CMfwEndpoint::forget(CConnections::iterator place) {
 int CMfwEndpoint::receive(const CDeadline& deadline, SMfwMessage& message) {
     bool mayWait = prepareToReceive();
     for (;;) {
-        epoll_event ready[MAX_READY];
-        const int count = epoll_wait(m_oEpoll.get(), ready, MAX_READY, mayWait ? deadline.milliseconds() : 0);
+        epoll_event ready[nMaxReady];
+        const int count = epoll_wait(m_oEpoll.get(), ready, nMaxReady, mayWait ? deadline.milliseconds() : 0);
         if (count == 0 && mayWait) {
             return OVU_MFW_NO_MESSAGE;
         }
@@ -209,10 +209,10 @@ bool CMfwEndpoint::prepareToReceive() {
 // stays ready, which does no harm, for then there is something to deliver and nobody waits.
 void CMfwEndpoint::takeIn(uint64_t id) {
     switch (id) {
-    case ID_LISTENER:
+    case nListenerId:
         letIn();
         break;
-    case ID_WAKEUP: {
+    case nWakeupId: {
         eventfd_t wakeups;
         eventfd_read(m_oWakeup.get(), &wakeups);
         break;
@@ -225,7 +225,7 @@ void CMfwEndpoint::takeIn(uint64_t id) {
 // Where nobody can be let in for want of descriptors or memory, the listener is left alone until the next
 // receive: it stays ready, and would keep this one from sleeping.
 void CMfwEndpoint::letIn() {
-    for (int i = 0; i < MAX_LET_IN; ++i) {
+    for (int i = 0; i < nMaxLetIn; ++i) {
         CMfwConnection connection;
         const int error = connection.accept(m_oListener.get());
         if (error == EAGAIN) {
@@ -244,8 +244,8 @@ void CMfwEndpoint::letIn() {
 
 bool CMfwEndpoint::mayJoin(const CMfwConnection& connection) const {
     const auto ofSamePeer = [&](const auto& other) { return other.second.peer() == connection.peer(); };
-    return m_oConnections.size() < MAX_CONNECTIONS &&
-           std::count_if(m_oConnections.begin(), m_oConnections.end(), ofSamePeer) < MAX_CONNECTIONS_OF_PEER;
+    return m_oConnections.size() < nMaxConnections &&
+           std::count_if(m_oConnections.begin(), m_oConnections.end(), ofSamePeer) < nMaxConnectionsOfPeer;
 }
 
 void CMfwEndpoint::setListening(bool listening) {
@@ -254,7 +254,7 @@ void CMfwEndpoint::setListening(bool listening) {
     }
     epoll_event event{};
     event.events = listening ? static_cast<uint32_t>(EPOLLIN) : 0U;
-    event.data.u64 = ID_LISTENER;
+    event.data.u64 = nListenerId;
     if (epoll_ctl(m_oEpoll.get(), EPOLL_CTL_MOD, m_oListener.get(), &event) == 0) {
         m_bListening = listening;
     }
@@ -269,7 +269,7 @@ void CMfwEndpoint::read(uint64_t id) {
 
 // False: nothing more will come of this connection.
 bool CMfwEndpoint::readSome(const CMfwConnection& connection) {
-    for (int i = 0; i < MAX_READ && m_oInbox.hasRoom(connection.peer()); ++i) {
+    for (int i = 0; i < nMaxRead && m_oInbox.hasRoom(connection.peer()); ++i) {
         SMfwMessage message;
         switch (m_oReader.receive(connection.fd(), message)) {
         case EMfwReceived::Message:

@@ -4,10 +4,10 @@ namespace {
 
 // Beyond its limits a sender's messages stay in its connection. Messages to oneself have none to stay in:
 // sending one fails then (EAGAIN).
-constexpr size_t MAX_MESSAGES = 64;               // of one sender
-constexpr size_t MAX_OWN_MESSAGES = 1024;         // of this process itself
-constexpr size_t MAX_BYTES = size_t{1024} * 1024; // of one sender's bodies
-constexpr size_t MAX_ALL_BYTES = size_t{32} * 1024 * 1024;
+constexpr size_t nMaxMessages = 64;               // of one sender
+constexpr size_t nMaxOwnMessages = 1024;          // of this process itself
+constexpr size_t nMaxBytes = size_t{1024} * 1024; // of one sender's bodies
+constexpr size_t nMaxAllBytes = size_t{32} * 1024 * 1024;
 
 } // namespace
 
@@ -19,9 +19,9 @@ bool CMfwInbox::hasRoom(uint32_t sender) const {
     }
     const SQueue& queue = found->second;
     if (sender == m_nOwn) {
-        return queue.m_oMessages.size() < MAX_OWN_MESSAGES;
+        return queue.m_oMessages.size() < nMaxOwnMessages;
     }
-    return queue.m_oMessages.size() < MAX_MESSAGES && queue.m_nBytes < MAX_BYTES && m_nBytes < MAX_ALL_BYTES;
+    return queue.m_oMessages.size() < nMaxMessages && queue.m_nBytes < nMaxBytes && m_nBytes < nMaxAllBytes;
 }
 
 void CMfwInbox::add(SMfwMessage message) {

@@ -13,9 +13,9 @@
 
 namespace {
 
-constexpr mode_t DIRECTORY_MODE = 0700;
-constexpr mode_t FILE_MODE = 0666;
-constexpr size_t MAX_NAME_PART = 200; // leaves room for the prefixes within NAME_MAX
+constexpr mode_t nDirectoryMode = 0700;
+constexpr mode_t nFileMode = 0666;
+constexpr size_t nMaxNamePart = 200; // leaves room for the prefixes within NAME_MAX
 
 struct SLocation {
     std::string m_sPath;
@@ -56,7 +56,7 @@ bool isOurs(int fd) {
 // readable for that.
 int CRuntimeDirectory::open() {
     const SLocation location = runtimeLocation();
-    if (mkdir(location.m_sPath.c_str(), DIRECTORY_MODE) != 0 && errno != EEXIST) {
+    if (mkdir(location.m_sPath.c_str(), nDirectoryMode) != 0 && errno != EEXIST) {
         return lastError();
     }
     const int flags = O_PATH | O_DIRECTORY | O_CLOEXEC | (location.m_bInSharedPlace ? O_NOFOLLOW : 0);
@@ -85,8 +85,8 @@ CFileDescriptor CRuntimeDirectory::openOrCreateFile(const std::string& name) con
             return existing;
         }
         const int flags = O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC;
-        CFileDescriptor created(openat(fd(), name.c_str(), flags, FILE_MODE));
-        if (created && fchmod(created.get(), FILE_MODE) != 0) {
+        CFileDescriptor created(openat(fd(), name.c_str(), flags, nFileMode));
+        if (created && fchmod(created.get(), nFileMode) != 0) {
             return {};
         }
         if (created || errno != EEXIST) {
@@ -145,5 +145,5 @@ bool isFileNamePart(const char* name) {
     if (name == nullptr || *name == '\0' || std::strchr(name, '/') != nullptr) {
         return false;
     }
-    return strnlen(name, MAX_NAME_PART + 1) <= MAX_NAME_PART;
+    return strnlen(name, nMaxNamePart + 1) <= nMaxNamePart;
 }

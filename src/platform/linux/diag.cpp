@@ -17,7 +17,7 @@
 
 namespace {
 
-constexpr const char* JOURNAL_SOCKET = "/run/systemd/journal/socket";
+constexpr const char* sJournalSocket = "/run/systemd/journal/socket";
 
 enum { // of syslog, which the journal's PRIORITY follows
     PRIORITY_ERROR = 3,
@@ -50,7 +50,7 @@ SModules& modules() {
 // wanted (QEL_DIAG=off), or the path does not fit into an address with its NUL.
 bool journalAddress(sockaddr_un& address) {
     const char* setting = std::getenv("QEL_DIAG");
-    const std::string_view path = setting == nullptr || *setting == '\0' ? JOURNAL_SOCKET : setting;
+    const std::string_view path = setting == nullptr || *setting == '\0' ? sJournalSocket : setting;
     if (path == "off" || path.size() >= sizeof address.sun_path) {
         return false;
     }

@@ -149,7 +149,7 @@ int OvuMfwSendMessage(uint32_t handle, uint16_t type, uint32_t userDefinedId, co
     if (handle == OVU_MFW_NO_HANDLE || (message == nullptr && length != 0)) {
         return EINVAL;
     }
-    if (length > MFW_MAX_BODY) {
+    if (length > nMfwMaxBody) {
         return EMSGSIZE;
     }
     return guarded([&] {

@@ -12,8 +12,8 @@
 namespace {
 
 // All that can be changed about a file's content and size, and the set of seals itself (fcntl(2)).
-constexpr int SEALS = F_SEAL_SEAL | F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE;
-constexpr size_t FRAMEWORK_BYTES = 20; // of a record, before the sender's handle
+constexpr int nSeals = F_SEAL_SEAL | F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE;
+constexpr size_t nFrameworkBytes = 20; // of a record, before the sender's handle
 
 // A frame carries one descriptor at most. Still there is room for as many as a packet can hold (SCM_MAX_FD is
 // 253, see unix(7)), so that all of them are received and closed. The kernel discards what has no room, but
@@ -59,7 +59,7 @@ int readWhole(int fd, uint8_t* data, size_t size) {
 bool isSealed(int fd, size_t size) {
     struct stat status {};
     const int seals = fcntl(fd, F_GET_SEALS);
-    return seals >= 0 && (seals & SEALS) == SEALS && fstat(fd, &status) == 0 && S_ISREG(status.st_mode) &&
+    return seals >= 0 && (seals & nSeals) == nSeals && fstat(fd, &status) == 0 && S_ISREG(status.st_mode) &&
            static_cast<uint64_t>(status.st_size) == size;
 }
 
@@ -90,7 +90,7 @@ int SMfwMessage::makeRecord(CMfwRecord& record) const {
     uint8_t* body = start + OVU_MFW_DATA_OFFSET;
     const CBigEndian32 sender = m_nSender;
     std::memset(start, 0, OVU_MFW_DATA_OFFSET);
-    std::memcpy(start + FRAMEWORK_BYTES, &sender, sizeof sender);
+    std::memcpy(start + nFrameworkBytes, &sender, sizeof sender);
     if (m_nLength < OVU_MFW_MIN_DATA) {
         std::memset(body + m_nLength, 0, OVU_MFW_MIN_DATA - m_nLength);
     }
@@ -124,7 +124,7 @@ int CMfwOutgoingFrame::prepare(uint16_t type, uint32_t userId, const uint8_t* bo
         return error;
     }
     // Sealed after it was written, as F_SEAL_WRITE would forbid that.
-    return fcntl(m_oFile.get(), F_ADD_SEALS, SEALS) == 0 ? 0 : lastError();
+    return fcntl(m_oFile.get(), F_ADD_SEALS, nSeals) == 0 ? 0 : lastError();
 }
 
 // sendmsg(2) only reads the parts, although iovec is not const. MSG_NOSIGNAL: a peer that is gone is an error
@@ -200,7 +200,7 @@ EMfwReceived CMfwFrameReader::decode(size_t size, std::vector<CFileDescriptor> f
     const size_t inlineSize = size - sizeof header;
     // The length is the peer's claim, and a record of that size will be allocated. So it is bounded first.
     if (header.m_nMagic != SMfwFrameHeader::MAGIC || header.m_nType > UINT16_MAX ||
-        header.m_nLength > MFW_MAX_BODY) {
+        header.m_nLength > nMfwMaxBody) {
         return EMfwReceived::Garbage;
     }
     message.m_nType = static_cast<uint16_t>(header.m_nType);

@@ -16,7 +16,7 @@
 #include <cstdint>
 #include <vector>
 
-enum { MFW_MAX_INLINE_BODY = 64 * 1024, MFW_MAX_BODY = 64 * 1024 * 1024 };
+enum { MFW_MAX_INLINE_BODY = 64 * 1024, nMfwMaxBody = 64 * 1024 * 1024 };
 
 struct SMfwFrameHeader {
     enum : uint32_t { MAGIC = 0x514D4631, BODY_INLINE = 0, BODY_IN_FILE = 1 };
@@ -71,7 +71,7 @@ struct SMfwMessage {
 // more than once. Borrows the body, which must stay until the last send.
 class CMfwOutgoingFrame {
 public:
-    // Call it once. `length` is at most MFW_MAX_BODY. 0 or an error number, say EMFILE or ENOMEM of a
+    // Call it once. `length` is at most nMfwMaxBody. 0 or an error number, say EMFILE or ENOMEM of a
     // memory file.
     [[nodiscard]] int prepare(uint16_t type, uint32_t userId, const uint8_t* body, uint32_t length);
 

@@ -12,21 +12,21 @@
 
 namespace {
 
-constexpr std::string_view NAME_PREFIX = "name.";
+constexpr std::string_view sNamePrefix = "name.";
 
 // Whoever clears away after a dead process holds its lock for some system calls only.
-constexpr int CLAIM_ATTEMPTS = 500;
-constexpr std::chrono::milliseconds CLAIM_PAUSE{1};
+constexpr int nClaimAttempts = 500;
+constexpr std::chrono::milliseconds oClaimPause{1};
 
 std::string nameFile(uint32_t handle) {
-    return std::string(NAME_PREFIX) + std::to_string(handle);
+    return std::string(sNamePrefix) + std::to_string(handle);
 }
 
 // Only the one spelling that nameFile() makes: "name.007" would be another file than that of process 7.
 std::optional<uint32_t> handleOf(const std::string& file) {
     uint32_t handle = 0;
     const char* end = file.data() + file.size();
-    const auto parsed = std::from_chars(file.data() + NAME_PREFIX.size(), end, handle);
+    const auto parsed = std::from_chars(file.data() + sNamePrefix.size(), end, handle);
     const bool whole = parsed.ec == std::errc() && parsed.ptr == end && file == nameFile(handle);
     return whole ? std::optional(handle) : std::nullopt;
 }
@@ -69,7 +69,7 @@ std::string ownProcessName() {
 // very process.
 int CMfwNameClaim::claim(const CRuntimeDirectory& directory, uint32_t handle) {
     const std::string file = nameFile(handle);
-    for (int attempt = 0; attempt < CLAIM_ATTEMPTS; ++attempt) {
+    for (int attempt = 0; attempt < nClaimAttempts; ++attempt) {
         CFileDescriptor found = directory.openFile(file, O_RDWR);
         const bool stale = static_cast<bool>(found);
         CFileDescriptor opened = stale ? std::move(found) : directory.openOrCreateFile(file);
@@ -77,7 +77,7 @@ int CMfwNameClaim::claim(const CRuntimeDirectory& directory, uint32_t handle) {
             return lastError();
         }
         if (flock(opened.get(), LOCK_EX | LOCK_NB) != 0) {
-            std::this_thread::sleep_for(CLAIM_PAUSE);
+            std::this_thread::sleep_for(oClaimPause);
             continue;
         }
         if (stale) { // not used again: it still holds the dead process's name
@@ -113,7 +113,7 @@ void CMfwNameClaim::withdraw(const CRuntimeDirectory& directory) {
 // or at the next look.
 int findProcess(const CRuntimeDirectory& directory, const std::string& name, uint32_t& handle) {
     std::optional<uint32_t> lowest;
-    for (const std::string& file : directory.list(NAME_PREFIX)) {
+    for (const std::string& file : directory.list(sNamePrefix)) {
         const std::optional<uint32_t> candidate = handleOf(file);
         if (!candidate) {
             continue;

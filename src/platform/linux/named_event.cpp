@@ -16,7 +16,7 @@
 
 namespace {
 
-constexpr mode_t EVENT_MODE = 0666;
+constexpr mode_t nEventMode = 0666;
 
 class CNamedEvent {
 public:
@@ -45,10 +45,10 @@ int CNamedEvent::create(const char* name) {
     if (const int error = m_oDirectory.open()) {
         return error;
     }
-    if (mkfifoat(m_oDirectory.fd(), m_sFile.c_str(), EVENT_MODE) != 0) {
+    if (mkfifoat(m_oDirectory.fd(), m_sFile.c_str(), nEventMode) != 0) {
         return errno == EEXIST ? OS_ERROR_EXISTS : lastError();
     }
-    int error = m_oDirectory.setMode(m_sFile, EVENT_MODE);
+    int error = m_oDirectory.setMode(m_sFile, nEventMode);
     if (error == 0) {
         error = openFifo();
     }

@@ -17,11 +17,11 @@
 
 namespace {
 
-constexpr const char* BOOTED_DIRECTORY = "/run/systemd/system"; // see sd_booted(3)
+constexpr const char* sBootedDirectory = "/run/systemd/system"; // see sd_booted(3)
 // With its path, since the daemon may run as root and must not run whatever program $PATH finds first.
-constexpr const char* SYSTEMCTL = "/usr/bin/systemctl";
-constexpr uint32_t ANSWER_TIME_MS = 500; // the daemon's end must not wait for a systemd that is busy
-constexpr size_t ANSWER_SIZE = 64;       // bytes; more than the name of any state has
+constexpr const char* sSystemctl = "/usr/bin/systemctl";
+constexpr uint32_t nAnswerTimeMs = 500; // the daemon's end must not wait for a systemd that is busy
+constexpr size_t nAnswerSize = 64;      // bytes; more than the name of any state has
 
 // The forms of $NOTIFY_SOCKET in sd_notify(3): a path, or '@' and a name in the abstract namespace, which
 // unix(7) writes with a NUL in place of the '@'. Returns the address's length, 0 for any other form. The
@@ -41,7 +41,7 @@ socklen_t fillAddress(const char* name, sockaddr_un& address) {
 
 bool isRunBySystemd() {
     struct stat status {};
-    return lstat(BOOTED_DIRECTORY, &status) == 0 && S_ISDIR(status.st_mode);
+    return lstat(sBootedDirectory, &status) == 0 && S_ISDIR(status.st_mode);
 }
 
 sigset_t noSignals() {
@@ -97,8 +97,8 @@ private:
 // The first line, or as much of it as came in time. A pipe may deliver it in pieces.
 std::string readLine(int fd, const CDeadline& deadline) {
     std::string text;
-    char piece[ANSWER_SIZE];
-    while (text.size() < ANSWER_SIZE && text.find('\n') == std::string::npos && deadline.waitReadable(fd)) {
+    char piece[nAnswerSize];
+    while (text.size() < nAnswerSize && text.find('\n') == std::string::npos && deadline.waitReadable(fd)) {
         const ssize_t count = read(fd, piece, sizeof piece);
         if (count <= 0) {
             break;
@@ -131,12 +131,12 @@ void tellSystemd(const std::string& state) {
 }
 
 bool isHostGoingDown() {
-    return isRunBySystemd() && saysStopping(SYSTEMCTL);
+    return isRunBySystemd() && saysStopping(sSystemctl);
 }
 
 bool saysStopping(const char* program) {
     // Starting the program counts as well.
-    const CDeadline deadline(ANSWER_TIME_MS);
+    const CDeadline deadline(nAnswerTimeMs);
     int ends[2] = {-1, -1};
     if (pipe2(ends, O_CLOEXEC) != 0) {
         return false;

@@ -1,5 +1,6 @@
 #include "server/log/log.h"
 
+#include "base/CFileDescriptor.h"
 #include "base/clock.h"
 #include "platform/diag.h"
 
@@ -24,8 +25,8 @@ constinit std::atomic<uint32_t> m_nOvuDiagHandler = 0; // of the diagnostics mod
 constexpr uint32_t nDiagKind = 2; // belongs to the diagnostics service, see diag.h
 
 // As "2024-03-14 13:04:05", in local time. Lines come in bursts, so each thread keeps the text of the second
-// that it formatted last. localtime_r(3) reads the time zone once in glibc: the log follows a new zone of the
-// host only after a restart, but daylight saving time at once.
+// that it formatted last. localtime_r(3) need not look at the time zone again, tzset(3) does: the log follows a
+// new zone of the host within a second.
 std::string_view dateAndTime(time_t seconds) {
     struct SKnown {
         time_t m_tSecond = 0;
@@ -35,6 +36,7 @@ std::string_view dateAndTime(time_t seconds) {
     constinit thread_local SKnown known;
     if (known.m_nLength == 0 || known.m_tSecond != seconds) {
         tm local{};
+        tzset();
         localtime_r(&seconds, &local);
         known.m_nLength = std::strftime(known.m_szText, sizeof known.m_szText, "%Y-%m-%d %H:%M:%S", &local);
         known.m_tSecond = seconds;
@@ -126,13 +128,12 @@ const char* textLogPath() {
 // log is a pipe that nobody reads, the line is lost, but the daemon does not hang. O_NOCTTY: where it is a
 // terminal, that must not become the daemon's.
 bool appendToTextLog(const CLine& line) {
-    const int file =
-        ::open(textLogPath(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0666);
-    if (file < 0) {
+    const CFileDescriptor file(
+        ::open(textLogPath(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0666));
+    if (!file) {
         return false;
     }
-    const ssize_t written = ::write(file, line.data(), line.size());
-    ::close(file);
+    const ssize_t written = ::write(file.get(), line.data(), line.size());
     return written == static_cast<ssize_t>(line.size());
 }
 

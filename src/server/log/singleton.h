@@ -1,7 +1,7 @@
 // Creates the process-wide objects. They live until the process ends: any thread may call exit(3) at any
 // moment, and must not destroy what another one uses.
-#ifndef QEL_SERVER_SINGLETON_H
-#define QEL_SERVER_SINGLETON_H
+#ifndef QEL_SERVER_LOG_SINGLETON_H
+#define QEL_SERVER_LOG_SINGLETON_H
 
 #include "server/log/log.h"
 
