@@ -2,9 +2,13 @@
 # would be mapped for as long as the daemon runs.
 find_package(Threads REQUIRED)
 
+# toml++ likewise; the target of its own package is the shared library.
+add_library(qel_toml INTERFACE)
+
 if(NOT CMAKE_CROSSCOMPILING)
   find_package(fmt REQUIRED)
-  find_package(toml11 REQUIRED)
+  find_path(QEL_TOML_HEADERS toml++/toml.h REQUIRED)
+  target_include_directories(qel_toml SYSTEM INTERFACE ${QEL_TOML_HEADERS})
   find_package(CLI11 REQUIRED)
   find_package(nlohmann_json REQUIRED)
   find_package(OpenSSL 3.0 REQUIRED COMPONENTS Crypto)
@@ -18,13 +22,14 @@ endif()
 # bring its C library's headers along.
 set(headers ${CMAKE_BINARY_DIR}/host-headers)
 file(MAKE_DIRECTORY ${headers})
-foreach(entry fmt toml toml.hpp CLI nlohmann)
+foreach(entry fmt toml++ CLI nlohmann)
   file(CREATE_LINK /usr/include/${entry} ${headers}/${entry} SYMBOLIC)
 endforeach()
-foreach(library fmt::fmt-header-only toml11::toml11 CLI11::CLI11 nlohmann_json::nlohmann_json)
+foreach(library fmt::fmt-header-only CLI11::CLI11 nlohmann_json::nlohmann_json)
   add_library(${library} INTERFACE IMPORTED)
   target_include_directories(${library} INTERFACE ${headers})
 endforeach()
+target_include_directories(qel_toml SYSTEM INTERFACE ${headers})
 target_compile_definitions(fmt::fmt-header-only INTERFACE FMT_HEADER_ONLY=1)
 
 set(OPENSSL_ROOT_DIR ${QEL_CROSS_DEPENDENCIES})

@@ -33,5 +33,9 @@ int runCheck(const std::string& path) {
     for (const auto& error : list.m_vErrors) {
         fmt::print(stderr, "{}\n", paint(printListError(path, error), EColour::red, stderr));
     }
+    if (list.m_nErrors > list.m_vErrors.size()) {
+        const std::string more = counted(list.m_nErrors - list.m_vErrors.size(), "more error");
+        fmt::print(stderr, "{}\n", paint(fmt::format("{}: {}", path, more), EColour::red, stderr));
+    }
     return exitFailed;
 }

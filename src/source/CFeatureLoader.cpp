@@ -40,10 +40,10 @@ singleRecords(const std::vector<SFeatureRecord>& records) {
 std::optional<CFreshList> CFeatureLoader::load(CMediator& mediator) {
     SFeatureList list = readFeatureList(m_sPath);
     if (list.isGood()) {
-        list.m_vErrors = findUndeliverable(list.m_vFeatures);
+        findUndeliverable(list);
     }
     if (!list.isGood()) {
-        refuse(list.m_vErrors);
+        refuse(list);
         return std::nullopt;
     }
     if (m_bAccepted && std::equal(m_vAccepted.begin(), m_vAccepted.end(), list.m_vFeatures.begin(),
@@ -63,37 +63,35 @@ std::optional<CFreshList> CFeatureLoader::load(CMediator& mediator) {
     return fresh;
 }
 
-void CFeatureLoader::refuse(const std::vector<SListError>& errors) const {
-    const size_t logged = std::min(errors.size(), nMaxLoggedErrors);
+void CFeatureLoader::refuse(const SFeatureList& list) const {
+    const size_t logged = std::min(list.m_vErrors.size(), nMaxLoggedErrors);
     for (size_t i = 0; i < logged; ++i) {
-        logEvent(svError, evListError, "%s", printListError(m_sPath, errors[i]).c_str());
+        logEvent(svError, evListError, "%s", printListError(m_sPath, list.m_vErrors[i]).c_str());
     }
     logEvent(svError, evListRefused, "feature list %s refused: %zu errors, %zu of them told; %s",
-             m_sPath.c_str(), errors.size(), logged,
+             m_sPath.c_str(), list.m_nErrors, logged,
              m_bAccepted ? "the list in force stays in force" : "no list is in force");
 }
 
 // A modification to 0 cannot be told, because pending data of 0 means that none is pending. Only a sourced
 // feature is modified, and only if its code stands once before and after. Any other change of data is a
 // withdrawal and a new feature, for which 0 is as good as any value.
-std::vector<SListError> CFeatureLoader::findUndeliverable(const std::vector<SFeatureRecord>& records) const {
-    std::vector<SListError> errors;
+void CFeatureLoader::findUndeliverable(SFeatureList& list) const {
     const auto accepted = singleRecords(m_vAccepted);
-    const auto fresh = singleRecords(records);
-    for (const SFeatureRecord& record : records) {
+    const auto fresh = singleRecords(list.m_vFeatures);
+    for (const SFeatureRecord& record : list.m_vFeatures) {
         const auto before = accepted.find(record.m_nCode);
         if (!record.m_bSourced || record.m_nData != 0 || fresh.at(record.m_nCode) == nullptr ||
             before == accepted.end() || before->second == nullptr) {
             continue;
         }
         if (before->second->m_bSourced && before->second->m_nData != 0) {
-            errors.push_back(
+            list.add(
                 {record.m_nLine, fmt::format("the data of sourced feature {} cannot change from {} to 0: "
                                              "withdraw it with one list, bring it back with the next",
                                              record.m_nCode, before->second->m_nData)});
         }
     }
-    return errors;
 }
 
 // The names go into the pool: the record dies with the next list, while the entry may stay in force.

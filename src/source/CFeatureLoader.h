@@ -31,8 +31,8 @@ public:
 
 private:
     // Logs the errors, at most 50 of them, and what that means for the list in force.
-    void refuse(const std::vector<SListError>& errors) const;
-    std::vector<SListError> findUndeliverable(const std::vector<SFeatureRecord>& records) const;
+    void refuse(const SFeatureList& list) const;
+    void findUndeliverable(SFeatureList& list) const;
     SFreshFeature build(const SFeatureRecord& record, CMediator& mediator);
 
     std::string m_sPath;

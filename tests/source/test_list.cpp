@@ -3,10 +3,13 @@
 #include "source/CFeatureLoader.h"
 #include "source/CListWatch.h"
 #include "support/files.h"
+#include "support/scarce_memory.h"
 
 #include <fmt/format.h>
 #include <sys/resource.h>
 #include <thread>
+
+#include <random>
 
 namespace {
 
@@ -26,7 +29,8 @@ std::string errorsOf(const std::string& text) {
 
 TEST(FeatureList, TakesEveryFormOfAGoodList) {
     const SFeatureList list =
-        parseFeatureList("# of the appliance\ncount = 3\n"
+        parseFeatureList("\xEF\xBB\xBF#" + std::string(200000, '#') +
+                         "\ncount = 3\n"
                          "[[feature]]\r\ncode = 1\r\ndata = 0xFFFF_FFFF\r\n"
                          "components = [ # two\n 'Voice',\n \"ALL\" ]\nsourced = true\n"
                          "[[ feature ]] # comment with '\"\ndata = 0\ncode = 1\ncomponents = []\n"
@@ -66,6 +70,10 @@ TEST(FeatureList, TellsEachFaultWithItsLine) {
         {good + good, "F:5: ", "code 1 with data 1 stands twice: first in line 1"},
         {good + feature("x = " + std::string(100000, '[')), "F:6: ", "nested too deep"},
         {feature("a" + std::string(100000, '.')), "F:2: ", "nested too deep"},
+        {good + names + "'''\n" + std::string(70000, 'x'), "F:5: ", "is a string left open?"},
+        {good + "# \u00DC\xE4\xB8n", "F:5: ", "column 4: byte 0xE4 is not UTF-8: save the file as UTF-8"},
+        {good + '\0' + good, "F:5: ", "column 1: byte 0x00 is not text"},
+        {good + "#\U0010FFFF\xED\xA0\x80", "F:5: ", "column 3: byte 0xED"},
     };
     for (const auto& fault : aCases) {
         SCOPED_TRACE(fault.m_sText.substr(0, 100));
@@ -77,14 +85,45 @@ TEST(FeatureList, TellsEachFaultWithItsLine) {
 }
 
 TEST(FeatureList, TellsAllFaultsInOneGo) {
-    EXPECT_EQ(errorsOf("count = 1\n[[feature]]\ncode = \n[[feature]]\ncode = 1\ndata = 4294967296\n"
-                       "components = [1]\n[[feature]]\n[[feature]]\nx = \"\n"),
-              "F:1: 'count' is 1, but the file has 4 features\n"
-              "F:3: not TOML: missing value after key-value separator '=' (expected value, but got nothing)\n"
-              "F:6: 'data' must be from 0 to 4294967295\n"
-              "F:7: a component name must be a string, not integer\n"
-              "F:8: 'code' is missing\nF:8: 'data' is missing\nF:8: 'components' is missing\n"
-              "F:10: not TOML: the next token is not a valid string (here)\n");
+    EXPECT_EQ(
+        errorsOf("count = 1\n[[feature]]\ncode = \n[[feature]]\ncode = 1\ndata = 4294967296\n"
+                 "components = [1]\n[[feature]]\n[[feature]]\nx = \"\n[[feature]]\nx = '\ny = 1"),
+        "F:1: 'count' is 1, but the file has 5 features\n"
+        "F:3: not TOML: ends too early (key-value pair)\n"
+        "F:6: 'data' must be from 0 to 4294967295\n"
+        "F:7: a component name must be a string, not integer\n"
+        "F:8: 'code' is missing\nF:8: 'data' is missing\nF:8: 'components' is missing\n"
+        "F:10: not TOML: ends too early (string)\nF:12: not TOML: not closed in its line (literal string)\n");
+    const std::vector<std::string> many(2 * nMaxListErrors, "[[feature]]\nx");
+    const SFeatureList list = parseFeatureList(fmt::format("count = 1\n{}", fmt::join(many, "\n")));
+    EXPECT_TRUE(list.m_nErrors == many.size() + 1 && list.m_vErrors.size() == nMaxListErrors);
+    EXPECT_EQ(list.m_vErrors[0].m_nLine, 1u) << "found last, told first";
+}
+
+std::string mutated(std::string text, std::mt19937& random) {
+    static const std::string aForeign[] = {"\xE4", {'\0'}, "\u00E4", "\"\"\"", "[[", "{", ".", "\\U", "\n"};
+    const auto below = [&random](size_t end) { return end == 0 ? 0 : random() % end; };
+    const std::string part = below(2) == 0 ? text.substr(below(text.size()), below(80)) : aForeign[below(9)];
+    const std::vector<std::string> parts(below(4) == 0 ? below(400) : 1, part);
+    return text.replace(below(text.size()), below(2) * below(80), fmt::format("{}", fmt::join(parts, "")));
+}
+
+// Allocations stand for time: they are linear in the text. Where they fail, that is no fault of the list.
+TEST(FeatureList, AnythingIsGoodOrHasAnErrorInOneLine) {
+    std::mt19937 random(20260723);
+    std::string text;
+    for (int round = 0; round < 4000; ++round) {
+        text = mutated(round % 8 == 0 ? contents(QEL_EXAMPLE_LIST) : text, random);
+        const CScarceMemory memory(round % 2 == 0 ? 1 + random() % 999 : 2000 + 2 * text.size());
+        try {
+            for (const SListError& error : parseFeatureList(text).m_vErrors) {
+                ASSERT_TRUE(error.m_sText.size() < 300 && error.m_sText.find('\n') == text.npos);
+            }
+            ASSERT_FALSE(CScarceMemory::hasFailed());
+        } catch (const std::bad_alloc&) {
+            ASSERT_EQ(round % 2, 0) << text;
+        }
+    }
 }
 
 // Judged by the list taken last. Kept data cannot change to 0: as pending data, 0 tells that there is none.

@@ -3,143 +3,173 @@
 #include "base/SFeature.h"
 #include "messaging/wire/wire.h"
 #include "source/list/list_blocks.h"
+#include "source/list/list_text.h"
 #include "source/list/whole_file.h"
 
 #include <fmt/format.h>
-#include <toml.hpp>
 
 #include <algorithm>
-#include <array>
 #include <limits>
-#include <numeric>
 #include <optional>
-#include <sstream>
 #include <unordered_map>
+
+// The parser's complaints come back as results, so that an exception is what it seems: no memory. Nor does it
+// read floats from a stream, which would swallow the exception.
+#define TOML_EXCEPTIONS 0
+#define TOML_ENABLE_FORMATTERS 0
+#define TOML_FLOAT_CHARCONV 1
+// What it takes for granted does come about: "[." breaks an assertion, on which Clang builds, and an umlaut
+// outside quotes, asked whether it is a blank, undefined behaviour. It goes on well where the one says nothing
+// and the other "no".
+#define TOML_ASSERT(expr) static_assert(true)
+#undef NDEBUG
+#include <toml++/impl/forward_declarations.h>
+#pragma push_macro("TOML_UNREACHABLE")
+#undef TOML_UNREACHABLE
+#define TOML_UNREACHABLE return false
+#include <toml++/impl/unicode.h>
+#pragma pop_macro("TOML_UNREACHABLE")
+#include <toml++/toml.h>
 
 namespace {
 
+constexpr uint32_t nMaxNumber = std::numeric_limits<uint32_t>::max();
 constexpr std::string_view aTopKeys[] = {"count", "feature"};
 constexpr std::string_view aFeatureKeys[] = {"code", "data", "components", "sourced"};
-constexpr size_t nSuggestionDistance = 2; // edits; a key that is further off is no typing mistake
+constexpr std::string_view aNumberKeys[] = {"count", "code", "data"};
 
-// The Levenshtein distance: insertions, deletions and replacements of single characters. One row of the table
-// is enough, since each cell needs only its left, upper and upper left neighbours.
-size_t editDistance(std::string_view from, std::string_view to) {
-    std::vector<size_t> row(to.size() + 1);
-    std::iota(row.begin(), row.end(), size_t{0});
-    for (size_t i = 0; i < from.size(); ++i) {
-        size_t diagonal = row[0];
-        row[0] = i + 1;
-        for (size_t j = 0; j < to.size(); ++j) {
-            const size_t replaced = diagonal + (from[i] == to[j] ? 0 : 1);
-            diagonal = row[j + 1];
-            row[j + 1] = std::min({replaced, diagonal + 1, row[j] + 1});
-        }
-    }
-    return row.back();
-}
-
-// ": did you mean 'KEY'?", or nothing if no known key is near.
 template <size_t N>
-std::string suggestion(std::string_view key, const std::string_view (&known)[N]) {
-    const auto* nearest = std::min_element(std::begin(known), std::end(known), [key](auto one, auto other) {
-        return editDistance(key, one) < editDistance(key, other);
-    });
-    return editDistance(key, *nearest) <= nSuggestionDistance ? fmt::format(": did you mean '{}'?", *nearest)
-                                                              : "";
+bool isOneOf(std::string_view key, const std::string_view (&keys)[N]) {
+    return std::find(std::begin(keys), std::end(keys), key) != std::end(keys);
 }
 
-bool isControl(char c) {
-    return static_cast<unsigned char>(c) < ' ' || c == '\x7f';
+std::string outOfRange(std::string_view key) {
+    return fmt::format("'{}' must be from 0 to {}", key, nMaxNumber);
 }
 
-// Errors quote what the operator wrote, on one line and of bearable length. The text goes to the log and to a
-// terminal, so control characters must not get there.
-std::string shown(std::string_view text) {
-    constexpr size_t nMaxShown = 40;
-    std::string result(text.substr(0, nMaxShown));
-    std::replace_if(result.begin(), result.end(), isControl, '?');
-    return text.size() > nMaxShown ? result + "..." : result;
-}
-
-// toml11's message is a drawing of several lines: a title "[error] function: what", the place, and an arrow
-// with a hint. Taken from it are the "what" and the last hint; of a message of another form, the first line.
-std::string syntaxText(std::string_view message) {
-    std::string_view title = message.substr(0, message.find('\n'));
-    for (std::string_view lead : {"[error] ", "toml::"}) {
-        if (title.starts_with(lead)) {
-            title.remove_prefix(lead.size());
-        }
+std::string_view nthLine(std::string_view text, uint32_t number) {
+    for (; number > 1; --number) {
+        text.remove_prefix(std::min(text.find('\n'), text.size() - 1) + 1);
     }
-    if (const size_t colon = title.find(": "); colon != title.npos) {
-        title.remove_prefix(colon + 2);
-    }
-    std::string text = fmt::format("not TOML: {}", title);
-    constexpr std::string_view arrow = "^--- ";
-    if (const size_t at = message.rfind(arrow); at != message.npos) {
-        const std::string_view hint = message.substr(at + arrow.size());
-        text += fmt::format(" ({})", hint.substr(0, hint.find('\n')));
-    }
-    std::replace_if(text.begin(), text.end(), isControl, '?');
-    return text;
+    return text.substr(0, text.find('\n'));
 }
 
-// Checks one text, and collects what is good and what is wrong. Used once.
+// The key of a line "key = value".
+std::string_view keyOf(std::string_view line) {
+    line.remove_prefix(std::min(line.find_first_not_of(" \t"), line.size()));
+    return line.substr(0, line.find_first_of(" \t="));
+}
+
+// For the parser, a number beyond 64 bits is a syntax error. For the operator it is out of range, like any
+// other that is too large.
+bool isHugeNumber(std::string_view complaint) {
+    constexpr std::string_view aParts[] = {"not representable in 64 bits", "exceeds length limit",
+                                           "numeric value too long"};
+    return std::any_of(std::begin(aParts), std::end(aParts),
+                       [complaint](std::string_view part) { return complaint.find(part) != part.npos; });
+}
+
+// The parser says "Error while parsing PLACE: WHAT". What it calls the end of the file is that of a block.
+std::string syntaxText(std::string_view complaint, bool isAtLineEnd) {
+    constexpr size_t nMaxWhat = 160;
+    constexpr std::string_view lead = "Error while parsing ";
+    complaint.remove_prefix(complaint.starts_with(lead) ? lead.size() : 0);
+    const size_t colon = std::min(complaint.find(": "), complaint.size());
+    const std::string_view place = complaint.substr(0, colon);
+    std::string_view what = complaint.substr(std::min(colon + 2, complaint.size()));
+    if (what == "encountered end-of-file") {
+        what = "ends too early";
+    } else if (isAtLineEnd && what.find("control characters") != what.npos) {
+        what = "not closed in its line";
+    }
+    return fmt::format("not TOML: {} ({})", shown(what, nMaxWhat), place);
+}
+
+std::string_view typeOf(const toml::node& value) {
+    switch (value.type()) {
+    case toml::node_type::table:
+        return "table";
+    case toml::node_type::array:
+        return "array";
+    case toml::node_type::string:
+        return "string";
+    case toml::node_type::integer:
+        return "integer";
+    case toml::node_type::floating_point:
+        return "floating";
+    case toml::node_type::boolean:
+        return "boolean";
+    case toml::node_type::date:
+        return "local_date";
+    case toml::node_type::time:
+        return "local_time";
+    case toml::node_type::date_time:
+        return value.as_date_time()->get().offset ? "offset_datetime" : "local_datetime";
+    case toml::node_type::none:
+        break;
+    }
+    return "nothing";
+}
+
+// Checks one text and collects what is good and what is wrong.
 class CFeatureListCheck {
 public:
-    // Sorted, since the parser's tables come in no order and the count is checked last. Stable, so that the
-    // errors of one line stay in the order in which they were found.
     SFeatureList run(std::string_view text) {
-        for (const SListBlock& block : cutFeatureList(text)) {
-            m_nBlockLine = block.m_nLine;
-            checkBlock(block);
+        CListBlocks blocks(text);
+        while (const std::optional<SListBlock> block = blocks.next()) {
+            m_nBlockLine = block->m_nLine;
+            checkBlock(*block);
         }
         checkCount();
-        std::stable_sort(
-            m_oList.m_vErrors.begin(), m_oList.m_vErrors.end(),
-            [](const SListError& one, const SListError& other) { return one.m_nLine < other.m_nLine; });
         return std::move(m_oList);
     }
 
 private:
-    void error(uint32_t line, std::string text) { m_oList.m_vErrors.push_back({line, std::move(text)}); }
+    void error(uint32_t line, std::string text) { m_oList.add({line, std::move(text)}); }
 
-    // The parser counts lines from the start of its block.
     uint32_t lineOf(uint32_t lineOfBlock) const { return m_nBlockLine + lineOfBlock - 1; }
-    uint32_t lineOf(const toml::value& value) const { return lineOf(value.location().line()); }
+    uint32_t lineOf(const toml::node& value) const { return lineOf(value.source().begin.line); }
 
-    // A feature that cannot be parsed still counts, so that one syntax error does not bring a complaint about
-    // `count` too.
     void checkBlock(const SListBlock& block) {
         if (block.m_nTooDeepLine != 0) {
             error(block.m_nTooDeepLine, "nested too deep");
-        } else if (const std::optional<toml::value> root = parse(block.m_sText)) {
-            checkRoot(*root);
+        } else if (block.m_bTooLong) {
+            error(block.m_nLine, fmt::format("more than {} characters up to the next [[feature]] line: is a "
+                                             "string left open?",
+                                             nMaxBlockLength));
+        } else if (parse(block.m_sText)) {
             return;
         }
         m_nFeatures += block.m_bFeature ? 1 : 0;
     }
 
-    // Trailing blank lines are cut off, so that something left open is reported where its block ends, not
-    // where the next one begins. Not all of the parser's exceptions have a place; without one, the block's
-    // first line is named.
-    std::optional<toml::value> parse(std::string_view text) {
+    // Without its last blank lines, so that what was left open shows where the block ends, not where the next
+    // begins.
+    bool parse(std::string_view text) {
         text = text.substr(0, text.find_last_not_of(" \t\r\n") + 1);
-        try {
-            std::istringstream stream{std::string(text)};
-            return toml::parse(stream, "feature list");
-        } catch (const toml::syntax_error& fault) {
-            const auto lines = static_cast<uint32_t>(1 + std::count(text.begin(), text.end(), '\n'));
-            error(lineOf(std::min(fault.location().line(), lines)), syntaxText(fault.what()));
-        } catch (const std::exception& fault) {
-            error(m_nBlockLine, syntaxText(fault.what()));
+        const toml::parse_result result = toml::parse(text);
+        if (result) {
+            checkRoot(result.table());
+            return true;
         }
-        return std::nullopt;
+        reportSyntax(text, result.error());
+        return false;
     }
 
-    // Of a feature's block too, whose root has the one key "feature".
-    void checkRoot(const toml::value& root) {
-        for (const auto& [key, value] : root.as_table()) {
+    void reportSyntax(std::string_view text, const toml::parse_error& fault) {
+        const auto lines = static_cast<uint32_t>(1 + std::count(text.begin(), text.end(), '\n'));
+        const auto [line, column] = fault.source().begin;
+        const uint32_t number = std::min(line, lines);
+        const std::string_view wrong = nthLine(text, number);
+        if (isHugeNumber(fault.description()) && isOneOf(keyOf(wrong), aNumberKeys)) {
+            error(lineOf(number), outOfRange(keyOf(wrong)));
+        } else {
+            error(lineOf(number), syntaxText(fault.description(), column > wrong.size()));
+        }
+    }
+
+    void checkRoot(const toml::table& root) {
+        for (const auto& [key, value] : root) {
             if (key == "count") {
                 m_oCount = number(value, "count");
                 m_nCountLine = lineOf(value);
@@ -152,29 +182,27 @@ private:
         }
     }
 
-    void checkFeatures(const toml::value& features) {
-        // "[feature]" makes a table of it, and "feature = 1" a number.
-        if (!features.is_array()) {
+    void checkFeatures(const toml::node& features) {
+        const toml::array* array = features.as_array();
+        if (array == nullptr) {
             error(lineOf(features), "a feature is written as a [[feature]] table, in two brackets each");
             return;
         }
-        for (const toml::value& feature : features.as_array()) {
+        for (const toml::node& feature : *array) {
             ++m_nFeatures;
-            if (feature.is_table()) {
-                checkFeature(feature);
+            if (const toml::table* table = feature.as_table()) {
+                checkFeature(*table);
             } else {
                 error(lineOf(feature), fmt::format("a feature must be a table, not {}", typeOf(feature)));
             }
         }
     }
 
-    // Unknown keys are errors: a mistyped `sourced` would otherwise change the feature's meaning without a
-    // word. A feature with errors still joins the list, which nobody uses then.
-    void checkFeature(const toml::value& feature) {
+    void checkFeature(const toml::table& feature) {
         SFeatureRecord record;
         record.m_nLine = lineOf(feature);
-        for (const auto& [key, value] : feature.as_table()) {
-            if (std::find(std::begin(aFeatureKeys), std::end(aFeatureKeys), key) == std::end(aFeatureKeys)) {
+        for (const auto& [key, value] : feature) {
+            if (!isOneOf(key, aFeatureKeys)) {
                 error(lineOf(value), unknownFeatureKey(key));
             }
         }
@@ -187,73 +215,71 @@ private:
             record.m_nData = *data;
             checkPair(record);
         }
-        m_oList.m_vFeatures.push_back(std::move(record));
+        if (m_oList.isGood()) {
+            m_oList.m_vFeatures.push_back(std::move(record));
+        }
     }
 
-    // For TOML every key below a header belongs to that table, so a `count` in the wrong place ends up in
-    // a feature.
-    static std::string unknownFeatureKey(const std::string& key) {
+    static std::string unknownFeatureKey(std::string_view key) {
         const std::string place =
             key == "count" ? ": it belongs above the first [[feature]]" : suggestion(key, aFeatureKeys);
         return fmt::format("unknown key '{}' in a feature{}", shown(key), place);
     }
 
-    const toml::value* required(const toml::value& feature, const char* key, uint32_t line) {
-        if (feature.contains(key)) {
-            return &feature.at(key);
+    const toml::node* required(const toml::table& feature, std::string_view key, uint32_t line) {
+        const toml::node* value = feature.get(key);
+        if (value == nullptr) {
+            error(line, fmt::format("'{}' is missing", key));
         }
-        error(line, fmt::format("'{}' is missing", key));
-        return nullptr;
+        return value;
     }
 
-    std::optional<uint32_t> requiredNumber(const toml::value& feature, const char* key, uint32_t line) {
-        const toml::value* value = required(feature, key, line);
+    std::optional<uint32_t> requiredNumber(const toml::table& feature, std::string_view key, uint32_t line) {
+        const toml::node* value = required(feature, key, line);
         return value != nullptr ? number(*value, key) : std::nullopt;
     }
 
-    // TOML's integers have 64 bits and a sign, so the range is checked here. A float is not taken, even a
-    // whole one.
-    std::optional<uint32_t> number(const toml::value& value, const char* key) {
-        constexpr uint32_t nMax = std::numeric_limits<uint32_t>::max();
-        if (!value.is_integer()) {
+    std::optional<uint32_t> number(const toml::node& value, std::string_view key) {
+        const toml::value<int64_t>* integer = value.as_integer();
+        if (integer == nullptr) {
             error(lineOf(value), fmt::format("'{}' must be an integer, not {}", key, typeOf(value)));
             return std::nullopt;
         }
-        if (value.as_integer() < 0 || value.as_integer() > nMax) {
-            error(lineOf(value), fmt::format("'{}' must be from 0 to {}", key, nMax));
+        if (integer->get() < 0 || integer->get() > nMaxNumber) {
+            error(lineOf(value), outOfRange(key));
             return std::nullopt;
         }
-        return static_cast<uint32_t>(value.as_integer());
+        return static_cast<uint32_t>(integer->get());
     }
 
-    // The number of names is checked first: the look for duplicates takes time quadratic in it.
-    void takeComponents(const toml::value& feature, SFeatureRecord& record) {
-        const toml::value* value = required(feature, "components", record.m_nLine);
+    void takeComponents(const toml::table& feature, SFeatureRecord& record) {
+        const toml::node* value = required(feature, "components", record.m_nLine);
         if (value == nullptr) {
             return;
         }
-        if (!value->is_array()) {
+        const toml::array* names = value->as_array();
+        if (names == nullptr) {
             error(lineOf(*value),
                   fmt::format("'components' must be an array of strings, not {}", typeOf(*value)));
             return;
         }
-        if (value->as_array().size() > nMaxComponents) {
+        if (names->size() > nMaxComponents) {
             error(lineOf(*value), fmt::format("'components' has more than {} names", nMaxComponents));
             return;
         }
-        for (const toml::value& name : value->as_array()) {
+        record.m_vComponents.reserve(names->size());
+        for (const toml::node& name : *names) {
             takeComponent(name, record.m_vComponents);
         }
     }
 
-    // Only sensible names pass, so that a typing mistake shows here, and not as a feature that
-    // reaches nobody.
-    void takeComponent(const toml::value& value, std::vector<std::string>& names) {
-        if (!value.is_string()) {
+    void takeComponent(const toml::node& value, std::vector<std::string>& names) {
+        const toml::value<std::string>* text = value.as_string();
+        if (text == nullptr) {
             error(lineOf(value), fmt::format("a component name must be a string, not {}", typeOf(value)));
             return;
         }
-        const std::string& name = value.as_string().str;
+        const std::string& name = text->get();
         if (name.empty()) {
             error(lineOf(value), "a component name is empty");
         } else if (name.size() > nMaxNameLength) {
@@ -270,15 +296,15 @@ private:
         }
     }
 
-    void takeSourced(const toml::value& feature, SFeatureRecord& record) {
-        if (!feature.contains("sourced")) {
+    void takeSourced(const toml::table& feature, SFeatureRecord& record) {
+        const toml::node* value = feature.get("sourced");
+        if (value == nullptr) {
             return;
         }
-        const toml::value& value = feature.at("sourced");
-        if (value.is_boolean()) {
-            record.m_bSourced = value.as_boolean();
+        if (const toml::value<bool>* flag = value->as_boolean()) {
+            record.m_bSourced = flag->get();
         } else {
-            error(lineOf(value), fmt::format("'sourced' must be true or false, not {}", typeOf(value)));
+            error(lineOf(*value), fmt::format("'sourced' must be true or false, not {}", typeOf(*value)));
         }
     }
 
@@ -296,9 +322,8 @@ private:
         }
     }
 
-    // A file without features is most likely one that an editor is about to fill. To take it for a list
-    // would withdraw everything, so withdrawing everything has to be said. After other errors this one would
-    // only confuse.
+    // An empty file is most likely one that an editor is about to fill; taking it for a list would withdraw
+    // everything.
     void checkCount() {
         if (m_oCount && *m_oCount != m_nFeatures) {
             error(m_nCountLine,
@@ -308,11 +333,9 @@ private:
         }
     }
 
-    static std::string typeOf(const toml::value& value) { return toml::stringize(value.type()); }
-
     SFeatureList m_oList;
     uint32_t m_nBlockLine = 1; // of the block being checked
-    uint32_t m_nFeatures = 0;  // tables seen, faulty ones included
+    uint32_t m_nFeatures = 0;  // tables seen, bad ones included
     std::optional<uint32_t> m_oCount;
     uint32_t m_nCountLine = 0;                       // 0: no count given
     std::unordered_map<SFeature, uint32_t> m_oPairs; // line of each pair's first appearance
@@ -320,19 +343,41 @@ private:
 
 } // namespace
 
+void SFeatureList::add(SListError error) {
+    ++m_nErrors;
+    const auto place =
+        std::upper_bound(m_vErrors.begin(), m_vErrors.end(), error.m_nLine,
+                         [](uint32_t line, const SListError& other) { return line < other.m_nLine; });
+    m_vErrors.insert(place, std::move(error));
+    if (m_vErrors.size() > nMaxListErrors) {
+        m_vErrors.pop_back();
+    }
+}
+
 SFeatureList readFeatureList(const std::string& path) {
     const SWholeFile file = readWholeFile(path, nMaxListFileSize);
-    if (!file.m_sError.empty()) {
-        return {{}, {{0, file.m_sError}}};
+    if (file.m_sError.empty()) {
+        return parseFeatureList(file.m_sText);
     }
-    return parseFeatureList(file.m_sText);
+    SFeatureList list;
+    list.add({0, file.m_sError});
+    return list;
 }
 
+// The bytes are checked first: the parser shall see nothing but text.
 SFeatureList parseFeatureList(std::string_view text) {
-    return CFeatureListCheck().run(text);
+    constexpr std::string_view byteOrderMark = "\xEF\xBB\xBF";
+    text.remove_prefix(text.starts_with(byteOrderMark) ? byteOrderMark.size() : 0);
+    const std::optional<SBadByte> bad = findBadByte(text);
+    if (!bad) {
+        return CFeatureListCheck().run(text);
+    }
+    SFeatureList list;
+    list.add({bad->m_nLine, fmt::format("column {}: byte 0x{:02X} is not {}: save the file as UTF-8",
+                                        bad->m_nColumn, bad->m_nByte, bad->m_nByte == 0 ? "text" : "UTF-8")});
+    return list;
 }
 
-// FILE:LINE: text is how compilers report, so editors can follow it.
 std::string printListError(const std::string& path, const SListError& error) {
     const std::string place = error.m_nLine != 0 ? fmt::format("{}:{}", path, error.m_nLine) : path;
     return fmt::format("{}: {}", place, error.m_sText);

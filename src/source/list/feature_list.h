@@ -1,5 +1,5 @@
-// Reads and checks the operator's feature list file. Knows nothing of the daemon, so that qelctl can check a
-// file with the same code. docs/feature-list.md describes format and errors to operators.
+// Reads and checks the operator's feature list file. Knows nothing of the daemon: qelctl checks files with it
+// too.
 #ifndef QEL_SOURCE_FEATURE_LIST_H
 #define QEL_SOURCE_FEATURE_LIST_H
 
@@ -9,8 +9,7 @@
 #include <string_view>
 #include <vector>
 
-// One [[feature]] table of the file. In a list without errors no two records have the same code and data, and
-// none is 0, 0.
+// One [[feature]] table of the file. No two of a list have the same code and data, and none is 0, 0.
 struct SFeatureRecord {
     uint32_t m_nCode = 0;
     uint32_t m_nData = 0;
@@ -21,24 +20,27 @@ struct SFeatureRecord {
 
 struct SListError {
     uint32_t m_nLine = 0; // counted from 1; 0: the file as a whole
-    std::string m_sText;  // one line, without control characters, whatever the file holds
+    std::string m_sText;  // one line, without control characters
 };
 
-// What a file holds. The features mean something only if there is no error.
+// What a file holds. The features are meaningful only where there is no error.
 struct SFeatureList {
-    bool isGood() const { return m_vErrors.empty(); }
+    bool isGood() const { return m_nErrors == 0; }
+    void add(SListError error);
 
     std::vector<SFeatureRecord> m_vFeatures; // in the file's order
-    std::vector<SListError> m_vErrors;       // all of them, by line
+    std::vector<SListError> m_vErrors;       // by line; the first nMaxListErrors of them
+    size_t m_nErrors = 0;                    // all there are
 };
+
+inline constexpr size_t nMaxListErrors = 1000; // kept: nobody reads more, and a broken file may have millions
 
 inline constexpr size_t nMaxListFileSize =
     size_t{32} * 1024 * 1024;                 // bytes; 100,000 features take about 8 MB
 inline constexpr size_t nMaxComponents = 256; // names of one feature
 
-// Reads the whole file, then checks it. A file that changes while it is read is read again; only for that it
-// may wait, a tenth of a second at most. A long list takes some seconds of processor time. Any thread. May
-// throw std::bad_alloc; every other failure is an error in the list.
+// Reads the whole file, then checks it. A file that changes while it is read is read again; for that, and for
+// nothing else, it may wait: a tenth of a second at most. Any thread.
 [[nodiscard]] SFeatureList readFeatureList(const std::string& path);
 
 // Checks a text as if it were a file's contents.

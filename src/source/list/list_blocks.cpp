@@ -8,6 +8,7 @@ bool isBlank(char c) {
     return c == ' ' || c == '\t';
 }
 
+// Steps over blanks.
 void skipBlanks(std::string_view& line) {
     while (!line.empty() && isBlank(line.front())) {
         line.remove_prefix(1);
@@ -23,26 +24,20 @@ bool skipWord(std::string_view& line, std::string_view word) {
     return true;
 }
 
-// TOML allows blanks inside the brackets. A header in another spelling, say with the key in quotes, is not
-// seen here; it stays in the block before, where the parser finds the table all the same.
 bool isFeatureHeader(std::string_view line) {
     return skipWord(line, "[[") && skipWord(line, "feature") && skipWord(line, "]]");
 }
 
-// Follows strings, comments, brackets and dotted keys through the text, as far as that is needed to know what
-// is inside a string and how deep the nesting goes. Judges nothing: errors are for the parser to find.
+// Follows strings, brackets and dotted keys through a block, as far as needed to tell what is nested how deep
+// and how much there is.
 class CListScanner {
 public:
     // True inside a string that goes on over line ends.
     bool isInText() const { return m_sClosing.size() == 3; }
-    // Reading stops there, so neither number can overflow.
     bool isTooDeep() const { return m_nDepth > nMaxListNesting || m_nDots > nMaxListNesting; }
-    // A bracket that a faulty feature leaves open must not spoil the features behind it. An open multi-line
-    // string does: it hides their headers, and the parser reports the string.
-    void startBlock() { *this = CListScanner(); }
+    bool isTooLong() const { return m_nLength > nMaxBlockLength; }
 
-    // Takes in one line, without its line end. A string that is not multi-line ends with its line at the
-    // latest: if it is still open, that is an error of this line, and must not hide the next ones.
+    // Takes in one line, without its line end.
     void scan(std::string_view line) {
         m_nDots = 0;
         while (!line.empty() && !isTooDeep()) {
@@ -54,11 +49,14 @@ public:
     }
 
 private:
-    // Both return how many characters they have dealt with, at least one.
+    // Both return how many characters they dealt with.
     size_t plain(std::string_view line) {
-        switch (line.front()) {
-        case '#':
+        const char c = line.front();
+        if (c == '#') {
             return line.size();
+        }
+        m_nLength += isBlank(c) || c == '\r' ? 0 : 1;
+        switch (c) {
         case '"':
         case '\'':
             m_sClosing = line.substr(0, isTripled(line) ? 3 : 1);
@@ -69,11 +67,9 @@ private:
             break;
         case ']':
         case '}':
-            // Too many closing brackets are for the parser to report.
             m_nDepth = std::max(0, m_nDepth - 1);
             break;
         case '.':
-            // The parser recurses with a dotted key. The dots of numbers count too, but no number has many.
             ++m_nDots;
             return 1;
         case ',':
@@ -87,14 +83,19 @@ private:
     }
 
     size_t quoted(std::string_view line) {
-        // Only basic strings have escapes; literal ones take the backslash as it is (TOML 1.0, "String").
+        const size_t length = quotedLength(line);
+        m_nLength += length;
+        return length;
+    }
+
+    size_t quotedLength(std::string_view line) {
         if (line.front() == '\\' && m_sClosing.front() == '"') {
             return std::min<size_t>(2, line.size());
         }
         if (!line.starts_with(m_sClosing)) {
             return 1;
         }
-        // TOML allows one or two quotation marks right before the closing three; they belong to the text.
+        // Quotes right before the closing ones belong to the text.
         const size_t quotes = std::min(line.find_first_not_of(m_sClosing.front()), line.size());
         const size_t length = m_sClosing.size() == 1 ? 1 : quotes;
         m_sClosing = {};
@@ -108,33 +109,37 @@ private:
     std::string_view m_sClosing; // what ends the string that is open; empty: none is
     int m_nDepth = 0;            // brackets open
     int m_nDots = 0;             // in the key being read
+    size_t m_nLength = 0;        // characters, without comments and blanks
 };
 
 } // namespace
 
-// One walk over the text. A block ends where the next header's line begins, so comments above a feature
-// belong to the block before, where they do no harm.
-std::vector<SListBlock> cutFeatureList(std::string_view text) {
-    std::vector<SListBlock> blocks(1);
+std::optional<SListBlock> CListBlocks::next() {
+    if (m_sRest.empty()) {
+        return std::nullopt;
+    }
+    SListBlock block;
+    block.m_nLine = m_nLine;
     CListScanner scanner;
-    size_t blockStart = 0;
-    size_t lineStart = 0;
-    for (uint32_t number = 1; lineStart < text.size(); ++number) {
-        const size_t lineEnd = std::min(text.find('\n', lineStart), text.size());
-        const std::string_view line = text.substr(lineStart, lineEnd - lineStart);
+    size_t taken = 0; // up to the start of a line
+    while (taken < m_sRest.size()) {
+        const size_t lineEnd = std::min(m_sRest.find('\n', taken), m_sRest.size());
+        const std::string_view line = m_sRest.substr(taken, lineEnd - taken);
         if (!scanner.isInText() && isFeatureHeader(line)) {
-            blocks.back().m_sText = text.substr(blockStart, lineStart - blockStart);
-            blocks.push_back({{}, number, true, 0});
-            blockStart = lineStart;
-            scanner.startBlock();
+            if (taken != 0) {
+                break;
+            }
+            block.m_bFeature = true;
         }
         scanner.scan(line);
-        // Marked, so that nobody gives this block to the parser.
-        if (scanner.isTooDeep() && blocks.back().m_nTooDeepLine == 0) {
-            blocks.back().m_nTooDeepLine = number;
+        if (scanner.isTooDeep() && block.m_nTooDeepLine == 0) {
+            block.m_nTooDeepLine = m_nLine;
         }
-        lineStart = lineEnd + 1;
+        ++m_nLine;
+        taken = std::min(lineEnd + 1, m_sRest.size());
     }
-    blocks.back().m_sText = text.substr(std::min(blockStart, text.size()));
-    return blocks;
+    block.m_bTooLong = scanner.isTooLong();
+    block.m_sText = m_sRest.substr(0, taken);
+    m_sRest.remove_prefix(taken);
+    return block;
 }
