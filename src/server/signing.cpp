@@ -13,7 +13,7 @@ int fail(const char* reason) {
     std::fprintf(
         stderr,
         "qelserver: the signing tools cannot be loaded: %s. %s must be in ../lib/qel as seen from the "
-        "directory of qelserver: install it, and libcrypto, anew.\n",
+        "directory of qelserver: reinstall it and libcrypto.\n",
         reason, sSignModule);
     return 1;
 }
