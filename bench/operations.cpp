@@ -87,8 +87,17 @@ void prepareHandOverPushed(CWorld& world) {
     makeFresh(world, false);
 }
 
+// One of the components is dropped from every feature.
+void prepareHandOverDropped(CWorld& world) {
+    world.refill();
+    prepareHandOverUnchanged(world);
+    for (SFreshFeature& fresh : oFresh) {
+        fresh.m_pEntry->m_vCompNames.pop_back();
+    }
+}
+
 void handOver(CWorld& world) {
-    CHandOver(world.m_oControl).apply(std::move(oFresh));
+    static_cast<void>(CHandOver(world.m_oControl).apply(oFresh));
 }
 
 // --- Passes ---
@@ -134,6 +143,7 @@ constexpr SOperation aOperations[] = {
     {"merge/half-modified", grPairs, prepareHalfModified, mergeList},
     {"hand-over/unchanged", grPairs, prepareHandOverUnchanged, handOver},
     {"hand-over/pushed-again", grPairs, prepareHandOverPushed, handOver},
+    {"hand-over/one-dropped", grPairs, prepareHandOverDropped, handOver},
     {"audit/nothing-to-do", grPairs, nullptr, audit},
     {"timeout/nothing-to-do", grPairs, nullptr, timeOut},
     {"timeout/all-overdue", grPairs, prepareOverdue, timeOut},

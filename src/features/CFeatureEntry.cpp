@@ -153,6 +153,22 @@ void CFeatureEntry::endModification() {
     logEvent(svInfo, 31131, "feature (%d): moded FeatureData update (%d)", m_nCode, m_nNewData);
 }
 
+// A record may stand in two slots here, and passes on once.
+void CFeatureEntry::passOn(CFeatureEntry& heir) {
+    const auto isHeirs = [&heir](const CCompStatus* record) {
+        const auto& names = heir.m_vCompNames;
+        return std::find(names.begin(), names.end(), std::string_view(record->m_pComponent->m_szName)) !=
+               names.end();
+    };
+    for (CCompStatus* record : m_vCompStatus) {
+        if (isHeirs(record) && heir.findCompByPtr(record->m_pComponent) == nullptr) {
+            heir.m_vCompStatus.push_back(record);
+        }
+    }
+    std::erase_if(m_vCompStatus, isHeirs);
+    heir.setCompStatus(CCompStatus::csIdle);
+}
+
 // Without pending data the data in force stays: 0 stands for "none", so there is no modification to 0.
 void CFeatureEntry::commitNewData() {
     if (m_nNewData != 0) {

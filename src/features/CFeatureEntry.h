@@ -86,6 +86,9 @@ public:
     CCompStatus* findNextTimeout();
     // Takes over another entry's code and data, deletes all records and sets fsModify. Null is only logged.
     void modifyByPtr(const CFeatureEntry* other);
+    // Gives the heir the records of the components that it names; they become idle. Names and components'
+    // arrays are left to the caller. The heir must have room for the records (m_vCompStatus.reserve()).
+    void passOn(CFeatureEntry& heir);
     // Puts the pending data into force, if there is any.
     void commitNewData();
     // Deletes every record and forgets the component names.

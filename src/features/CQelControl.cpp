@@ -85,6 +85,20 @@ bool CQelControl::addFeature(CFeatureEntry* entry) {
     return addItem(m_aFeatures, entry);
 }
 
+void CQelControl::reserveFeatures(size_t more) {
+    m_aFeatures.m_vItems.reserve(m_aFeatures.m_vItems.size() + more);
+}
+
+void CQelControl::takeFeatures(bool (*isMeant)(const CFeatureEntry&), std::vector<CFeatureEntry*>& taken) {
+    std::erase_if(m_aFeatures.m_vItems, [&](CFeatureEntry* entry) {
+        const bool isTaken = entry != nullptr && isMeant(*entry);
+        if (isTaken) {
+            taken.push_back(entry);
+        }
+        return isTaken;
+    });
+}
+
 // Only for a removal by itself: linear. A pass that removes many compacts the table once (CRemovals).
 int CQelControl::delFeature(CFeatureEntry* entry) {
     return m_aFeatures.del(entry);

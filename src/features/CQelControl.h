@@ -9,6 +9,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <vector>
 
 class CComponent;
 class CFeatureEntry;
@@ -58,6 +59,12 @@ public:
     int delComponent(CComponent* comp);
     // As addComponent(). No check for duplicates.
     [[nodiscard]] bool addFeature(CFeatureEntry* entry);
+    // Makes room, so that as many addFeature() cannot fail. Throws std::bad_alloc.
+    void reserveFeatures(size_t more);
+    // Takes the entries that `isMeant` accepts out of the table and appends them to `taken`, which must have
+    // room for them: they are the caller's, and components' arrays still hold them. The others keep their
+    // order. Linear in the table.
+    void takeFeatures(bool (*isMeant)(const CFeatureEntry&), std::vector<CFeatureEntry*>& taken);
     // Removes the entry from the table only: it is the caller's again, and components' arrays still hold it.
     int delFeature(CFeatureEntry* entry);
 

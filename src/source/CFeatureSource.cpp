@@ -174,12 +174,16 @@ void CFeatureSource::takeMail() {
 void CFeatureSource::handOver(CFreshList list) {
     const size_t count = list.size();
     m_bInForce = true;
-    const int result = m_pHandOver->apply(std::move(list));
+    const std::optional<CHandOver::SResult> result = m_pHandOver->apply(list);
+    if (!result) {
+        return;
+    }
     logEvent(svInfo, evHandedOver, "feature list %s: %zu features, handed over (result %d)",
-             m_oLoader.path().c_str(), count, result);
-    if (result == CFeatureMerge::rsRestart) {
+             m_oLoader.path().c_str(), count, result->m_nMerge);
+    if (result->m_bRestart) {
         tellRestart();
-    } else if (result == CFeatureMerge::rsWithdrawn) {
+    }
+    if (result->m_nMerge == CFeatureMerge::rsWithdrawn) {
         logEvent(svInfo, evWithdrawn,
                  "feature list: features were withdrawn or told anew, or their data was lowered");
     }
@@ -188,9 +192,7 @@ void CFeatureSource::handOver(CFreshList list) {
 }
 
 void CFeatureSource::carryOn() {
-    if (m_pHandOver->carryOn() != 0) {
-        tellRestart();
-    }
+    m_pHandOver->carryOn();
     setWaiting();
 }
 

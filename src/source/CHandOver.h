@@ -2,9 +2,11 @@
 #ifndef QEL_SOURCE_CHANDOVER_H
 #define QEL_SOURCE_CHANDOVER_H
 
-#include "source/fresh_list.h"
+#include "source/CHandOverPlan.h"
 
 #include <cstddef>
+#include <optional>
+#include <vector>
 
 class CQelControl;
 
@@ -19,43 +21,45 @@ class CQelControl;
 // - A modification under way that the new list takes back is committed first, so that the feature can be
 //   modified back.
 // - Components that were added are put on the entry in force once no modification of it is under way; the
-//   next audit tells them. If a component was dropped, all are told to disable the feature, and it waits here
-//   until that is done.
+//   next audit tells them.
+// - Components that were dropped leave the entry with their records, for a withdrawn entry of their own that
+//   tells them to disable the feature. The others notice nothing. Who is named again before that is done is
+//   added when it is.
 // - Where one code stands with several data values, nothing is modified: pairs go and come one by one.
 //
 // Used on the main loop's thread only. An entry is the hand-over's until it is in the control's table, then
 // the control's. Lives as long as the control.
 class CHandOver {
 public:
+    struct SResult {
+        int m_nMerge;    // CFeatureMerge::EResult
+        bool m_bRestart; // a feature was added or changed that needs a restart of the appliance
+    };
+
     explicit CHandOver(CQelControl& control) : m_oControl(control) {}
 
     // Makes `list` the one in force, in time linear in list and table, and forgets what still waits of an
-    // earlier list. Returns the merge's result (CFeatureMerge::EResult), or rsRestart if a feature that was
-    // placed beside it needs a restart. Sends nothing: the audits do. For as long as waiting() is not 0,
-    // carryOn() is to be called now and then.
-    int apply(CFreshList list);
+    // earlier list. Sends nothing: the audits do. For as long as waiting() is not 0, carryOn() is to be
+    // called now and then. What is left of `list` is of no use any more.
+    //
+    // Nothing where memory is exhausted: table and list are as they were, and it can be tried again.
+    [[nodiscard]] std::optional<SResult> apply(CFreshList& list);
 
-    // Brings in what no longer has to wait. Returns 1 if a feature of it needs a restart of the
-    // appliance, else 0.
-    int carryOn();
+    // Adds the components that no longer have to wait, and makes up for what memory was short for.
+    void carryOn();
 
-    // Features that wait as a whole, plus features whose added components wait.
-    size_t waiting() const { return m_vHeldBack.size() + m_vAdditions.size(); }
-
-    struct SAddition {
-        CFeatureEntry* m_pEntry; // the control's; stays in the table until the next list at least
-        std::vector<const char*> m_vNames;
-    };
+    // Features whose added components wait. Never 0 while there is anything to make up for.
+    size_t waiting() const { return m_vAdditions.size() + (m_bSettled ? 0 : 1); }
 
 private:
     void settleUntold();
-    int placeHeldBack();
+    bool takeIn(CFeatureEntry& entry, CComponent& comp, bool isHeld);
     void addComponents();
-    int place(SFreshFeature& fresh);
+    void place(SFreshFeature& fresh);
 
     CQelControl& m_oControl;
-    CFreshList m_vHeldBack;              // until all withdrawn entries of their code have left the table
-    std::vector<SAddition> m_vAdditions; // until the modification of their entry has ended
+    std::vector<SAddition> m_vAdditions; // until nothing of their entries' codes is under way
+    bool m_bSettled = true;              // settleUntold() had the memory that it needs
 };
 
 #endif

@@ -11,8 +11,8 @@ enum ESourceEvent : uint32_t {
     evHandedOver = 31172,    // information: how many features, and the merge's result
     evListUnchanged = 31173, // information: the file changed, what it says did not
     evRestartNeeded = 31174, // warning: a feature takes effect with the appliance's next restart only
-    evWithdrawn = 31175,     // information: the list withdrew a feature or lowered its data
-    evHeldBack = 31176,      // information: features that wait for a withdrawal or a modification to end
+    evWithdrawn = 31175,     // information: features, or components of one, were withdrawn, or data lowered
+    evHeldBack = 31176,      // information: components that are added to features later
     evPlaced = 31177,        // information: one feature brought in beside the merge
     evTrouble = 31178,       // error or warning: changes of the list cannot be watched, read or handed over
     evWatching = 31179       // information: changes of the list are being watched
