@@ -36,7 +36,8 @@ enum EStatusQuestion : uint32_t {
     sqFeatures = 3,    // a CStatusFeature each, likewise; texts: the name, then whom the feature concerns
     sqDeliveries = 4,  // a CStatusDelivery for each feature and component that has been taken into it
     sqTransitions = 5, // a CStatusTransition each, oldest first, of those kept that the cursor lies before
-    sqCounters = 6     // a CStatusCounter each, since the daemon's start; text: its name
+    sqCounters = 6,    // a CStatusCounter each, since the daemon's start; text: its name
+    sqTally = 7 // a CStatusTally for each component: a part of its deliveries, to be added up over all pages
 };
 
 // Which records are wanted. Features are filtered by code alone, deliveries by all, the others by nothing.
@@ -96,14 +97,13 @@ struct CStatusSummary {
     CBigEndian32 m_tStarted;
     CBigEndian32 m_tNow;
     CBigEndian32 m_nComponents;
-    CBigEndian32 m_aFeatures[nFeatureStatuses];  // by their status
-    CBigEndian32 m_aDeliveries[nDeliveryStates]; // by their state
-    CBigEndian32 m_aLastTransition[2];           // its number; 0: there was none
-    CBigEndian32 m_nLatestTurn;                  // microseconds of work, without its waits
-    CBigEndian32 m_nBusiestTurn;                 // of all since the start
-    CBigEndian32 m_nNextPass;                    // milliseconds until the next audit, about
+    CBigEndian32 m_aFeatures[nFeatureStatuses]; // by their status
+    CBigEndian32 m_aLastTransition[2];          // its number; 0: there was none
+    CBigEndian32 m_nLatestTurn;                 // microseconds of work, without its waits
+    CBigEndian32 m_nBusiestTurn;                // of all since the start
+    CBigEndian32 m_nNextPass;                   // milliseconds until the next audit, about
 };
-static_assert(sizeof(CStatusSummary) == 8 + 27 * 4);
+static_assert(sizeof(CStatusSummary) == 64);
 
 struct CStatusComponent {
     CStatusRecord m_oRecord;
@@ -114,9 +114,16 @@ struct CStatusComponent {
     CBigEndian32 m_tHeard;    // its last message
     CBigEndian32 m_tDead;     // found to be gone; 0: alive, or not known
     CBigEndian32 m_nReply;    // status of its last reply; nReplyOk is success
-    CBigEndian32 m_aDeliveries[nDeliveryStates];
 };
-static_assert(sizeof(CStatusComponent) == 28 + 19 * 4);
+static_assert(sizeof(CStatusComponent) == 52);
+
+struct CStatusTally {
+    CStatusRecord m_oRecord;
+    char m_szComponent[nNameFieldSize] = {};
+    CBigEndian32
+        m_aDeliveries[nDeliveryStates]; // how many there are in each state, in this part of the table
+};
+static_assert(sizeof(CStatusTally) == 80);
 
 struct CStatusFeature {
     CStatusRecord m_oRecord;
