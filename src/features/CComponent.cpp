@@ -1,6 +1,8 @@
 #include "features/CComponent.h"
 
+#include "base/clock.h"
 #include "features/CFeatureEntry.h"
+#include "features/counters.h"
 #include "messaging/endpoint/CMFWServer.h"
 #include "server/log/log.h"
 
@@ -13,15 +15,14 @@ namespace {
 // Copies a text that fits, and leaves the field as it was otherwise: a cut name would make the component
 // another one. Looks at maxLength + 1 characters at most, so it does not run off a text without a NUL.
 template <size_t N>
-void storeText(char (&field)[N], const char* text, size_t maxLength) {
+bool storeText(char (&field)[N], const char* text, size_t maxLength) {
     static_assert(N > 0);
-    if (text == nullptr) {
-        return;
+    const size_t length = text != nullptr ? strnlen(text, maxLength + 1) : 0;
+    if (length == 0 || length > maxLength) {
+        return false;
     }
-    const size_t length = strnlen(text, maxLength + 1);
-    if (length > 0 && length <= maxLength) {
-        std::memcpy(field, text, length + 1);
-    }
+    std::memcpy(field, text, length + 1);
+    return true;
 }
 
 } // namespace
@@ -36,7 +37,8 @@ void CComponent::init(const CQelMessageHeader& header, const char* name, uint32_
     m_oHeader = header;
     storeText(m_szName, name, nMaxNameLength);
     m_nReplyStatus = status;
-    storeText(m_szReplyText, text, nMaxReplyTextLength);
+    m_bReplyText = storeText(m_szReplyText, text, nMaxReplyTextLength) ? 1 : 0;
+    m_tHeard = nowSeconds();
 }
 
 void CComponent::setKnownPairs(std::span<const SFeature> pairs) {
@@ -243,6 +245,7 @@ int CComponent::sendMessage(uint32_t type, uint32_t code, uint32_t data) {
 int CComponent::sendMessage(uint32_t type, uint32_t code, uint32_t data, uint32_t extra) {
     if (isHeldAlready(type, code, data)) {
         logEvent(svInfo, 31108, "already has feature (%d, %d, %d) at comp %s", type, code, data, m_szName);
+        count(coWithheld);
         m_nReplyStatus = nReplyOk;
         replyFeatureArray();
         return 0;
@@ -253,6 +256,7 @@ int CComponent::sendMessage(uint32_t type, uint32_t code, uint32_t data, uint32_
         message.m_nCode = code;
         message.m_nData = data;
         message.m_nExtra = extra;
+        count(static_cast<ECounter>(coAnswers + type));
     } else {
         logEvent(svInfo, 31121, "unknown message type.");
     }
@@ -263,6 +267,7 @@ int CComponent::sendMessage(uint32_t type, uint32_t code, uint32_t data, uint32_
     }
     const int result = endpoint->sendBody(m_oHeader.m_nHandle, bytesOf(message));
     if (result != 0) {
+        count(coSendErrors);
         logEvent(svInfo, 31123, "MFW cannot sendMessage");
     }
     return result;

@@ -96,6 +96,9 @@ public:
     char m_szName[nNameFieldSize] = {}; // NUL-terminated, at most nMaxNameLength characters
     uint32_t m_nReplyStatus = 0;        // of the last reply; nReplyOk is success
     char m_szReplyText[nMaxReplyTextLength + 1] = {};
+    uint8_t m_bReplyText = 0;     // 1: the text came with the last message; 0: it is an earlier one's
+    uint32_t m_tHeard = 0;        // when the last message came, in seconds since the epoch; 0: none did
+    uint32_t m_tDead = 0;         // when its process was found to be gone; 0: it lives, or that is not known
     int32_t m_nNextFeature = 0;   // where in m_aFeatures the next page starts
     uint32_t m_nSecondCursor = 0; // reset with m_nNextFeature; paging uses that one alone
     // 1: is told of changes, and its answers are waited for (CFeatureEntry::isReplied()). Set by

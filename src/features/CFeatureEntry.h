@@ -58,6 +58,12 @@ public:
 
     SFeature id() const { return {m_nCode, m_nData}; }
 
+    // Whether the entry stands for nobody but components that a list dropped from a feature which others keep.
+    // The hand-over makes such entries: withdrawn, so that the audit tells those components to disable the
+    // feature and the timeout pass removes the entry, and sourced, so that it is not listed as a second
+    // feature. No other entry is both, for a merge withdraws only what the hand-over left without the flag.
+    bool isLeaving() const { return m_eStatus == fsDeleted && m_bSourced == 1; }
+
     // Appends the pointer, without a copy or a check. The string must outlive the entry, for it stays the
     // caller's. Records are not touched: if the entry is in force, a later audit takes the component in.
     // Throws std::bad_alloc.

@@ -2,6 +2,7 @@
 
 #include "features/CFeatureEntry.h"
 #include "features/CQelControl.h"
+#include "features/counters.h"
 #include "server/log/log.h"
 
 #include <utility>
@@ -16,6 +17,7 @@ constexpr uint32_t nRebootFeatureList[] = {206, 306, 0};
 } // namespace
 
 int CQelControl::addFeatureList(CArray<CFeatureEntry*>& list) {
+    count(coMerges);
     return CFeatureMerge(m_aFeatures, list).run();
 }
 

@@ -63,6 +63,7 @@ int CQelControl::auditComponent() {
         }
         // As if it had announced itself. Messages go out with the tag, 1, and to the handle.
         comp->init({0, 17, 0, 0, 1, handle}, row.m_szName, nReplyOk, nullptr);
+        comp->m_tHeard = 0;
         comp->clearFeatureArray();
         comp->notifyAllFeatures();
         if (!addComponent(comp)) {

@@ -100,7 +100,7 @@ void CHandOver::carryOn() {
 void CHandOver::addComponents() try {
     std::unordered_multimap<uint32_t, const CFeatureEntry*> leaving;
     for (const CFeatureEntry* entry : m_oControl.features().m_vItems) {
-        if (entry != nullptr && isLeaving(*entry)) {
+        if (entry != nullptr && entry->isLeaving()) {
             leaving.emplace(entry->m_nCode, entry);
         }
     }

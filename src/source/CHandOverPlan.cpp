@@ -29,10 +29,6 @@ void removeNames(CFeatureEntry& entry, const CNames& names) {
 
 } // namespace
 
-bool isLeaving(const CFeatureEntry& entry) {
-    return entry.m_eStatus == CFeatureEntry::fsDeleted && entry.m_bSourced == 1;
-}
-
 CHandOverPlan::CHandOverPlan(CQelControl& control, CFreshList& list) : m_oControl(control) {
     indexList(list);
     indexTable();
@@ -56,7 +52,7 @@ void CHandOverPlan::indexTable() {
         if (entry == nullptr) {
             continue;
         }
-        if (isLeaving(*entry)) {
+        if (entry->isLeaving()) {
             m_oLeavingByCode[entry->m_nCode].push_back(entry);
         } else {
             m_oByPair.try_emplace(settledId(*entry), entry);
@@ -230,7 +226,7 @@ void CHandOverPlan::settle() {
 }
 
 void CHandOverPlan::dropComponents() {
-    m_oControl.takeFeatures(isLeaving, m_vLeaving);
+    m_oControl.takeFeatures([](const CFeatureEntry& entry) { return entry.isLeaving(); }, m_vLeaving);
     for (SKept& kept : m_vKept) {
         if (kept.m_pLeaver != nullptr) {
             for (const char* name : kept.m_pLeaver->m_vCompNames) {

@@ -23,12 +23,6 @@ struct SAddition {
     CNames m_vNames;
 };
 
-// Whether the entry stands for components that a list dropped from a feature which others keep. Such an entry
-// is the hand-over's invention: withdrawn, so that the audit tells its components to disable the feature and
-// the timeout pass removes it, and sourced, so that it is not listed as a second feature. No other entry is
-// both: a merge withdraws only what CHandOverPlan::flag() has left without the flag.
-bool isLeaving(const CFeatureEntry& entry);
-
 // Made for one list and one table, and carried out at once. Making it is all that needs memory.
 class CHandOverPlan {
 public:

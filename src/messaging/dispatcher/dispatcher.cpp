@@ -5,6 +5,7 @@
 #include "features/CComponent.h"
 #include "features/CFeatureEntry.h"
 #include "features/CQelControl.h"
+#include "features/counters.h"
 #include "messaging/endpoint/CMFWServer.h"
 #include "messaging/wire/wire.h"
 #include "server/log/log.h"
@@ -67,6 +68,7 @@ struct SRow {
     const char* m_szFound;  // the two words in which the look-ups' lines in the log differ
     const char* m_szFailedTo;
     void (*m_fnHandle)(SRequest& request); // null: the message is only logged
+    ECounter m_eCounter;
 };
 
 void answer(CComponent& comp) {
@@ -240,17 +242,17 @@ void shutDown(SRequest& request) {
 // A name message finds or creates its component itself. The words of GetFeature's row are not quite those of
 // the others; docs/events.md lists each line as it stands here.
 constexpr SRow aRequests[] = {
-    {CompNameMsgType, logName, 0, "", "", announce},
-    {InitListMsgType, logInitList, 31020, "found", "to", initList},
-    {nQelClientGetFeatureMsgType, logGetFeature, 31023, "find", "to ", getFeature},
-    {nQelClientStartMonitorMsgType, logStartMonitor, 31025, "found", "to", startMonitor},
-    {nQelClientServerDataMsgType, logServerData, 0, "", "", nullptr},
-    {nQelClientWriteReplyMsgType, logClientWriteReply, 0, "", "", nullptr},
+    {CompNameMsgType, logName, 0, "", "", announce, coNames},
+    {InitListMsgType, logInitList, 31020, "found", "to", initList, coInitLists},
+    {nQelClientGetFeatureMsgType, logGetFeature, 31023, "find", "to ", getFeature, coGetFeatures},
+    {nQelClientStartMonitorMsgType, logStartMonitor, 31025, "found", "to", startMonitor, coStartMonitors},
+    {nQelClientServerDataMsgType, logServerData, 0, "", "", nullptr, coOthers},
+    {nQelClientWriteReplyMsgType, logClientWriteReply, 0, "", "", nullptr, coOthers},
 };
 
 constexpr SRow aReplies[] = {
-    {WriteReplyMsgType, logWriteReply, 31031, "found", "to", writeReply},
-    {ShutdownMsgType, logShutdown, 31034, "found", "to", shutDown},
+    {WriteReplyMsgType, logWriteReply, 31031, "found", "to", writeReply, coWriteReplies},
+    {ShutdownMsgType, logShutdown, 31034, "found", "to", shutDown, coShutdowns},
 };
 
 // --- OAM ---
@@ -289,7 +291,9 @@ int sendFeatureList(const SPackedList& list, const CQelMessageHeader& request) {
     const CQelMessageHeader header{0, 0, nQelOAMActiveFeatureMsgType, 0, request.m_nTag, 0};
     const int error =
         endpoint->sendBody(request.m_nHandle, bytesOf(header), {list.m_pBytes.get(), list.m_nSize});
+    count(coLists);
     if (error != 0) {
+        count(coSendErrors);
         logEvent(svError, 31073, "failed to send message");
     }
     return error;
@@ -297,6 +301,7 @@ int sendFeatureList(const SPackedList& list, const CQelMessageHeader& request) {
 
 // Needs no announcement. Without memory for the list there is no answer, only a line in the log.
 void answerOAM(CQelControl& control, const CQelMessageHeader& request) {
+    count(coActiveFeatures);
     logEvent(svInfo, 31036, "cbQelServer recv OAMActiveFeature.");
     const SPackedList list = packActiveFeatures(control);
     if (list.m_pBytes == nullptr) {
@@ -337,8 +342,10 @@ bool dispatch(SRequest& request, std::span<const SRow> table) {
         return candidate.m_nSubType == request.m_oHeader.m_nSubType;
     });
     if (row == table.end()) {
+        count(coOthers);
         return false;
     }
+    count(row->m_eCounter);
     row->m_fnLog(request);
     if (row->m_fnHandle != nullptr && (row->m_nFoundEvent == 0 || findComponent(request, *row))) {
         row->m_fnHandle(request);

@@ -37,10 +37,11 @@ enum EStatusQuestion : uint32_t {
     sqDeliveries = 4,  // a CStatusDelivery for each feature and component that has been taken into it
     sqTransitions = 5, // a CStatusTransition each, oldest first, of those kept that the cursor lies before
     sqCounters = 6,    // a CStatusCounter each, since the daemon's start; text: its name
-    sqTally = 7 // a CStatusTally for each component: a part of its deliveries, to be added up over all pages
+    sqTally = 7        // one CStatusTally in each page, to be added up: deliveries by their state
 };
 
-// Which records are wanted. Features are filtered by code alone, deliveries by all, the others by nothing.
+// Which records are wanted. Features are filtered by code alone, deliveries and their tally by all, the others
+// by nothing.
 enum EStatusFilter : uint32_t {
     sfCode = 1,      // of this code
     sfComponent = 2, // of the component of this name
@@ -99,7 +100,7 @@ struct CStatusSummary {
     CBigEndian32 m_nComponents;
     CBigEndian32 m_aFeatures[nFeatureStatuses]; // by their status
     CBigEndian32 m_aLastTransition[2];          // its number; 0: there was none
-    CBigEndian32 m_nLatestTurn;                 // microseconds of work, without its waits
+    CBigEndian32 m_nLatestTurn;                 // microseconds of processor time
     CBigEndian32 m_nBusiestTurn;                // of all since the start
     CBigEndian32 m_nNextPass;                   // milliseconds until the next audit, about
 };
@@ -119,11 +120,9 @@ static_assert(sizeof(CStatusComponent) == 52);
 
 struct CStatusTally {
     CStatusRecord m_oRecord;
-    char m_szComponent[nNameFieldSize] = {};
-    CBigEndian32
-        m_aDeliveries[nDeliveryStates]; // how many there are in each state, in this part of the table
+    CBigEndian32 m_aDeliveries[nDeliveryStates]; // how many are in each state, in this part of the table
 };
-static_assert(sizeof(CStatusTally) == 80);
+static_assert(sizeof(CStatusTally) == 60);
 
 struct CStatusFeature {
     CStatusRecord m_oRecord;
@@ -181,7 +180,7 @@ struct CStatusCounter {
 };
 static_assert(sizeof(CStatusCounter) == 16);
 
-inline uint64_t number(const CBigEndian32 (&words)[2]) {
+inline uint64_t number(const CBigEndian32* words) {
     return uint64_t{words[0]} << 32 | words[1];
 }
 

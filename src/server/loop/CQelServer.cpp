@@ -9,6 +9,7 @@
 #include "server/log/log.h"
 #include "server/log/singleton.h"
 #include "server/loop/names.h"
+#include "server/status/status.h"
 
 #include <algorithm>
 #include <new>
@@ -56,6 +57,7 @@ int CQelServer::init() {
     if (!initEndpoint() || !initEvent()) {
         return 0;
     }
+    startAnswering(*CMFWServer::instance());
     if (m_pSupply != nullptr) {
         m_pSupply->startWatching();
     }
@@ -131,6 +133,7 @@ int CQelServer::run() {
         }
         processMessages();
         // The wait is also the pause that keeps a flood of messages from taking the whole processor.
+        noteTurn(nAuditTurns - turn % nAuditTurns);
         const uint32_t elapsed = millisecondOfSecond() - start;
         if (osReceiveEvent(m_nEvent.load(), waitAfter(elapsed)) == 0) {
             break;
@@ -171,6 +174,7 @@ int CQelServer::checkSignal() {
     // Audit first: what the timeout pass declares overdue is then not sent again in the same turn.
     control->audit();
     control->timeout();
+    notePass();
     return 1;
 }
 

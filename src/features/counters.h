@@ -1,0 +1,69 @@
+// What has happened since the daemon's start, in numbers. Counted where it happens, read by whoever asks
+// (server/status).
+#ifndef QEL_FEATURES_COUNTERS_H
+#define QEL_FEATURES_COUNTERS_H
+
+#include <array>
+#include <cstdint>
+#include <string_view>
+
+enum ECounter : uint8_t {
+    coNames, // received, by kind
+    coInitLists,
+    coGetFeatures,
+    coStartMonitors,
+    coWriteReplies,
+    coShutdowns,
+    coActiveFeatures,
+    coStatusQuestions,
+    coOthers,
+    coAnswers, // sent, by type
+    coNotifications,
+    coModifications,
+    coDisables,
+    coTimeouts,
+    coLists,      // for OAM
+    coSendErrors, // of all these
+    coWithheld,   // notifications of what the component holds already
+    coAccepted,   // deliveries
+    coRefused,
+    coOverdue,
+    coGivenUp,
+    coMerges, // lists handed over
+    nCounters
+};
+
+// As they are called by whoever asks. Programs go by these names.
+inline constexpr std::array<std::string_view, nCounters> aCounterNames = {
+    "received.name",
+    "received.init-list",
+    "received.get-feature",
+    "received.start-monitor",
+    "received.write-reply",
+    "received.shutdown",
+    "received.active-features",
+    "received.status",
+    "received.other",
+    "sent.answer",
+    "sent.notify",
+    "sent.modify",
+    "sent.disable",
+    "sent.timeout",
+    "sent.active-features",
+    "sent.failed",
+    "withheld",
+    "accepted",
+    "refused",
+    "overdue",
+    "given-up",
+    "lists.handed-over",
+};
+
+// On the main loop's thread only.
+inline std::array<uint64_t, nCounters> aCounters = {};
+
+inline void count(ECounter counter) {
+    ++aCounters[counter];
+}
+
+#endif
