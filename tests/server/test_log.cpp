@@ -3,6 +3,9 @@
 #include "server/loop/CQelServer.h"
 #include "support/files.h"
 
+#include <csignal>
+#include <fcntl.h>
+#include <sys/resource.h>
 #include <thread>
 
 namespace {
@@ -56,6 +59,30 @@ TEST_F(CLogTest, EachLineHasItsStampAndOpensTheLogAnew) {
         EXPECT_EQ(CQelServer::LogFile("lost"), 0);
         setenv("QEL_LOG_FILE", m_sPath.c_str(), 1);
     }
+}
+
+TEST_F(CLogTest, ALineThatDoesNotFitOnTheDiskLeavesNothingBehind) {
+    std::signal(SIGXFSZ, SIG_IGN);
+    rlimit limit{};
+    getrlimit(RLIMIT_FSIZE, &limit);
+    const rlimit tight{125, limit.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &tight);
+    const int standardOutput = dup(STDOUT_FILENO);
+    for (const bool debug : {false, true}) { // debugging, on standard output
+        const int file = open(m_sPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        dup2(debug ? file : standardOutput, STDOUT_FILENO);
+        bQelServerDebugFlag = debug;
+        for (const char* text : {"one", "two", "three", "a line for which there is no room", "four"}) {
+            EXPECT_EQ(CQelServer::LogFile(text), *text == 'a' ? 0 : 1) << text;
+        }
+        bQelServerDebugFlag = false;
+        dup2(standardOutput, STDOUT_FILENO);
+        close(file);
+        const std::string stamp = "2024-03-14 13:04:05.042: ";
+        EXPECT_EQ(contents(m_sPath),
+                  stamp + "one\n" + stamp + "two\n" + stamp + "three\n" + stamp + "four\n");
+    }
+    setrlimit(RLIMIT_FSIZE, &limit);
 }
 
 // Lines longer than any buffer of the library: in pieces, they would mix.

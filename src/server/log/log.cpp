@@ -14,6 +14,7 @@
 #include <memory>
 #include <new>
 #include <string_view>
+#include <sys/stat.h>
 #include <unistd.h>
 
 constinit bool bQelServerDebugFlag = false;
@@ -120,7 +121,24 @@ private:
 // thread.
 const char* textLogPath() {
     const char* path = std::getenv("QEL_LOG_FILE");
-    return path != nullptr ? path : sQelServerLogFileName;
+    return path != nullptr && *path != '\0' ? path : sQelServerLogFileName;
+}
+
+// Of a full disk, or at a size limit, write(2) takes only the beginning of a line, which the next line would
+// then continue. So that is taken back, and the line is lost as a whole; but not if another process has
+// appended to the file meanwhile, whose line would be lost as well. Not everything that is written to is a
+// file: a pipe takes a line of up to PIPE_BUF as a whole or not at all.
+bool writeWhole(int fd, const CLine& line) {
+    const ssize_t written = ::write(fd, line.data(), line.size());
+    if (written == static_cast<ssize_t>(line.size())) {
+        return true;
+    }
+    struct stat status {};
+    if (written > 0 && ::fstat(fd, &status) == 0 && ::lseek(fd, 0, SEEK_CUR) == status.st_size &&
+        ::ftruncate(fd, status.st_size - written) == 0) {
+        ::lseek(fd, -written, SEEK_CUR); // standard output is written to again
+    }
+    return false;
 }
 
 // Opens and closes the file for each line, so that the log can be rotated or removed while the daemon runs.
@@ -130,11 +148,7 @@ const char* textLogPath() {
 bool appendToTextLog(const CLine& line) {
     const CFileDescriptor file(
         ::open(textLogPath(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0666));
-    if (!file) {
-        return false;
-    }
-    const ssize_t written = ::write(file.get(), line.data(), line.size());
-    return written == static_cast<ssize_t>(line.size());
+    return file && writeWhole(file.get(), line);
 }
 
 } // namespace
@@ -156,16 +170,16 @@ int logEntry(uint16_t severity, uint32_t event, const char* text) {
     return logLine(text);
 }
 
-// When debugging, flushes each line: whoever watches through a pipe sees it at once, and the last line before
-// a crash is not lost. The exception is CLine's, which found no memory for a long line.
+// When debugging, whoever watches through a pipe sees each line at once, and the last line before a crash is
+// not lost. What was printed before comes first, hence the flush. The exception is CLine's, which found no
+// memory for a long line.
 int logLine(const char* text) try {
     const CLine line(text);
     if (!bQelServerDebugFlag) {
         return appendToTextLog(line) ? 1 : 0;
     }
-    std::fwrite(line.data(), 1, line.size(), stdout);
     std::fflush(stdout);
-    return 1;
+    return writeWhole(STDOUT_FILENO, line) ? 1 : 0;
 } catch (const std::bad_alloc&) {
     return 0;
 }

@@ -6,7 +6,7 @@
 
 enum ESeverity : uint16_t { svError = 1, svWarning = 2, svInfo = 4 };
 
-// The text log; QEL_LOG_FILE in the environment overrides it.
+// The text log; QEL_LOG_FILE in the environment overrides it, unless it is empty.
 inline constexpr char sQelServerLogFileName[] = "/var/log/QelServer.log";
 
 // Set once, before any thread is started, by "-run -debug": log lines go to standard output.
