@@ -2,6 +2,7 @@
 #include "server/log/log.h"
 #include "server/loop/CQelServer.h"
 #include "support/files.h"
+#include "support/scarce_memory.h"
 
 #include <csignal>
 #include <fcntl.h>
@@ -83,6 +84,23 @@ TEST_F(CLogTest, ALineThatDoesNotFitOnTheDiskLeavesNothingBehind) {
                   stamp + "one\n" + stamp + "two\n" + stamp + "three\n" + stamp + "four\n");
     }
     setrlimit(RLIMIT_FSIZE, &limit);
+}
+
+TEST_F(CLogTest, WithoutMemoryALongLineIsCut) {
+    const std::string text(5000, 'x');
+    for (size_t nth = 1; nth <= 2; ++nth) {
+        {
+            const CScarceMemory scarce(nth);
+            EXPECT_EQ(CQelServer::LogFile(text.c_str()), 1);
+            EXPECT_EQ(CScarceMemory::hasFailed(), nth == 1);
+        }
+        EXPECT_TRUE(contents(m_sPath).ends_with(nth == 1 ? "xxx\n" : "x\n"));
+        EXPECT_EQ(contents(m_sPath).size() < text.size(), nth == 1);
+    }
+    const CScarceMemory scarce(1);
+    logEvent(svWarning, 31016, "%s", text.c_str());
+    EXPECT_TRUE(CScarceMemory::hasFailed());
+    EXPECT_EQ(takeLines(), CTexts{"2 31016 " + text.substr(0, 511)});
 }
 
 // Lines longer than any buffer of the library: in pieces, they would mix.

@@ -4,6 +4,7 @@
 #include "base/clock.h"
 #include "platform/diag.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdarg>
 #include <cstdio>
@@ -52,20 +53,22 @@ bool isPrintable(char character) {
 }
 
 // One line of the log: stamp, text, line break. Built in one piece, so that one write(2) can put it out; in
-// memory of its own only if it is long, so that a usual line gets through even when memory is exhausted.
+// memory of its own only if it is long. A long line that finds no memory is cut.
 class CLine {
 public:
-    // Reserves room for the worst case, every character escaped, so that append() need not check. Throws
-    // std::bad_alloc if a long line finds no memory.
+    // Room for the worst case, every character escaped.
     explicit CLine(const char* text) {
         const size_t most = nStampRoom + nEscapedSize * std::strlen(text) + 1;
         if (most > sizeof m_aRoom) {
-            m_pLarge = std::make_unique_for_overwrite<char[]>(most);
+            m_pLarge.reset(new (std::nothrow) char[most]);
+        }
+        if (m_pLarge != nullptr) {
             m_pText = m_pLarge.get();
+            m_nRoom = most;
         }
         appendStamp();
         appendPrintable(text);
-        append("\n", 1);
+        m_pText[m_nSize++] = '\n';
     }
     CLine(const CLine&) = delete;
     CLine& operator=(const CLine&) = delete;
@@ -77,9 +80,11 @@ private:
     static constexpr size_t nStampRoom = 48;  // dateAndTime() has at most 39 characters, the fraction 6
     static constexpr size_t nEscapedSize = 4; // as in "\x0a"
 
+    // Leaves room for the line break.
     void append(const char* text, size_t size) {
-        std::memcpy(m_pText + m_nSize, text, size);
-        m_nSize += size;
+        const size_t fitting = std::min(size, m_nRoom - 1 - m_nSize);
+        std::memcpy(m_pText + m_nSize, text, fitting);
+        m_nSize += fitting;
     }
 
     // As "2024-03-14 13:04:05.042: ".
@@ -114,6 +119,7 @@ private:
     char m_aRoom[1024];
     std::unique_ptr<char[]> m_pLarge;
     char* m_pText = m_aRoom;
+    size_t m_nRoom = sizeof m_aRoom;
     size_t m_nSize = 0;
 };
 
@@ -171,17 +177,14 @@ int logEntry(uint16_t severity, uint32_t event, const char* text) {
 }
 
 // When debugging, whoever watches through a pipe sees each line at once, and the last line before a crash is
-// not lost. What was printed before comes first, hence the flush. The exception is CLine's, which found no
-// memory for a long line.
-int logLine(const char* text) try {
+// not lost. What was printed before comes first, hence the flush.
+int logLine(const char* text) {
     const CLine line(text);
     if (!bQelServerDebugFlag) {
         return appendToTextLog(line) ? 1 : 0;
     }
     std::fflush(stdout);
     return writeWhole(STDOUT_FILENO, line) ? 1 : 0;
-} catch (const std::bad_alloc&) {
-    return 0;
 }
 
 // Formats into the stack first, which nearly every line fits into. vsnprintf(3) returns the length that the

@@ -22,7 +22,7 @@ int logEntry(uint16_t severity, uint32_t event, const char* text);
 
 // Writes one line, with the local time in front, to the text log or, when debugging, to standard output.
 // Control characters in `text` are escaped as "\x0a", so it stays one line. Returns 1, or 0 for a line that
-// was dropped.
+// was dropped. If there is no memory for a long line, its beginning is written.
 int logLine(const char* text);
 
 // Formats the text as printf(3) does, however long it gets, and logs it by logEntry(), whose result it
