@@ -1,126 +1,22 @@
-// Entry and command line: the daemon's start, its stop, and the tools.
-#include "platform/os.h"
-#include "platform/service.h"
-#include "server/log/log.h"
-#include "server/loop/CQelServer.h"
-#include "server/loop/names.h"
+// Entry and command line: which mode the first word names, and what runs it.
+#include "server/daemon.h"
 #include "server/signing.h"
 #include "source/CFeatureSource.h"
 
-#include <atomic>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <unistd.h>
 
 namespace {
 
-constexpr int nExitOk = 0;
-constexpr int nExitFailed = 1;
-
-// A stop event and a notice of the service manager may come together, and exit(3) must not run in two threads
-// at once. So the first to get here ends the process; the other's thread waits for that in pause(2), which a
-// signal handler may interrupt, hence the loop.
-void claimProcessEnd() {
-    static std::atomic_flag isClaimed = ATOMIC_FLAG_INIT;
-    while (isClaimed.test_and_set()) {
-        ::pause();
-    }
-}
-
-// Runs on the service manager's own thread and does not ask the main loop to finish its turn: a host that
-// goes down waits for nobody, and the daemon keeps nothing that has to be saved. What both threads touch is
-// made for this (CQelServer.h). clear() removes the stop event's name, which would outlive the process.
-void cbOVUService(uint32_t event) {
-    if (event == OVU_CALLBACK_NOTIFY_SERVICE_SHUTDOWN) {
-        logEvent(svInfo, 31160, "the Callback event is 'OVU_CALLBACK_NOTIFY_SERVICE_SHUTDOWN'");
-    } else if (event == OVU_CALLBACK_NOTIFY_SERVICE_STOP) {
-        logEvent(svInfo, 31161, "the Callback event is 'OVU_CALLBACK_NOTIFY_SERVICE_STOP'");
-    }
-    if (CQelServer* server = CQelServer::instance()) {
-        server->clear();
-    }
-    claimProcessEnd();
-    std::exit(nExitOk);
-}
-
-// The answer "not running" also claims the name for this process, so of two daemons started at the same
-// moment one gives way. If the platform cannot tell, the daemon starts all the same, and without that
-// protection.
-bool isOtherInstanceRunning() {
-    int state = OS_PROCESS_NOT_RUNNING;
-    if (const int error = osGetProcessState(sQelLockFileName, &state)) {
-        std::printf("osGetProcessState error %d\n", error);
-    }
-    return state != OS_PROCESS_NOT_RUNNING;
-}
-
-// A failure is logged and no more: the daemon then serves as usual, and `qelserver -stop` still ends it.
-void registerService() {
-    const int result = OvuServiceStartService(sOvuQelServiceName, 1, 1, cbOVUService, 3);
-    logEvent(svInfo, 31162, "OvuServiceStartService return %d", result);
-}
-
-int serve() {
-    CQelServer* server = CQelServer::instance();
-    if (server == nullptr) {
-        logEvent(svInfo, 31163, "can't get server object.");
-        return nExitFailed;
-    }
-    // Before init(), which takes in the first list.
-    CQelServer::setSupply(CFeatureSource::instance());
-    server->clear();
-    if (server->init() != 1) {
-        server->clear();
-        logEvent(svInfo, 31164, "can't init server object.");
-        return nExitFailed;
-    }
-    server->run();
-    server->clear();
-    return nExitOk;
-}
-
-// The order counts. A second daemon must end before it touches the log or the stop event of the first. The
-// debug flag must stand before the first line and the first thread. And the service manager comes before the
-// list's thread, because it blocks the signals that it waits for, and threads inherit that.
-//
-// With -debug it is left out: the signals keep their usual effect, so Ctrl-C ends the daemon in the terminal.
 int run(int argc, char** argv) {
-    if (isOtherInstanceRunning()) {
-        std::puts("Another instance of Qel server is running");
-        return nExitFailed;
-    }
-    bQelServerDebugFlag = argc > 2 && std::strcmp(argv[2], "-debug") == 0;
-    logEvent(svInfo, 31162, "run qel service.");
-    if (!bQelServerDebugFlag) {
-        registerService();
-    }
-    const int status = serve();
+    const bool isDebugging = argc > 2 && std::strcmp(argv[2], "-debug") == 0;
+    const int status = runDaemon(isDebugging, []() -> CFeatureSupply& { return CFeatureSource::instance(); });
     claimProcessEnd();
     return status;
 }
 
-// Opens the event of the running daemon and signals it; does not wait for the daemon's end, which comes with
-// the end of a turn of its loop.
-//
-// If no daemon runs, this creates the event and the signal reaches nobody. That is no error, since the caller
-// has what they wanted. The event's name stays behind, and the next daemon replaces it
-// (CQelServer::initEvent()). If the event can be neither created nor found, for example without access to the
-// runtime directory, nothing is signalled, and the status is 0 as well.
 int stop(int, char**) {
-    uint32_t event = OS_EVENT_NONE;
-    if (osCreateEvent(sServiceEventName1, 0, &event) == OS_ERROR_EXISTS) {
-        if (const int error = osOpenEvent(sServiceEventName1, &event)) {
-            std::printf("Failed to create event (%d, 0x%x)\n", error, event);
-            return error;
-        }
-    }
-    if (event == OS_EVENT_NONE) {
-        return nExitOk;
-    }
-    std::printf("Sending stop event (0x%x)\n", event);
-    osSendEvent(event);
-    return nExitOk;
+    return stopDaemon();
 }
 
 struct SMode {
@@ -146,12 +42,12 @@ constexpr SMode aModes[] = {
 int main(int argc, char** argv) {
     if (argc <= 1) {
         std::puts("Usage: qelserver -[newkey|run|check|signature|signverify] [...]");
-        return nExitFailed;
+        return 1;
     }
     for (const SMode& mode : aModes) {
         if (std::strcmp(argv[1], mode.m_szWord) == 0) {
             return mode.m_fnRun(argc, argv);
         }
     }
-    return nExitOk;
+    return 0;
 }

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <sstream>
 
 namespace {
 
@@ -29,6 +30,18 @@ int find(const std::map<std::string, uint32_t>& handles, const char* name, uint3
     }
     *handle = found->second;
     return 0;
+}
+
+constexpr uint32_t nModule = 5; // handle of the diagnostics module
+constexpr int nInvalid = 22;
+
+// Arguments as "one two three".
+template <typename... Arguments>
+std::string listed(const char* first, Arguments... arguments) {
+    std::ostringstream text;
+    text << first;
+    ((text << ' ' << arguments), ...);
+    return text.str();
 }
 
 constexpr SClock oFakeClock{fakeSeconds, fakeTimeOfDay};
@@ -108,10 +121,18 @@ std::string toHex(std::string_view bytes) {
 
 // --- Operating system ---
 
-int osCreateEvent(const char* name, uint32_t, uint32_t* handle) {
+int osGetProcessState(const char* name, int* state) {
     const CPlentyOfMemory plenty;
-    if (const int error = fake().enter("osCreateEvent", name)) {
-        return error;
+    const int error = fake().enter("osGetProcessState", name);
+    *state = error == 0 ? fake().m_nProcessState : *state;
+    return error;
+}
+
+int osCreateEvent(const char* name, uint32_t flags, uint32_t* handle) {
+    const CPlentyOfMemory plenty;
+    const int error = fake().enter("osCreateEvent", name);
+    if (error != 0 || flags != 0) {
+        return error != 0 ? error : nInvalid;
     }
     if (fake().m_oEvents.count(name) != 0) {
         return OS_ERROR_EXISTS;
@@ -132,8 +153,12 @@ int osSendEvent(uint32_t handle) {
     return fake().enter("osSendEvent", std::to_string(handle));
 }
 
-int osReceiveEvent(uint32_t, uint32_t waitMs) {
+int osReceiveEvent(uint32_t handle, uint32_t waitMs) {
     const CPlentyOfMemory plenty;
+    const auto& events = fake().m_oEvents;
+    if (std::ranges::none_of(events, [&](const auto& event) { return event.second == handle; })) {
+        std::abort(); // nothing could ever end the wait
+    }
     fake().m_vWaits.push_back(waitMs);
     return fake().m_fnReceiveEvent() ? 0 : 110;
 }
@@ -178,17 +203,31 @@ int osUnlockLwtMutex(osLwtMutex_t* mutex) {
     return 0;
 }
 
+// --- Service manager ---
+
+int OvuServiceStartService(const char* name, uint32_t first, uint32_t second, OvuServiceCallback callback,
+                           uint32_t third) {
+    const CPlentyOfMemory plenty;
+    fake().m_fnNotice = callback;
+    return fake().enter("OvuServiceStartService", listed(name, first, second, third));
+}
+
 // --- Diagnostics ---
 
-int OvuDiagRegisterModule(const char*, const char*, const char*, const char*, uint32_t* handle) {
+int OvuDiagRegisterModule(const char* name1, const char* name2, const char* name3, const char* logName,
+                          uint32_t* handle) {
     const CPlentyOfMemory plenty;
-    const int error = fake().enter("OvuDiagRegisterModule");
-    *handle = error == 0 ? 5 : 77; // what a failed call leaves there must not count
+    const bool isOurs = listed(name1, name2, name3, logName) == "Qel Qel Qel QelServerD.log";
+    const int error = isOurs ? fake().enter("OvuDiagRegisterModule") : nInvalid;
+    *handle = error == 0 ? nModule : 77; // what a failed call leaves there must not count
     return error;
 }
 
-int OvuDiagAddLogEntry(uint32_t, uint32_t, uint16_t severity, uint32_t event, const char* text) {
+int OvuDiagAddLogEntry(uint32_t handle, uint32_t kind, uint16_t severity, uint32_t event, const char* text) {
     const CPlentyOfMemory plenty;
+    if (handle != nModule || kind != 2) {
+        return nInvalid;
+    }
     if (fake().m_bKeepLog) {
         fake().m_vLog.push_back({severity, event, text});
     }
@@ -232,7 +271,7 @@ int OvuMfwDeregisterCallback(uint16_t type) {
     return error != 0 || fake().m_oCallbacks.erase(type) != 0 ? error : 2;
 }
 
-int OvuMfwSendMessage(uint32_t handle, uint16_t type, uint32_t, const sOvuMfwMessage* message,
+int OvuMfwSendMessage(uint32_t handle, uint16_t type, uint32_t userDefinedId, const sOvuMfwMessage* message,
                       uint32_t length) {
     const CPlentyOfMemory plenty;
     if (const int error = fake().enter("OvuMfwSendMessage")) {
@@ -242,14 +281,18 @@ int OvuMfwSendMessage(uint32_t handle, uint16_t type, uint32_t, const sOvuMfwMes
         return 111;
     }
     const auto* body = reinterpret_cast<const char*>(message) + OVU_MFW_DATA_OFFSET;
+    if (userDefinedId != 0 || std::count(body - OVU_MFW_DATA_OFFSET, body, '\0') != OVU_MFW_DATA_OFFSET) {
+        return nInvalid;
+    }
     if (fake().m_bKeepSent) {
         fake().m_vSent.push_back({handle, type, std::string(body, length)});
     }
     return 0;
 }
 
-int OvuMfwProcessNextMessage(uint32_t) {
+int OvuMfwProcessNextMessage(uint32_t timeoutMs) {
     const CPlentyOfMemory plenty;
+    fake().m_oReceiveWaits.insert(timeoutMs);
     fake().m_fnOnReceive();
     const int error = fake().enter("OvuMfwProcessNextMessage");
     return error != 0 ? error : OVU_MFW_NO_MESSAGE;

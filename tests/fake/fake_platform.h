@@ -1,12 +1,14 @@
 // A platform that the test scripts: it records what the daemon asks of it, hands over messages on demand,
-// keeps the log as lines, and fails any call that it is told to fail. It starts no thread and waits for
-// nothing.
+// keeps the log as lines, and fails any call that it is told to fail. Of arguments that are always the same
+// (names and numbers of the log, an event's flags, what stands in front of a message's body) it takes no
+// others. It starts no thread and waits for nothing.
 #ifndef QEL_TESTS_FAKE_PLATFORM_H
 #define QEL_TESTS_FAKE_PLATFORM_H
 
 #include "platform/diag.h"
 #include "platform/mfw.h"
 #include "platform/os.h"
+#include "platform/service.h"
 
 #include <cstdint>
 #include <functional>
@@ -67,6 +69,9 @@ public:
     std::set<uint32_t> m_oDead;                   // sends to these handles fail with 111
     std::map<std::string, uint32_t> m_oEvents;    // that exist, by name
     std::vector<uint32_t> m_vWaits;               // milliseconds that osReceiveEvent was given
+    std::set<uint32_t> m_oReceiveWaits;           // milliseconds that OvuMfwProcessNextMessage was given
+    int m_nProcessState = OS_PROCESS_NOT_RUNNING;
+    OvuServiceCallback m_fnNotice = nullptr;
     std::function<bool()> m_fnReceiveEvent = [] { return false; }; // true: the event has come
     std::function<void()> m_fnOnReceive = [] {};                   // runs at each OvuMfwProcessNextMessage
 

@@ -1,7 +1,12 @@
+#include "base/clock.h"
 #include "features/CFeatureSupply.h"
 #include "features/world.h"
 #include "messaging/endpoint/CMFWServer.h"
+#include "server/daemon.h"
+#include "server/log/log.h"
 #include "server/loop/CQelServer.h"
+
+#include <cstdlib>
 
 namespace {
 
@@ -118,13 +123,24 @@ TEST_F(CServerTest, TurnsWaitByTheMillisecondsWithinTheSecond) {
     }
 }
 
-// Something to audit and something to settle stands ready; the log tells when each was done.
-TEST_F(CServerTest, AuditThenTimeoutRunBeforeTheMessageOfEvery214thTurn) {
+// Something to audit and something to settle stands ready; the log tells when each was done. Whoever asks for
+// the time in seconds, as the passes do, takes 10 ms.
+TEST_F(CServerTest, AuditThenTimeoutRunBeforeTheMessageOfEvery214thTurnAndInItsTime) {
     CQelServer server;
     server.init();
-    component("Voice");
-    feature(1, 10, EFStatus::fsNewAdd, {"Voice"});
-    feature(2, 20, EFStatus::fsNewAdd, {"Nobody"});
+    const auto prepare = [] {
+        empty();
+        component("Voice");
+        feature(1, 10, EFStatus::fsNewAdd, {"Voice"});
+        feature(2, 20, EFStatus::fsNewAdd, {"Nobody"});
+    };
+    prepare();
+    static constexpr SClock oSlow{
+        [] { return static_cast<uint32_t>((platform().m_nMicroseconds += 10000) / 1000000); },
+        [] {
+            return timeval{0, static_cast<suseconds_t>(platform().m_nMicroseconds % 1000000)};
+        }};
+    useClock(oSlow);
     CTexts passes; // with the turn before whose message they ran
     int turn = 0;
     platform().m_fnOnReceive = [&] {
@@ -134,10 +150,77 @@ TEST_F(CServerTest, AuditThenTimeoutRunBeforeTheMessageOfEvery214thTurn) {
                 passes.push_back(std::to_string(turn) + " " + std::to_string(line.m_nEvent));
             }
         }
+        if (turn == 300) {
+            prepare();
+        }
     };
-    platform().m_fnReceiveEvent = [&] { return turn == 427; };
+    platform().m_fnReceiveEvent = [&] { return turn == 641; };
     server.run();
-    EXPECT_EQ(passes, (CTexts{"214 31107", "214 31115"}));
+    EXPECT_EQ(passes, (CTexts{"214 31107", "214 31115", "428 31107", "428 31115"}));
+    EXPECT_EQ(platform().m_vWaits[212], 35u);
+    EXPECT_LT(platform().m_vWaits[213], 35u);
+    EXPECT_EQ(platform().m_oReceiveWaits, std::set<uint32_t>{50});
+}
+
+CFeatureSupply& makeSupply() {
+    static std::unique_ptr<CSupply> supply;
+    supply = std::make_unique<CSupply>();
+    return *supply;
+}
+
+// Of the lines since the last call.
+std::string numbers() {
+    std::string all;
+    for (const SLogged& line : platform().takeLog()) {
+        all += std::to_string(line.m_nEvent) + " ";
+    }
+    return all;
+}
+
+TEST_F(CServerTest, ADaemonStartsAndEndsInOrder) {
+    const std::string start = "31162 31162 31152 ", end = "31010 31120 ",
+                      cleared = "31152 31149 31152 31152 31149 ";
+    const CTexts asked = {"osGetProcessState QelInstance"};
+    const CTexts begun = asked + CTexts{"OvuServiceStartService qelserver 1 1 3"} + vClear;
+    const CTexts opened = vOpenEndpoint + CTexts{sCreate}, ended = CTexts{"osKillEvent 1"} + vClear;
+    const CTexts served = begun + opened + ended;
+    const CTexts notOpened = {"OvuMfwInitialize", "OvuMfwDeregisterCallback 0", "OvuMfwCleanup"};
+    // What fails; the status, the lines and the calls.
+    const std::tuple<std::string, int, std::string, CTexts> cases[] = {
+        {"nothing", 0, start + end, served},
+        {"osGetProcessState", 0, start + end, served},
+        {"OvuServiceStartService", 0, start + end, served},
+        {"OvuMfwInitialize", 1, start + "31146 31001 " + cleared + "31164 ", begun + notOpened + vClear},
+        {"other instance", 1, "", asked},
+        {"debug", 0, "", asked + vClear + opened + ended}};
+    for (const auto& [function, status, lines, calls] : cases) {
+        SetUp();
+        platform().fail(function, 7);
+        platform().m_nProcessState = function == "other instance" ? 1 : 2;
+        platform().m_fnReceiveEvent = [] { return true; };
+        EXPECT_EQ(runDaemon(function == "debug", makeSupply), status) << function;
+        bQelServerDebugFlag = false;
+        EXPECT_EQ(numbers(), lines) << function;
+        EXPECT_EQ(platform().m_vCalls, calls) << function;
+    }
+}
+
+using CFreshServerTest = CHeartTest; // each in a process that has no server yet
+
+TEST_F(CFreshServerTest, NoticesEndItWell) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const auto start = [](uint32_t notice) {
+        std::atexit([] {
+            std::fputs(numbers().c_str(), stderr);
+            std::fputs(platform().m_vCalls.back().c_str(), stderr);
+        });
+        platform().m_fnReceiveEvent = [=] { return platform().m_fnNotice(notice), true; };
+        runDaemon(false, makeSupply);
+    };
+    const auto isWell = testing::ExitedWithCode(0);
+    EXPECT_EXIT(start(0), isWell, "^31162 31162 31161 OvuMfwCleanup");
+    EXPECT_EXIT(start(1), isWell, "^31162 31162 31160 OvuMfwCleanup");
+    EXPECT_EXIT(start(2), isWell, "^31162 31162 OvuMfwCleanup");
 }
 
 } // namespace
