@@ -7,6 +7,7 @@
 #include "server/loop/names.h"
 
 #include <atomic>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <unistd.h>
@@ -15,6 +16,28 @@ namespace {
 
 constexpr int nExitOk = 0;
 constexpr int nExitFailed = 1;
+
+// SIGXFSZ: the text log has met a size limit, and the line is lost. SIGPIPE: nobody reads any more what -debug
+// prints. SIGHUP: sent by the rotation of the log, which needs none, or a terminal is gone. By default each
+// of them ends the process.
+void ignoreSignals() {
+    for (const int signal : {SIGXFSZ, SIGPIPE, SIGHUP}) {
+        std::signal(signal, SIG_IGN);
+    }
+}
+
+void endAtOnce(int) {
+    ::_exit(nExitOk);
+}
+
+// For the time before a service manager takes these signals over, and for one that does not: then, too, they
+// are a usual way to end the daemon, and not a death. Nothing is cleared, but what a daemon leaves behind
+// does not disturb the next one.
+void endOnSignals() {
+    for (const int signal : {SIGTERM, SIGINT}) {
+        std::signal(signal, endAtOnce);
+    }
+}
 
 // Runs on the service manager's own thread and does not ask the main loop to finish its turn: a host that
 // goes down waits for nobody, and the daemon keeps nothing that has to be saved. What both threads touch is
@@ -70,12 +93,18 @@ int serve(CFeatureSupply& (*supply)()) {
 
 } // namespace
 
-// The order counts. A second daemon must end before it touches the log or the stop event of the first. The
-// debug flag must stand before the first line and the first thread. And the service manager comes before the
-// list's thread, because it blocks the signals that it waits for, and threads inherit that.
+// The order counts. The signals come first, since they may come at any moment. A second daemon must end
+// before it touches the log or the stop event of the first. The debug flag must stand before the first line
+// and the first thread. And the service manager comes before the list's thread, because it blocks the signals
+// that it waits for, and threads inherit that.
 //
-// With -debug it is left out: the signals keep their usual effect, so Ctrl-C ends the daemon in the terminal.
+// With -debug it is left out: SIGTERM and SIGINT keep their usual effect, so Ctrl-C ends the daemon in the
+// terminal.
 int runDaemon(bool isDebugging, CFeatureSupply& (*supply)()) {
+    ignoreSignals();
+    if (!isDebugging) {
+        endOnSignals();
+    }
     if (isOtherInstanceRunning()) {
         std::puts("Another instance of Qel server is running");
         return nExitFailed;

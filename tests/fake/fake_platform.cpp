@@ -123,6 +123,7 @@ std::string toHex(std::string_view bytes) {
 
 int osGetProcessState(const char* name, int* state) {
     const CPlentyOfMemory plenty;
+    fake().m_fnOnProcessState();
     const int error = fake().enter("osGetProcessState", name);
     *state = error == 0 ? fake().m_nProcessState : *state;
     return error;

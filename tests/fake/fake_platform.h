@@ -74,6 +74,7 @@ public:
     OvuServiceCallback m_fnNotice = nullptr;
     std::function<bool()> m_fnReceiveEvent = [] { return false; }; // true: the event has come
     std::function<void()> m_fnOnReceive = [] {};                   // runs at each OvuMfwProcessNextMessage
+    std::function<void()> m_fnOnProcessState = [] {};              // runs at each osGetProcessState
 
 private:
     struct SFailure {

@@ -85,6 +85,9 @@ protected:
         m_oDaemon.emplace([&](const CLine&) {
             alarm(4U * nPatience / 1000);
             unsetenv("QEL_PROCESS_NAME");
+            for (const int signal : {SIGHUP, SIGPIPE, SIGXFSZ}) { // whatever started the test may ignore them
+                std::signal(signal, SIG_DFL);
+            }
             const int output = open(file("output").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
             dup2(output, STDOUT_FILENO);
             dup2(output, STDERR_FILENO);

@@ -1,6 +1,8 @@
 #include "integration/daemon.h"
 
 #include <random>
+#include <sys/resource.h>
+#include <sys/stat.h>
 
 namespace {
 
@@ -47,6 +49,29 @@ TEST_F(CCommandLineTest, OnlyTheExactWordDebugs) {
     startDaemon("-Debug");
     stopDaemon();
     EXPECT_TRUE(isLike(log(), started + sStamp + "OvuServiceStartService return 0\n*"));
+}
+
+TEST_F(CCommandLineTest, AFullLogAPipeWithoutReaderOrAHangupDoNotEndIt) {
+    rlimit limit{};
+    getrlimit(RLIMIT_FSIZE, &limit);
+    const std::string full(1000, '.');
+    const rlimit tight{full.size(), limit.rlim_max};
+    put(file("log"), full);
+    for (const char* option : {static_cast<const char*>(nullptr), "-debug"}) {
+        mkfifo(file("output").c_str(), 0600);
+        CFileDescriptor reader(open(file("output").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+        setrlimit(RLIMIT_FSIZE, &tight);
+        startDaemon(option);
+        setrlimit(RLIMIT_FSIZE, &limit);
+        reader.close();
+        for (int i = 0; i < 20; ++i) {
+            EXPECT_EQ(kill(static_cast<pid_t>(m_oDaemon->handle()), SIGHUP), 0);
+            ASSERT_NE(ask(nameMessage(1, "Phone")), "none");
+        }
+        std::filesystem::remove(file("output"));
+        stopDaemon();
+    }
+    EXPECT_EQ(log(), full);
 }
 
 // Keeps the daemon at work with whatever a component can say, and reads only now and then.

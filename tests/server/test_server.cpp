@@ -6,7 +6,7 @@
 #include "server/log/log.h"
 #include "server/loop/CQelServer.h"
 
-#include <cstdlib>
+#include <csignal>
 
 namespace {
 
@@ -207,20 +207,24 @@ TEST_F(CServerTest, ADaemonStartsAndEndsInOrder) {
 
 using CFreshServerTest = CHeartTest; // each in a process that has no server yet
 
-TEST_F(CFreshServerTest, NoticesEndItWell) {
+TEST_F(CFreshServerTest, SignalsAndNoticesEndItWell) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    const auto start = [](uint32_t notice) {
+    const auto start = [](const std::vector<int>& signals, uint32_t notice) {
         std::atexit([] {
             std::fputs(numbers().c_str(), stderr);
             std::fputs(platform().m_vCalls.back().c_str(), stderr);
         });
+        platform().m_fnOnProcessState = [=] { std::ranges::for_each(signals, raise); };
         platform().m_fnReceiveEvent = [=] { return platform().m_fnNotice(notice), true; };
         runDaemon(false, makeSupply);
     };
     const auto isWell = testing::ExitedWithCode(0);
-    EXPECT_EXIT(start(0), isWell, "^31162 31162 31161 OvuMfwCleanup");
-    EXPECT_EXIT(start(1), isWell, "^31162 31162 31160 OvuMfwCleanup");
-    EXPECT_EXIT(start(2), isWell, "^31162 31162 OvuMfwCleanup");
+    for (const int early : {SIGTERM, SIGINT}) {
+        EXPECT_EXIT(start({SIGHUP, SIGPIPE, SIGXFSZ, early}, 0), isWell, "^$");
+    }
+    EXPECT_EXIT(start({}, 0), isWell, "^31162 31162 31161 OvuMfwCleanup");
+    EXPECT_EXIT(start({}, 1), isWell, "^31162 31162 31160 OvuMfwCleanup");
+    EXPECT_EXIT(start({}, 2), isWell, "^31162 31162 OvuMfwCleanup");
 }
 
 } // namespace
