@@ -1,4 +1,5 @@
-/* The service manager. Platform contract: another platform supplies this function under this name. */
+/* The service manager. Platform contract: another platform supplies OvuServiceStartService under this name,
+ * and may leave OvuServiceReport out. */
 #ifndef QEL_PLATFORM_SERVICE_H
 #define QEL_PLATFORM_SERVICE_H
 
@@ -19,6 +20,15 @@ typedef void (*OvuServiceCallback)(uint32_t event);
  * without registration no notice ever comes. */
 int OvuServiceStartService(const char* name, uint32_t first, uint32_t second, OvuServiceCallback callback,
                            uint32_t third);
+
+enum { OVU_SERVICE_STARTING = 0, OVU_SERVICE_READY = 1 };
+
+/* Tells a manager that waits for the start how that gets on. OVU_SERVICE_STARTING: the start is busy with
+ * `text`, for at most `timeMs` milliseconds from now. OVU_SERVICE_READY: the service serves, and `timeMs` is
+ * 0; a start that fails never gets there. Does not block, and reports no failure. From any thread.
+ *
+ * Not every manager wants to know, so the reference is weak: without this function the daemon tells nothing. */
+void OvuServiceReport(uint32_t state, const char* text, uint32_t timeMs) __attribute__((weak));
 
 #ifdef __cplusplus
 }

@@ -17,6 +17,10 @@ namespace {
 constexpr int nExitOk = 0;
 constexpr int nExitFailed = 1;
 
+// How long the start may take, in milliseconds: far longer than the longest list, so that no service manager
+// takes a slow start for one that hangs.
+constexpr uint32_t nStartTime = 10 * 60 * 1000;
+
 // SIGXFSZ: the text log has met a size limit, and the line is lost. SIGPIPE: nobody reads any more what -debug
 // prints. SIGHUP: sent by the rotation of the log, which needs none, or a terminal is gone. By default each
 // of them ends the process.
@@ -72,6 +76,15 @@ void registerService() {
     logEvent(svInfo, 31162, "OvuServiceStartService return %d", result);
 }
 
+// Through the weak reference of platform/service.h.
+void reportStart(uint32_t state, const char* text, uint32_t timeMs) {
+    if (!bQelServerDebugFlag && OvuServiceReport != nullptr) {
+        OvuServiceReport(state, text, timeMs);
+    }
+}
+
+// The service manager is told that the daemon is ready when the next thing is the first turn of the loop: the
+// endpoint is open by then, and a start that fails was never called ready.
 int serve(CFeatureSupply& (*supply)()) {
     CQelServer* server = CQelServer::instance();
     if (server == nullptr) {
@@ -81,11 +94,13 @@ int serve(CFeatureSupply& (*supply)()) {
     // Before init(), which takes in the first list.
     CQelServer::setSupply(supply());
     server->clear();
+    reportStart(OVU_SERVICE_STARTING, "reading the feature list", nStartTime);
     if (server->init() != 1) {
         server->clear();
         logEvent(svInfo, 31164, "can't init server object.");
         return nExitFailed;
     }
+    reportStart(OVU_SERVICE_READY, "serving", 0);
     server->run();
     server->clear();
     return nExitOk;

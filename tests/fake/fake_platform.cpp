@@ -213,6 +213,11 @@ int OvuServiceStartService(const char* name, uint32_t first, uint32_t second, Ov
     return fake().enter("OvuServiceStartService", listed(name, first, second, third));
 }
 
+void OvuServiceReport(uint32_t state, const char* text, uint32_t timeMs) {
+    const CPlentyOfMemory plenty;
+    fake().enter("OvuServiceReport", listed(text, state, timeMs));
+}
+
 // --- Diagnostics ---
 
 int OvuDiagRegisterModule(const char* name1, const char* name2, const char* name3, const char* logName,

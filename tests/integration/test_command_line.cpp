@@ -51,6 +51,34 @@ TEST_F(CCommandLineTest, OnlyTheExactWordDebugs) {
     EXPECT_TRUE(isLike(log(), started + sStamp + "OvuServiceStartService return 0\n*"));
 }
 
+TEST_F(CCommandLineTest, TheServiceManagerHearsOfTheReadingAndThenOfTheFirstTurnIfThereIsOne) {
+    std::string list;
+    for (uint32_t code = 1; code <= 3000; ++code) {
+        list += feature(code, 1, "Phone");
+    }
+    writeList(list);
+    const CFileDescriptor manager = socketAt(file("notify"), SOCK_DGRAM, bind);
+    setenv("NOTIFY_SOCKET", file("notify").c_str(), 1);
+    std::string told;
+    const auto isTold = [&] { return (told = datagram(manager)) != "none"; };
+    const std::string reading = "STATUS=reading the feature list\nEXTEND_TIMEOUT_USEC=600000000";
+    launchDaemon();
+    EXPECT_TRUE(eventually(isTold));
+    EXPECT_EQ(told, reading);
+    EXPECT_TRUE(eventually(isTold));
+    EXPECT_EQ(told, "READY=1\nSTATUS=serving");
+    EXPECT_TRUE(findDaemon());
+    EXPECT_EQ(countInLog("3000 features, handed over"), 1u);
+    stopDaemon();
+    EXPECT_FALSE(isTold()) << told;
+
+    std::filesystem::create_directory(file("event.QELEVENTSERVER1"));
+    EXPECT_EQ(attempt("-run"), "status 1\n");
+    EXPECT_EQ(datagram(manager), reading);
+    EXPECT_FALSE(isTold()) << told;
+    unsetenv("NOTIFY_SOCKET");
+}
+
 TEST_F(CCommandLineTest, AFullLogAPipeWithoutReaderOrAHangupDoNotEndIt) {
     rlimit limit{};
     getrlimit(RLIMIT_FSIZE, &limit);

@@ -125,6 +125,13 @@ inline CFileDescriptor socketAt(const std::string& path, int type, decltype(&con
     return opened;
 }
 
+// What has come to such a socket; "none" where nothing has.
+inline std::string datagram(const CFileDescriptor& socket) {
+    char text[4096];
+    const ssize_t size = recv(socket.get(), text, sizeof text, MSG_DONTWAIT);
+    return size > 0 ? std::string(text, static_cast<size_t>(size)) : "none";
+}
+
 class CPlatformTest : public ::testing::Test {
 protected:
     void SetUp() override {

@@ -103,12 +103,6 @@ TEST_F(COsTest, ALongPathOrATightUmaskKeepsNoProcessesApart) {
     EXPECT_EQ(std::filesystem::status(deep).permissions(), owner_all);
 }
 
-std::string datagram(const CFileDescriptor& socket) {
-    char text[4096];
-    const ssize_t size = recv(socket.get(), text, sizeof text, MSG_DONTWAIT);
-    return size > 0 ? std::string(text, static_cast<size_t>(size)) : "none";
-}
-
 // Ends the process, as the daemon's may: 10 + notice, or 1 where it runs on the main thread.
 void endProcess(uint32_t event) {
     exit(gettid() == getpid() ? 1 : static_cast<int>(10 + event));
@@ -116,6 +110,8 @@ void endProcess(uint32_t event) {
 
 int serve(const CLine& line) {
     const bool started = OvuServiceStartService("tested", 1, 1, endProcess, 3) == 0;
+    OvuServiceReport(OVU_SERVICE_STARTING, "busy", 5000000);
+    OvuServiceReport(OVU_SERVICE_READY, "tested runs", 0);
     std::thread busy(pause); // started later, so the signals must not end up here either
     line.tell(started ? 's' : '?');
     return pause();
@@ -133,6 +129,7 @@ TEST_F(CServiceTest, ASignalGivesNoticeAndTheManagerIsTold) {
             CChild service(serve);
             ASSERT_EQ(service.hear(), 's');
             EXPECT_EQ(service.end(signal), 10 + notice) << "signal " << signal;
+            EXPECT_EQ(datagram(manager), "STATUS=busy\nEXTEND_TIMEOUT_USEC=5000000000");
             EXPECT_EQ(datagram(manager), "READY=1\nSTATUS=tested runs");
             EXPECT_EQ(datagram(manager), "STOPPING=1");
         }

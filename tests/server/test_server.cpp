@@ -181,9 +181,10 @@ TEST_F(CServerTest, ADaemonStartsAndEndsInOrder) {
     const std::string start = "31162 31162 31152 ", end = "31010 31120 ",
                       cleared = "31152 31149 31152 31152 31149 ";
     const CTexts asked = {"osGetProcessState QelInstance"};
-    const CTexts begun = asked + CTexts{"OvuServiceStartService qelserver 1 1 3"} + vClear;
+    const CTexts begun = asked + CTexts{"OvuServiceStartService qelserver 1 1 3"} + vClear +
+                         CTexts{"OvuServiceReport reading the feature list 0 600000"};
     const CTexts opened = vOpenEndpoint + CTexts{sCreate}, ended = CTexts{"osKillEvent 1"} + vClear;
-    const CTexts served = begun + opened + ended;
+    const CTexts served = begun + opened + CTexts{"OvuServiceReport serving 1 0"} + ended;
     const CTexts notOpened = {"OvuMfwInitialize", "OvuMfwDeregisterCallback 0", "OvuMfwCleanup"};
     // What fails; the status, the lines and the calls.
     const std::tuple<std::string, int, std::string, CTexts> cases[] = {

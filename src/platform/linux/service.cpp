@@ -6,9 +6,10 @@
 #include "platform/linux/errors.h"
 #include "platform/linux/systemd.h"
 
+#include <cinttypes>
 #include <csignal>
+#include <cstdio>
 #include <mutex>
-#include <string>
 #include <thread>
 
 namespace {
@@ -47,7 +48,7 @@ void watch(OvuServiceCallback callback) {
 // the watching thread; a thread that had them unblocked would get them instead. The mask comes before the
 // thread, or a signal in between would end the process in the default way. Without the thread, nobody would
 // take the signals, so the mask is restored and the process can still be ended by them.
-int start(const char* name, OvuServiceCallback callback) {
+int start(OvuServiceCallback callback) {
     const sigset_t signals = serviceSignals();
     sigset_t before;
     if (const int error = pthread_sigmask(SIG_BLOCK, &signals, &before)) {
@@ -59,7 +60,6 @@ int start(const char* name, OvuServiceCallback callback) {
         pthread_sigmask(SIG_SETMASK, &before, nullptr);
         return EAGAIN;
     }
-    tellSystemd(std::string("READY=1\nSTATUS=") + name + " runs");
     return 0;
 }
 
@@ -79,8 +79,20 @@ int OvuServiceStartService(const char* name, uint32_t /*first*/, uint32_t /*seco
         if (started) {
             return EALREADY;
         }
-        const int error = start(name, callback);
+        const int error = start(callback);
         started = error == 0;
         return error;
     });
+}
+
+// EXTEND_TIMEOUT_USEC is a new limit, counted from now, and systemd takes the later of this and its own.
+void OvuServiceReport(uint32_t state, const char* text, uint32_t timeMs) {
+    char message[256];
+    if (state == OVU_SERVICE_READY) {
+        std::snprintf(message, sizeof message, "READY=1\nSTATUS=%s", text);
+    } else {
+        std::snprintf(message, sizeof message, "STATUS=%s\nEXTEND_TIMEOUT_USEC=%" PRIu64, text,
+                      uint64_t{timeMs} * 1000);
+    }
+    tellSystemd(message);
 }

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <spawn.h>
+#include <string_view>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -94,18 +95,21 @@ private:
     posix_spawn_file_actions_t m_oFiles;
 };
 
-// The first line, or as much of it as came in time. A pipe may deliver it in pieces.
-std::string readLine(int fd, const CDeadline& deadline) {
-    std::string text;
-    char piece[nAnswerSize];
-    while (text.size() < nAnswerSize && text.find('\n') == std::string::npos && deadline.waitReadable(fd)) {
-        const ssize_t count = read(fd, piece, sizeof piece);
+// Whether the first line is `expected`. A pipe may deliver it in pieces; what comes too late does not count.
+bool readsLine(int fd, const CDeadline& deadline, std::string_view expected) {
+    char text[nAnswerSize];
+    size_t size = 0;
+    std::string_view line;
+    while (size < sizeof text && line.size() == size && deadline.waitReadable(fd)) {
+        const ssize_t count = read(fd, text + size, sizeof text - size);
         if (count <= 0) {
             break;
         }
-        text.append(piece, static_cast<size_t>(count));
+        size += static_cast<size_t>(count);
+        line = std::string_view(text, size);
+        line = line.substr(0, line.find('\n'));
     }
-    return text.substr(0, text.find('\n'));
+    return line == expected;
 }
 
 // Ends the process, whether it has answered or hangs, and reaps it. Until it is reaped its id cannot pass to
@@ -119,14 +123,14 @@ void endProcess(pid_t process) {
 } // namespace
 
 // A failure has no consequence here: systemd itself logs that a service of Type=notify never got ready.
-void tellSystemd(const std::string& state) {
+void tellSystemd(const char* state) {
     sockaddr_un address{};
     const socklen_t length = fillAddress(std::getenv("NOTIFY_SOCKET"), address);
     if (length == 0) {
         return;
     }
     const CFileDescriptor socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    sendto(socket.get(), state.data(), state.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
+    sendto(socket.get(), state, std::strlen(state), MSG_DONTWAIT | MSG_NOSIGNAL,
            reinterpret_cast<const sockaddr*>(&address), length);
 }
 
@@ -149,8 +153,8 @@ bool saysStopping(const char* program) {
     if (process < 0) {
         return false;
     }
-    const std::string state = readLine(output.get(), deadline);
+    const bool isStopping = readsLine(output.get(), deadline, "stopping");
     // Its exit status says nothing: it is a failure for every state but "running" (systemctl(1)).
     endProcess(process);
-    return state == "stopping";
+    return isStopping;
 }

@@ -1,14 +1,12 @@
 // What the daemon tells systemd and asks it. libsystemd is not used, because it would be mapped for as long
-// as the daemon runs, for the sake of two datagrams and one question. Any thread.
+// as the daemon runs, for the sake of a few datagrams and one question. Any thread; nothing here throws.
 #ifndef QEL_PLATFORM_LINUX_SYSTEMD_H
 #define QEL_PLATFORM_LINUX_SYSTEMD_H
-
-#include <string>
 
 // Sends `state`, one "NAME=value" on a line, to the service manager that started this process, in the
 // protocol of sd_notify(3). Does not wait and reports no failure. Does nothing where no manager asked for it
 // ($NOTIFY_SOCKET).
-void tellSystemd(const std::string& state);
+void tellSystemd(const char* state);
 
 // Whether systemd runs the host and is shutting it down. Takes half a second at most; no answer counts as no.
 bool isHostGoingDown();
