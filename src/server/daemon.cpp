@@ -10,6 +10,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <new>
 #include <unistd.h>
 
 namespace {
@@ -83,6 +84,14 @@ void reportStart(uint32_t state, const char* text, uint32_t timeMs) {
     }
 }
 
+bool nameSupply(CFeatureSupply& (*supply)()) try {
+    CQelServer::setSupply(supply());
+    return true;
+} catch (const std::bad_alloc&) {
+    logEvent(svError, 31124, "failed to new obj");
+    return false;
+}
+
 // The service manager is told that the daemon is ready when the next thing is the first turn of the loop: the
 // endpoint is open by then, and a start that fails was never called ready.
 int serve(CFeatureSupply& (*supply)()) {
@@ -91,11 +100,9 @@ int serve(CFeatureSupply& (*supply)()) {
         logEvent(svInfo, 31163, "can't get server object.");
         return nExitFailed;
     }
-    // Before init(), which takes in the first list.
-    CQelServer::setSupply(supply());
     server->clear();
     reportStart(OVU_SERVICE_STARTING, "reading the feature list", nStartTime);
-    if (server->init() != 1) {
+    if (!nameSupply(supply) || server->init() != 1) {
         server->clear();
         logEvent(svInfo, 31164, "can't init server object.");
         return nExitFailed;

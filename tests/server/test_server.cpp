@@ -5,6 +5,7 @@
 #include "server/daemon.h"
 #include "server/log/log.h"
 #include "server/loop/CQelServer.h"
+#include "support/scarce_memory.h"
 
 #include <csignal>
 
@@ -207,6 +208,29 @@ TEST_F(CServerTest, ADaemonStartsAndEndsInOrder) {
 }
 
 using CFreshServerTest = CHeartTest; // each in a process that has no server yet
+
+// Each allocation of the start fails once. The last of all starts has what it needs.
+TEST_F(CFreshServerTest, WithoutMemoryAStartFailsAsAWholeAndSaysWhy) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const auto start = [](size_t nth) {
+        platform().m_fnReceiveEvent = [] { return true; };
+        const CScarceMemory scarce(nth);
+        const int status = runDaemon(false, makeSupply);
+        const CPlentyOfMemory plenty;
+        std::fprintf(stderr, "%s%zu calls", numbers().c_str(), platform().m_vCalls.size());
+        std::_Exit(status);
+    };
+    const std::pair<int, const char*> expected[] = {{1, "31124 31163 2 calls"},
+                                                    {1, "31124 31164 3 calls"},
+                                                    {0, "31124 31000 31010 31120 14 calls"},
+                                                    {1, "31124 31001 31164 3 calls"},
+                                                    {0, "31010 31120 14 calls"}};
+    size_t nth = 0;
+    for (const auto& [status, told] : expected) {
+        ++nth;
+        EXPECT_EXIT(start(nth), testing::ExitedWithCode(status), std::string("^31162 31162 ") + told);
+    }
+}
 
 TEST_F(CFreshServerTest, SignalsAndNoticesEndItWell) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
