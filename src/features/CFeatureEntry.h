@@ -23,7 +23,8 @@
 // Invariants:
 //
 // - A component has at most one record here, but that record may stand in two slots: a component that comes
-//   back under its name is taken in again while its old record still stands.
+//   back under its name is taken in again while its old record still stands. It never stands in three: one
+//   slot more each time that a component comes back would use up the memory in the end.
 // - A record that is deleted leaves no slot pointing at it.
 // - No slot is null.
 // - No record outlives its component in the control's table (CQelControl::delComponent()).

@@ -179,6 +179,7 @@ int osInitializeLwtMutex(osLwtMutex_t* mutex) {
 
 int osCleanupLwtMutex(osLwtMutex_t*) {
     const CPlentyOfMemory plenty;
+    fake().m_fnOnMutexCleanup();
     return 0;
 }
 

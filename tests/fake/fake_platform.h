@@ -75,6 +75,7 @@ public:
     std::function<bool()> m_fnReceiveEvent = [] { return false; }; // true: the event has come
     std::function<void()> m_fnOnReceive = [] {};                   // runs at each OvuMfwProcessNextMessage
     std::function<void()> m_fnOnProcessState = [] {};              // runs at each osGetProcessState
+    std::function<void()> m_fnOnMutexCleanup = [] {};              // runs at each osCleanupLwtMutex
 
 private:
     struct SFailure {

@@ -42,7 +42,7 @@ struct CServerTest : CHeartTest {
 TEST_F(CServerTest, EachWayThroughInitEndsAsItMust) {
     const CTexts opened = vOpenEndpoint + CTexts{sCreate},
                  foundStale = opened + CTexts{"osOpenEvent " + sEvent};
-    const CTexts createdAnew = foundStale + CTexts{"osKillEvent 90", sCreate};
+    const CTexts killed = {"osKillEvent 90"}, createdAnew = foundStale + killed + CTexts{sCreate};
     const CTexts notOpened = {"OvuMfwInitialize", "OvuMfwDeregisterCallback 0", "OvuMfwCleanup"};
     const CTexts noMfw = {"1 31146 MFW server init failed rc=7", "1 31001 failed to init message framework."};
     const CTexts noCallback = {"1 31151 register callback failed rc = 7",
@@ -55,14 +55,16 @@ TEST_F(CServerTest, EachWayThroughInitEndsAsItMust) {
         {"OvuMfwRegisterCallback", 2, 7, 0, noCallback, vOpenEndpoint},
         {"stale", 1, 0, 1, {}, createdAnew},
         {"osCreateEvent", 1, 32, 0, {"1 31003 failed to create event."}, foundStale + vClear},
+        {"stale twice", 1, 0, 0, {"1 31003 failed to create event."}, createdAnew + killed + vClear},
         {"osCreateEvent", 1, 13, 1, {}, opened}};
     for (const auto& [function, nth, error, result, lines, calls] : cases) {
         SetUp();
         platform().fail(function, error, nth);
         m_oSupply = {};
         m_oSupply.m_bFails = function == "supply";
-        if (function == "stale") {
+        if (function.starts_with("stale")) {
             platform().m_oEvents[sEvent] = 90;
+            platform().fail("osCreateEvent", 13, function == "stale" ? 3 : 2);
         }
         CQelServer server;
         EXPECT_EQ(server.init(), result) << function;
@@ -239,6 +241,7 @@ TEST_F(CFreshServerTest, SignalsAndNoticesEndItWell) {
             std::fputs(numbers().c_str(), stderr);
             std::fputs(platform().m_vCalls.back().c_str(), stderr);
         });
+        platform().m_fnOnMutexCleanup = [] { std::fputs(" mutex", stderr); };
         platform().m_fnOnProcessState = [=] { std::ranges::for_each(signals, raise); };
         platform().m_fnReceiveEvent = [=] { return platform().m_fnNotice(notice), true; };
         runDaemon(false, makeSupply);
@@ -247,7 +250,7 @@ TEST_F(CFreshServerTest, SignalsAndNoticesEndItWell) {
     for (const int early : {SIGTERM, SIGINT}) {
         EXPECT_EXIT(start({SIGHUP, SIGPIPE, SIGXFSZ, early}, 0), isWell, "^$");
     }
-    EXPECT_EXIT(start({}, 0), isWell, "^31162 31162 31161 OvuMfwCleanup");
+    EXPECT_EXIT(start({}, 0), isWell, "^31162 31162 31161 OvuMfwCleanup mutex$");
     EXPECT_EXIT(start({}, 1), isWell, "^31162 31162 31160 OvuMfwCleanup");
     EXPECT_EXIT(start({}, 2), isWell, "^31162 31162 OvuMfwCleanup");
 }

@@ -1,7 +1,6 @@
 #include "base/mutex/COswLightweightMutex.h"
 
-// On the heap, so that no destructor runs for it at exit.
-COswLightweightMutex& oMutex = *new COswLightweightMutex;
+COswLightweightMutex oMutex;
 
 COswLightweightMutex::COswLightweightMutex() {
     osInitializeLwtMutex(&m_nWord);

@@ -41,8 +41,8 @@ private:
 };
 
 // The daemon's one lock, held around the set-up of a component and not nested in anything. It exists before
-// main() and is never destroyed, because the service manager's thread may end the process, and run the
-// destructors of statics, while the main loop holds it.
-extern COswLightweightMutex& oMutex;
+// main() and is destroyed at exit. The service manager's thread may end the process, and so destroy it, while
+// the main loop holds it; the platform's clean-up allows that (platform/os.h).
+extern COswLightweightMutex oMutex;
 
 #endif

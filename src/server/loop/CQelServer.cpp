@@ -91,22 +91,21 @@ bool CQelServer::initEndpoint() {
 bool CQelServer::initEvent() {
     uint32_t event = OS_EVENT_NONE;
     const int error = osCreateEvent(sServiceEventName, 0, &event);
-    if (error == OS_ERROR_EXISTS) {
-        bool isCreated = osOpenEvent(sServiceEventName, &event) == 0;
-        if (isCreated) {
-            osKillEvent(event);
-            isCreated = osCreateEvent(sServiceEventName, 0, &event) == 0;
-        }
-        if (!isCreated) {
-            logEvent(svError, 31003, "failed to create event.");
-            clear();
-            return false;
-        }
-    } else if (error != 0) {
-        event = OS_EVENT_NONE;
+    if (error != OS_ERROR_EXISTS) {
+        m_nEvent = error == 0 ? event : OS_EVENT_NONE;
+        return true;
     }
-    m_nEvent = event;
-    return true;
+    if (osOpenEvent(sServiceEventName, &event) == 0) {
+        m_nEvent = event; // clear() kills it once more if it cannot be replaced
+        osKillEvent(event);
+        if (osCreateEvent(sServiceEventName, 0, &event) == 0) {
+            m_nEvent = event;
+            return true;
+        }
+    }
+    logEvent(svError, 31003, "failed to create event.");
+    clear();
+    return false;
 }
 
 // The exchange lets only one of two threads kill the event, when a stop event and the service manager's

@@ -35,7 +35,8 @@ public:
 
     // Takes in the first feature list and opens everything that the loop needs. 1, or 0 with the reason in
     // the log. A list that is missing or refused is logged but is no failure: the daemon then serves an empty
-    // table until the supplier hands over a usable list.
+    // table until the supplier hands over a usable list. The stop event is the last to be opened; one that is
+    // sent before, while the list is read, is lost.
     int init();
     // Releases the stop event and the endpoint. May be called any number of times, from any thread.
     void clear();
