@@ -64,6 +64,23 @@ TEST_F(COsTest, SignalsDoNotPileUpOrBlockAndAKillSparesTheNewerEvent) {
     EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(50));
 }
 
+// A FIFO would hold up who opens it, and a plain file in an event's place would look like a signal for ever.
+TEST_F(COsTest, AStrangersFilesAreNeitherWaitedForNorTakenForOurs) {
+    for (const char* fifo : {"name.9", "mfw.9", "process.strange"}) {
+        ASSERT_EQ(mkfifo(file(fifo).c_str(), 0666), 0);
+    }
+    put(file("event.strange"), "signal");
+    uint32_t handle = 0;
+    int state = -1;
+    EXPECT_EQ(OvuMfwGetProcessHandle("", &handle), ESRCH);
+    EXPECT_EQ(osOpenEvent("strange", &handle), EINVAL);
+    EXPECT_EQ(osGetProcessState("strange", &state), EINVAL);
+    EXPECT_EQ(state, -1);
+    openEndpoint();
+    EXPECT_NE(sendText(9, 1, "hello"), 0);
+    EXPECT_TRUE(exists("name.9")) << "it is not ours to remove";
+}
+
 TEST_F(COsTest, ThreadsEnterOneByOneAndAllWakeUp) {
     COswLightweightMutex mutex;
     long counter = 0;

@@ -71,8 +71,16 @@ int CRuntimeDirectory::open() {
     return 0;
 }
 
-CFileDescriptor CRuntimeDirectory::openFile(const std::string& name, int flags) const {
-    return CFileDescriptor(openat(fd(), name.c_str(), flags | O_CLOEXEC | O_NOFOLLOW));
+// O_NONBLOCK, because opening a FIFO waits for its other end, and a leased file for the holder of the lease.
+CFileDescriptor CRuntimeDirectory::openFile(const std::string& name, int flags, mode_t kind) const {
+    CFileDescriptor opened(
+        openat(fd(), name.c_str(), flags | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
+    struct stat status {};
+    if (opened && (fstat(opened.get(), &status) != 0 || (status.st_mode & S_IFMT) != kind)) {
+        opened.close();
+        errno = EINVAL;
+    }
+    return opened;
 }
 
 // Never uses O_CREAT on a file that exists: in a directory with the sticky bit the kernel may refuse that for
@@ -80,7 +88,7 @@ CFileDescriptor CRuntimeDirectory::openFile(const std::string& name, int flags) 
 // if somebody created the file or removed it in between. fchmod(2) undoes the umask.
 CFileDescriptor CRuntimeDirectory::openOrCreateFile(const std::string& name) const {
     for (;;) {
-        CFileDescriptor existing = openFile(name, O_RDWR);
+        CFileDescriptor existing = openFile(name, O_RDWR, S_IFREG);
         if (existing || errno != ENOENT) {
             return existing;
         }

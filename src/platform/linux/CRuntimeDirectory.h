@@ -7,6 +7,7 @@
 
 #include <string>
 #include <string_view>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <vector>
 
@@ -20,9 +21,10 @@ public:
     // parents are not. EACCES: the one in /tmp is not the user's own, or anybody may write to it.
     [[nodiscard]] int open();
 
-    // Opens an existing file with the flags of open(2), to which it adds close-on-exec and that symbolic
-    // links are refused. On failure the result is empty and errno is set.
-    [[nodiscard]] CFileDescriptor openFile(const std::string& name, int flags) const;
+    // Opens an existing file with the flags of open(2), to which it adds close-on-exec, that symbolic links
+    // are refused, and that nothing is waited for. `kind` is S_IFREG or S_IFIFO: what is no such file is not
+    // ours, whatever it is called (EINVAL). On failure the result is empty and errno is set.
+    [[nodiscard]] CFileDescriptor openFile(const std::string& name, int flags, mode_t kind) const;
 
     // Opens a regular file for reading and writing, and creates it with mode 0666 if it is missing. On
     // failure as openFile().

@@ -70,7 +70,7 @@ std::string ownProcessName() {
 int CMfwNameClaim::claim(const CRuntimeDirectory& directory, uint32_t handle) {
     const std::string file = nameFile(handle);
     for (int attempt = 0; attempt < nClaimAttempts; ++attempt) {
-        CFileDescriptor found = directory.openFile(file, O_RDWR);
+        CFileDescriptor found = directory.openFile(file, O_RDWR, S_IFREG);
         const bool stale = static_cast<bool>(found);
         CFileDescriptor opened = stale ? std::move(found) : directory.openOrCreateFile(file);
         if (!opened) {
@@ -118,8 +118,8 @@ int findProcess(const CRuntimeDirectory& directory, const std::string& name, uin
         if (!candidate) {
             continue;
         }
-        // Empty if the file was removed since the directory was read.
-        const CFileDescriptor opened = directory.openFile(file, O_RDONLY);
+        // Empty if the file was removed since the directory was read, or is no name at all.
+        const CFileDescriptor opened = directory.openFile(file, O_RDONLY, S_IFREG);
         if (!opened) {
             continue;
         }

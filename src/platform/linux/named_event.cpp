@@ -67,7 +67,7 @@ int CNamedEvent::open(const char* name) {
 }
 
 int CNamedEvent::openFifo() {
-    m_oFifo = m_oDirectory.openFile(m_sFile, O_RDWR | O_NONBLOCK);
+    m_oFifo = m_oDirectory.openFile(m_sFile, O_RDWR, S_IFIFO);
     return m_oFifo ? 0 : lastError();
 }
 
