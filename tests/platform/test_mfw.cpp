@@ -1,8 +1,10 @@
 // The message framework between processes, some of which hang, flood, or send what is no message.
 #include "base/big_endian.h"
 #include "processes.h"
+#include "support/scarce_memory.h"
 
 #include <fcntl.h>
+#include <numeric>
 #include <random>
 #include <sys/mman.h>
 
@@ -167,6 +169,62 @@ TEST_F(CMfwTest, AFloodingPeerDelaysNoOtherAndFillsNoMemory) {
     while (OvuMfwProcessNextMessage(0) == 0) {
     }
     EXPECT_LT(oReceived.size(), 1000U); // a full connection, and little beside it
+}
+
+void keepWithPlenty(uint16_t type, uint32_t userId, const sOvuMfwMessage* message, uint32_t length) {
+    const CPlentyOfMemory plenty;
+    keep(type, userId, message, length);
+}
+
+// Does it with the n-th allocation failing, and once more where that failed.
+bool hasFailedOnce(size_t nth, const std::function<int()>& call) {
+    int error = 0;
+    {
+        const CScarceMemory scarce(nth);
+        error = call();
+    }
+    EXPECT_TRUE(error == 0 || (CScarceMemory::hasFailed() && error == ENOMEM)) << error;
+    EXPECT_EQ(error == 0 ? 0 : call(), 0);
+    return CScarceMemory::hasFailed();
+}
+
+TEST_F(CMfwTest, AfterAnyFailedAllocationNothingIsLostAndTheNextCallGoesOn) {
+    const std::string bodies[] = {"small", std::string(2000, '2'), std::string(70000, '7')};
+    const auto sendAll = [&](uint32_t handle) {
+        return std::accumulate(std::begin(bodies), std::end(bodies), 0,
+                               [&](int sum, auto& body) { return sum + sendText(handle, 1, body); });
+    };
+    const std::string record = std::string(OVU_MFW_DATA_OFFSET, '\0') + "hello";
+    bool hasFailed = true;
+    for (size_t nth = 1; hasFailed; ++nth) {
+        SCOPED_TRACE("allocation " + std::to_string(nth));
+        CChild caller = startPeer("caller", [&](const CLine& line) {
+            line.hear();
+            line.tell(sendAll(m_nOwn) == 0 ? 's' : '?');
+            return echo(line);
+        });
+        CChild answerer = startPeer("answerer", echo);
+        uint32_t found = 0;
+        uint32_t event = 0;
+        hasFailed = hasFailedOnce(nth, OvuMfwInitialize);
+        OvuMfwRegisterCallback(0, keepWithPlenty);
+        hasFailed |= hasFailedOnce(nth, [&] { return OvuMfwGetProcessHandle("answerer", &found); });
+        hasFailed |= hasFailedOnce(nth, [&] { return osCreateEvent("some", 0, &event); });
+        hasFailed |= hasFailedOnce(nth, [&] {
+            return OvuMfwSendMessage(found, 1, 0, reinterpret_cast<const sOvuMfwMessage*>(record.data()), 5);
+        });
+        EXPECT_EQ(receiveText(), "hello");
+        caller.tell('g');
+        ASSERT_EQ(caller.hear(), 's');
+        for (const std::string& body : bodies) {
+            hasFailed |= hasFailedOnce(nth, [] { return OvuMfwProcessNextMessage(nPatience); });
+            EXPECT_TRUE(oReceived.back().text() == body) << body.size();
+        }
+        EXPECT_EQ(sendText(caller.handle(), 1, "still there"), 0);
+        EXPECT_EQ(receiveText(), "still there");
+        EXPECT_EQ(osKillEvent(event), 0);
+        OvuMfwCleanup();
+    }
 }
 
 // As a process that does not use the framework would.

@@ -29,7 +29,7 @@ int CMfwEndpoint::open(const std::string& processName) {
     }
     const std::lock_guard<std::mutex> guard(m_oMutex);
     m_nNextId = nFirstConnectionId;
-    const int error = openDescriptors(processName);
+    const int error = guarded([&] { return openDescriptors(processName); });
     if (error != 0) {
         m_oName.withdraw(m_oDirectory);
     }
@@ -69,7 +69,6 @@ void CMfwEndpoint::close() {
     m_bOpen = false;
     m_oName.withdraw(m_oDirectory);
     m_oListener.close();
-    m_oSendingTo.clear();
     m_oConnections.clear();
     wake();
 }
@@ -111,7 +110,7 @@ int CMfwEndpoint::sendToSelf(uint16_t type, uint32_t userId, const uint8_t* body
     if (!m_oInbox.hasRoom(m_nHandle)) {
         return EAGAIN;
     }
-    m_oInbox.add(std::move(message));
+    m_oInbox.add(message);
     wake();
     return 0;
 }
@@ -134,11 +133,12 @@ int CMfwEndpoint::sendToPeer(uint32_t handle, const CMfwOutgoingFrame& frame) {
     return error;
 }
 
+// Messages to a process all go by its first connection, for as long as that lives: this keeps them in order
+// where the two have connected to each other at the same moment, and there are two.
 int CMfwEndpoint::connectionTo(uint32_t handle, CMfwConnection*& connection) {
-    if (const auto known = m_oSendingTo.find(handle); known != m_oSendingTo.end()) {
-        CMfwConnection& present = m_oConnections.at(known->second);
-        if (present.isSendable()) {
-            connection = &present;
+    for (auto& [id, known] : m_oConnections) {
+        if (known.peer() == handle && known.isSendable()) {
+            connection = &known;
             return 0;
         }
     }
@@ -146,35 +146,16 @@ int CMfwEndpoint::connectionTo(uint32_t handle, CMfwConnection*& connection) {
     if (const int error = fresh.connect(m_oDirectory, handle)) {
         return error;
     }
-    m_oSendingTo.erase(handle);
-    uint64_t id = 0;
-    const int error = add(std::move(fresh), id);
-    if (error == 0) {
-        connection = &m_oConnections.at(id);
-    }
-    return error;
-}
-
-int CMfwEndpoint::add(CMfwConnection connection, uint64_t& id) {
-    id = m_nNextId++;
-    if (const int error = watch(connection.fd(), id)) {
+    const uint64_t id = m_nNextId++;
+    if (const int error = watch(fresh.fd(), id)) {
         return error;
     }
-    m_oSendingTo.try_emplace(connection.peer(), id);
-    m_oConnections.emplace(id, std::move(connection));
+    connection = &m_oConnections.emplace(id, std::move(fresh)).first->second;
     return 0;
 }
 
-void CMfwEndpoint::forget(CConnections::iterator place) {
-    const auto sending = m_oSendingTo.find(place->second.peer());
-    if (sending != m_oSendingTo.end() && sending->second == place->first) {
-        m_oSendingTo.erase(sending);
-    }
-    m_oConnections.erase(place);
-}
-
 // Waits only while there is nothing to deliver, but looks each time: what has come is taken in as it comes.
-int CMfwEndpoint::receive(const CDeadline& deadline, SMfwMessage& message) {
+int CMfwEndpoint::receive(const CDeadline& deadline, SMfwMessage& message, CMfwRecord& record) {
     bool mayWait = prepareToReceive();
     for (;;) {
         epoll_event ready[nMaxReady];
@@ -186,11 +167,18 @@ int CMfwEndpoint::receive(const CDeadline& deadline, SMfwMessage& message) {
         if (!m_bOpen) {
             return OVU_MFW_NO_MESSAGE;
         }
-        for (int i = 0; i < count; ++i) {
-            takeIn(ready[i].data.u64);
-        }
-        if (m_oInbox.take(message)) {
+        const int error = guarded([&] {
+            takeInHeld();
+            for (int i = 0; i < count; ++i) {
+                takeIn(ready[i].data.u64);
+            }
             return 0;
+        });
+        if (!m_oInbox.isEmpty()) {
+            return takeOut(message, record);
+        }
+        if (error != 0) {
+            return error;
         }
         mayWait = true;
     }
@@ -202,7 +190,27 @@ bool CMfwEndpoint::prepareToReceive() {
     if (m_bOpen) {
         setListening(true);
     }
-    return m_oInbox.isEmpty();
+    return m_oInbox.isEmpty() && !m_oHeld;
+}
+
+int CMfwEndpoint::takeOut(SMfwMessage& message, CMfwRecord& record) {
+    SMfwMessage& next = m_oInbox.next();
+    const int error = guarded([&] {
+        record.makeRoom(next.m_nLength);
+        return 0;
+    });
+    if (error != 0 && !std::exchange(next.m_bTried, true)) {
+        return error;
+    }
+    message = m_oInbox.take();
+    return error;
+}
+
+void CMfwEndpoint::takeInHeld() {
+    if (m_oHeld) {
+        m_oInbox.add(*m_oHeld);
+        m_oHeld.reset();
+    }
 }
 
 // Takes in what a descriptor is ready with. A connection whose queue in the inbox is full is passed over; it
@@ -226,8 +234,7 @@ void CMfwEndpoint::takeIn(uint64_t id) {
 // receive: it stays ready, and would keep this one from sleeping.
 void CMfwEndpoint::letIn() {
     for (int i = 0; i < nMaxLetIn; ++i) {
-        CMfwConnection connection;
-        const int error = connection.accept(m_oListener.get());
+        const int error = letInNext();
         if (error == EAGAIN) {
             return;
         }
@@ -235,17 +242,28 @@ void CMfwEndpoint::letIn() {
             setListening(false);
             return;
         }
-        uint64_t id = 0;
-        if (error == 0 && mayJoin(connection) && add(std::move(connection), id) == 0) {
-            read(id);
-        }
     }
 }
 
+// The place comes first: with a connection accepted and then lost for want of memory, what its peer has sent
+// would be lost too.
+int CMfwEndpoint::letInNext() {
+    const uint64_t id = m_nNextId++;
+    const auto place = m_oConnections.emplace(id, CMfwConnection()).first;
+    const int error = place->second.accept(m_oListener.get());
+    if (error != 0 || !mayJoin(place->second) || watch(place->second.fd(), id) != 0) {
+        m_oConnections.erase(place);
+        return error;
+    }
+    read(id);
+    return 0;
+}
+
+// It has its place already, so it counts itself.
 bool CMfwEndpoint::mayJoin(const CMfwConnection& connection) const {
     const auto ofSamePeer = [&](const auto& other) { return other.second.peer() == connection.peer(); };
-    return m_oConnections.size() < nMaxConnections &&
-           std::count_if(m_oConnections.begin(), m_oConnections.end(), ofSamePeer) < nMaxConnectionsOfPeer;
+    return m_oConnections.size() <= nMaxConnections &&
+           std::count_if(m_oConnections.begin(), m_oConnections.end(), ofSamePeer) <= nMaxConnectionsOfPeer;
 }
 
 void CMfwEndpoint::setListening(bool listening) {
@@ -263,7 +281,7 @@ void CMfwEndpoint::setListening(bool listening) {
 void CMfwEndpoint::read(uint64_t id) {
     const auto place = m_oConnections.find(id);
     if (place != m_oConnections.end() && !readSome(place->second)) {
-        forget(place);
+        m_oConnections.erase(place);
     }
 }
 
@@ -274,7 +292,8 @@ bool CMfwEndpoint::readSome(const CMfwConnection& connection) {
         switch (m_oReader.receive(connection.fd(), message)) {
         case EMfwReceived::Message:
             message.m_nSender = connection.peer();
-            m_oInbox.add(std::move(message));
+            m_oHeld = std::move(message);
+            takeInHeld();
             break;
         case EMfwReceived::Dropped:
             break;

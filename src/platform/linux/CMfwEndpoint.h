@@ -12,8 +12,9 @@
 #include "platform/linux/CMfwInbox.h"
 #include "platform/linux/mfw_names.h"
 
+#include <map>
 #include <mutex>
-#include <unordered_map>
+#include <optional>
 
 class CMfwEndpoint {
 public:
@@ -32,12 +33,14 @@ public:
     [[nodiscard]] int send(uint32_t handle, uint16_t type, uint32_t userId, const uint8_t* body,
                            uint32_t length);
 
-    // Waits for a message. 0: it is in `message`. OVU_MFW_NO_MESSAGE: the time is up, or the endpoint was
-    // closed.
-    [[nodiscard]] int receive(const CDeadline& deadline, SMfwMessage& message);
+    // Waits for a message. 0: it is in `message`, and `record` has room for it. OVU_MFW_NO_MESSAGE: the time
+    // is up, or the endpoint was closed. ENOMEM: memory is exhausted. What has arrived stays for the next
+    // call, and only a message for whose record there is no memory twice is lost, so that it cannot stand in
+    // the way for ever.
+    [[nodiscard]] int receive(const CDeadline& deadline, SMfwMessage& message, CMfwRecord& record);
 
 private:
-    using CConnections = std::unordered_map<uint64_t, CMfwConnection>; // by their ids
+    using CConnections = std::map<uint64_t, CMfwConnection>; // by their ids, which count up
 
     [[nodiscard]] int openDescriptors(const std::string& processName);
     [[nodiscard]] int watch(int fd, uint64_t id) const;
@@ -48,14 +51,15 @@ private:
     [[nodiscard]] int connectionTo(uint32_t handle, CMfwConnection*& connection);
 
     [[nodiscard]] bool prepareToReceive();
+    [[nodiscard]] int takeOut(SMfwMessage& message, CMfwRecord& record);
+    void takeInHeld();
     void takeIn(uint64_t id);
     void letIn();
     [[nodiscard]] bool mayJoin(const CMfwConnection& connection) const;
     void setListening(bool listening);
     void read(uint64_t id);
+    [[nodiscard]] int letInNext();
     [[nodiscard]] bool readSome(const CMfwConnection& connection);
-    [[nodiscard]] int add(CMfwConnection connection, uint64_t& id);
-    void forget(CConnections::iterator place);
 
     const uint32_t m_nHandle;
 
@@ -71,11 +75,9 @@ private:
     bool m_bListening = false;
     CConnections m_oConnections;
     uint64_t m_nNextId;
-    // The connection that messages to a process go by, one for as long as it lives: this keeps them in order
-    // where the two have connected to each other at the same moment, and there are two.
-    std::unordered_map<uint32_t, uint64_t> m_oSendingTo;
     CMfwInbox m_oInbox;
     CMfwFrameReader m_oReader;
+    std::optional<SMfwMessage> m_oHeld; // has arrived, and found no memory in the inbox
 };
 
 #endif

@@ -24,34 +24,39 @@ bool CMfwInbox::hasRoom(uint32_t sender) const {
     return queue.m_oMessages.size() < nMaxMessages && queue.m_nBytes < nMaxBytes && m_nBytes < nMaxAllBytes;
 }
 
-void CMfwInbox::add(SMfwMessage message) {
-    const auto [place, isFirst] = m_oQueues.try_emplace(message.m_nSender);
-    if (isFirst) {
-        m_oTurns.push_back(message.m_nSender);
+// What needs memory comes first and on the side; from the table's new row on, nothing fails.
+void CMfwInbox::add(SMfwMessage& message) {
+    std::list<SMfwMessage> added(1);
+    std::list<uint32_t> turn;
+    if (m_oQueues.count(message.m_nSender) == 0) {
+        turn.push_back(message.m_nSender);
     }
-    place->second.m_nBytes += message.m_nLength;
+    SQueue& queue = m_oQueues[message.m_nSender];
+    queue.m_nBytes += message.m_nLength;
     m_nBytes += message.m_nLength;
-    place->second.m_oMessages.push_back(std::move(message));
+    added.front() = std::move(message);
+    queue.m_oMessages.splice(queue.m_oMessages.end(), added);
+    m_oTurns.splice(m_oTurns.end(), turn);
+}
+
+SMfwMessage& CMfwInbox::next() {
+    return m_oQueues.find(m_oTurns.front())->second.m_oMessages.front();
 }
 
 // A sender whose queue is not empty goes to the end of the line. An empty queue is erased, so the table stays
 // as small as the number of senders that wait, and the next message of this sender is a first one again.
-bool CMfwInbox::take(SMfwMessage& message) {
-    if (m_oTurns.empty()) {
-        return false;
-    }
-    const uint32_t sender = m_oTurns.front();
-    m_oTurns.pop_front();
-    const auto place = m_oQueues.find(sender);
+SMfwMessage CMfwInbox::take() noexcept {
+    const auto place = m_oQueues.find(m_oTurns.front());
     SQueue& queue = place->second;
-    message = std::move(queue.m_oMessages.front());
+    SMfwMessage message = std::move(queue.m_oMessages.front());
     queue.m_oMessages.pop_front();
     queue.m_nBytes -= message.m_nLength;
     m_nBytes -= message.m_nLength;
     if (queue.m_oMessages.empty()) {
         m_oQueues.erase(place);
+        m_oTurns.pop_front();
     } else {
-        m_oTurns.push_back(sender);
+        m_oTurns.splice(m_oTurns.end(), m_oTurns, m_oTurns.begin());
     }
-    return true;
+    return message;
 }

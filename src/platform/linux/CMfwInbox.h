@@ -8,7 +8,6 @@
 
 #include "platform/linux/mfw_frame.h"
 
-#include <deque>
 #include <list>
 #include <unordered_map>
 
@@ -24,12 +23,16 @@ public:
 
     bool isEmpty() const { return m_oTurns.empty(); }
 
-    // The caller has asked hasRoom() first; this does not check again.
-    void add(SMfwMessage message);
+    // The caller has asked hasRoom() first; this does not check again. Where it throws std::bad_alloc, the
+    // message is still the caller's, and nothing has changed.
+    void add(SMfwMessage& message);
 
-    // Takes out the next message: senders take turns, each one's messages in the order they were added.
-    // False: none.
-    [[nodiscard]] bool take(SMfwMessage& message);
+    // The message that is taken out next: senders take turns, each one's messages in the order they were
+    // added. There must be one.
+    SMfwMessage& next();
+
+    // Takes it out. There must be one.
+    SMfwMessage take() noexcept;
 
 private:
     struct SQueue {
@@ -39,7 +42,7 @@ private:
 
     uint32_t m_nOwn;
     std::unordered_map<uint32_t, SQueue> m_oQueues; // by sender; none is empty
-    std::deque<uint32_t> m_oTurns;                  // each sender that has a queue, once
+    std::list<uint32_t> m_oTurns;                   // each sender that has a queue, once
     size_t m_nBytes = 0;
 };
 

@@ -4,10 +4,15 @@
 #include "platform/linux/CMfwEndpoint.h"
 #include "platform/linux/errors.h"
 
+#include <algorithm>
 #include <memory>
 #include <sys/resource.h>
+#include <unordered_map>
 
 namespace {
+
+// Where memory is exhausted, a loop around the receiving must not spin; but it is soon to try again.
+constexpr uint32_t nPauseMs = 10;
 
 // Never destroyed, since another thread may end the process while this one waits for a message or delivers
 // it.
@@ -83,9 +88,9 @@ int receiveRecord(uint32_t timeoutMs, SMfwMessage& message, CMfwRecord& record) 
         deadline.sleep();
         return ENOTCONN;
     }
-    int error = endpoint->receive(deadline, message);
+    int error = endpoint->receive(deadline, message, record);
     while (error == 0 && message.makeRecord(record) != 0) {
-        error = endpoint->receive(deadline, message);
+        error = endpoint->receive(deadline, message, record);
     }
     return error;
 }
@@ -171,6 +176,9 @@ int OvuMfwProcessNextMessage(uint32_t timeoutMs) {
     SMfwMessage message;
     CMfwRecord record;
     if (const int error = guarded([&] { return receiveRecord(timeoutMs, message, record); })) {
+        if (error == ENOMEM) {
+            CDeadline(std::min(timeoutMs, nPauseMs)).sleep();
+        }
         return error;
     }
     if (const OvuMfwCallback callback = callbackFor(message.m_nType)) {

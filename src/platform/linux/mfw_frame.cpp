@@ -65,19 +65,21 @@ bool isSealed(int fd, size_t size) {
 
 // Every descriptor gets an owner before anything else is looked at, so none stays open, whatever the frame
 // turns out to be. CMSG_DATA need not be aligned for an int (cmsg(3)), hence memcpy.
-std::vector<CFileDescriptor> takeFiles(msghdr& packet) {
-    std::vector<CFileDescriptor> files;
+SMfwFiles takeFiles(msghdr& packet) {
+    SMfwFiles files;
     for (cmsghdr* part = CMSG_FIRSTHDR(&packet); part != nullptr; part = CMSG_NXTHDR(&packet, part)) {
         if (part->cmsg_level != SOL_SOCKET || part->cmsg_type != SCM_RIGHTS) {
             continue;
         }
         // cmsg_len counts the header as well (cmsg(3)).
         const size_t count = (part->cmsg_len - CMSG_LEN(0)) / sizeof(int);
-        files.reserve(files.size() + count);
         for (size_t i = 0; i < count; ++i) {
             int fd = -1;
             std::memcpy(&fd, CMSG_DATA(part) + i * sizeof fd, sizeof fd);
-            files.emplace_back(fd);
+            CFileDescriptor file(fd);
+            if (files.m_nCount++ == 0) {
+                files.m_oFirst = std::move(file);
+            }
         }
     }
     return files;
@@ -86,7 +88,7 @@ std::vector<CFileDescriptor> takeFiles(msghdr& packet) {
 } // namespace
 
 int SMfwMessage::makeRecord(CMfwRecord& record) const {
-    uint8_t* start = record.makeRoom(m_nLength);
+    uint8_t* start = record.data();
     uint8_t* body = start + OVU_MFW_DATA_OFFSET;
     const CBigEndian32 sender = m_nSender;
     std::memset(start, 0, OVU_MFW_DATA_OFFSET);
@@ -155,6 +157,9 @@ int CMfwOutgoingFrame::send(int socket) const {
 }
 
 EMfwReceived CMfwFrameReader::receive(int socket, SMfwMessage& message) {
+    if (m_oPacket.empty()) {
+        m_oPacket.resize(sizeof(SMfwFrameHeader) + MFW_MAX_INLINE_BODY);
+    }
     iovec part{m_oPacket.data(), m_oPacket.size()};
     UControl control;
     msghdr packet{};
@@ -171,10 +176,10 @@ EMfwReceived CMfwFrameReader::receive(int socket, SMfwMessage& message) {
     if (size < 0) {
         return errno == EAGAIN ? EMfwReceived::Nothing : EMfwReceived::Closed;
     }
-    std::vector<CFileDescriptor> files = takeFiles(packet);
+    SMfwFiles files = takeFiles(packet);
     // There was a descriptor, but RLIMIT_NOFILE left no room for it (unix(7)). The peer has done nothing
     // wrong, so only the message is lost and not the connection.
-    if ((packet.msg_flags & MSG_CTRUNC) != 0 && files.empty()) {
+    if ((packet.msg_flags & MSG_CTRUNC) != 0 && files.m_nCount == 0) {
         return EMfwReceived::Dropped;
     }
     // An empty packet would look the same, but no frame is empty.
@@ -190,8 +195,7 @@ EMfwReceived CMfwFrameReader::receive(int socket, SMfwMessage& message) {
 
 // Exactly what the header says, nothing missing and nothing extra: of a frame that differs in any way,
 // nothing is used.
-EMfwReceived CMfwFrameReader::decode(size_t size, std::vector<CFileDescriptor> files,
-                                     SMfwMessage& message) const {
+EMfwReceived CMfwFrameReader::decode(size_t size, SMfwFiles files, SMfwMessage& message) {
     SMfwFrameHeader header;
     if (size < sizeof header) {
         return EMfwReceived::Garbage;
@@ -206,15 +210,29 @@ EMfwReceived CMfwFrameReader::decode(size_t size, std::vector<CFileDescriptor> f
     message.m_nType = static_cast<uint16_t>(header.m_nType);
     message.m_nUserId = header.m_nUserId;
     message.m_nLength = header.m_nLength;
-    if (header.m_nPlace == SMfwFrameHeader::BODY_INLINE && files.empty() && inlineSize == header.m_nLength) {
-        const uint8_t* body = m_oPacket.data() + sizeof header;
-        message.m_oBody.assign(body, body + inlineSize);
+    if (header.m_nPlace == SMfwFrameHeader::BODY_INLINE && files.m_nCount == 0 &&
+        inlineSize == header.m_nLength) {
+        takeBody(inlineSize, message.m_oBody);
         return EMfwReceived::Message;
     }
-    if (header.m_nPlace == SMfwFrameHeader::BODY_IN_FILE && files.size() == 1 && inlineSize == 0 &&
-        isSealed(files[0].get(), header.m_nLength)) {
-        message.m_oFile = std::move(files[0]);
+    if (header.m_nPlace == SMfwFrameHeader::BODY_IN_FILE && files.m_nCount == 1 && inlineSize == 0 &&
+        isSealed(files.m_oFirst.get(), header.m_nLength)) {
+        message.m_oFile = std::move(files.m_oFirst);
         return EMfwReceived::Message;
     }
     return EMfwReceived::Garbage;
+}
+
+// A packet cannot be put back, so where there is no memory for a copy of the body, the buffer goes along.
+void CMfwFrameReader::takeBody(size_t size, std::vector<uint8_t>& body) noexcept {
+    const auto start = m_oPacket.begin() + sizeof(SMfwFrameHeader);
+    const auto end = start + static_cast<ptrdiff_t>(size);
+    try {
+        body.assign(start, end);
+    } catch (const std::bad_alloc&) {
+        m_oPacket.erase(end, m_oPacket.end());
+        m_oPacket.erase(m_oPacket.begin(), m_oPacket.begin() + sizeof(SMfwFrameHeader));
+        body = std::move(m_oPacket);
+        m_oPacket.clear();
+    }
 }

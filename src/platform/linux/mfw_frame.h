@@ -14,6 +14,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 enum { MFW_MAX_INLINE_BODY = 64 * 1024, nMfwMaxBody = 64 * 1024 * 1024 };
@@ -33,14 +34,13 @@ static_assert(sizeof(SMfwFrameHeader) == 20);
 class CMfwRecord {
 public:
     // Room for a body of that many bytes, with anything in it. Throws std::bad_alloc where memory is exhausted.
-    uint8_t* makeRoom(size_t bodySize) {
-        if (bodySize > OVU_MFW_MIN_DATA) {
-            m_oLarge.resize(OVU_MFW_DATA_OFFSET + bodySize);
-            m_pStart = m_oLarge.data();
+    void makeRoom(size_t bodySize) {
+        if (bodySize > m_nRoom) {
+            m_pLarge.reset(new uint8_t[OVU_MFW_DATA_OFFSET + bodySize]);
+            m_nRoom = bodySize;
         }
-        return m_pStart;
     }
-    const uint8_t* data() const { return m_pStart; }
+    uint8_t* data() { return m_pLarge != nullptr ? m_pLarge.get() : m_aUsual; }
 
     CMfwRecord() = default;
     CMfwRecord(const CMfwRecord&) = delete;
@@ -48,8 +48,8 @@ public:
 
 private:
     uint8_t m_aUsual[sizeof(sOvuMfwMessage)];
-    std::vector<uint8_t> m_oLarge;
-    uint8_t* m_pStart = m_aUsual;
+    std::unique_ptr<uint8_t[]> m_pLarge;
+    size_t m_nRoom = OVU_MFW_MIN_DATA;
 };
 
 // A message between arrival and delivery. Its body is in m_oBody, or in the file if that is open. Owns both.
@@ -60,10 +60,11 @@ struct SMfwMessage {
     uint32_t m_nLength = 0;
     std::vector<uint8_t> m_oBody;
     CFileDescriptor m_oFile;
+    bool m_bTried = false; // there was no memory for its record once
 
     // Writes the record as a callback reads it (mfw.h): 24 bytes of the framework, the body, and zeros up to
-    // the least size. Memory files are read only now, so that a backlog of them takes no memory of this
-    // process. 0 or an error number; the message is then lost. May throw std::bad_alloc.
+    // the least size. There must be room for it. Memory files are read only now, so that a backlog of them
+    // takes no memory of this process. 0 or an error number; the message is then lost.
     [[nodiscard]] int makeRecord(CMfwRecord& record) const;
 };
 
@@ -94,20 +95,26 @@ enum class EMfwReceived {
     Garbage  // not a frame: the connection is of no use any more
 };
 
+// The descriptors of a packet: the first, and how many there were. The others are closed.
+struct SMfwFiles {
+    CFileDescriptor m_oFirst;
+    size_t m_nCount = 0;
+};
+
 // Reads frames into the one buffer that it holds, of the size of the largest packet. Used by one thread
 // at a time.
 class CMfwFrameReader {
 public:
-    CMfwFrameReader() : m_oPacket(sizeof(SMfwFrameHeader) + MFW_MAX_INLINE_BODY) {}
-
     // Takes the next frame from a non-blocking socket. If the result is Message, all of `message` but
-    // m_nSender is set; otherwise it is of no use.
+    // m_nSender is set; otherwise it is of no use. Where it throws std::bad_alloc, the frame is still in the
+    // socket.
     [[nodiscard]] EMfwReceived receive(int socket, SMfwMessage& message);
 
 private:
-    EMfwReceived decode(size_t size, std::vector<CFileDescriptor> files, SMfwMessage& message) const;
+    EMfwReceived decode(size_t size, SMfwFiles files, SMfwMessage& message);
+    void takeBody(size_t size, std::vector<uint8_t>& body) noexcept;
 
-    std::vector<uint8_t> m_oPacket;
+    std::vector<uint8_t> m_oPacket; // empty: the buffer went along with a body, and is made anew
 };
 
 #endif

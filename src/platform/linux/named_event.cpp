@@ -177,11 +177,16 @@ int addEvent(const char* name, uint32_t* handle, int (CNamedEvent::*begin)(const
     if (!isFileNamePart(name) || handle == nullptr) {
         return EINVAL;
     }
+    // Its place in the table comes first: an event that is created, but found no memory there, would keep its
+    // name taken.
     return guarded([&] {
-        auto event = std::make_shared<CNamedEvent>();
-        const int error = (event.get()->*begin)(name);
+        const auto event = std::make_shared<CNamedEvent>();
+        const uint32_t added = events().add(event);
+        const int error = guarded([&] { return (event.get()->*begin)(name); });
         if (error == 0) {
-            *handle = events().add(std::move(event));
+            *handle = added;
+        } else {
+            events().remove(added);
         }
         return error;
     });
