@@ -171,6 +171,34 @@ TEST_F(CMfwTest, AFloodingPeerDelaysNoOtherAndFillsNoMemory) {
     EXPECT_LT(oReceived.size(), 1000U); // a full connection, and little beside it
 }
 
+// As OAM may ask for its list again and again; the bodies lie in memory files, in no queue of the kernel's.
+TEST_F(CMfwTest, WhatAHungPeerLeavesUnreadIsBoundedAndAReaderGetsAnySize) {
+    CChild hung = startPeer("hung", [](const CLine& line) {
+        line.hear();
+        while (receiveText().size() != 3) {
+        }
+        return echo(line);
+    });
+    CChild reader = startPeer("reader", echo);
+    openEndpoint();
+    const std::string large(1024 * 1024, 'l');
+    int sent = 0;
+    while (sent < 100 && sendText(hung.handle(), 1, large) == 0) {
+        ++sent;
+    }
+    EXPECT_TRUE(sent >= 2 && sent <= 8) << sent;
+    EXPECT_EQ(sendText(hung.handle(), 1, large), EAGAIN);
+    const std::string huge(20 * 1024 * 1024, 'h');
+    EXPECT_EQ(sendText(reader.handle(), 1, huge), 0) << "it has read all, and others do not matter";
+    EXPECT_TRUE(receiveText() == huge);
+    EXPECT_EQ(sendText(hung.handle(), 1, "end"), 0);
+    hung.tell('g');
+    while (sendText(hung.handle(), 1, huge) == EAGAIN) {
+        usleep(1000);
+    }
+    EXPECT_TRUE(receiveText() == huge) << "it has caught up";
+}
+
 void keepWithPlenty(uint16_t type, uint32_t userId, const sOvuMfwMessage* message, uint32_t length) {
     const CPlentyOfMemory plenty;
     keep(type, userId, message, length);

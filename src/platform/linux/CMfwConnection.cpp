@@ -3,6 +3,8 @@
 #include "platform/linux/errors.h"
 #include "platform/linux/mfw_names.h"
 
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 namespace {
@@ -16,6 +18,16 @@ constexpr unsigned int nSocketMode = 0777;
 // a few of the largest that travel inside a packet. Small enough that 300 hung peers do not eat up a small
 // appliance. The kernel doubles the number for its own overhead (socket(7)).
 constexpr int nSendBuffer = 256 * 1024;
+
+// The same for bodies in memory files, which the kernel does not charge to the connection: two lists of
+// 100,000 features. One body always fits, whatever its size, where nothing lies unread.
+constexpr size_t nMaxUnreadFiles = size_t{4} * 1024 * 1024;
+
+// Whether the peer has taken in all that was sent. Where the kernel cannot tell, it counts as read.
+bool isAllRead(int socket) {
+    int unread = 0;
+    return ioctl(socket, SIOCOUTQ, &unread) != 0 || unread == 0;
+}
 
 const sockaddr* generic(const sockaddr_un& address) {
     return reinterpret_cast<const sockaddr*>(&address);
@@ -69,10 +81,22 @@ int CMfwConnection::identifyPeer() {
     return setsockopt(fd(), SOL_SOCKET, SO_SNDBUF, &nSendBuffer, sizeof nSendBuffer) == 0 ? 0 : lastError();
 }
 
+// How much of what was sent is still unread, the kernel does not tell, only whether anything is. So a peer that
+// has reached the limit must catch up before it gets another large body.
+//
 // After a failure for good, the endpoint opens another connection to the peer, which may have come back.
 int CMfwConnection::send(const CMfwOutgoingFrame& frame) {
+    const size_t size = frame.fileSize();
+    if (size != 0 && m_nUnreadFiles + size > nMaxUnreadFiles && m_nUnreadFiles != 0) {
+        if (!isAllRead(fd())) {
+            return EAGAIN;
+        }
+        m_nUnreadFiles = 0;
+    }
     const int error = frame.send(fd());
-    if (isGone(error)) {
+    if (error == 0) {
+        m_nUnreadFiles += size;
+    } else if (isGone(error)) {
         m_bSendable = false;
     }
     return error;

@@ -22,7 +22,7 @@ public:
     // Accepts the next connection that waits at `listener`. EAGAIN: there is none.
     [[nodiscard]] int accept(int listener);
 
-    // EAGAIN: the peer does not read, and the connection is full. An error for which isGone() is true
+    // EAGAIN: the peer does not read, and the connection is full, or its large bodies are too many. An error for which isGone() is true
     // ends the sending on this connection, but not the receiving: what the peer sent before it went can
     // still be read.
     [[nodiscard]] int send(const CMfwOutgoingFrame& frame);
@@ -37,6 +37,7 @@ private:
     CFileDescriptor m_oSocket;
     uint32_t m_nPeer = 0;
     bool m_bSendable = true;
+    size_t m_nUnreadFiles = 0; // bytes sent in memory files since all was last seen to be read
 };
 
 // Whether a send failed because the other end of the connection is closed.

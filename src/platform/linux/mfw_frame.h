@@ -80,6 +80,9 @@ public:
     // or not at all.
     [[nodiscard]] int send(int socket) const;
 
+    // Bytes of the body, if it travels in a memory file; else 0.
+    size_t fileSize() const { return m_oFile ? m_nLength : 0; }
+
 private:
     SMfwFrameHeader m_oHeader;
     const uint8_t* m_pBody = nullptr;
