@@ -20,6 +20,7 @@ namespace {
 int aTold[2] = {-1, -1}; // a byte from each component when it has something to reply, another when it is done
 int aGo[2] = {-1, -1};   // closed by the parent: reply
 
+uint32_t nOwn = nNoHandle;
 uint32_t nDaemon = nNoHandle;
 bool bGoing = false;
 int nAnswers = 0; // of the daemon, to this component
@@ -42,7 +43,7 @@ template <typename Message>
 void sendToDaemon(Message message, uint32_t type, uint32_t subType, size_t length) {
     message.m_oHeader.m_nType = type;
     message.m_oHeader.m_nSubType = subType;
-    message.m_oHeader.m_nHandle = static_cast<uint32_t>(getpid());
+    message.m_oHeader.m_nHandle = nOwn;
     message.m_oHeader.m_nLength = static_cast<uint32_t>(length);
     sOvuMfwMessage record = {};
     std::memcpy(record.data, &message, length);
@@ -88,7 +89,7 @@ int runComponent(int number, int features) {
     close(aGo[1]);
     const std::string name = "Pace" + std::to_string(number);
     if (OvuMfwInitialize() != 0 || OvuMfwRegisterCallback(0, cbMessage) != 0 ||
-        OvuMfwGetProcessHandle("qelserver", &nDaemon) != 0) {
+        OvuMfwGetProcessHandle(nullptr, &nOwn) != 0 || OvuMfwGetProcessHandle("qelserver", &nDaemon) != 0) {
         return 1;
     }
     sendRequest(CompNameMsgType, name);

@@ -14,7 +14,8 @@
 extern "C" {
 #endif
 
-/* Handle of a process on the framework: 32 bits, unique while the process lives, never all ones. */
+/* Handle of a process on the framework: 32 bits, unique while the process lives, never all ones. A later
+ * process does not get it again, so a message for a process that has died reaches nobody. */
 #define OVU_MFW_NO_HANDLE UINT32_C(0xFFFFFFFF)
 
 #define OVU_MFW_NO_MESSAGE 0x200001 /* OvuMfwProcessNextMessage: nothing came within the time */
@@ -26,7 +27,8 @@ enum {
 /* A message as the framework hands it over: 24 bytes of its own, then the body. */
 typedef struct sOvuMfwMessage {
     uint8_t framework[20]; /* the framework's; zero in what is sent */
-    uint8_t sender[4];     /* sender's handle, big-endian, filled in by the framework; zero in what is sent */
+    uint8_t sender[4];     /* sender's handle, big-endian, filled in by the framework, all ones where the
+                              sender was gone before its first message was read; zero in what is sent */
     uint8_t data[OVU_MFW_MIN_DATA]; /* the body; may go on past the end of this array, for the length given
                                        beside it */
 } sOvuMfwMessage;
@@ -47,7 +49,8 @@ int OvuMfwInitialize(void);
 int OvuMfwCleanup(void);
 
 /* Handle of the process called `processName`, or of this process for NULL. The caller needs no endpoint for
- * that. An error if no living process of that name has an endpoint. Does not block. */
+ * that; its own handle stays the same from one endpoint to the next, unless another process has taken it in
+ * between. An error if no living process of that name has an endpoint. Does not block. */
 int OvuMfwGetProcessHandle(const char* processName, uint32_t* handle);
 
 /* Messages of `type` go to `callback`; the callback of type 0 also gets those whose type has none. A second

@@ -34,10 +34,9 @@ inline std::string words(const std::vector<CBigEndian32>& values) {
     return {reinterpret_cast<const char*>(values.data()), 4 * values.size()};
 }
 
-// Bodies as components send them. Answers go to the calling process: its id is the handle here.
+// Bodies as components send them. Answers go to the calling process, whose handle is its process id in them too.
 enum : uint32_t { nGetFeature = 2, nStartMonitor = 3, nWriteReply = 5, nShutdown = 6 };
 
-inline const auto ownHandle = [] { return static_cast<uint32_t>(getpid()); };
 inline std::string nameMessage(uint32_t tag, std::string name, uint32_t pairCount = 0) {
     name.resize(20);
     return words({0, 0, 0, 0, tag, ownHandle(), ownHandle()}) + name + words({pairCount});

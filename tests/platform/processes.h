@@ -47,10 +47,17 @@ public:
         close(ends[1]);
         m_oSocket = CFileDescriptor(ends[0]);
     }
-    CChild(CChild&& other) noexcept : CLine(std::move(other)), m_nPid(std::exchange(other.m_nPid, -1)) {}
+    CChild(CChild&& other) noexcept
+        : CLine(std::move(other)), m_nPid(std::exchange(other.m_nPid, -1)), m_nHandle(other.m_nHandle) {}
     ~CChild() { end(SIGKILL); }
 
-    uint32_t handle() const { return static_cast<uint32_t>(m_nPid); }
+    pid_t process() const { return m_nPid; }
+    uint32_t handle() const { return m_nHandle; }
+    void hearHandle() {
+        for (int i = 0; i < 4; ++i) {
+            m_nHandle = m_nHandle << 8 | static_cast<uint8_t>(hear());
+        }
+    }
     int end(int signal = 0) { // sends the signal, if any; exit status, or 128 + what it died of
         int status = 0;
         if (m_nPid > 0) {
@@ -62,6 +69,7 @@ public:
 
 private:
     pid_t m_nPid = -1;
+    uint32_t m_nHandle = 0;
 };
 
 struct SReceived {
@@ -98,15 +106,25 @@ inline int sendText(uint32_t handle, uint16_t type, const std::string& text, uin
                              static_cast<uint32_t>(text.size()));
 }
 
+inline uint32_t ownHandle() {
+    uint32_t handle = 0;
+    EXPECT_EQ(OvuMfwGetProcessHandle(nullptr, &handle), 0);
+    return handle;
+}
+
 // A child with an endpoint called `name`, heard to be open, that then runs `body`.
 inline CChild startPeer(const std::string& name, const std::function<int(const CLine&)>& body) {
     CChild child([&](const CLine& line) {
         setenv("QEL_PROCESS_NAME", name.c_str(), 1);
         OvuMfwRegisterCallback(0, keep);
         line.tell(OvuMfwInitialize() == 0 ? 'o' : '?');
+        for (const int shift : {24, 16, 8, 0}) {
+            line.tell(static_cast<char>(ownHandle() >> shift));
+        }
         return body(line);
     });
     EXPECT_EQ(child.hear(), 'o');
+    child.hearHandle();
     return child;
 }
 
@@ -148,7 +166,7 @@ protected:
     std::string file(const std::string& name) const { return m_oDirectory.file(name); }
     bool exists(const std::string& name) const { return std::filesystem::exists(file(name)); }
 
-    const uint32_t m_nOwn = static_cast<uint32_t>(getpid());
+    const uint32_t m_nOwn = ownHandle();
     const CTestDirectory m_oDirectory;
 };
 

@@ -35,16 +35,35 @@ TEST_F(CMfwTest, LookupFindsTheLowestThatLives) {
     EXPECT_EQ(find("twin"), OVU_MFW_NO_HANDLE);
 }
 
-// A process that died had our process id, and what it left stands in our place.
-TEST_F(CMfwTest, LeftoversUnderOurProcessIdHinderNothingAndNoneStayOfOurs) {
+// It stands where our first file would: we take another handle.
+TEST_F(CMfwTest, WhatTheDeadLeftHindersNothingAndNoneStaysOfOurs) {
     put(file("name." + std::to_string(m_nOwn)), "formerly-somebody");
     put(file("mfw." + std::to_string(m_nOwn)), "not even a socket");
     openEndpoint();
     EXPECT_EQ(find("formerly-somebody"), OVU_MFW_NO_HANDLE);
-    EXPECT_EQ(find("tested"), m_nOwn);
+    EXPECT_EQ(find("tested"), ownHandle());
+    EXPECT_NE(ownHandle(), m_nOwn);
     EXPECT_EQ(OvuMfwInitialize(), 0); // harmless
     EXPECT_EQ(OvuMfwCleanup(), 0);
+    EXPECT_TRUE(std::filesystem::remove(file("handles")));
     EXPECT_TRUE(std::filesystem::is_empty(m_oDirectory.path()));
+}
+
+TEST_F(CMfwTest, AMessageForTheDeadDoesNotReachANewProcessOfTheirId) {
+    CChild first = startPeer("first", hang);
+    const pid_t process = first.process();
+    EXPECT_EQ(first.end(SIGKILL), 128 + SIGKILL);
+    for (int i = 0; i < 100; ++i) {
+        put("/proc/sys/kernel/ns_last_pid", std::to_string(process - 1));
+        const CChild next = startPeer("next", hang);
+        if (next.process() == process) {
+            openEndpoint();
+            EXPECT_EQ(find("next"), next.handle());
+            EXPECT_NE(sendText(first.handle(), 1, "for the dead"), 0);
+            return;
+        }
+    }
+    GTEST_SKIP() << "process ids cannot be chosen here";
 }
 
 int echo(const CLine& line) { // answers every message with the same one
@@ -280,6 +299,35 @@ int memoryFile(int size, int seals = SEALED) {
     EXPECT_EQ(ftruncate(fd, size), 0);
     EXPECT_EQ(fcntl(fd, F_ADD_SEALS, seals), 0);
     return fd;
+}
+
+TEST_F(CMfwTest, NobodySpeaksUnderTheHandleOfAnother) {
+    const CChild victim = startPeer("victim", hang);
+    CChild liar([&](const CLine& line) {
+        line.hear();
+        const CFileDescriptor handles(open(file("handles").c_str(), O_RDWR | O_CLOEXEC));
+        struct flock claim {};
+        claim.l_type = F_WRLCK;
+        claim.l_start = (off_t{getpid()} << 32) + victim.handle();
+        claim.l_len = 1;
+        const int error = fcntl(handles.get(), F_SETLK, &claim);
+        const CFileDescriptor raw = socketAt(file("mfw." + std::to_string(m_nOwn)), SOCK_SEQPACKET, connect);
+        line.tell(error == 0 && sendRaw(raw, header(3, 0) + "lie") ? 's' : '?');
+        return hang(line);
+    });
+    CChild brief = startPeer("brief", [&](const CLine& line) {
+        line.hear();
+        return sendText(m_nOwn, 1, "last words");
+    });
+    openEndpoint();
+    liar.tell('g');
+    ASSERT_EQ(liar.hear(), 's');
+    EXPECT_EQ(receiveText(), "lie");
+    EXPECT_EQ(oReceived.back().m_nSender, OVU_MFW_NO_HANDLE);
+    brief.tell('g');
+    EXPECT_EQ(brief.end(), 0);
+    EXPECT_EQ(receiveText(), "last words");
+    EXPECT_EQ(oReceived.back().m_nSender, OVU_MFW_NO_HANDLE) << "it is gone, so nobody vouches for it";
 }
 
 long openDescriptors() {

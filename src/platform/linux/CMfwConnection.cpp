@@ -4,6 +4,7 @@
 #include "platform/linux/mfw_names.h"
 
 #include <linux/sockios.h>
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
@@ -40,7 +41,7 @@ bool isGone(int error) {
     return error == ECONNRESET || error == ECONNREFUSED || error == ENOTCONN;
 }
 
-int CMfwConnection::connect(const CRuntimeDirectory& directory, uint32_t peer) {
+int CMfwConnection::connect(const CRuntimeDirectory& directory, const CMfwHandles& handles, uint32_t peer) {
     m_oSocket = CFileDescriptor(socket(AF_UNIX, nSocketType, 0));
     if (!m_oSocket) {
         return lastError();
@@ -53,22 +54,23 @@ int CMfwConnection::connect(const CRuntimeDirectory& directory, uint32_t peer) {
     }
     // The socket's file proves nothing: another process may have made it. Only the kernel's word on who
     // listens there does.
-    if (const int error = identifyPeer()) {
+    if (const int error = prepare()) {
         return error;
     }
+    m_nPeer = handles.handleOf(m_nProcess);
     return m_nPeer == peer ? 0 : ESRCH;
 }
 
 int CMfwConnection::accept(int listener) {
     m_oSocket = CFileDescriptor(accept4(listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
-    return m_oSocket ? identifyPeer() : lastError();
+    return m_oSocket ? prepare() : lastError();
 }
 
 // SO_PEERCRED tells who the peer was when it called connect(2) or listen(2), so a peer cannot change it
-// afterwards. The id is 0 for a process outside our pid namespace, and then there is no handle to know it by.
+// afterwards. The id is 0 for a process outside our pid namespace, and then there is nothing to know it by.
 //
 // The limit of unread messages is set here too, since both ways of making a connection come through here.
-int CMfwConnection::identifyPeer() {
+int CMfwConnection::prepare() {
     ucred credentials{};
     socklen_t size = sizeof credentials;
     if (getsockopt(fd(), SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0) {
@@ -77,8 +79,18 @@ int CMfwConnection::identifyPeer() {
     if (credentials.pid <= 0) {
         return EPROTO;
     }
-    m_nPeer = static_cast<uint32_t>(credentials.pid);
+    m_nProcess = credentials.pid;
     return setsockopt(fd(), SOL_SOCKET, SO_SNDBUF, &nSendBuffer, sizeof nSendBuffer) == 0 ? 0 : lastError();
+}
+
+// A peer that has hung up may have died, and its process id may mean another process by now. So its handle
+// counts only if the peer is still there after the answer.
+void CMfwConnection::identify(const CMfwHandles& handles) {
+    const uint32_t found = handles.handleOf(m_nProcess);
+    pollfd entry{fd(), 0, 0};
+    if (poll(&entry, 1, 0) == 0) {
+        m_nPeer = found;
+    }
 }
 
 // How much of what was sent is still unread, the kernel does not tell, only whether anything is. So a peer that

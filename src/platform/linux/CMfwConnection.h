@@ -10,6 +10,7 @@
 #ifndef QEL_PLATFORM_LINUX_CMFWCONNECTION_H
 #define QEL_PLATFORM_LINUX_CMFWCONNECTION_H
 
+#include "platform/linux/CMfwHandles.h"
 #include "platform/linux/CRuntimeDirectory.h"
 #include "platform/linux/mfw_frame.h"
 
@@ -17,10 +18,13 @@ class CMfwConnection {
 public:
     // Connects to the endpoint of the process `peer`. ECONNREFUSED, ENOENT, ESRCH: it has none. EAGAIN: its
     // queue of connections that wait to be accepted is full.
-    [[nodiscard]] int connect(const CRuntimeDirectory& directory, uint32_t peer);
+    [[nodiscard]] int connect(const CRuntimeDirectory& directory, const CMfwHandles& handles, uint32_t peer);
 
     // Accepts the next connection that waits at `listener`. EAGAIN: there is none.
     [[nodiscard]] int accept(int listener);
+
+    // Asks for the peer's handle.
+    void identify(const CMfwHandles& handles);
 
     // EAGAIN: the peer does not read, and the connection is full, or its large bodies are too many. An error for which isGone() is true
     // ends the sending on this connection, but not the receiving: what the peer sent before it went can
@@ -28,14 +32,17 @@ public:
     [[nodiscard]] int send(const CMfwOutgoingFrame& frame);
 
     int fd() const { return m_oSocket.get(); }
-    uint32_t peer() const { return m_nPeer; } // its handle, vouched for by the kernel
+    pid_t process() const { return m_nProcess; } // vouched for by the kernel, and so is the handle:
+    // OVU_MFW_NO_HANDLE until the peer is identified. It stays that where the peer was gone before.
+    uint32_t peer() const { return m_nPeer; }
     bool isSendable() const { return m_bSendable; }
 
 private:
-    [[nodiscard]] int identifyPeer();
+    [[nodiscard]] int prepare();
 
     CFileDescriptor m_oSocket;
-    uint32_t m_nPeer = 0;
+    pid_t m_nProcess = 0;
+    uint32_t m_nPeer = OVU_MFW_NO_HANDLE;
     bool m_bSendable = true;
     size_t m_nUnreadFiles = 0; // bytes sent in memory files since all was last seen to be read
 };

@@ -31,7 +31,7 @@ int CMfwEndpoint::open(const std::string& processName) {
     m_nNextId = nFirstConnectionId;
     const int error = guarded([&] { return openDescriptors(processName); });
     if (error != 0) {
-        m_oName.withdraw(m_oDirectory);
+        leave();
     }
     m_bOpen = error == 0;
     return error;
@@ -47,7 +47,10 @@ int CMfwEndpoint::openDescriptors(const std::string& processName) {
     if (!m_oEpoll || !m_oWakeup) {
         return lastError();
     }
-    int error = m_oName.claim(m_oDirectory, m_nHandle);
+    int error = m_oHandles.take(m_oDirectory, m_nHandle);
+    if (error == 0) {
+        error = m_oName.claim(m_oDirectory, m_nHandle);
+    }
     if (error == 0) {
         error = openMfwListener(m_oDirectory, m_nHandle, m_oListener);
     }
@@ -67,10 +70,16 @@ void CMfwEndpoint::close() {
         return;
     }
     m_bOpen = false;
-    m_oName.withdraw(m_oDirectory);
-    m_oListener.close();
+    leave();
     m_oConnections.clear();
     wake();
+}
+
+// The handle goes last: what stands under it in the directory is its owner's to remove.
+void CMfwEndpoint::leave() {
+    m_oName.withdraw(m_oDirectory);
+    m_oListener.close();
+    m_oHandles.giveBack();
 }
 
 int CMfwEndpoint::watch(int fd, uint64_t id) const {
@@ -101,13 +110,14 @@ int CMfwEndpoint::sendToSelf(uint16_t type, uint32_t userId, const uint8_t* body
     message.m_nType = type;
     message.m_nUserId = userId;
     message.m_nSender = m_nHandle;
+    message.m_nProcess = getpid();
     message.m_nLength = length;
     message.m_oBody.assign(body, body + length);
     const std::lock_guard<std::mutex> guard(m_oMutex);
     if (!m_bOpen) {
         return ENOTCONN;
     }
-    if (!m_oInbox.hasRoom(m_nHandle)) {
+    if (!m_oInbox.hasRoom(getpid())) {
         return EAGAIN;
     }
     m_oInbox.add(message);
@@ -143,7 +153,7 @@ int CMfwEndpoint::connectionTo(uint32_t handle, CMfwConnection*& connection) {
         }
     }
     CMfwConnection fresh;
-    if (const int error = fresh.connect(m_oDirectory, handle)) {
+    if (const int error = fresh.connect(m_oDirectory, m_oHandles, handle)) {
         return error;
     }
     const uint64_t id = m_nNextId++;
@@ -261,7 +271,7 @@ int CMfwEndpoint::letInNext() {
 
 // It has its place already, so it counts itself.
 bool CMfwEndpoint::mayJoin(const CMfwConnection& connection) const {
-    const auto ofSamePeer = [&](const auto& other) { return other.second.peer() == connection.peer(); };
+    const auto ofSamePeer = [&](const auto& other) { return other.second.process() == connection.process(); };
     return m_oConnections.size() <= nMaxConnections &&
            std::count_if(m_oConnections.begin(), m_oConnections.end(), ofSamePeer) <= nMaxConnectionsOfPeer;
 }
@@ -286,12 +296,16 @@ void CMfwEndpoint::read(uint64_t id) {
 }
 
 // False: nothing more will come of this connection.
-bool CMfwEndpoint::readSome(const CMfwConnection& connection) {
-    for (int i = 0; i < nMaxRead && m_oInbox.hasRoom(connection.peer()); ++i) {
+bool CMfwEndpoint::readSome(CMfwConnection& connection) {
+    if (connection.peer() == OVU_MFW_NO_HANDLE) {
+        connection.identify(m_oHandles);
+    }
+    for (int i = 0; i < nMaxRead && m_oInbox.hasRoom(connection.process()); ++i) {
         SMfwMessage message;
         switch (m_oReader.receive(connection.fd(), message)) {
         case EMfwReceived::Message:
             message.m_nSender = connection.peer();
+            message.m_nProcess = connection.process();
             m_oHeld = std::move(message);
             takeInHeld();
             break;

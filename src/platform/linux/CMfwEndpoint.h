@@ -18,12 +18,13 @@
 
 class CMfwEndpoint {
 public:
-    explicit CMfwEndpoint(uint32_t handle) : m_nHandle(handle), m_oInbox(handle) {}
+    explicit CMfwEndpoint(uint32_t handle) : m_nHandle(handle), m_oInbox(getpid()) {}
     ~CMfwEndpoint() { close(); }
     CMfwEndpoint(const CMfwEndpoint&) = delete;
     CMfwEndpoint& operator=(const CMfwEndpoint&) = delete;
 
-    // Called once, before the endpoint is shared. On failure nothing is left behind.
+    // Called once, before the endpoint is shared. On failure nothing is left behind. EADDRINUSE: another
+    // process has the handle.
     [[nodiscard]] int open(const std::string& processName);
 
     // Closes the connections and takes the name back. Wakes who waits in receive().
@@ -43,6 +44,7 @@ private:
     using CConnections = std::map<uint64_t, CMfwConnection>; // by their ids, which count up
 
     [[nodiscard]] int openDescriptors(const std::string& processName);
+    void leave();
     [[nodiscard]] int watch(int fd, uint64_t id) const;
     void wake() const;
 
@@ -59,7 +61,7 @@ private:
     void setListening(bool listening);
     void read(uint64_t id);
     [[nodiscard]] int letInNext();
-    [[nodiscard]] bool readSome(const CMfwConnection& connection);
+    [[nodiscard]] bool readSome(CMfwConnection& connection);
 
     const uint32_t m_nHandle;
 
@@ -70,6 +72,7 @@ private:
 
     std::mutex m_oMutex; // of all below
     bool m_bOpen = false;
+    CMfwHandles m_oHandles;
     CMfwNameClaim m_oName;
     CFileDescriptor m_oListener;
     bool m_bListening = false;

@@ -12,7 +12,7 @@ constexpr size_t nMaxAllBytes = size_t{32} * 1024 * 1024;
 } // namespace
 
 // Bodies in memory files count in full, although this process reads them only at their delivery.
-bool CMfwInbox::hasRoom(uint32_t sender) const {
+bool CMfwInbox::hasRoom(pid_t sender) const {
     const auto found = m_oQueues.find(sender);
     if (found == m_oQueues.end()) {
         return true;
@@ -27,11 +27,11 @@ bool CMfwInbox::hasRoom(uint32_t sender) const {
 // What needs memory comes first and on the side; from the table's new row on, nothing fails.
 void CMfwInbox::add(SMfwMessage& message) {
     std::list<SMfwMessage> added(1);
-    std::list<uint32_t> turn;
-    if (m_oQueues.count(message.m_nSender) == 0) {
-        turn.push_back(message.m_nSender);
+    std::list<pid_t> turn;
+    if (m_oQueues.count(message.m_nProcess) == 0) {
+        turn.push_back(message.m_nProcess);
     }
-    SQueue& queue = m_oQueues[message.m_nSender];
+    SQueue& queue = m_oQueues[message.m_nProcess];
     queue.m_nBytes += message.m_nLength;
     m_nBytes += message.m_nLength;
     added.front() = std::move(message);

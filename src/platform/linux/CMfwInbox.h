@@ -1,4 +1,4 @@
-// Messages that have arrived and wait for their delivery, in memory, by sender.
+// Messages that have arrived and wait for their delivery, in memory, by the sender's process.
 //
 // Bounded for each sender: what has no room here stays in the sender's connection, until that is full as well
 // and the sender's next send fails. So a flood is noticed by whoever causes it, and by nobody else. Not
@@ -13,13 +13,13 @@
 
 class CMfwInbox {
 public:
-    // `own` is this process's handle. Messages to oneself have more room, since they have no connection in
+    // `own` is this process's id. Messages to oneself have more room, since they have no connection in
     // which they could wait, and they hold up nobody else.
-    explicit CMfwInbox(uint32_t own) : m_nOwn(own) {}
+    explicit CMfwInbox(pid_t own) : m_nOwn(own) {}
 
     // Whether one more message of this sender may be added. The first of a sender always may, whatever its
     // size: otherwise a message above the limits could never be delivered.
-    [[nodiscard]] bool hasRoom(uint32_t sender) const;
+    [[nodiscard]] bool hasRoom(pid_t sender) const;
 
     bool isEmpty() const { return m_oTurns.empty(); }
 
@@ -40,9 +40,9 @@ private:
         size_t m_nBytes = 0;
     };
 
-    uint32_t m_nOwn;
-    std::unordered_map<uint32_t, SQueue> m_oQueues; // by sender; none is empty
-    std::list<uint32_t> m_oTurns;                   // each sender that has a queue, once
+    pid_t m_nOwn;
+    std::unordered_map<pid_t, SQueue> m_oQueues; // by sender; none is empty
+    std::list<pid_t> m_oTurns;                   // each sender that has a queue, once
     size_t m_nBytes = 0;
 };
 

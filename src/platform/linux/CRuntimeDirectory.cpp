@@ -92,15 +92,21 @@ CFileDescriptor CRuntimeDirectory::openOrCreateFile(const std::string& name) con
         if (existing || errno != ENOENT) {
             return existing;
         }
-        const int flags = O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC;
-        CFileDescriptor created(openat(fd(), name.c_str(), flags, nFileMode));
-        if (created && fchmod(created.get(), nFileMode) != 0) {
-            return {};
-        }
+        CFileDescriptor created = createFile(name);
         if (created || errno != EEXIST) {
             return created;
         }
     }
+}
+
+// fchmod(2) undoes the umask.
+CFileDescriptor CRuntimeDirectory::createFile(const std::string& name) const {
+    const int flags = O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC;
+    CFileDescriptor created(openat(fd(), name.c_str(), flags, nFileMode));
+    if (created && fchmod(created.get(), nFileMode) != 0) {
+        return {};
+    }
+    return created;
 }
 
 int CRuntimeDirectory::setMode(const std::string& name, unsigned int mode) const {
@@ -139,7 +145,7 @@ std::vector<std::string> CRuntimeDirectory::list(std::string_view prefix) const 
     return names;
 }
 
-// Sockets have short names ("mfw." and a process id), so the address always fits. The NUL at the end is the
+// Sockets have short names ("mfw." and a handle), so the address always fits. The NUL at the end is the
 // initialisation's.
 sockaddr_un CRuntimeDirectory::socketAddress(const std::string& name) const {
     sockaddr_un address{};

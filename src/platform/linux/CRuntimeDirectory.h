@@ -30,6 +30,9 @@ public:
     // failure as openFile().
     [[nodiscard]] CFileDescriptor openOrCreateFile(const std::string& name) const;
 
+    // Creates a regular file likewise. EEXIST: the name is taken.
+    [[nodiscard]] CFileDescriptor createFile(const std::string& name) const;
+
     // Sets a file's mode, by name: a socket or a FIFO need not be opened for it. The umask does not matter.
     // `name` must not be a symbolic link, since it would be followed.
     [[nodiscard]] int setMode(const std::string& name, unsigned int mode) const;

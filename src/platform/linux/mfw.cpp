@@ -14,11 +14,15 @@ namespace {
 // Where memory is exhausted, a loop around the receiving must not spin; but it is soon to try again.
 constexpr uint32_t nPauseMs = 10;
 
+constexpr int nMaxDraws = 8; // of a handle; even a second one is hardly ever needed
+
 // Never destroyed, since another thread may end the process while this one waits for a message or delivers
 // it.
 struct SFramework {
     std::mutex m_oMutex; // not held while the endpoint sends or receives, nor while a callback runs
     std::shared_ptr<CMfwEndpoint> m_pEndpoint;
+    uint32_t m_nHandle = OVU_MFW_NO_HANDLE; // drawn when it is first wanted
+    pid_t m_nHandleOf = 0;                  // the process that has drawn it; a child of it draws anew
     std::unordered_map<uint16_t, OvuMfwCallback> m_oCallbacks;
 };
 
@@ -46,10 +50,15 @@ OvuMfwCallback callbackFor(uint16_t type) {
     return found == callbacks.end() ? nullptr : found->second;
 }
 
-// A process id is unique while the process lives, as the contract asks, and needs no one to hand it out. The
-// price is that all processes must be in one pid namespace.
+// With the framework's mutex held. The process keeps its handle, also from one endpoint to the next: others
+// may remember it.
 uint32_t ownHandle() {
-    return static_cast<uint32_t>(getpid());
+    SFramework& own = framework();
+    if (own.m_nHandleOf != getpid()) {
+        own.m_nHandle = drawMfwHandle();
+        own.m_nHandleOf = getpid();
+    }
+    return own.m_nHandle;
 }
 
 // Each peer costs a descriptor, and the usual soft limit is 1024. So the process uses what the administrator
@@ -70,12 +79,17 @@ int openEndpoint() {
         return 0;
     }
     raiseDescriptorLimit();
-    auto endpoint = std::make_shared<CMfwEndpoint>(ownHandle());
-    const int error = endpoint->open(ownProcessName());
-    if (error == 0) {
-        framework().m_pEndpoint = std::move(endpoint);
+    for (int attempt = 0;; ++attempt) {
+        auto endpoint = std::make_shared<CMfwEndpoint>(ownHandle());
+        const int error = endpoint->open(ownProcessName());
+        if (error == 0) {
+            framework().m_pEndpoint = std::move(endpoint);
+        }
+        if (error != EADDRINUSE || attempt == nMaxDraws) {
+            return error;
+        }
+        framework().m_nHandleOf = 0; // taken by chance, so another is drawn
     }
-    return error;
 }
 
 // Takes the next message and makes its record. A large message whose memory file cannot be read is skipped:
@@ -121,8 +135,11 @@ int OvuMfwGetProcessHandle(const char* processName, uint32_t* handle) {
         return EINVAL;
     }
     if (processName == nullptr) {
-        *handle = ownHandle();
-        return 0;
+        return guarded([&] {
+            const std::lock_guard<std::mutex> guard(framework().m_oMutex);
+            *handle = ownHandle();
+            return 0;
+        });
     }
     return guarded([&] {
         CRuntimeDirectory directory;

@@ -15,6 +15,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <sys/types.h>
 #include <vector>
 
 enum { MFW_MAX_INLINE_BODY = 64 * 1024, nMfwMaxBody = 64 * 1024 * 1024 };
@@ -57,6 +58,7 @@ struct SMfwMessage {
     uint16_t m_nType = 0;
     uint32_t m_nUserId = 0;
     uint32_t m_nSender = 0; // handle; from the connection, never from the frame
+    pid_t m_nProcess = 0;   // the sender's, likewise
     uint32_t m_nLength = 0;
     std::vector<uint8_t> m_oBody;
     CFileDescriptor m_oFile;
@@ -109,7 +111,7 @@ struct SMfwFiles {
 class CMfwFrameReader {
 public:
     // Takes the next frame from a non-blocking socket. If the result is Message, all of `message` but
-    // m_nSender is set; otherwise it is of no use. Where it throws std::bad_alloc, the frame is still in the
+    // the sender is set; otherwise it is of no use. Where it throws std::bad_alloc, the frame is still in the
     // socket.
     [[nodiscard]] EMfwReceived receive(int socket, SMfwMessage& message);
 

@@ -3,26 +3,24 @@
 #include "platform/linux/errors.h"
 
 #include <charconv>
-#include <chrono>
 #include <cstdlib>
+#include <ctime>
 #include <fcntl.h>
 #include <optional>
 #include <sys/file.h>
-#include <thread>
 
 namespace {
 
 constexpr std::string_view sNamePrefix = "name.";
 
-// Whoever clears away after a dead process holds its lock for some system calls only.
-constexpr int nClaimAttempts = 500;
-constexpr std::chrono::milliseconds oClaimPause{1};
+// A name's owner writes it within a moment. An empty file of a greater age was left by one that died before.
+constexpr time_t nMaxEmptySeconds = 60;
 
 std::string nameFile(uint32_t handle) {
     return std::string(sNamePrefix) + std::to_string(handle);
 }
 
-// Only the one spelling that nameFile() makes: "name.007" would be another file than that of process 7.
+// Only the one spelling that nameFile() makes: "name.007" would be another file than that of handle 7.
 std::optional<uint32_t> handleOf(const std::string& file) {
     uint32_t handle = 0;
     const char* end = file.data() + file.size();
@@ -42,8 +40,20 @@ void removeIfSame(const CRuntimeDirectory& directory, uint32_t handle, int locke
 }
 
 // The owner's lock is exclusive. A question with a shared one lets several processes look at the same time.
-bool isAlive(int fd) {
-    return flock(fd, LOCK_SH | LOCK_NB) != 0;
+enum class EOwner { alive, dead, unknown };
+
+EOwner ownerOf(int fd) {
+    if (flock(fd, LOCK_SH | LOCK_NB) == 0) {
+        return EOwner::dead;
+    }
+    return errno == EWOULDBLOCK ? EOwner::alive : EOwner::unknown;
+}
+
+// Such a file is left alone, lest its owner find it locked or removed.
+bool isBeingMade(int fd) {
+    struct stat status {};
+    return fstat(fd, &status) == 0 && status.st_size == 0 &&
+           status.st_mtime + nMaxEmptySeconds > time(nullptr);
 }
 
 std::string readName(int fd) {
@@ -63,40 +73,25 @@ std::string ownProcessName() {
     return name != nullptr && *name != '\0' ? name : program_invocation_short_name;
 }
 
-// Each turn either ends in a lock on a fresh file that has the name, or begins again: somebody else held the
-// lock, there was a dead process's file, or the new file was cleared away before it was locked. An flock
-// belongs to the open file, not to the process (flock(2)), so it also holds against another endpoint of this
-// very process.
+// An flock belongs to the open file, not to the process (flock(2)), so it also holds against another endpoint
+// of this very process. Nobody else locks a file that is still empty; who did it all the same has it.
 int CMfwNameClaim::claim(const CRuntimeDirectory& directory, uint32_t handle) {
     const std::string file = nameFile(handle);
-    for (int attempt = 0; attempt < nClaimAttempts; ++attempt) {
-        CFileDescriptor found = directory.openFile(file, O_RDWR, S_IFREG);
-        const bool stale = static_cast<bool>(found);
-        CFileDescriptor opened = stale ? std::move(found) : directory.openOrCreateFile(file);
-        if (!opened) {
-            return lastError();
-        }
-        if (flock(opened.get(), LOCK_EX | LOCK_NB) != 0) {
-            std::this_thread::sleep_for(oClaimPause);
-            continue;
-        }
-        if (stale) { // not used again: it still holds the dead process's name
-            removeIfSame(directory, handle, opened.get());
-            continue;
-        }
-        if (directory.isSameFile(file, opened.get())) {
-            // Otherwise bind(2) would fail with EADDRINUSE.
-            directory.remove(mfwSocketName(handle));
-            m_nHandle = handle;
-            m_oLocked = std::move(opened);
-            return 0;
-        }
+    CFileDescriptor created = directory.createFile(file);
+    if (!created) {
+        return errno == EEXIST ? EADDRINUSE : lastError();
     }
-    return EBUSY;
+    if (flock(created.get(), LOCK_EX | LOCK_NB) != 0 || !directory.isSameFile(file, created.get())) {
+        return EADDRINUSE;
+    }
+    directory.remove(mfwSocketName(handle)); // a stranger's; bind(2) would fail
+    m_nHandle = handle;
+    m_oLocked = std::move(created);
+    return 0;
 }
 
 // The file has been empty so far, and an empty name is nobody's.
-int CMfwNameClaim::publish(const std::string& name) {
+int CMfwNameClaim::publish(const std::string& name) const {
     const ssize_t written = pwrite(m_oLocked.get(), name.data(), name.size(), 0);
     return written == static_cast<ssize_t>(name.size()) ? 0 : lastError();
 }
@@ -123,11 +118,15 @@ int findProcess(const CRuntimeDirectory& directory, const std::string& name, uin
         if (!opened) {
             continue;
         }
-        if (!isAlive(opened.get())) {
-            if (flock(opened.get(), LOCK_EX | LOCK_NB) == 0) {
-                removeIfSame(directory, *candidate, opened.get());
-            }
-        } else if (readName(opened.get()) == name && (!lowest || *candidate < *lowest)) {
+        if (isBeingMade(opened.get())) {
+            continue;
+        }
+        const EOwner owner = ownerOf(opened.get());
+        if (owner == EOwner::dead && flock(opened.get(), LOCK_EX | LOCK_NB) == 0) {
+            removeIfSame(directory, *candidate, opened.get());
+        }
+        if (owner == EOwner::alive && !name.empty() && readName(opened.get()) == name &&
+            (!lowest || *candidate < *lowest)) {
             lowest = candidate;
         }
     }

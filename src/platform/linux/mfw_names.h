@@ -1,9 +1,10 @@
 // Who has an endpoint, and under which process name. The file "name.<handle>" holds the name, and its owner
-// holds a lock on it (flock(2)) for as long as it lives. A handle is a process id.
+// holds a lock on it (flock(2)) for as long as it lives. While it is empty, its owner is about to write it.
 //
-// There is no server to keep this exact; a rule does it. Whoever removes a file "name.<handle>" holds the
-// exclusive lock on it, and has seen, with the lock held, that the name still means that file. The socket
-// "mfw.<handle>" belongs to whoever holds the lock on the file beside it.
+// There is no server to keep this exact; rules do it. Who makes these files has taken the handle
+// (CMfwHandles.h). Whoever removes a file "name.<handle>" holds the exclusive lock on it, and has seen, with
+// the lock held, that the name still means that file. The socket "mfw.<handle>" belongs to whoever holds the
+// lock on the file beside it.
 #ifndef QEL_PLATFORM_LINUX_MFW_NAMES_H
 #define QEL_PLATFORM_LINUX_MFW_NAMES_H
 
@@ -22,12 +23,12 @@ std::string ownProcessName();
 // instead, the kernel frees its lock, and the next one that looks clears away what is left. Not thread-safe.
 class CMfwNameClaim {
 public:
-    // Takes the lock for `handle` and removes what a dead process of the same id has left. Nobody finds the
-    // process by its name yet. EBUSY: others held the lock for half a second.
+    // Makes the file of `handle`, which the process has taken, and locks it. Nobody finds the process by its
+    // name yet. EADDRINUSE: there is a file of that name.
     [[nodiscard]] int claim(const CRuntimeDirectory& directory, uint32_t handle);
 
     // From here on the process is found under `name`, so its socket must be listening already.
-    [[nodiscard]] int publish(const std::string& name);
+    [[nodiscard]] int publish(const std::string& name) const;
 
     // Removes file and socket, and frees the lock. Harmless if there is no claim.
     void withdraw(const CRuntimeDirectory& directory);
@@ -38,7 +39,7 @@ private:
 };
 
 // The lowest handle of the living processes of that name. ESRCH: there is none. Also removes what dead
-// processes have left. Costs about four system calls for each process that has an endpoint. Does not block.
+// processes have left. Costs about five system calls for each process that has an endpoint. Does not block.
 [[nodiscard]] int findProcess(const CRuntimeDirectory& directory, const std::string& name, uint32_t& handle);
 
 #endif
