@@ -95,6 +95,32 @@ TEST_F(CMfwTest, MessagesArriveWholeAndInOrderWithTheirTrueSender) {
     }
 }
 
+// As systemd does it. The peer notices while it waits, and we by sending.
+TEST_F(CMfwTest, ADirectoryMadeAnewIsJoinedByWhoRunsUnderTheSameHandle) {
+    CChild peer = startPeer("peer", echo);
+    const CChild newcomer([&](const CLine& line) {
+        line.hear();
+        setenv("QEL_PROCESS_NAME", "newcomer", 1);
+        bool isWell = OvuMfwInitialize() == 0 && OvuMfwRegisterCallback(0, keep) == 0;
+        for (int i = 0; find("peer") != peer.handle() && i < nPatience; ++i) {
+            usleep(1000);
+        }
+        isWell = isWell && sendText(peer.handle(), 1, "hello") == 0 && receiveText() == "hello";
+        line.tell(isWell && oReceived.back().m_nSender == peer.handle() ? 'w' : '?');
+        return echo(line);
+    });
+    openEndpoint();
+    std::filesystem::remove_all(m_oDirectory.path());
+    std::filesystem::create_directory(m_oDirectory.path());
+    newcomer.tell('g');
+    EXPECT_EQ(newcomer.hear(), 'w');
+    EXPECT_EQ(find("tested"), OVU_MFW_NO_HANDLE);
+    EXPECT_EQ(sendText(find("newcomer"), 1, "late"), 0);
+    EXPECT_EQ(receiveText(), "late");
+    EXPECT_EQ(oReceived.back().m_nSender, find("newcomer"));
+    EXPECT_EQ(find("tested"), m_nOwn);
+}
+
 TEST_F(CMfwTest, AMessageGoesToItsCallbackOrIsDropped) {
     openEndpoint();
     const auto deliver = [this](uint16_t type) {

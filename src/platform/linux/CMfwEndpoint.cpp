@@ -21,6 +21,8 @@ constexpr int nMaxLetIn = 512; // in one go
 constexpr int nMaxRead = 16;   // messages of one connection, in one go
 constexpr int nMaxReady = 512; // connections looked at in one go
 
+constexpr int nLookMs = 1000; // how often a receiver looks whether the runtime directory is still the same
+
 } // namespace
 
 int CMfwEndpoint::open(const std::string& processName) {
@@ -29,7 +31,10 @@ int CMfwEndpoint::open(const std::string& processName) {
     }
     const std::lock_guard<std::mutex> guard(m_oMutex);
     m_nNextId = nFirstConnectionId;
-    const int error = guarded([&] { return openDescriptors(processName); });
+    const int error = guarded([&] {
+        m_sProcessName = processName;
+        return openDescriptors();
+    });
     if (error != 0) {
         leave();
     }
@@ -37,16 +42,21 @@ int CMfwEndpoint::open(const std::string& processName) {
     return error;
 }
 
-// The name comes last: who finds it can connect.
-int CMfwEndpoint::openDescriptors(const std::string& processName) {
-    if (const int error = m_oDirectory.open()) {
-        return error;
-    }
+int CMfwEndpoint::openDescriptors() {
     m_oEpoll = CFileDescriptor(epoll_create1(EPOLL_CLOEXEC));
     m_oWakeup = CFileDescriptor(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
     if (!m_oEpoll || !m_oWakeup) {
         return lastError();
     }
+    if (const int error = watch(m_oWakeup.get(), nWakeupId)) {
+        return error;
+    }
+    const int error = m_oDirectory.open();
+    return error != 0 ? error : settle();
+}
+
+// Takes its place in the directory. The name comes last: who finds it can connect.
+int CMfwEndpoint::settle() {
     int error = m_oHandles.take(m_oDirectory, m_nHandle);
     if (error == 0) {
         error = m_oName.claim(m_oDirectory, m_nHandle);
@@ -57,11 +67,8 @@ int CMfwEndpoint::openDescriptors(const std::string& processName) {
     if (error == 0) {
         error = watch(m_oListener.get(), nListenerId);
     }
-    if (error == 0) {
-        m_bListening = true;
-        error = watch(m_oWakeup.get(), nWakeupId);
-    }
-    return error != 0 ? error : m_oName.publish(processName);
+    m_bListening = error == 0;
+    return error != 0 ? error : m_oName.publish(m_sProcessName);
 }
 
 void CMfwEndpoint::close() {
@@ -80,6 +87,38 @@ void CMfwEndpoint::leave() {
     m_oName.withdraw(m_oDirectory);
     m_oListener.close();
     m_oHandles.giveBack();
+}
+
+// Moves to the directory that has come in the place of ours. Who waits to be let in at the old listener is let
+// in first. Where it fails, the endpoint has its connections and no place, and the next look tries again. True:
+// it has moved.
+bool CMfwEndpoint::follow() {
+    if (m_oName.isInPlace()) {
+        return false;
+    }
+    CRuntimeDirectory found;
+    const auto moveIn = [&] {
+        m_oDirectory = std::move(found);
+        return settle();
+    };
+    if (guarded([&] { return m_oDirectory.openAgain(found); }) != 0) {
+        return false;
+    }
+    static_cast<void>(guarded([&] { return letIn(), 0; }));
+    leave();
+    if (guarded(moveIn) != 0) {
+        leave();
+        return false;
+    }
+    return true;
+}
+
+void CMfwEndpoint::followWhenDue() {
+    const auto now = std::chrono::steady_clock::now();
+    if (now >= m_tNextLook) {
+        m_tNextLook = now + std::chrono::milliseconds(nLookMs);
+        follow();
+    }
 }
 
 int CMfwEndpoint::watch(int fd, uint64_t id) const {
@@ -125,13 +164,19 @@ int CMfwEndpoint::sendToSelf(uint16_t type, uint32_t userId, const uint8_t* body
     return 0;
 }
 
-// A peer that closed its endpoint and opened it anew is noticed here, by the first message that does not get
-// through.
 int CMfwEndpoint::sendToPeer(uint32_t handle, const CMfwOutgoingFrame& frame) {
     const std::lock_guard<std::mutex> guard(m_oMutex);
     if (!m_bOpen) {
         return ENOTCONN;
     }
+    const int error = sendConnected(handle, frame);
+    const bool isMissing = error == ENOENT || error == ESRCH || isGone(error);
+    return isMissing && follow() ? sendConnected(handle, frame) : error;
+}
+
+// A peer that closed its endpoint and opened it anew is noticed here, by the first message that does not get
+// through.
+int CMfwEndpoint::sendConnected(uint32_t handle, const CMfwOutgoingFrame& frame) {
     int error = ENOTCONN;
     for (int attempt = 0; attempt < 2 && isGone(error); ++attempt) {
         CMfwConnection* connection = nullptr;
@@ -169,14 +214,13 @@ int CMfwEndpoint::receive(const CDeadline& deadline, SMfwMessage& message, CMfwR
     bool mayWait = prepareToReceive();
     for (;;) {
         epoll_event ready[nMaxReady];
-        const int count = epoll_wait(m_oEpoll.get(), ready, nMaxReady, mayWait ? deadline.milliseconds() : 0);
-        if (count == 0 && mayWait) {
-            return OVU_MFW_NO_MESSAGE;
-        }
+        const int wait = mayWait ? std::min(deadline.milliseconds(), nLookMs) : 0;
+        const int count = epoll_wait(m_oEpoll.get(), ready, nMaxReady, wait);
         const std::lock_guard<std::mutex> guard(m_oMutex);
         if (!m_bOpen) {
             return OVU_MFW_NO_MESSAGE;
         }
+        followWhenDue();
         const int error = guarded([&] {
             takeInHeld();
             for (int i = 0; i < count; ++i) {
@@ -190,6 +234,9 @@ int CMfwEndpoint::receive(const CDeadline& deadline, SMfwMessage& message, CMfwR
         if (error != 0) {
             return error;
         }
+        if (count == 0 && mayWait && deadline.isOver()) {
+            return OVU_MFW_NO_MESSAGE;
+        }
         mayWait = true;
     }
 }
@@ -198,6 +245,7 @@ int CMfwEndpoint::receive(const CDeadline& deadline, SMfwMessage& message, CMfwR
 bool CMfwEndpoint::prepareToReceive() {
     const std::lock_guard<std::mutex> guard(m_oMutex);
     if (m_bOpen) {
+        followWhenDue();
         setListening(true);
     }
     return m_oInbox.isEmpty() && !m_oHeld;
@@ -277,7 +325,7 @@ bool CMfwEndpoint::mayJoin(const CMfwConnection& connection) const {
 }
 
 void CMfwEndpoint::setListening(bool listening) {
-    if (m_bListening == listening) {
+    if (m_bListening == listening || !m_oListener) {
         return;
     }
     epoll_event event{};

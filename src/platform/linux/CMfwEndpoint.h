@@ -4,6 +4,10 @@
 // shared by the threads that are inside its operations: closed by one, it is destroyed by the last that
 // leaves, so that nobody waits on a descriptor whose number means something else by now. There is no thread
 // of its own: connections are let in, read and forgotten while somebody receives.
+//
+// The runtime directory may be removed and made anew while the process runs, as systemd does at each stop of
+// a service that has one. The endpoint notices that when it receives, within a second, or when a peer is
+// not found, and moves to the new directory: under its name and handle, and with its connections.
 #ifndef QEL_PLATFORM_LINUX_CMFWENDPOINT_H
 #define QEL_PLATFORM_LINUX_CMFWENDPOINT_H
 
@@ -12,6 +16,7 @@
 #include "platform/linux/CMfwInbox.h"
 #include "platform/linux/mfw_names.h"
 
+#include <chrono>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -43,12 +48,16 @@ public:
 private:
     using CConnections = std::map<uint64_t, CMfwConnection>; // by their ids, which count up
 
-    [[nodiscard]] int openDescriptors(const std::string& processName);
+    [[nodiscard]] int openDescriptors();
+    [[nodiscard]] int settle();
     void leave();
+    bool follow();
+    void followWhenDue();
     [[nodiscard]] int watch(int fd, uint64_t id) const;
     void wake() const;
 
     [[nodiscard]] int sendToSelf(uint16_t type, uint32_t userId, const uint8_t* body, uint32_t length);
+    [[nodiscard]] int sendConnected(uint32_t handle, const CMfwOutgoingFrame& frame);
     [[nodiscard]] int sendToPeer(uint32_t handle, const CMfwOutgoingFrame& frame);
     [[nodiscard]] int connectionTo(uint32_t handle, CMfwConnection*& connection);
 
@@ -66,12 +75,14 @@ private:
     const uint32_t m_nHandle;
 
     // Open until the destruction, for a receiver waits on them without the mutex.
-    CRuntimeDirectory m_oDirectory;
     CFileDescriptor m_oEpoll;
     CFileDescriptor m_oWakeup; // eventfd
 
     std::mutex m_oMutex; // of all below
     bool m_bOpen = false;
+    std::string m_sProcessName;
+    CRuntimeDirectory m_oDirectory;
+    std::chrono::steady_clock::time_point m_tNextLook{};
     CMfwHandles m_oHandles;
     CMfwNameClaim m_oName;
     CFileDescriptor m_oListener;

@@ -19,7 +19,7 @@ constexpr size_t nMaxNamePart = 200; // leaves room for the prefixes within NAME
 
 struct SLocation {
     std::string m_sPath;
-    bool m_bInSharedPlace; // anybody could have made it before us
+    bool m_bInSharedPlace;
 };
 
 // An empty variable counts as none, as is usual in a shell.
@@ -50,21 +50,33 @@ bool isOurs(int fd) {
 
 } // namespace
 
-// In /tmp anybody can make the directory before us, or plant a link to another of our directories: there a
-// link is refused, and so is a directory that is not ours. The other places belong to root or to the user,
-// who may as well use a link. O_PATH, since the directory is only a starting point for names; it need not be
-// readable for that.
 int CRuntimeDirectory::open() {
     const SLocation location = runtimeLocation();
     if (mkdir(location.m_sPath.c_str(), nDirectoryMode) != 0 && errno != EEXIST) {
         return lastError();
     }
-    const int flags = O_PATH | O_DIRECTORY | O_CLOEXEC | (location.m_bInSharedPlace ? O_NOFOLLOW : 0);
-    CFileDescriptor directory(::open(location.m_sPath.c_str(), flags));
+    m_sPath = location.m_sPath;
+    m_bInSharedPlace = location.m_bInSharedPlace;
+    return openPath();
+}
+
+int CRuntimeDirectory::openAgain(CRuntimeDirectory& found) const {
+    found.m_sPath = m_sPath;
+    found.m_bInSharedPlace = m_bInSharedPlace;
+    return found.openPath();
+}
+
+// In /tmp anybody can make the directory before us, or plant a link to another of our directories: there a
+// link is refused, and so is a directory that is not ours. The other places belong to root or to the user,
+// who may as well use a link. O_PATH, since the directory is only a starting point for names; it need not be
+// readable for that.
+int CRuntimeDirectory::openPath() {
+    const int flags = O_PATH | O_DIRECTORY | O_CLOEXEC | (m_bInSharedPlace ? O_NOFOLLOW : 0);
+    CFileDescriptor directory(::open(m_sPath.c_str(), flags));
     if (!directory) {
         return lastError();
     }
-    if (location.m_bInSharedPlace && !isOurs(directory.get())) {
+    if (m_bInSharedPlace && !isOurs(directory.get())) {
         return EACCES;
     }
     m_oDirectory = std::move(directory);

@@ -21,6 +21,10 @@ public:
     // parents are not. EACCES: the one in /tmp is not the user's own, or anybody may write to it.
     [[nodiscard]] int open();
 
+    // Opens in `found` what this directory's path means by now: another directory, where this one was removed
+    // or renamed and one made anew. It is not created: whoever removed it may want to make it himself.
+    [[nodiscard]] int openAgain(CRuntimeDirectory& found) const;
+
     // Opens an existing file with the flags of open(2), to which it adds close-on-exec, that symbolic links
     // are refused, and that nothing is waited for. `kind` is S_IFREG or S_IFIFO: what is no such file is not
     // ours, whatever it is called (EINVAL). On failure the result is empty and errno is set.
@@ -53,8 +57,13 @@ public:
     [[nodiscard]] sockaddr_un socketAddress(const std::string& name) const;
 
     int fd() const { return m_oDirectory.get(); }
+    const std::string& path() const { return m_sPath; } // at which it was opened
 
 private:
+    [[nodiscard]] int openPath();
+
+    std::string m_sPath;
+    bool m_bInSharedPlace = false; // anybody could have made it before us
     CFileDescriptor m_oDirectory;
 };
 

@@ -77,6 +77,7 @@ std::string ownProcessName() {
 // of this very process. Nobody else locks a file that is still empty; who did it all the same has it.
 int CMfwNameClaim::claim(const CRuntimeDirectory& directory, uint32_t handle) {
     const std::string file = nameFile(handle);
+    m_sPath = directory.path() + "/" + file; // memory first: nothing made is left behind
     CFileDescriptor created = directory.createFile(file);
     if (!created) {
         return errno == EEXIST ? EADDRINUSE : lastError();
@@ -84,6 +85,12 @@ int CMfwNameClaim::claim(const CRuntimeDirectory& directory, uint32_t handle) {
     if (flock(created.get(), LOCK_EX | LOCK_NB) != 0 || !directory.isSameFile(file, created.get())) {
         return EADDRINUSE;
     }
+    struct stat status {};
+    if (fstat(created.get(), &status) != 0) {
+        return lastError();
+    }
+    m_nDevice = status.st_dev;
+    m_nInode = status.st_ino;
     directory.remove(mfwSocketName(handle)); // a stranger's; bind(2) would fail
     m_nHandle = handle;
     m_oLocked = std::move(created);
@@ -94,6 +101,19 @@ int CMfwNameClaim::claim(const CRuntimeDirectory& directory, uint32_t handle) {
 int CMfwNameClaim::publish(const std::string& name) const {
     const ssize_t written = pwrite(m_oLocked.get(), name.data(), name.size(), 0);
     return written == static_cast<ssize_t>(name.size()) ? 0 : lastError();
+}
+
+// By its path, so that it does not matter whether the file was removed, the directory, or one above it. Where
+// the question fails, say for want of memory, nothing is known to have changed.
+bool CMfwNameClaim::isInPlace() const {
+    struct stat found {};
+    if (!m_oLocked) {
+        return false;
+    }
+    if (lstat(m_sPath.c_str(), &found) != 0) {
+        return errno != ENOENT && errno != ENOTDIR;
+    }
+    return found.st_dev == m_nDevice && found.st_ino == m_nInode;
 }
 
 void CMfwNameClaim::withdraw(const CRuntimeDirectory& directory) {

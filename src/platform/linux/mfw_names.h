@@ -30,12 +30,18 @@ public:
     // From here on the process is found under `name`, so its socket must be listening already.
     [[nodiscard]] int publish(const std::string& name) const;
 
+    // Whether the file is still found at the directory's path. False also if there is no claim. One system call.
+    [[nodiscard]] bool isInPlace() const;
+
     // Removes file and socket, and frees the lock. Harmless if there is no claim.
     void withdraw(const CRuntimeDirectory& directory);
 
 private:
     uint32_t m_nHandle = 0;
+    std::string m_sPath;
     CFileDescriptor m_oLocked;
+    dev_t m_nDevice = 0; // of the locked file, and its inode
+    ino_t m_nInode = 0;
 };
 
 // The lowest handle of the living processes of that name. ESRCH: there is none. Also removes what dead
