@@ -1,6 +1,7 @@
 #include "base/CFile.h"
 
 #include <algorithm>
+#include <climits>
 #include <cstring>
 #include <new>
 #include <sys/stat.h>
@@ -9,12 +10,17 @@ namespace {
 
 constexpr size_t nBufferSize = 4096;
 
-// The size of a stream that stands at its end. 0 for what has none: fopen(3) opens a directory for reading,
-// whose end some file systems place beyond any size, and ftell(3) fails on pipes and, where long has 32 bits,
-// beyond 2 GiB.
+// As a size is 32 bits wide, what is longer counts as one byte short of 4 GiB.
+uint32_t clampSize(int64_t size) {
+    return static_cast<uint32_t>(std::clamp<int64_t>(size, 0, UINT32_MAX));
+}
+
+// 0 for what has no size: fopen(3) opens a directory for reading, whose end some file systems place beyond
+// any size, and pipes have no end to seek.
 uint32_t sizeOf(FILE* stream) {
-    const long end = std::ftell(stream);
-    return end < 0 || static_cast<unsigned long>(end) > UINT32_MAX ? 0 : static_cast<uint32_t>(end);
+    struct stat status {};
+    const bool isDirectory = ::fstat(::fileno(stream), &status) == 0 && S_ISDIR(status.st_mode);
+    return isDirectory || ::fseeko(stream, 0, SEEK_END) != 0 ? 0 : clampSize(::ftello(stream));
 }
 
 } // namespace
@@ -42,30 +48,37 @@ int CFile::open(const char* path, int mode, int text) {
     std::memcpy(m_szPath.get(), path, length);
     m_nText = text;
 
-    // The letter b has no effect on POSIX systems, and glibc ignores the t, which is not in ISO C.
-    const bool isText = text == nText;
-    const char* modeWord = isText ? "a+t" : "a+b";
     EState state = stAppend;
-    if (mode == nWrite) {
-        modeWord = isText ? "w+t" : "w+b";
-        state = stWrite;
-    } else if (mode == nReadWrite) {
-        modeWord = isText ? "r+t" : "r+b";
+    if (mode == nWrite || mode == nReadWrite) {
         state = stWrite;
     } else if (mode == nReadOnly || mode == -1) {
-        modeWord = isText ? "rt" : "rb";
         state = stReadOnly;
     }
-    m_pStream = std::fopen(path, modeWord);
+    return openStream(state, mode == nReadWrite);
+}
+
+// The buffering comes first, as setvbuf(3) must precede all other operations on a stream. POSIX does not say
+// where a stream opened with "a+" begins to read, so the start is sought in any case.
+int CFile::openStream(EState state, bool keepsContents) {
+    // The letter b has no effect on POSIX systems, and glibc ignores the t, which is not in ISO C.
+    const bool isText = m_nText == nText;
+    const char* modeWord = isText ? "a+t" : "a+b";
+    if (state == stReadOnly) {
+        modeWord = isText ? "rt" : "rb";
+    } else if (state == stWrite && keepsContents) {
+        modeWord = isText ? "r+t" : "r+b";
+    } else if (state == stWrite) {
+        modeWord = isText ? "w+t" : "w+b";
+    }
+    m_pStream = std::fopen(m_szPath.get(), modeWord);
     if (m_pStream == nullptr) {
+        forget();
         return 0;
     }
-    // POSIX does not say where a stream opened with "a+" begins to read, so the start is sought in any case.
     m_eState = state;
-    std::fseek(m_pStream, 0, SEEK_END);
-    m_nSize = sizeOf(m_pStream);
-    std::fseek(m_pStream, 0, SEEK_SET);
     setBufferingMode(1);
+    m_nSize = sizeOf(m_pStream);
+    ::fseeko(m_pStream, 0, SEEK_SET);
     return 1;
 }
 
@@ -101,15 +114,7 @@ int CFile::remove() {
         return 1;
     }
     // The caller still holds an open file, as before the call, though the stream is a new one.
-    const bool isText = m_nText == nText;
-    if (m_eState == stAppend) {
-        m_pStream = std::fopen(m_szPath.get(), isText ? "a+t" : "a+b");
-    } else {
-        m_pStream = std::fopen(m_szPath.get(), isText ? "w+t" : "w+b");
-    }
-    if (m_pStream == nullptr) {
-        forget();
-    }
+    openStream(m_eState, false);
     return 0;
 }
 
@@ -129,29 +134,40 @@ int CFile::seekEnd() {
     return seek(0, SEEK_END);
 }
 
+// fgets(3) takes an int, and succeeds without a look at the file where there is room for its NUL only.
 int CFile::gets(char* buffer, uint32_t size) {
-    return isOpen() != 0 && std::fgets(buffer, static_cast<int>(size), m_pStream) != nullptr ? 1 : 0;
+    const int room = static_cast<int>(std::min<uint32_t>(size, INT_MAX));
+    return isOpen() != 0 && std::fgets(buffer, room, m_pStream) != nullptr && room > 1 ? 1 : 0;
 }
 
 // Stops at the size known at opening: a caller that sized its buffer by size() gets a consistent text even if
-// another process appends meanwhile.
+// another process appends meanwhile. The position is asked for in 64 bits, for a long may have 32.
 uint32_t CFile::read(char* buffer, uint32_t size) {
-    const long position = getPosition();
-    if (isOpen() == 0 || position < 0 || static_cast<unsigned long>(position) >= m_nSize) {
+    const int64_t position = isOpen() != 0 ? ::ftello(m_pStream) : -1;
+    if (position < 0 || position >= int64_t{m_nSize}) {
         return 0;
     }
-    const uint32_t rest = m_nSize - static_cast<uint32_t>(position);
+    const auto rest = static_cast<uint32_t>(m_nSize - position);
     return static_cast<uint32_t>(std::fread(buffer, 1, std::min(size, rest), m_pStream));
 }
 
+// Flushed at once, so that a process that is killed afterwards loses nothing that was written. A stream that
+// fails to write drops what is in its buffer, also what fwrite(3) has counted already. How far the position
+// has moved tells what reached the file. When appending, the end has to be sought for that.
 uint32_t CFile::write(const char* buffer, uint32_t size) {
     if (!isWritable()) {
         return 0;
     }
-    // Flushed at once, so that a process that is killed afterwards loses nothing that was written.
-    const auto written = static_cast<uint32_t>(std::fwrite(buffer, 1, size, m_pStream));
-    std::fflush(m_pStream);
-    m_nSize += written;
+    if (m_eState == stAppend) {
+        ::fseeko(m_pStream, 0, SEEK_END);
+    }
+    const int64_t before = ::ftello(m_pStream);
+    auto written = static_cast<uint32_t>(std::fwrite(buffer, 1, size, m_pStream));
+    if (std::fflush(m_pStream) != 0 || written < size) {
+        const int64_t moved = before < 0 ? 0 : ::ftello(m_pStream) - before;
+        written = static_cast<uint32_t>(std::clamp<int64_t>(moved, 0, written));
+    }
+    m_nSize = clampSize(int64_t{m_nSize} + written);
     return written;
 }
 

@@ -40,18 +40,20 @@ public:
     int remove();
 
     // In bytes: the size at opening, plus whatever write() wrote since, also where it wrote over older
-    // contents. Growth by other writers is not seen. 0 for a closed file, and for a size of 4 GiB or more.
+    // contents. Growth by other writers is not seen. UINT32_MAX for a size of 4 GiB or more; 0 for a closed
+    // file, and for what has no size.
     uint32_t size() const;
     long getPosition() const; // in bytes from the start; 0 for a closed file, -1 where ftell(3) fails
     int seek(long offset, int whence); // whence: as for fseek(3)
     int seekEnd();
 
-    // Reads a line of at most `size` - 1 characters including its line break, as fgets(3) does.
+    // Reads a line of at most `size` - 1 characters including its line break, as fgets(3) does. Fails where
+    // `size` leaves no room for any.
     int gets(char* buffer, uint32_t size);
     // Reads at most up to size(). Returns the number of bytes; 0 at the end and on failure.
     uint32_t read(char* buffer, uint32_t size);
-    // Writes and flushes. Returns the number of bytes that the stream took. That they could not be flushed,
-    // as on a full disk, shows only at close().
+    // Writes and flushes. Returns the number of bytes that reached the file: fewer than `size` on a full
+    // disk, for example. The rest is lost, and no later call tries to write it again.
     uint32_t write(const char* buffer, uint32_t size);
 
     // Non-zero: full buffering with 4096 bytes, a size that the C library may treat as a hint (setvbuf(3));
@@ -72,6 +74,8 @@ private:
         stWrite = 1 // also for nReadWrite
     };
 
+    // Opens the path under which the object stands. On failure the object is closed.
+    int openStream(EState state, bool keepsContents);
     bool isWritable() const { return m_eState >= stAppend; }
     void forget();
 

@@ -15,6 +15,10 @@ namespace {
 // The file's text with a NUL behind it; null where there is no memory for it. A file that shrinks meanwhile
 // leaves the rest of the buffer zero, so the text ends early.
 std::unique_ptr<char[]> readText(CFile& file) {
+    // The largest size stands for all larger ones too, and one byte more would wrap where size_t has 32 bits.
+    if (file.size() == UINT32_MAX) {
+        return nullptr;
+    }
     std::unique_ptr<char[]> text(new (std::nothrow) char[size_t{file.size()} + 1]());
     if (text != nullptr) {
         file.read(text.get(), file.size());

@@ -2,6 +2,9 @@
 #include "base/CString.h"
 #include "support/files.h"
 
+#include <csignal>
+#include <sys/resource.h>
+
 namespace {
 
 struct CFileTest : testing::Test {
@@ -43,6 +46,47 @@ TEST_F(CFileTest, ReadsNoFurtherThanTheSizeKnown) {
     EXPECT_EQ(file.seek(-1, SEEK_SET), 0);
     EXPECT_EQ(file.seekEnd(), 1);
     EXPECT_EQ(file.gets(buffer, sizeof buffer), 0);
+    file.seek(0, SEEK_SET);
+    EXPECT_EQ(file.gets(buffer, 0) + file.gets(buffer, 1), 0) << "there is room for no character";
+    EXPECT_EQ(file.gets(buffer, UINT32_MAX), 1);
+    EXPECT_STREQ(buffer, "one\n");
+}
+
+TEST_F(CFileTest, ALargeFileIsReadUpToTheLargestSize) {
+    for (const uint64_t size : {(uint64_t{1} << 31) + 2, uint64_t{UINT32_MAX}, uint64_t{1} << 32}) {
+        put(m_sPath, "");
+        std::filesystem::resize_file(m_sPath, size); // a hole: takes no room
+        CFile file(m_sPath.c_str(), CFile::nReadOnly, CFile::nBinary);
+        EXPECT_EQ(file.size(), std::min<uint64_t>(size, UINT32_MAX));
+        EXPECT_EQ(file.seek(INT32_MAX, SEEK_SET), 1);
+        char buffer[4];
+        EXPECT_EQ(file.read(buffer, 2), 2u) << "across 2 GiB";
+        const auto last = static_cast<long>(size - INT32_MAX - 3);
+        EXPECT_EQ(file.seek(last, SEEK_CUR), 1);
+        EXPECT_EQ(file.read(buffer, 4), size > UINT32_MAX ? 0u : 1u);
+    }
+    EXPECT_EQ(CFile(m_oDirectory.path().c_str(), CFile::nReadOnly, CFile::nText).size(), 0u);
+}
+
+TEST_F(CFileTest, OnlyWhatReachedTheFileCountsAsWritten) {
+    const std::string text(10000, 'x');
+    rlimit limit{};
+    getrlimit(RLIMIT_FSIZE, &limit);
+    const rlimit small{6000, limit.rlim_max};
+    const auto handler = std::signal(SIGXFSZ, SIG_IGN);
+    setrlimit(RLIMIT_FSIZE, &small);
+    for (const int mode : {1, 2, 3}) {
+        put(m_sPath, "hello");
+        CFile file(m_sPath.c_str(), mode, CFile::nBinary);
+        const uint32_t before = file.size();
+        const uint32_t room = mode == CFile::nAppend ? 5995 : 6000;
+        EXPECT_EQ(file.write(text.data(), 10000), room) << mode;
+        EXPECT_EQ(file.write("more", 4), 0u) << mode;
+        EXPECT_EQ(file.size(), before + room) << mode;
+        EXPECT_EQ(std::filesystem::file_size(m_sPath), 6000u) << mode;
+    }
+    setrlimit(RLIMIT_FSIZE, &limit);
+    std::signal(SIGXFSZ, handler);
 }
 
 TEST_F(CFileTest, AFailedOpeningClosesItAndAFailedRemovalOpensItAnew) {
@@ -57,6 +101,7 @@ TEST_F(CFileTest, AFailedOpeningClosesItAndAFailedRemovalOpensItAnew) {
         std::filesystem::remove(m_sPath); // so that there is nothing to delete
         EXPECT_EQ(file.remove(), 0) << mode;
         EXPECT_EQ(file.write("new", 3), 3u) << mode << ": it is open again";
+        EXPECT_EQ(file.size(), 3u) << mode;
     }
 }
 
