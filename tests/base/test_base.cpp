@@ -3,6 +3,7 @@
 #include "support/files.h"
 
 #include <csignal>
+#include <cstring>
 #include <sys/resource.h>
 
 namespace {
@@ -117,6 +118,28 @@ TEST(CStringTest, TokenizeDropsEmptyTokensAndReturnsTheRestAtDelimitersOnDemand)
             tokens.emplace_back(token.c_str());
         }
         EXPECT_EQ(tokens, expected) << text;
+    }
+}
+
+TEST(CStringTest, StrchrComparesWholeBytesAndFindsTheEnd) {
+    const char text[] = "ab\377b\0b";
+    const std::pair<int, int> cases[] = {{'a', 0},  {'b', 1},        {0377, 2}, {0, 4},         {'c', -1},
+                                         {256, -1}, {'b' + 256, -1}, {-1, -1},  {'b' - 256, -1}};
+    for (const auto& [c, position] : cases) {
+        EXPECT_EQ(CString::strchr(text, c), position < 0 ? nullptr : text + position) << c;
+    }
+}
+
+TEST(CStringTest, Convert2DigitsWritesAsManyBytesAsAskedAndNoMore) {
+    const unsigned char bytes[] = {1, 23, 255, 0, 100};
+    const std::pair<int, const char*> cases[] = {{-1, ""},      {0, ""},        {1, "1"},
+                                                 {3, "123255"}, {4, "1232550"}, {5, "1232550100"}};
+    for (const auto& [count, digits] : cases) {
+        char out[16];
+        std::fill_n(out, sizeof out, '?');
+        CString::convert2Digits(bytes, count, out);
+        EXPECT_STREQ(out, digits);
+        EXPECT_EQ(out[std::strlen(digits) + 1], '?') << count;
     }
 }
 
