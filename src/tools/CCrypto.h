@@ -3,16 +3,16 @@
 #define QEL_TOOLS_CCRYPTO_H
 
 // Each operation returns 1 for success and 0 for failure, and prints the reason for a failure as one line on
-// standard output. Key and certificate files are PEM. Only RSA keys are accepted: a key of another kind, or
-// one that needs a passphrase, counts as unreadable, since the tools run in scripts where nobody could type
-// one. Signatures are SHA-1 with RSA (RSASSA-PKCS1-v1_5 of RFC 8017), stored raw, without any encoding.
+// standard output. Key and certificate files are PEM. Only RSA keys are accepted, except by verifyCert(): a key
+// of another kind, or one that needs a passphrase, counts as unreadable, since the tools run in scripts where
+// nobody could type one. Signatures are SHA-1 with RSA (RSASSA-PKCS1-v1_5 of RFC 8017), stored raw, without any encoding.
 //
 // Nothing is kept between calls. Threads may call the operations at the same time, except generateRSA(),
 // which uses the process's umask and its random sequence (srand(3)).
 class CCrypto {
 public:
     // Makes a private key of 2048 bits in the file `path`, its public key in `path`.pub, and a self-signed
-    // certificate in `path`.crt, valid for 3650 days from nowSeconds(). The path has at most 244 characters.
+    // certificate in `path`.crt, valid for 3650 days from now. The path has at most 244 characters.
     //
     // Only the owner can read and write the private key (mode 0600), whatever the umask and whatever the mode
     // of a file that it replaces. The three files appear under their names only once all of them are written
@@ -36,8 +36,8 @@ public:
     [[nodiscard]] static int verifySignature(const char* certificateFile, const char* dataFile,
                                              const char* signatureFile);
 
-    // Whether the certificate is valid at nowSeconds(): from not-before on, and before not-after. Its
-    // signature is not checked.
+    // Whether the certificate is valid now: from not-before on, and before not-after. Its key may be of any
+    // kind that libcrypto knows. Its signature is not checked.
     [[nodiscard]] static int verifyCert(const char* certificateFile);
 };
 

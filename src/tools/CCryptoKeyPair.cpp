@@ -97,8 +97,8 @@ bool setValidity(X509* certificate, int64_t now) {
 CCertificateHandle newCertificate(EVP_PKEY* key) {
     CCertificateHandle certificate(X509_new());
     X509* const raw = certificate.get();
-    const uint32_t now = nowSeconds();
-    std::srand(now);
+    const int64_t now = nowTimeOfDay().tv_sec; // nowSeconds() begins again in 2106
+    std::srand(static_cast<unsigned>(now));
     if (raw == nullptr || X509_set_version(raw, X509_VERSION_3) != 1 ||
         ASN1_INTEGER_set(X509_get_serialNumber(raw), std::rand()) != 1 || !setValidity(raw, now) ||
         X509_set_pubkey(raw, key) != 1 || !addEntries(X509_get_subject_name(raw)) ||

@@ -21,6 +21,9 @@ constexpr SKeyTexts oPrivateKeyTexts{"Cannot open private key file", "Cannot ope
 constexpr SKeyTexts oCertificateTexts{"Cannot open public key file", "Cannot open public key file",
                                       "Cannot read public certificate file", "Cannot read public key file",
                                       "Cannot read public key file"};
+// The key must be there, but of what kind it is does not matter to the dates.
+constexpr SKeyTexts oDatedTexts{oCertificateTexts.m_szNoReader, oCertificateTexts.m_szNoFile,
+                                oCertificateTexts.m_szNoPem, oCertificateTexts.m_szNoKey, nullptr};
 
 struct SFileClose {
     void operator()(FILE* file) const { std::fclose(file); }
@@ -182,11 +185,11 @@ int CCrypto::verifyCert(const char* certificateFile) {
     if (certificateFile == nullptr || *certificateFile == '\0') {
         return failParameter();
     }
-    const SKeyInput certificate = readCertificate(certificateFile, oCertificateTexts);
+    const SKeyInput certificate = readCertificate(certificateFile, oDatedTexts);
     if (certificate.m_szFailure != nullptr) {
         return fail(certificate.m_szFailure, certificateFile);
     }
-    const CTimeHandle now = certificateTime(nowSeconds());
+    const CTimeHandle now = certificateTime(nowTimeOfDay().tv_sec);
     if (!isAtOrBefore(X509_get0_notBefore(certificate.m_pCertificate.get()), now.get())) {
         return fail("Certificate not yet valid", certificateFile);
     }

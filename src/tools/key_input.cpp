@@ -17,10 +17,10 @@ SKeyInput failure(const char* text) {
     return input;
 }
 
-// RSA-PSS keys are a kind of their own for the library, so they are refused as well: their signatures could
-// not be verified as PKCS #1 v1.5.
-SKeyInput acceptRsa(CKeyHandle key, CCertificateHandle certificate, const SKeyTexts& texts) {
-    if (EVP_PKEY_is_a(key.get(), "RSA") != 1) {
+// RSA-PSS keys are a kind of their own for the library, so where RSA is asked for they are refused as well:
+// their signatures could not be verified as PKCS #1 v1.5.
+SKeyInput accept(CKeyHandle key, CCertificateHandle certificate, const SKeyTexts& texts) {
+    if (texts.m_szNotRsa != nullptr && EVP_PKEY_is_a(key.get(), "RSA") != 1) {
         return failure(texts.m_szNotRsa);
     }
     return SKeyInput{nullptr, std::move(key), std::move(certificate)};
@@ -44,7 +44,7 @@ SKeyInput readFile(const char* file, const SKeyTexts& texts, FRead read) {
 SKeyInput readPrivateKey(const char* file, const SKeyTexts& texts) {
     return readFile(file, texts, [&](BIO* reader) {
         CKeyHandle key(PEM_read_bio_PrivateKey(reader, nullptr, refusePassphrase, nullptr));
-        return key != nullptr ? acceptRsa(std::move(key), nullptr, texts) : failure(texts.m_szNoPem);
+        return key != nullptr ? accept(std::move(key), nullptr, texts) : failure(texts.m_szNoPem);
     });
 }
 
@@ -55,7 +55,7 @@ SKeyInput readCertificate(const char* file, const SKeyTexts& texts) {
             return failure(texts.m_szNoPem);
         }
         CKeyHandle key(X509_get_pubkey(certificate.get()));
-        return key != nullptr ? acceptRsa(std::move(key), std::move(certificate), texts)
+        return key != nullptr ? accept(std::move(key), std::move(certificate), texts)
                               : failure(texts.m_szNoKey);
     });
 }

@@ -11,12 +11,12 @@ struct SKeyTexts {
     const char* m_szNoFile;   // the file cannot be opened
     const char* m_szNoPem;    // no PEM object of the right kind in it, or one that needs a passphrase
     const char* m_szNoKey;    // the certificate's key cannot be read; null for private keys
-    const char* m_szNotRsa;   // the key is of another kind
+    const char* m_szNotRsa;   // the key is of another kind; null: any kind will do
 };
 
 struct SKeyInput {
     const char* m_szFailure = nullptr; // one of the texts; null: success
-    CKeyHandle m_pKey;                 // an RSA key; null after a failure
+    CKeyHandle m_pKey;                 // null after a failure
     CCertificateHandle m_pCertificate; // the key's; null for a private key, or after a failure
 };
 

@@ -69,11 +69,15 @@ TEST_F(CToolsTest, EachCommandLineHasItsTextAndStatus) {
         {"-certverify none", "Cannot open public key file (none)\nstatus 1\n"},
         {"-certverify keyless", "Cannot read public key file (keyless)\nstatus 1\n"},
         {"-certverify crt", "status 0\n"},
+        {"-certverify eccrt", "status 0\n"},
+        {"-certverify pss", "status 0\n"},
+        {"-signverify eccrt data sig", "Cannot read public key file (eccrt)\nstatus 1\n"},
     };
     run("mkdir dir; cp key.crt crt; $qel -signature key data sig; $openssl dgst -sha256 -sign key -out "
         "sha256 data");
     run("(cat sig; echo) >longer; (cat sig; cat key key key) >endless");
     run("$openssl req -x509 -newkey ec -pkeyopt group:P-256 -nodes -subj /CN=x -keyout eckey -out eccrt");
+    run("$openssl req -x509 -newkey rsa-pss -nodes -subj /CN=x -keyout psskey -out pss");
     run("$openssl pkey -in key -aes128 -passout pass:secret -out locked");
     run("$openssl pkey -in key -aes128 -passout pass: -out locked2");
     // The key of a kind that nobody knows: the last byte of RSA's identifier is another.
@@ -146,22 +150,25 @@ TEST_F(CToolsTest, APrivateKeyIsItsOwnersAndNoHalfOfAFileIsLeft) {
 }
 
 TEST_F(CToolsTest, ValidityIsExactToTheSecondInAnyEra) {
-    static uint32_t nNow = 0;
-    const SClock clock{[] { return nNow; }, oSystemClock.m_fnTimeOfDay};
+    static int64_t nNow = 0;
+    const SClock clock{[] { return static_cast<uint32_t>(nNow); },
+                       [] {
+                           return timeval{static_cast<time_t>(nNow), 0};
+                       }};
     useClock(clock);
     const auto verifyAt = [](int64_t seconds) {
-        nNow = static_cast<uint32_t>(seconds);
+        nNow = seconds;
         return CCrypto::verifyCert("new.crt");
     };
     for (const int64_t begin : {1000000000LL, 2208988800LL, 4294967295LL}) { // 2001, 2040, 2106
         const int64_t end = begin + 315360000;
-        nNow = static_cast<uint32_t>(begin);
+        nNow = begin;
         EXPECT_EQ(CCrypto::generateRSA("new"), 1);
-        EXPECT_EQ(verifyAt(begin - 1), 0) << begin;
-        EXPECT_EQ(verifyAt(begin), 1) << begin;
-        // The clock's own end comes first.
-        EXPECT_EQ(verifyAt(end <= UINT32_MAX ? end - 1 : begin), 1) << begin;
-        EXPECT_EQ(verifyAt(end <= UINT32_MAX ? end : 0), 0) << begin;
+        for (const auto& [moment, isValid] :
+             {std::pair(begin - 1, 0), {begin, 1}, {begin + 1, 1}, {end - 1, 1}, {end, 0}}) {
+            EXPECT_EQ(verifyAt(moment), isValid) << moment;
+        }
+        EXPECT_EQ(verifyAt(begin - (int64_t{1} << 32)), 0) << "32 bits do not tell them apart";
     }
     useClock(oSystemClock);
 }
