@@ -7,16 +7,17 @@
 // of another kind, or one that needs a passphrase, counts as unreadable, since the tools run in scripts where
 // nobody could type one. Signatures are SHA-1 with RSA (RSASSA-PKCS1-v1_5 of RFC 8017), stored raw, without any encoding.
 //
-// Nothing is kept between calls. Threads may call the operations at the same time, except generateRSA(),
-// which uses the process's umask and its random sequence (srand(3)).
+// Nothing is kept between calls. Threads may call the operations at the same time, except generateRSA() and
+// generateSignature(), which use the process's umask, the former also its random sequence (srand(3)).
 class CCrypto {
 public:
     // Makes a private key of 2048 bits in the file `path`, its public key in `path`.pub, and a self-signed
     // certificate in `path`.crt, valid for 3650 days from now. The path has at most 244 characters.
     //
-    // Only the owner can read and write the private key (mode 0600), whatever the umask and whatever the mode
-    // of a file that it replaces. The three files appear under their names only once all of them are written
-    // whole. They replace regular files, but nothing else (a directory, a device).
+    // Nobody but the owner can read and write the private key (mode 0600 at most), whatever the umask and
+    // whatever the mode of a file that it replaces. Files that are replaced keep their owner and, within that
+    // limit, their mode. All three appear under their names once they are written whole, or none of them; but
+    // see COutputFile for where an old file has to be written over, and for what is never replaced.
     //
     // A certificate that cannot be made is the one failure that prints nothing.
     [[nodiscard]] static int generateRSA(const char* path);
@@ -25,7 +26,8 @@ public:
     // with the certificate's.
     [[nodiscard]] static int verifyRSA(const char* privateKeyFile, const char* certificateFile);
 
-    // Signs the data file. A signature file that cannot be written whole is removed again.
+    // Signs the data file. If the signature cannot be written whole, an older file stays as it was. A link is
+    // followed; a device or a pipe is written to.
     [[nodiscard]] static int generateSignature(const char* privateKeyFile, const char* dataFile,
                                                const char* signatureFile);
 

@@ -2,6 +2,7 @@
 #include "base/clock.h"
 #include "tools/CCrypto.h"
 #include "tools/COutputFile.h"
+#include "tools/CSignalBlock.h"
 #include "tools/certificate_time.h"
 #include "tools/key_input.h"
 
@@ -14,11 +15,13 @@
 #include <openssl/pem.h>
 #include <openssl/rsa.h>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 namespace {
 
-constexpr size_t nMaxBasePath = 244; // 255 (NAME_MAX) with ".crt" and the temporary file's ".XXXXXX"
+constexpr size_t nMaxBasePath = 244; // leaves room for the suffixes, and for a temporary file's
 constexpr size_t nKeyBits = 2048;
 constexpr unsigned nPublicExponent = 65537;
 constexpr int64_t nValidSeconds = 315360000; // 3650 days
@@ -108,38 +111,52 @@ CCertificateHandle newCertificate(EVP_PKEY* key) {
     return certificate;
 }
 
-// Names the first file that fails: the callers chain with && and stop there.
-bool tellUnlessWritten(bool isWritten, const COutputFile& file) {
-    if (!isWritten) {
-        std::printf("Cannot write file (%s)\n", file.path());
-    }
-    return isWritten;
+int fail(const char* text, const char* file) {
+    std::printf("%s %s\n", text, file);
+    return 0;
 }
 
-// `write` puts PEM into a BIO and returns 1 for success.
+int failWriting(const COutputFile& file) {
+    std::printf("Cannot write file (%s)\n", file.path());
+    return 0;
+}
+
+// What `write` puts into a BIO, returning 1 for success; null where memory is exhausted. libcrypto wipes the
+// memory when it frees it.
 template <typename FWrite>
-bool fill(COutputFile& file, FWrite write) {
-    return tellUnlessWritten(file.bio() != nullptr && write(file.bio()) == 1 && file.finish(), file);
+CBioHandle pem(FWrite write) {
+    CBioHandle out(BIO_new(BIO_s_mem()));
+    return out != nullptr && write(out.get()) == 1 ? std::move(out) : nullptr;
 }
 
-bool publish(COutputFile& file) {
-    return tellUnlessWritten(file.publish(), file);
+std::string_view textOf(BIO* memory) {
+    char* text = nullptr;
+    const long length = BIO_get_mem_data(memory, &text);
+    return {text, static_cast<size_t>(length)};
 }
 
 // Writes all three before it publishes any: a full disk leaves an old key pair as it was, instead of a new
-// key beside an old certificate. The private key is written unencrypted, since the tools cannot ask for a
+// key beside an old certificate. Signals wait until all three are in place, for the same reason, and so that
+// no temporary file stays. The private key is written unencrypted, since the tools cannot ask for a
 // passphrase when they read it back.
-bool writeFiles(const std::string& path, EVP_PKEY* key, X509* certificate) {
-    COutputFile privateFile(path, COutputFile::acOwner);
-    COutputFile publicFile(path + ".pub", COutputFile::acUmask);
-    COutputFile certificateFile(path + ".crt", COutputFile::acUmask);
-    return fill(privateFile,
-                [key](BIO* out) {
-                    return PEM_write_bio_PrivateKey(out, key, nullptr, nullptr, 0, nullptr, nullptr);
-                }) &&
-           fill(publicFile, [key](BIO* out) { return PEM_write_bio_PUBKEY(out, key); }) &&
-           fill(certificateFile, [certificate](BIO* out) { return PEM_write_bio_X509(out, certificate); }) &&
-           publish(privateFile) && publish(publicFile) && publish(certificateFile);
+int writeFiles(const std::string& path, EVP_PKEY* key, X509* certificate) {
+    const CBioHandle contents[] = {
+        pem([key](BIO* out) {
+            return PEM_write_bio_PrivateKey(out, key, nullptr, nullptr, 0, nullptr, nullptr);
+        }),
+        pem([key](BIO* out) { return PEM_write_bio_PUBKEY(out, key); }),
+        pem([certificate](BIO* out) { return PEM_write_bio_X509(out, certificate); })};
+    const CSignalBlock block;
+    COutputFile files[] = {{path, COutputFile::acOwner},
+                           {path + ".pub", COutputFile::acUmask},
+                           {path + ".crt", COutputFile::acUmask}};
+    for (size_t i = 0; i < std::size(files); ++i) {
+        if (contents[i] == nullptr || !files[i].open() || !files[i].fill(textOf(contents[i].get()))) {
+            return failWriting(files[i]);
+        }
+    }
+    const COutputFile* failed = COutputFile::publishAll(files);
+    return failed == nullptr ? 1 : failWriting(*failed);
 }
 
 using CBlock = std::vector<unsigned char>;
@@ -174,11 +191,6 @@ bool isPair(EVP_PKEY* privateKey, EVP_PKEY* publicKey) {
            transform(publicKey, secret, EVP_PKEY_verify_recover_init, EVP_PKEY_verify_recover) == block;
 }
 
-int fail(const char* text, const char* file) {
-    std::printf("%s %s\n", text, file);
-    return 0;
-}
-
 } // namespace
 
 // No file is touched before both the key and the certificate exist.
@@ -191,7 +203,7 @@ int CCrypto::generateRSA(const char* path) {
         return 0;
     }
     const CCertificateHandle certificate = newCertificate(key.get());
-    return certificate != nullptr && writeFiles(path, key.get(), certificate.get()) ? 1 : 0;
+    return certificate != nullptr ? writeFiles(path, key.get(), certificate.get()) : 0;
 }
 
 int CCrypto::verifyRSA(const char* privateKeyFile, const char* certificateFile) {

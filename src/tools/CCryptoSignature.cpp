@@ -1,14 +1,19 @@
 // CCrypto: signatures over files, and the certificates that verify them.
 #include "base/clock.h"
 #include "tools/CCrypto.h"
+#include "tools/COutputFile.h"
+#include "tools/CSignalBlock.h"
 #include "tools/certificate_time.h"
 #include "tools/key_input.h"
 
+#include <cerrno>
+#include <climits>
 #include <cstdio>
+#include <cstdlib>
 #include <memory>
+#include <string>
+#include <string_view>
 #include <sys/stat.h>
-#include <unistd.h>
-#include <utility>
 #include <vector>
 
 namespace {
@@ -76,21 +81,37 @@ CSignature sign(EVP_PKEY* key, FILE* data) {
     return signature;
 }
 
-// Removes a signature that could not be written whole, since half a one would look like a tampered file. A
-// device or pipe as the output (/dev/stdout) is left alone. A full disk often shows only in fclose(3), which
-// writes what stdio has buffered.
-bool writeWhole(CStreamHandle file, const CSignature& signature, const char* path) {
+// The name of the regular file to which the path leads, by links if need be, or which it is to create. Empty
+// for anything else, such as a device, a pipe, or /dev/stdout that leads to a file without a name.
+std::string fileName(const char* path) {
     struct stat status {};
-    const bool isFile = ::fstat(::fileno(file.get()), &status) == 0 && S_ISREG(status.st_mode);
+    if (::stat(path, &status) != 0) {
+        return errno == ENOENT && ::lstat(path, &status) != 0 ? path : "";
+    }
+    char resolved[PATH_MAX];
+    return S_ISREG(status.st_mode) && ::realpath(path, resolved) != nullptr ? resolved : "";
+}
+
+// Half a signature would look like a tampered file, so an older one stays until the new one is whole. No
+// signal leaves a temporary file.
+int writeFile(const std::string& name, std::string_view signature, const char* path) {
+    const CSignalBlock block;
+    COutputFile file(name, COutputFile::acAnybody);
+    if (!file.open()) {
+        return fail("Cannot open signature file", path);
+    }
+    return file.fill(signature) && file.publish() ? 1 : fail("Cannot write to signature file", path);
+}
+
+// A full disk often shows only in fclose(3), which writes what stdio has buffered.
+int writeStream(std::string_view signature, const char* path) {
+    CStreamHandle file(std::fopen(path, "wb"));
+    if (file == nullptr) {
+        return fail("Cannot open signature file", path);
+    }
     const size_t written = std::fwrite(signature.data(), 1, signature.size(), file.get());
     const bool isClosed = std::fclose(file.release()) == 0;
-    if (written == signature.size() && isClosed) {
-        return true;
-    }
-    if (isFile) {
-        ::unlink(path);
-    }
-    return false;
+    return written == signature.size() && isClosed ? 1 : fail("Cannot write to signature file", path);
 }
 
 // Data that cannot be read is told apart from a wrong signature: the one is a typing mistake, the other an
@@ -143,15 +164,9 @@ int CCrypto::generateSignature(const char* privateKeyFile, const char* dataFile,
     if (signature.empty()) {
         return fail("Cannot open data file", dataFile); // mostly data that opened but cannot be read
     }
-    // Opened only now: opening empties the file, so a failure up to here leaves an older signature in place.
-    CStreamHandle output(std::fopen(signatureFile, "wb"));
-    if (output == nullptr) {
-        return fail("Cannot open signature file", signatureFile);
-    }
-    if (!writeWhole(std::move(output), signature, signatureFile)) {
-        return fail("Cannot write to signature file", signatureFile);
-    }
-    return 1;
+    const std::string_view bytes(reinterpret_cast<const char*>(signature.data()), signature.size());
+    const std::string name = fileName(signatureFile);
+    return name.empty() ? writeStream(bytes, signatureFile) : writeFile(name, bytes, signatureFile);
 }
 
 // Reads the certificate, the signature and the data in this order, and reports the first that fails. The

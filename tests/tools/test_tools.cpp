@@ -3,11 +3,13 @@
 #include "base/clock.h"
 #include "support/files.h"
 #include "tools/CCrypto.h"
+#include "tools/COutputFile.h"
 #include "tools/handles.h"
 
 #include <algorithm>
 #include <openssl/pem.h>
 #include <random>
+#include <span>
 
 namespace {
 
@@ -142,11 +144,69 @@ TEST_F(CToolsTest, APrivateKeyIsItsOwnersAndNoHalfOfAFileIsLeft) {
     EXPECT_EQ(run("mkdir d/k.crt; $qel -newkey d/k"), "Cannot write file (d/k.crt)\n");
     EXPECT_EQ(run("mknod d/p p; $qel -newkey d/p"), "Cannot write file (d/p)\n");
     EXPECT_EQ(run("ls d"), "k.crt\np\n");
-    EXPECT_EQ(attempt("touch s; trap '' XFSZ; ulimit -f 0; $qel -signature key data s; ls s").substr(0, 40),
-              "Cannot write to signature file (s)\nls: c");
+    EXPECT_EQ(run("rmdir d/k.crt; (ulimit -f 1; $qel -newkey d/k; true) 2>/dev/null; ls -A d"),
+              "Cannot write file (d/k)\np\n"); // the signal is taken once nothing is left
     const std::string longest(244, 'x');
     EXPECT_EQ(run("$qel -newkey " + longest + "; $qel -check " + longest + " " + longest + ".crt"), "");
     EXPECT_EQ(run("$qel -newkey " + longest + "x"), "Invalid file name " + longest + "x\n");
+}
+
+// As root the test acts as another user here, who may not write everywhere.
+TEST_F(CToolsTest, WhereOnlyTheFilesAreWritableTheyAreWrittenInPlace) {
+    const uid_t user = ::geteuid() == 0 ? 65534 : ::geteuid();
+    run("mkdir d && cp key d/k && cp key.pub d/k.pub && cp key.crt d/k.crt && cat key >>d/k && chmod 644 "
+        "d/k*");
+    run("chmod 755 . && chmod 555 d && chown " + std::to_string(user) + " d/k*");
+    ASSERT_EQ(::seteuid(user), 0);
+    EXPECT_EQ(CCrypto::generateRSA("d/k"), 1);
+    EXPECT_EQ(CCrypto::generateRSA("d/none"), 0);
+    ASSERT_EQ(::seteuid(::getuid()), 0);
+    EXPECT_EQ(run("$qel -check d/k d/k.crt; stat -c %a d/k d/k.crt; ls d; grep -c BEGIN d/k"),
+              "600\n644\nk\nk.crt\nk.pub\n1\n");
+    EXPECT_EQ(attempt("cmp -s d/k key"), "status 1\n");
+    run("chmod 755 d");
+}
+
+TEST_F(CToolsTest, ANewKeyKeepsOwnerAndModeUnlessAStrangerMayHavePlantedTheFile) {
+    run("mkdir d && touch d/k d/k.pub d/k.crt && chmod 640 d/k* && chmod 400 d/k");
+    const bool isRoot = ::geteuid() == 0;
+    run(isRoot ? "chown 1234:1235 d/k*" : "true");
+    const std::string stat = "stat -c '%u %g %a' d/k d/k.pub d/k.crt";
+    const std::string before = run(stat);
+    run("$qel -newkey d/k && $qel -check d/k d/k.crt");
+    EXPECT_EQ(run(stat), before);
+    EXPECT_EQ(run("chmod 1777 d; $qel -newkey d/k"), isRoot ? "Cannot write file (d/k)\n" : "");
+    EXPECT_EQ(run("cd d; $qel -newkey k; $qel -newkey ../d/k"),
+              isRoot ? "Cannot write file (k)\nCannot write file (../d/k)\n" : "");
+    EXPECT_EQ(run(stat + "; $qel -check d/k d/k.crt"), before);
+    run("$qel -signature key data d/k.pub && $qel -signverify key.crt data d/k.pub");
+}
+
+TEST_F(CToolsTest, AllOrNoneOfTheNewFilesAppear) {
+    run("mkdir d && echo old >d/a");
+    const auto publish = [](const char* meanwhile) {
+        COutputFile files[] = {
+            {"d/a", COutputFile::acUmask}, {"d/b", COutputFile::acUmask}, {"d/c", COutputFile::acUmask}};
+        for (COutputFile& file : files) {
+            EXPECT_TRUE(file.open() && file.fill("new\n"));
+        }
+        run(meanwhile);
+        const COutputFile* failed = COutputFile::publishAll(files);
+        return failed != nullptr ? failed - files : -1;
+    };
+    EXPECT_EQ(publish("mkdir d/c"), 2);
+    EXPECT_EQ(run("cd d; cat a; ls -A; rmdir c"), "old\na\nc\n");
+    EXPECT_EQ(publish("true"), -1);
+    EXPECT_EQ(run("cd d; cat a b c; ls -A"), "new\nnew\nnew\na\nb\nc\n");
+}
+
+TEST_F(CToolsTest, ASignatureTakesTheOldOnesPlaceOnlyWhole) {
+    run("$qel -signature key data s && cp s good && ln -s s link && echo more >more");
+    EXPECT_EQ(run("(trap '' XFSZ; ulimit -f 0; $qel -signature key more s); cmp s good && ls s*"),
+              "Cannot write to signature file (s)\ns\n");
+    run("$qel -signature key more link && test -L link && $qel -signverify key.crt more s");
+    run("$qel -signature key data /dev/stdout | cmp - good && ln -s new dangling && "
+        "$qel -signature key data dangling && cmp new good");
 }
 
 TEST_F(CToolsTest, ValidityIsExactToTheSecondInAnyEra) {
