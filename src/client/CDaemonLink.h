@@ -3,6 +3,7 @@
 #define QEL_CLIENT_CDAEMONLINK_H
 
 #include "client/CFeatureTable.h"
+#include "client/CPatience.h"
 #include "client/qelclient.h"
 #include "messaging/wire/wire.h"
 #include "platform/mfw.h"
@@ -14,8 +15,6 @@
 #include <string>
 #include <string_view>
 #include <vector>
-
-using CClientClock = std::chrono::steady_clock;
 
 // Knows nothing of the conversation: it sends what it is asked to send, and keeps what came from the daemon,
 // in order of arrival. It drops messages that are too short, or that anybody but the present daemon has sent.

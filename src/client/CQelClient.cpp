@@ -2,13 +2,21 @@
 
 #include <algorithm>
 #include <climits>
+#include <unistd.h>
 #include <utility>
 
 namespace {
 
-// The daemon takes in one message in 35 to 55 ms. When 64 components announce themselves at once, the last
-// one is answered after several seconds.
-constexpr std::chrono::milliseconds tDefaultAnswer{10000};
+CClientClock::duration patience(const qel_options& options) {
+    const std::chrono::milliseconds wanted(options.answer_timeout_ms);
+    return wanted.count() != 0 ? wanted : std::chrono::milliseconds(CPatience::tDefault);
+}
+
+// Differs between processes that start at the same moment.
+uint32_t chance() {
+    const auto now = CClientClock::now().time_since_epoch().count();
+    return static_cast<uint32_t>(now) ^ static_cast<uint32_t>(getpid()) << 12;
+}
 
 // Any negative limit is QEL_FOREVER.
 CClientClock::time_point deadlineAfter(int timeoutMs) {
@@ -19,7 +27,8 @@ CClientClock::time_point deadlineAfter(int timeoutMs) {
 } // namespace
 
 CQelClient::CQelClient(const char* name, const qel_options& options)
-    : m_oOptions(options), m_oLink(name, options.trace, options.user) {}
+    : m_oOptions(options), m_oLink(name, options.trace, options.user),
+      m_oPatience(patience(options), chance()) {}
 
 int CQelClient::hold(const SFeature& feature) {
     m_oTable.add(feature);
@@ -115,7 +124,8 @@ int CQelClient::pump(const std::function<bool()>& reached, int timeoutMs) {
         }
         m_oLink.receive(waitTime(deadline));
         takeMessages();
-        if (m_eAwaited != ERequest::none && CClientClock::now() >= m_tAnswerDue) {
+        if (m_eAwaited != ERequest::none && CClientClock::now() >= m_oPatience.due()) {
+            m_oPatience.giveUp();
             startOver();
         }
     }
@@ -126,7 +136,7 @@ int CQelClient::pump(const std::function<bool()>& reached, int timeoutMs) {
 std::chrono::milliseconds CQelClient::waitTime(CClientClock::time_point deadline) const {
     auto until = std::min(deadline, m_oLink.nextLookup());
     if (m_eAwaited != ERequest::none) {
-        until = std::min(until, m_tAnswerDue);
+        until = std::min(until, m_oPatience.due());
     }
     return std::chrono::ceil<std::chrono::milliseconds>(until - CClientClock::now());
 }
@@ -137,6 +147,7 @@ void CQelClient::followDaemon() {
         // The new daemon awaits no reply to what the old one notified, and the send that failed was
         // not to it.
         m_oNotifications.clear();
+        m_oPatience.forget();
         m_tRetry = {};
     }
 }
@@ -191,16 +202,13 @@ bool CQelClient::sendNext() {
 }
 
 bool CQelClient::expect(ERequest request, uint32_t tag) {
-    auto now = CClientClock::now();
     if (tag == 0) {
         // The look-up at that time tells whether the daemon has gone or was only busy.
         m_tRetry = m_oLink.nextLookup();
         return false;
     }
-    auto patience = std::chrono::milliseconds(m_oOptions.answer_timeout_ms);
     m_eAwaited = request;
-    m_nAwaitedTag = tag;
-    m_tAnswerDue = now + (patience.count() ? patience : tDefaultAnswer);
+    m_oPatience.ask(tag, CClientClock::now());
     return true;
 }
 
@@ -231,7 +239,8 @@ void CQelClient::take(const CQelServerMessage& message) {
     if (type == nQelServerReplyMsgType) {
         // Even a late answer proves that this daemon has had an announcement of this process.
         m_nKnownTo = m_oLink.handle();
-        if (m_eAwaited != ERequest::none && message.m_oHeader.m_nTag == m_nAwaitedTag) {
+        const bool isAwaited = m_oPatience.take(message.m_oHeader.m_nTag, CClientClock::now());
+        if (isAwaited && m_eAwaited != ERequest::none) {
             takeAnswer(feature);
         }
     } else if (type <= nQelServerTimeoutMsgType && isKnown()) {

@@ -4,6 +4,7 @@
 
 #include "client/CDaemonLink.h"
 #include "client/CFeatureTable.h"
+#include "client/CPatience.h"
 #include "client/qelclient.h"
 
 #include <atomic>
@@ -19,8 +20,8 @@
 //
 // Rules, and why:
 // - One request at a time. An answer echoes the tag of its request; one with another tag is late and is
-//   dropped. If a request stays without an answer, the conversation starts over: to ask for the page once
-//   more would skip a feature.
+//   dropped. If a request stays without an answer for long (CPatience), the conversation starts over: to ask
+//   for the page once more would skip a feature.
 // - Notifications that arrive while an answer is awaited are queued, and handled in order of arrival before
 //   the next request goes out. A page about the same code that arrives later settles them: the daemon no
 //   longer awaits a reply.
@@ -127,8 +128,7 @@ private:
     uint32_t m_nKnownTo = nNoHandle; // the daemon that has answered this process
 
     ERequest m_eAwaited = ERequest::none;
-    uint32_t m_nAwaitedTag = 0;
-    CClientClock::time_point m_tAnswerDue{};
+    CPatience m_oPatience;               // when what is awaited has to be given up
     CClientClock::time_point m_tRetry{}; // nothing is sent before: a send has failed
 
     std::deque<SNotification> m_oNotifications; // the component has yet to hear of these

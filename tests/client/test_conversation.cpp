@@ -203,6 +203,28 @@ TEST_F(CConversation, AnAbsentDaemonIsWaitedForAsLongAsAskedAndFoundLater) {
     EXPECT_EQ(qel_fetch(m_pClient, 0), QEL_ETIMEDOUT);
 }
 
+// As behind a queue: every answer takes the daemon longer than the client waits at first.
+TEST_F(CConversation, ASlowDaemonIsWaitedForLongerEachTimeUntilItsAnswersCount) {
+    using CTime = std::chrono::steady_clock::time_point;
+    begin("never", 20);
+    std::vector<CTime> asked;
+    m_rPlatform.m_fnOnReceive = [&] {
+        const CTime now = std::chrono::steady_clock::now();
+        const auto& sent = m_rPlatform.m_vSent;
+        asked.resize(sent.size(), now);
+        if (m_nTaken < sent.size() && now - asked[m_nTaken] >= std::chrono::milliseconds(200)) {
+            const std::string tag = toHex(sent[m_nTaken++].m_sBody.substr(16, 4));
+            m_nTag = static_cast<uint32_t>(std::stoul(tag, nullptr, 16));
+            send("answer", {});
+        }
+        usleep(1000);
+    };
+    EXPECT_EQ(qel_announce(m_pClient, nLong), 0);
+    EXPECT_EQ(qel_fetch(m_pClient, nLong), 0);
+    EXPECT_EQ(qel_monitor(m_pClient, nLong), 0);
+    EXPECT_LE(asked.size(), 8u) << "4 questions, and those given up before";
+}
+
 TEST_F(CConversation, CallbacksCannotReenterTheClient) {
     begin("name=0 - init - get 1:1 get - monitor -");
     m_fnAnswer = [this](const qel_notification&, char*) {
