@@ -68,14 +68,21 @@ std::vector<CFeatureTable::SChange> CFeatureTable::takeChanges() {
     return changes;
 }
 
-// Where something is set aside under the code, the pair held is not gone but about to be replaced, which is
-// what takeChanges() reports.
+// Each pair set aside replaces one pair held under its code, the lowest first, as takeChanges() reports. Those
+// beyond are gone.
 std::vector<SFeature> CFeatureTable::gone() const {
     std::vector<SFeature> features;
+    std::multiset<uint32_t> replacing;
+    for (const SFeature& feature : m_oSetAside) {
+        replacing.insert(feature.m_nCode);
+    }
     for (const auto& [feature, seen] : m_oHeld) {
-        auto aside = m_oSetAside.lower_bound({feature.m_nCode, 0});
-        bool replaced = aside != m_oSetAside.end() && aside->m_nCode == feature.m_nCode;
-        if (!seen && !replaced) {
+        if (seen) {
+            continue;
+        }
+        if (auto one = replacing.find(feature.m_nCode); one != replacing.end()) {
+            replacing.erase(one);
+        } else {
             features.push_back(feature);
         }
     }

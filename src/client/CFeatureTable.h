@@ -47,7 +47,7 @@ public:
     };
     // Takes what was set aside, each pair with the one that it replaces, if there is one.
     std::vector<SChange> takeChanges();
-    // Features held that this fetch has not shown, except those whose code has a pair set aside.
+    // Features held that this fetch has not shown, except as many of a code as it has pairs set aside.
     std::vector<SFeature> gone() const;
 
 private:

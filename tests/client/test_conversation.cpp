@@ -168,6 +168,10 @@ const SRule aRules[] = {
     {"OneCodeInForceTwiceIsNoChange",
      "hold=1:1 name=1 - init - get 1:2 get 1:1 get 3:1 get 3:2 get - monitor -",
      "enable 3:1, enable 3:2, enable 1:2, holds 1:1 1:2 3:1 3:2"},
+    {"OneOfTwoDataValuesIsWithdrawnOnlyIfItIsMissingTwice", // the other one is replaced
+     "hold=1:1 hold=1:2 name=2 - init - get 1:3 get - name=0 - init - get 1:3 get 1:2 get - monitor - "
+     "restart name=2 - init - get 1:4 get - name=0 - init - get 1:4 get - monitor -",
+     "modify 1:1>3, modify 1:2>4, disable 1:3, holds 1:4"},
     {"ANotificationFromBeforeTheAnnouncementIsIgnored", // it is about an earlier life of the component
      "name=0 enable=5:5 - init - get - monitor -", ""},
     {"GarbageAndStrangersAreIgnored",
