@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <cxxabi.h>
 #include <unistd.h>
 #include <utility>
 
@@ -129,13 +130,24 @@ void CDaemonLink::cbReceive(uint16_t, uint32_t, const sOvuMfwMessage* message, u
 
 void CDaemonLink::take(const sOvuMfwMessage& message, uint32_t length) {
     // Traced before it is judged: somebody who debugs a conversation wants to see the strays as well.
-    if (m_fnTrace) {
-        m_fnTrace(m_pUser, 0, message.data, length);
-    }
+    show(0, message.data, length);
     // The sender's handle is filled in by the framework, not by the sender, so nobody can pose as the daemon.
     bool fromDaemon = m_nDaemon != nNoHandle && bigEndianWord(message.sender) == m_nDaemon;
     if (fromDaemon && length >= sizeof(CQelServerMessage)) {
         m_oInbox.push_back(readBody<CQelServerMessage>(message.data, length));
+    }
+}
+
+// What a callback in C++ throws must leave neither by the framework nor by the C interface.
+void CDaemonLink::show(int sent, const uint8_t* body, size_t length) const {
+    if (!m_fnTrace) {
+        return;
+    }
+    try {
+        m_fnTrace(m_pUser, sent, body, length);
+    } catch (const abi::__forced_unwind&) {
+        throw;
+    } catch (...) { // it only looks on
     }
 }
 
@@ -168,8 +180,6 @@ uint32_t CDaemonLink::send(const CQelMessageHeader& header, const void* body, si
     if (OvuMfwSendMessage(m_nDaemon, nQelServerMfwMsgId, 0, &message, static_cast<uint32_t>(length)) != 0) {
         return 0;
     }
-    if (m_fnTrace) {
-        m_fnTrace(m_pUser, 1, message.data, length);
-    }
+    show(1, message.data, length);
     return header.m_nTag;
 }

@@ -61,6 +61,7 @@ public:
 private:
     static void cbReceive(uint16_t type, uint32_t id, const sOvuMfwMessage* message, uint32_t length);
     void take(const sOvuMfwMessage& message, uint32_t length);
+    void show(int sent, const uint8_t* body, size_t length) const;
     uint32_t nextTag();
     CQelMessageHeader header(uint32_t type, uint32_t subType, size_t length);
     uint32_t send(const CQelMessageHeader& header, const void* body, size_t length);

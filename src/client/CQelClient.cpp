@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <cxxabi.h>
 #include <unistd.h>
 #include <utility>
 
@@ -106,13 +107,13 @@ int CQelClient::state() const {
     return m_bAnnounced || m_bConfirming ? QEL_STATE_ANNOUNCED : QEL_STATE_SEEKING;
 }
 
-// Receives at least once before the deadline counts, so that a call with a time limit of 0 still handles
-// what is there. A stop is checked right after act(), where callbacks run, and at least once in each
-// look-up period.
+// Receives at least once before the deadline counts, and sets act() no deadline where the time limit is 0, so
+// that such a call handles what is there. A stop is checked right after act(), where callbacks run, and at
+// least once in each look-up period.
 int CQelClient::pump(const std::function<bool()>& reached, int timeoutMs) {
     auto deadline = deadlineAfter(timeoutMs);
     for (bool first = true;; first = false) {
-        act();
+        act(timeoutMs != 0 ? deadline : CClientClock::time_point::max());
         if (m_bStop.exchange(false)) {
             return QEL_ESTOPPED;
         }
@@ -160,12 +161,18 @@ void CQelClient::startOver() {
 }
 
 // Runs until an answer is awaited, or until there is nothing to do. Notifications go before requests, because
-// the daemon allows 10 seconds for a reply, while a request can wait.
-void CQelClient::act() {
+// the daemon allows 10 seconds for a reply, while a request can wait. Those that need no reply do not end
+// this, so there the deadline is looked at: after the first one, which a call may always handle, and not
+// before the reply to the last one is out.
+void CQelClient::act(CClientClock::time_point deadline) {
     followDaemon();
+    bool mayEnd = false;
     while (m_bWanted && m_oLink.handle() != nNoHandle && m_eAwaited == ERequest::none &&
            CClientClock::now() >= m_tRetry && !m_bStop) {
         if (!m_oReply && !m_oNotifications.empty()) {
+            if (std::exchange(mayEnd, true) && CClientClock::now() >= deadline) {
+                return;
+            }
             // Out of the queue first: deliver() takes in messages, which may change the queue.
             SNotification next = m_oNotifications.front();
             m_oNotifications.pop_front();
@@ -339,17 +346,19 @@ void CQelClient::deliver(SNotification notification) {
     }
     std::string text;
     SDifference difference = compare(notification);
-    m_pDelivering = &notification;
+    const CMarked delivering(m_pDelivering, notification);
     // No page about this code has come since: takePage() would have dropped the notification.
     m_oTable.forgetSetAside(notification.m_oFeature.m_nCode);
     bool changes = difference.m_oOld != difference.m_oNew;
     int result = changes ? offer(difference, false, &text) : repeat(notification, text);
+    if (result == QEL_NO_REPLY) {
+        return;
+    }
     // The callback may have taken its time. If the note that the reply is overdue has arrived meanwhile, the
     // reply must not be sent; takeNotification() marks the one being delivered.
     m_oLink.receive(std::chrono::milliseconds(0));
     takeMessages();
-    m_pDelivering = nullptr;
-    if (result != QEL_NO_REPLY && !notification.m_bOverdue) {
+    if (!notification.m_bOverdue) {
         // 1 is the only status that means success; every other one is a refusal.
         m_oReply = {notification.m_oFeature.m_nCode, result == QEL_OK ? nReplyOk : 0, text};
     }
@@ -405,6 +414,8 @@ int CQelClient::repeat(const SNotification& notification, std::string& text) {
     return call({disables ? QEL_DISABLE : QEL_ENABLE, feature.m_nCode, feature.m_nData, 0, 0}, &text);
 }
 
+// A callback in C++ may throw, which must not leave by the C interface. Only the end of the thread
+// (pthread_cancel(3)) passes through, as it has to.
 int CQelClient::call(const qel_notification& notification, std::string* text) {
     char buffer[QEL_TEXT_SIZE] = {};
     // Sticks at the largest number: one qel_run() may go on for years.
@@ -412,7 +423,14 @@ int CQelClient::call(const qel_notification& notification, std::string* text) {
     if (!m_oOptions.notify) {
         return QEL_OK;
     }
-    int result = m_oOptions.notify(m_oOptions.user, &notification, buffer);
+    int result = QEL_REFUSED;
+    try {
+        result = m_oOptions.notify(m_oOptions.user, &notification, buffer);
+    } catch (const abi::__forced_unwind&) {
+        throw;
+    } catch (...) {
+        buffer[0] = '\0';
+    }
     if (text) {
         // The component may have filled the buffer without leaving a NUL.
         text->assign(buffer, strnlen(buffer, sizeof buffer - 1));

@@ -75,6 +75,18 @@ private:
         std::optional<SFeature> m_oNew; // to be held; none: a withdrawal
     };
 
+    // Marks the notification as being delivered, however the delivery ends.
+    class CMarked {
+    public:
+        CMarked(SNotification*& mark, SNotification& notification) : m_rMark(mark) { mark = &notification; }
+        ~CMarked() { m_rMark = nullptr; }
+        CMarked(const CMarked&) = delete;
+        CMarked& operator=(const CMarked&) = delete;
+
+    private:
+        SNotification*& m_rMark;
+    };
+
     struct SReply {
         uint32_t m_nCode = 0;
         uint32_t m_nStatus = 0;
@@ -89,7 +101,7 @@ private:
     void startOver();
 
     // What goes out.
-    void act();
+    void act(CClientClock::time_point deadline);
     bool sendNext();
     bool expect(ERequest request, uint32_t tag);
     uint32_t sendAnnouncement();

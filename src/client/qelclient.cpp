@@ -19,6 +19,10 @@ namespace {
 // The framework gives a process one endpoint, and a client takes all of it.
 std::atomic<bool> bOpen{false};
 
+struct SLeave {
+    void operator()(qel_client* client) const { client->m_bBusy = false; }
+};
+
 // Runs `work` inside the client unless somebody is there already: another thread, or the call whose callback
 // this is. The flag refuses instead of waiting, because a callback would wait for its own caller. The library
 // itself throws only where memory runs out; a C caller could not catch it.
@@ -30,13 +34,13 @@ int enter(qel_client* client, Work work) {
     if (client->m_bBusy.exchange(true)) {
         return QEL_EBUSY;
     }
-    int rc = QEL_ENOMEM;
+    // However the call ends, also where a callback ends the thread.
+    const std::unique_ptr<qel_client, SLeave> leave(client);
     try {
-        rc = work();
+        return work();
     } catch (const std::bad_alloc&) {
+        return QEL_ENOMEM;
     }
-    client->m_bBusy = false;
-    return rc;
 }
 
 // The daemon does not store a longer name, and answers no message without one.

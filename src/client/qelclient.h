@@ -17,15 +17,17 @@
  * Results: 0 or a positive count is success; a negative number is one of QEL_E..., which
  * qel_strerror() puts in words.
  *
- * Times are in milliseconds. 0: handle what is there, do not wait. QEL_FOREVER: no limit. No call waits
- * longer than it was asked to, except for the time that the callback itself takes.
+ * Times are in milliseconds. 0: handle what is there, do not wait. QEL_FOREVER: no limit. No call takes
+ * longer than it was asked to, except for the callback that is running when the time is up, and for those that
+ * tell the differences at the end of a fetch, which belong together.
  *
  * Threads: there is one client in a process, since the message framework gives a process one endpoint. It
  * belongs to the client from qel_open to qel_close. One thread at a time uses the client. Only qel_stop may
  * be called at any time, from any thread and from a signal handler. Callbacks run on the thread that is in
  * the library, and only inside qel_announce, qel_fetch, qel_monitor, qel_wait, qel_run and (trace only)
  * qel_shutdown. A callback may call the queries (qel_features, qel_state) and qel_stop; every other call
- * returns QEL_EBUSY there. */
+ * returns QEL_EBUSY there. An exception that a callback throws goes no further: it counts as QEL_REFUSED, or
+ * as nothing if it is the trace's. */
 #ifndef QEL_CLIENT_QELCLIENT_H
 #define QEL_CLIENT_QELCLIENT_H
 

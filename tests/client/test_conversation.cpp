@@ -2,6 +2,7 @@
 #include "fake/fake_platform.h"
 
 #include <chrono>
+#include <cstring>
 #include <deque>
 #include <sstream>
 #include <unistd.h>
@@ -227,6 +228,45 @@ TEST_F(CConversation, ASlowDaemonIsWaitedForLongerEachTimeUntilItsAnswersCount) 
     EXPECT_EQ(qel_fetch(m_pClient, nLong), 0);
     EXPECT_EQ(qel_monitor(m_pClient, nLong), 0);
     EXPECT_LE(asked.size(), 8u) << "4 questions, and those given up before";
+}
+
+TEST_F(CConversation, AFloodDoesNotOutlastTheTimeLimit) {
+    begin("name=0 - init - get - monitor -");
+    attend();
+    m_fnAnswer = [](const qel_notification&, char*) {
+        usleep(10000);
+        return QEL_NO_REPLY;
+    };
+    const auto start = std::chrono::steady_clock::now();
+    size_t sent = 0;
+    m_rPlatform.m_fnOnReceive = [&] {
+        for (int i = 0; i < 100; ++i, ++sent) {
+            send("enable", {1, 1});
+        }
+        if (std::chrono::steady_clock::now() - start > std::chrono::seconds(3)) {
+            qel_stop(m_pClient);
+        }
+    };
+    EXPECT_EQ(qel_run(m_pClient, 100), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(600));
+    m_rPlatform.m_fnOnReceive = [] {};
+    m_fnAnswer = [](const qel_notification&, char*) { return QEL_NO_REPLY; };
+    EXPECT_EQ(qel_run(m_pClient, 0), 0);
+    EXPECT_EQ(m_sTold.size(), sent * std::strlen("enable 1:1, ")) << "all that was there";
+}
+
+TEST_F(CConversation, WhatACallbackThrowsIsARefusal) {
+    begin("name=0 - init - get - monitor - enable=1:1 fail - enable=1:1 ok -");
+    m_fnAnswer = [this](const qel_notification&, char* text) -> int {
+        if (m_sTold.size() > 12) {
+            return QEL_OK;
+        }
+        *text = 'x';
+        throw 5;
+    };
+    attend();
+    EXPECT_EQ(m_rPlatform.m_vSent[4].m_sBody.size(), 33u) << "without a text";
+    EXPECT_EQ(qel_features(m_pClient, nullptr, 0), 1);
 }
 
 TEST_F(CConversation, CallbacksCannotReenterTheClient) {
