@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <ctime>
 #include <cxxabi.h>
 #include <unistd.h>
 #include <utility>
@@ -15,6 +16,13 @@ const char* const szDaemonProcess = "qelserver";
 // Messages taken in at one go. Without a limit, a peer that floods this process could keep the client from
 // ever looking at its time limit.
 constexpr int nMaxBurst = 256;
+
+// That this thread has used.
+std::chrono::nanoseconds processorTime() {
+    timespec used{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &used);
+    return std::chrono::seconds(used.tv_sec) + std::chrono::nanoseconds(used.tv_nsec);
+}
 
 uint32_t bigEndianWord(const uint8_t (&bytes)[4]) {
     CBigEndian32 word;
@@ -49,19 +57,22 @@ bool CDaemonLink::open() {
            OvuMfwRegisterCallback(nQelServerMfwMsgId, cbReceive) == 0;
 }
 
-// A look-up asks about every process that has an endpoint, so it is not done for every message. Another
-// handle is another process: a daemon that was restarted and does not know this component. What its
+// A look-up asks about every process that has an endpoint, so it is not done for every message, and each
+// process spends a thousandth of a processor on it at most: with many, all that look would leave the daemon
+// no time. Another handle is another process: a daemon that was restarted and does not know this component. What its
 // predecessor sent is void.
 CDaemonLink::ELookup CDaemonLink::lookUp() {
     auto now = CClientClock::now();
     if (now < m_tNextLookup) {
         return ELookup::notDue;
     }
-    m_tNextLookup = now + tLookup;
+    const auto before = processorTime();
     uint32_t found = nNoHandle;
     if (OvuMfwGetProcessHandle(szDaemonProcess, &found) != 0) {
         found = nNoHandle;
     }
+    m_tNextLookup =
+        now + std::clamp<CClientClock::duration>(1000 * (processorTime() - before), tLookup, tLongestLookup);
     if (found == m_nDaemon) {
         return ELookup::same;
     }
@@ -167,8 +178,8 @@ CQelMessageHeader CDaemonLink::header(uint32_t type, uint32_t subType, size_t le
     return header;
 }
 
-// A daemon that has gone and one whose queue is full both make sending fail. The next look-up tells
-// which it is.
+// A daemon that has gone and one whose queue is full both make sending fail. The next look-up, which is soon
+// then, tells which it is.
 uint32_t CDaemonLink::send(const CQelMessageHeader& header, const void* body, size_t length) {
     sOvuMfwMessage message = {};
     static_assert(sizeof(CQelNameMessage) + nMaxKnownPairs * sizeof(CQelPair) <= sizeof message.data);
@@ -178,6 +189,7 @@ uint32_t CDaemonLink::send(const CQelMessageHeader& header, const void* body, si
     }
     std::memcpy(message.data, body, length);
     if (OvuMfwSendMessage(m_nDaemon, nQelServerMfwMsgId, 0, &message, static_cast<uint32_t>(length)) != 0) {
+        m_tNextLookup = std::min(m_tNextLookup, CClientClock::now() + tLookup);
         return 0;
     }
     show(1, message.data, length);

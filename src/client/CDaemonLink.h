@@ -23,8 +23,10 @@
 // thread at a time.
 class CDaemonLink {
 public:
-    // How often the daemon is looked up at most. So a restart of the daemon is noticed within half a second.
+    // How often the daemon is looked up at most. So a restart of the daemon is noticed within half a second,
+    // but later, up to tLongestLookup, among more than some hundred processes: see lookUp().
     static constexpr std::chrono::milliseconds tLookup{500};
+    static constexpr std::chrono::seconds tLongestLookup{10};
 
     CDaemonLink(std::string name, qel_trace_fn trace, void* user);
     ~CDaemonLink();

@@ -124,7 +124,8 @@ struct qel_options {
     /* How long an answer from the daemon may take at least before the client starts over. Up to half as much
      * is added by chance; each time in vain doubles it, up to an hour, until answers come in time again. 0: the
      * default of 60 seconds, in which the daemon can answer 1,000 clients that start at the same moment. A
-     * daemon that has gone is noticed within half a second all the same. */
+     * daemon that has gone is noticed within half a second all the same (within 10 seconds at most where a
+     * thousand processes and more make looking for it expensive). */
     uint32_t answer_timeout_ms;
     /* 1: call `notify` also when nothing changes: for a feature that is held with this very data
      * (QEL_ENABLE), or withdrawn and not held (QEL_DISABLE). The daemon repeats features with every new list;

@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <cstring>
+#include <ctime>
 #include <deque>
 #include <sstream>
 #include <unistd.h>
@@ -253,6 +254,20 @@ TEST_F(CConversation, AFloodDoesNotOutlastTheTimeLimit) {
     m_fnAnswer = [](const qel_notification&, char*) { return QEL_NO_REPLY; };
     EXPECT_EQ(qel_run(m_pClient, 0), 0);
     EXPECT_EQ(m_sTold.size(), sent * std::strlen("enable 1:1, ")) << "all that was there";
+}
+
+TEST_F(CConversation, ExpensiveLookUpsAreRare) {
+    m_rPlatform.m_oProcesses.clear();
+    open();
+    int count = 0;
+    m_rPlatform.m_fnOnLookup = [&count] {
+        ++count;
+        for (const auto start = std::clock(); std::clock() - start < CLOCKS_PER_SEC / 500;) {
+        }
+    };
+    m_rPlatform.m_fnOnReceive = [] { usleep(1000); };
+    EXPECT_EQ(qel_run(m_pClient, 1200), QEL_ENODAEMON);
+    EXPECT_EQ(count, 1) << "2 ms of the processor each: once in 2 seconds";
 }
 
 TEST_F(CConversation, WhatACallbackThrowsIsARefusal) {

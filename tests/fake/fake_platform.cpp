@@ -260,6 +260,7 @@ int OvuMfwGetProcessHandle(const char* processName, uint32_t* handle) {
         *handle = 1;
         return 0;
     }
+    fake().m_fnOnLookup();
     return find(fake().m_oProcesses, processName, handle);
 }
 

@@ -76,6 +76,7 @@ public:
     std::function<void()> m_fnOnReceive = [] {};                   // runs at each OvuMfwProcessNextMessage
     std::function<void()> m_fnOnProcessState = [] {};              // runs at each osGetProcessState
     std::function<void()> m_fnOnMutexCleanup = [] {};              // runs at each osCleanupLwtMutex
+    std::function<void()> m_fnOnLookup = [] {};                    // runs at each look-up by name
 
 private:
     struct SFailure {
