@@ -4,24 +4,39 @@
 
 namespace {
 
-// Removes the next non-empty part from the front of the text and returns it; empty if there is none. The
-// separator behind it stays and is skipped by the next call, which is how empty lines and fields vanish.
-std::string_view cut(std::string_view& text, std::string_view separators) {
-    text.remove_prefix(std::min(text.find_first_not_of(separators), text.size()));
-    const std::string_view part = text.substr(0, text.find_first_of(separators));
-    text.remove_prefix(part.size());
-    return part;
+// Where the text's next `c` is, from `at` on; its size if there is none. `known` is the answer for an earlier
+// place, which mostly is the answer still: so of a kind of line end that a text does not have, the whole text
+// is searched once.
+void seek(std::string_view text, char c, size_t at, size_t& known) {
+    if (known < at) {
+        known = std::min(text.find(c, at), text.size());
+    }
+}
+
+void skipCommas(std::string_view& text) {
+    text.remove_prefix(std::min(text.find_first_not_of(','), text.size()));
 }
 
 } // namespace
 
+CDescriptions::CDescriptions(std::string_view text)
+    : m_sText(text.substr(0, text.find('\0'))), m_nLineFeed(std::min(m_sText.find('\n'), m_sText.size())),
+      m_nReturn(std::min(m_sText.find('\r'), m_sText.size())) {}
+
+// The daemon walks the whole file for each feature that it names, hence the care: one search for the line's end,
+// one for the code's, and none for the name's, which few ask for.
 bool CDescriptions::next() {
-    while (!m_sRest.empty()) {
-        // At the end of the text both fields come out empty, and the loop ends.
-        std::string_view line = cut(m_sRest, "\r\n");
-        const std::string_view code = cut(line, ",");
-        m_sName = cut(line, ",");
-        if (!m_sName.empty()) {
+    while (m_nAt < m_sText.size()) {
+        seek(m_sText, '\n', m_nAt, m_nLineFeed);
+        seek(m_sText, '\r', m_nAt, m_nReturn);
+        const size_t end = std::min(m_nLineFeed, m_nReturn);
+        std::string_view line = m_sText.substr(m_nAt, end - m_nAt);
+        m_nAt = end + 1;
+        skipCommas(line);
+        const std::string_view code = line.substr(0, line.find(','));
+        m_sNames = line.substr(code.size());
+        skipCommas(m_sNames);
+        if (!m_sNames.empty()) {
             m_nCode = readNumber(code);
             return true;
         }

@@ -20,23 +20,27 @@
 class CDescriptions {
 public:
     // The text ends at its first NUL, if it has one.
-    explicit CDescriptions(std::string_view text) : m_sRest(text.substr(0, text.find('\0'))) {}
+    explicit CDescriptions(std::string_view text);
 
     // Moves to the next line that names a feature; call it before the first one. False: there are no more.
     bool next();
 
     // Of the current line.
     uint32_t code() const { return m_nCode; }
-    std::string_view name() const { return m_sName; } // exactly as written, with its blanks; never empty
+    // Exactly as written, with its blanks; never empty.
+    std::string_view name() const { return m_sNames.substr(0, m_sNames.find(',')); }
 
     // Reads leading blanks (' ' only), an optional sign and decimal digits; what follows them is ignored. 0
     // where there is no number. Values beyond 32 bits wrap, so -1 and 4294967295 are the same code.
     static uint32_t readNumber(std::string_view text);
 
 private:
-    std::string_view m_sRest;
+    std::string_view m_sText;
+    size_t m_nAt = 0;   // begin of the next line
+    size_t m_nLineFeed; // the next one from some place at or before m_nAt on
+    size_t m_nReturn;   // likewise
     uint32_t m_nCode = 0;
-    std::string_view m_sName;
+    std::string_view m_sNames; // the name, and the fields behind it
 };
 
 #endif

@@ -101,8 +101,9 @@ public:
     // Deletes every record and forgets the component names.
     void clear();
 
-    // Fills m_sName from the feature description file. 1, or 0 if that could not be read. The file is read
-    // anew for each entry, so naming n features reads it n times.
+    // Fills m_sName from the feature description file. 1, also if that has no name for the feature; 0 if it
+    // is no regular file, cannot be opened, or there is no memory. Reads the whole file each time, so naming n
+    // features reads it n times.
     int setupName();
     // Whether a description file is configured at all: by QEL_DESCRIPTION in the environment, or compiled in.
     static bool hasDescriptionFile();
@@ -122,7 +123,7 @@ public:
 private:
     int add(CComponent* comp);
     CCompStatus* takeSlot(CComponent* comp);
-    void takeName(std::string_view name);
+    bool takeName(std::string_view name);
     int reply(CCompStatus& record);
     int remove(CCompStatus& record);
     int refuse(EOperator op, const CComponent& comp) const;

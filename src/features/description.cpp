@@ -9,8 +9,17 @@
 #include <memory>
 #include <new>
 #include <string>
+#include <sys/stat.h>
 
 namespace {
+
+// What is no regular file is not opened: a pipe would hold up the daemon until somebody writes into it, and a
+// directory opens like an empty file.
+bool openText(CFile& file, const char* path) {
+    struct stat status {};
+    return stat(path, &status) == 0 && S_ISREG(status.st_mode) &&
+           file.open(path, CFile::nReadOnly, CFile::nText) != 0;
+}
 
 // The file's text with a NUL behind it; null where there is no memory for it. A file that shrinks meanwhile
 // leaves the rest of the buffer zero, so the text ends early.
@@ -42,12 +51,12 @@ bool CFeatureEntry::hasDescriptionFile() {
     return *descriptionPath() != '\0';
 }
 
-// Nothing is kept from one entry to the next, so no cache can be out of date. Called while a list is built,
-// on the source's thread during operation, so it does not hold up the loop. The loop goes on after a match,
-// since the last line of a code counts.
+// Nothing is kept from one entry to the next. Called while a list is built, on the source's thread during
+// operation, so it does not hold up the loop. The loop goes on after a match, since the last line of a code
+// counts.
 int CFeatureEntry::setupName() {
-    CFile file(descriptionPath(), CFile::nReadOnly, CFile::nText);
-    if (file.isOpen() == 0) {
+    CFile file;
+    if (!openText(file, descriptionPath())) {
         logEvent(svInfo, 31142, "cannot open %s", descriptionPath());
         return 0;
     }
@@ -55,19 +64,22 @@ int CFeatureEntry::setupName() {
     if (text == nullptr) {
         return 0;
     }
+    int result = 1;
     for (CDescriptions lines(text.get()); lines.next();) {
         if (lines.code() == m_nCode) {
-            takeName(lines.name());
+            result = takeName(lines.name()) ? 1 : 0;
         }
     }
-    return 1;
+    return result;
 }
 
 // Without memory the feature has no name. Names are for people, so it is delivered all the same.
-void CFeatureEntry::takeName(std::string_view name) try {
+bool CFeatureEntry::takeName(std::string_view name) try {
     m_sName = CString(std::string(name).c_str());
+    return true;
 } catch (const std::bad_alloc&) {
     m_sName = CString();
+    return false;
 }
 
 int CFeatureEntry::doC2N(const char* text) {

@@ -2,6 +2,8 @@
 #include "features/world.h"
 #include "support/files.h"
 
+#include <sys/stat.h>
+
 namespace {
 
 using namespace std::string_literals;
@@ -25,6 +27,7 @@ TEST_F(CDescriptionTest, NamesFollowTheFile) {
         {"# note,text", 0, "text"},
         {"-1,Top", 4294967295, "Top"},
         {"12,a\0\n12,b"s, 12, "a"},
+        {"1,x\n2,y\r\r12,a\n1,x\r", 12, "a"},
         {"12,\"a,b\"", 12, "\"a"}};
     for (const auto& [file, code, name] : cases) {
         put(sPath, file);
@@ -37,9 +40,18 @@ TEST_F(CDescriptionTest, NamesFollowTheFile) {
         EXPECT_EQ(shown.empty() ? "before" : shown, name) << "qelctl reads it otherwise: " << file;
     }
     EXPECT_EQ(takeLines(), CTexts());
+}
+
+TEST_F(CDescriptionTest, WhatIsNoFileHoldsUpNobody) {
+    const std::function<void()> aKinds[] = {[] {}, [] { std::filesystem::create_directory(sPath); },
+                                            [] { mkfifo(sPath.c_str(), 0600); }};
+    for (const auto& make : aKinds) {
+        std::filesystem::remove(sPath);
+        make();
+        EXPECT_EQ(CFeatureEntry(nullptr).setupName(), 0);
+        EXPECT_EQ(takeLines(), CTexts{"4 31142 cannot open " + sPath});
+    }
     std::filesystem::remove(sPath);
-    EXPECT_EQ(CFeatureEntry(nullptr).setupName(), 0);
-    EXPECT_EQ(takeLines(), CTexts{"4 31142 cannot open " + sPath});
 }
 
 } // namespace
