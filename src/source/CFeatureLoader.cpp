@@ -57,6 +57,7 @@ std::optional<CFreshList> CFeatureLoader::load(CMediator& mediator) {
     for (const SFeatureRecord& record : list.m_vFeatures) {
         fresh.push_back(build(record, mediator));
     }
+    m_oEntryNames.giveTo(fresh);
     // Last: a list that ran out of memory above must not count as unchanged when it is read again.
     m_vAccepted = std::move(list.m_vFeatures);
     m_bAccepted = true;
@@ -95,17 +96,12 @@ void CFeatureLoader::findUndeliverable(SFeatureList& list) const {
 }
 
 // The names go into the pool: the record dies with the next list, while the entry may stay in force.
-// Reading a display name costs a look through the description file for each entry, hence the question
-// whether there is one.
 SFreshFeature CFeatureLoader::build(const SFeatureRecord& record, CMediator& mediator) {
     auto entry = std::make_unique<CFeatureEntry>(&mediator);
     entry->m_nCode = record.m_nCode;
     entry->m_nData = record.m_nData;
     for (const std::string& name : record.m_vComponents) {
         entry->addCompName(m_oNames.intern(name));
-    }
-    if (CFeatureEntry::hasDescriptionFile()) {
-        entry->setupName();
     }
     return {std::move(entry), record.m_bSourced};
 }

@@ -2,6 +2,7 @@
 #ifndef QEL_SOURCE_CFEATURELOADER_H
 #define QEL_SOURCE_CFEATURELOADER_H
 
+#include "source/CEntryNames.h"
 #include "source/CNamePool.h"
 #include "source/fresh_list.h"
 #include "source/list/feature_list.h"
@@ -36,7 +37,8 @@ private:
     SFreshFeature build(const SFeatureRecord& record, CMediator& mediator);
 
     std::string m_sPath;
-    CNamePool m_oNames;
+    CNamePool m_oNames; // of components
+    CEntryNames m_oEntryNames;
     bool m_bAccepted = false; // m_vAccepted is a list; the empty one is a list too
     std::vector<SFeatureRecord> m_vAccepted;
 };

@@ -43,19 +43,6 @@ bool CListWatch::wait(std::chrono::milliseconds time) {
     return true;
 }
 
-bool CListWatch::isAtRest() const {
-    return m_nDirectory >= 0 && m_oLast == m_oReported;
-}
-
-CListWatch::SFingerprint CListWatch::look() const {
-    struct stat status {};
-    if (stat(m_sPath.c_str(), &status) != 0) {
-        return {};
-    }
-    return {status.st_dev,          status.st_ino,         status.st_size,        status.st_mtim.tv_sec,
-            status.st_mtim.tv_nsec, status.st_ctim.tv_sec, status.st_ctim.tv_nsec};
-}
-
 // Called for every wait, since the file and the directory may be created late, or be removed and created
 // again. For the same file inotify_add_watch(2) returns the watch that there is, so that costs two system
 // calls.

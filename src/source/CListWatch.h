@@ -3,12 +3,12 @@
 #define QEL_SOURCE_CLISTWATCH_H
 
 #include "base/CFileDescriptor.h"
+#include "source/SFingerprint.h"
 
 #include <chrono>
 #include <cstdint>
 #include <string>
 #include <sys/inotify.h>
-#include <sys/stat.h>
 
 // It uses two ways:
 //
@@ -33,29 +33,17 @@ public:
     // latter may return early; the caller just waits again.
     bool wait(std::chrono::milliseconds time);
 
-    // Whether the next wait may be a long one: inotify watches the directory, and no change is waiting to be
-    // complete.
-    bool isAtRest() const;
+    // Whether a change is waiting to be complete.
+    bool isChanging() const { return m_oLast != m_oReported; }
+    // Whether the next wait may be a long one: inotify watches the directory, and nothing is changing.
+    bool isAtRest() const { return m_nDirectory >= 0 && !isChanging(); }
 
 private:
-    // From stat(2), which follows links. The change time is there because a writer can set the modification
-    // time back (cp -p, rsync), but no call sets the change time.
-    struct SFingerprint {
-        bool operator==(const SFingerprint& other) const = default;
-        dev_t m_nDevice = 0; // all zero: there is no file
-        ino_t m_nInode = 0;
-        off_t m_nSize = 0;
-        time_t m_tModified = 0;
-        long m_nModified = 0; // nanoseconds
-        time_t m_tChanged = 0;
-        long m_nChanged = 0;
-    };
-
     // By rank: of several events the highest counts. Written: a writer is done, so the file can be read at
     // once.
     enum class ENews { None, Changed, Written };
 
-    SFingerprint look() const;
+    SFingerprint look() const { return SFingerprint::of(m_sPath.c_str()); }
     void arm();
     void watch(int& known, const std::string& path, uint32_t events) const;
     ENews waitForNews(std::chrono::steady_clock::time_point end) const;
@@ -65,11 +53,12 @@ private:
     std::string m_sPath;
     std::string m_sDirectory;
     std::string m_sName;
-    CFileDescriptor m_oEvents; // inotify; none: the system has none to spare, and the fingerprint must do
-    int m_nFile = -1;          // inotify's watch on the file; -1: none, as when there is no file
-    int m_nDirectory = -1;     // and on its directory
-    SFingerprint m_oReported;  // of the file that the caller knows
-    SFingerprint m_oLast;      // at the end of the last wait
+    CFileDescriptor
+        m_oEvents;            // inotify; none: the system has none to spare, and the fingerprint must do
+    int m_nFile = -1;         // inotify's watch on the file; -1: none, as when there is no file
+    int m_nDirectory = -1;    // and on its directory
+    SFingerprint m_oReported; // of the file that the caller knows
+    SFingerprint m_oLast;     // at the end of the last wait
 };
 
 #endif

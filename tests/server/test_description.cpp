@@ -1,6 +1,8 @@
 #include "ctl/CFeatureNames.h"
 #include "features/world.h"
+#include "source/CEntryNames.h"
 #include "support/files.h"
+#include "support/scarce_memory.h"
 
 #include <sys/stat.h>
 
@@ -52,6 +54,47 @@ TEST_F(CDescriptionTest, WhatIsNoFileHoldsUpNobody) {
         EXPECT_EQ(takeLines(), CTexts{"4 31142 cannot open " + sPath});
     }
     std::filesystem::remove(sPath);
+}
+
+// A file that is read where none can be opened leaves a line.
+TEST_F(CDescriptionTest, OnlyNewAndNamelessFeaturesReadTheFile) {
+    CEntryNames names;
+    const auto named = [&names](std::initializer_list<uint32_t> codes, size_t scarce = 0) {
+        CFreshList list;
+        std::string text;
+        for (const uint32_t code : codes) {
+            list.push_back({std::unique_ptr<CFeatureEntry>(fresh(code, 1)), false});
+        }
+        {
+            const CScarceMemory memory(scarce);
+            names.giveTo(list);
+        }
+        for (const SFreshFeature& feature : list) {
+            text += feature.m_pEntry->m_sName.c_str() + ";"s;
+        }
+        return text;
+    };
+    const std::string longName = "A name of more than fifteen characters";
+    put(sPath, "1,One\n2,Two\n3," + longName);
+    EXPECT_EQ(named({1, 2}), "One;Two;");
+    {
+        const CNoDescriptors none;
+        EXPECT_EQ(named({1, 3, 2}), "One;;Two;");
+    }
+    EXPECT_EQ(takeLines(),
+              (CTexts{"4 31142 cannot open " + sPath, "2 31178 description file " + sPath +
+                                                          ": cannot be read; 1 features go without a name"}));
+    EXPECT_EQ(named({3, 2}), longName + ";Two;");
+    put(sPath, "2,Zwei\n3," + longName);
+    EXPECT_EQ(named({2}), "Zwei;") << "the file has changed";
+    EXPECT_EQ(named({3}), longName + ";") << "not of the list before";
+    bool hasFailed = true;
+    for (size_t nth = 1; hasFailed; ++nth) {
+        const std::string some = named({2, 3}, nth);
+        hasFailed = CScarceMemory::hasFailed();
+        EXPECT_EQ(takeLines().empty(), some == "Zwei;" + longName + ";") << nth << some;
+        EXPECT_EQ(named({3}), longName + ";") << nth;
+    }
 }
 
 } // namespace

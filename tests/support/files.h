@@ -8,6 +8,7 @@
 #include <fstream>
 #include <gtest/gtest.h>
 #include <string>
+#include <sys/resource.h>
 
 // A directory that goes with its owner, and all that is in it.
 class CTestDirectory {
@@ -30,6 +31,22 @@ inline std::string contents(const std::string& path) {
 inline void put(const std::string& path, const std::string& text) {
     std::ofstream(path, std::ios::binary) << text;
 }
+
+// While this lives, no file can be opened; those that are open stay so.
+class CNoDescriptors {
+public:
+    CNoDescriptors() {
+        getrlimit(RLIMIT_NOFILE, &m_oBefore);
+        const rlimit none{0, m_oBefore.rlim_max};
+        setrlimit(RLIMIT_NOFILE, &none);
+    }
+    ~CNoDescriptors() { setrlimit(RLIMIT_NOFILE, &m_oBefore); }
+    CNoDescriptors(const CNoDescriptors&) = delete;
+    CNoDescriptors& operator=(const CNoDescriptors&) = delete;
+
+private:
+    rlimit m_oBefore{};
+};
 
 // Runs a line of the shell. Returns what it prints, on either channel, and a last line with its status.
 inline std::string attempt(const std::string& line) {
