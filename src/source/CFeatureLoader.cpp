@@ -37,31 +37,36 @@ singleRecords(const std::vector<SFeatureRecord>& records) {
 // Everything that can be wrong is found before anything is handed over, so a faulty list changes nothing.
 // Lists are compared in order: the order of features is the order in which components are told, so another
 // order is another list.
-std::optional<CFreshList> CFeatureLoader::load(CMediator& mediator) {
+SLoaded CFeatureLoader::load(CMediator& mediator) {
+    SLoaded loaded;
     SFeatureList list = readFeatureList(m_sPath);
+    if (list.m_bPassing) {
+        loaded.m_sFailure = std::move(list.m_vErrors.at(0).m_sText);
+        return loaded;
+    }
     if (list.isGood()) {
         findUndeliverable(list);
     }
     if (!list.isGood()) {
         refuse(list);
-        return std::nullopt;
+        return loaded;
     }
     if (m_bAccepted && std::equal(m_vAccepted.begin(), m_vAccepted.end(), list.m_vFeatures.begin(),
                                   list.m_vFeatures.end(), isSameContent)) {
         logEvent(svInfo, evListUnchanged, "feature list %s: unchanged, %zu features", m_sPath.c_str(),
                  m_vAccepted.size());
-        return std::nullopt;
+        return loaded;
     }
-    CFreshList fresh;
-    fresh.reserve(list.m_vFeatures.size());
+    loaded.m_vList.reserve(list.m_vFeatures.size());
     for (const SFeatureRecord& record : list.m_vFeatures) {
-        fresh.push_back(build(record, mediator));
+        loaded.m_vList.push_back(build(record, mediator));
     }
-    m_oEntryNames.giveTo(fresh);
+    m_oEntryNames.giveTo(loaded.m_vList);
     // Last: a list that ran out of memory above must not count as unchanged when it is read again.
     m_vAccepted = std::move(list.m_vFeatures);
     m_bAccepted = true;
-    return fresh;
+    loaded.m_bNew = true;
+    return loaded;
 }
 
 void CFeatureLoader::refuse(const SFeatureList& list) const {

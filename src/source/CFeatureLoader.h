@@ -7,11 +7,16 @@
 #include "source/fresh_list.h"
 #include "source/list/feature_list.h"
 
-#include <optional>
 #include <string>
 #include <vector>
 
 class CMediator;
+
+struct SLoaded {
+    bool m_bNew = false;    // m_vList is a list to be handed over
+    CFreshList m_vList;     // the caller owns the entries
+    std::string m_sFailure; // not empty: the file could not be read, but may be with the next attempt
+};
 
 // Remembers the list that it accepted last, to tell whether a file's content is new and whether its changes
 // can be delivered. "Accepted" does not mean in force: the list may still wait to be handed over, or a newer
@@ -23,10 +28,10 @@ class CFeatureLoader {
 public:
     explicit CFeatureLoader(std::string path) : m_sPath(std::move(path)) {}
 
-    // Reads and checks the file; the caller owns the entries. Nothing if the list is faulty or is the one
-    // accepted last; the log says which. May wait as readFeatureList() does. Throws std::bad_alloc; the list
-    // accepted last is then still remembered.
-    std::optional<CFreshList> load(CMediator& mediator);
+    // Reads and checks the file. No new list if it is faulty or is the one accepted last; the log says which.
+    // What m_sFailure tells is for the caller to log. May wait as readFeatureList() does. Throws
+    // std::bad_alloc; the list accepted last is then still remembered, and the next attempt is a new one.
+    SLoaded load(CMediator& mediator);
 
     const std::string& path() const { return m_sPath; }
 

@@ -9,16 +9,15 @@
 
 #include <csignal>
 #include <cstdlib>
+#include <new>
 #include <system_error>
 #include <thread>
 
 namespace {
 
-// How long the thread waits before it looks at the file without an event. The shorter time is also how often
-// a note is repeated while there is work left; the longer one saves wake-ups of an idle appliance, and bounds
-// how late a change is found that inotify does not report.
-constexpr auto oWatchPeriod = std::chrono::seconds(1);
-constexpr auto oRestPeriod = std::chrono::seconds(4);
+// How long the thread waits at rest before it looks at the file without an event. It saves wake-ups of an idle
+// appliance, and bounds how late a change is found that inotify does not report.
+constexpr int nRestPeriods = 4;
 constexpr uint32_t nNoteLength = 4; // bytes, without meaning
 
 std::string listPath() {
@@ -43,6 +42,10 @@ private:
     sigset_t m_oBefore;
 };
 
+// The source whose thread runs, for the callback, which the framework gives no place for a pointer. Never
+// destroyed. Only the main thread's.
+CFeatureSource* pWatching = nullptr;
+
 void tellRestart() {
     logEvent(svWarning, evRestartNeeded,
              "a feature added or changed takes effect with a restart of the appliance");
@@ -55,7 +58,8 @@ CFeatureSource& CFeatureSource::instance() {
     return *source;
 }
 
-CFeatureSource::CFeatureSource(std::string path) : m_oLoader(path), m_oWatch(std::move(path)) {}
+CFeatureSource::CFeatureSource(std::string path, std::chrono::milliseconds period)
+    : m_oLoader(path), m_oWatch(std::move(path)), m_nPeriod(period), m_oReading(period) {}
 
 // Reads on the main thread: nothing is served before the first list is in force. Once the thread runs, the
 // loader is the thread's, so a second call (init() after a clear()) only tells whether there is a list.
@@ -64,9 +68,9 @@ bool CFeatureSource::supply(CQelControl& control) {
         return m_bInForce;
     }
     m_pControl = &control;
-    m_pHandOver = std::make_unique<CHandOver>(control);
-    if (std::optional<CFreshList> list = readList()) {
-        handOver(std::move(*list));
+    m_oHandOver.emplace(control);
+    if (CMail mail = readList()) {
+        deliver(std::move(mail));
     }
     return m_bInForce;
 }
@@ -74,11 +78,15 @@ bool CFeatureSource::supply(CQelControl& control) {
 // The callback first: without it every note would be wasted. A clean-up of the framework forgets it, so a
 // second call registers it again, while the thread is started once.
 void CFeatureSource::startWatching() {
-    const auto callback = [](uint16_t, uint32_t, const sOvuMfwMessage*, uint32_t) { instance().takeMail(); };
+    if (m_pControl == nullptr) {
+        return;
+    }
+    pWatching = this;
+    const auto callback = [](uint16_t, uint32_t, const sOvuMfwMessage*, uint32_t) { pWatching->takeMail(); };
     if (const int error = OvuMfwRegisterCallback(nQelSourceMfwMsgId, callback)) {
         logEvent(svError, evTrouble, "feature list: changes cannot be handed over, no callback: error %d",
                  error);
-    } else if (!m_bThread && m_pControl != nullptr) {
+    } else if (!m_bThread) {
         startThread();
     }
 }
@@ -86,50 +94,76 @@ void CFeatureSource::startWatching() {
 // Without a thread the daemon serves the first list, and takes up changes with a restart. Detached, since
 // nobody ever joins it: it runs until the process ends.
 void CFeatureSource::startThread() {
+    constexpr auto tell = [](const char* reason) {
+        logEvent(svError, evTrouble, "feature list: changes are not watched, no thread: %s", reason);
+    };
     try {
         const CSignalsBlocked blocked;
         std::thread([this] { watch(); }).detach();
         m_bThread = true;
         logEvent(svInfo, evWatching, "feature list %s: watching for changes", m_oLoader.path().c_str());
     } catch (const std::system_error& fault) {
-        logEvent(svError, evTrouble, "feature list: changes are not watched, no thread: %s", fault.what());
-    }
-}
-
-// Work that is left keeps the waits short, so that the next note follows within a second. Notes are sent from
-// here, and not from the main loop to itself, because this thread has the clock for them anyway.
-void CFeatureSource::watch() {
-    for (bool isNoted = true;;) { // the first list, too, may have left features waiting in the hand-over
-        if (m_oWatch.wait(isNoted || !m_oWatch.isAtRest() ? oWatchPeriod : oRestPeriod)) {
-            if (std::optional<CFreshList> list = readList()) {
-                post(std::move(*list));
-            }
-        }
-        isNoted = isWorkLeft();
-        if (isNoted) {
-            sendNote();
-        }
-    }
-}
-
-// A list that does not fit into memory must not end the daemon: the list in force stays, and the next change
-// of the file is a new attempt.
-std::optional<CFreshList> CFeatureSource::readList() {
-    try {
-        return m_oLoader.load(*m_pControl);
+        tell(fault.what());
     } catch (const std::bad_alloc&) {
-        logEvent(svError, evTrouble, "feature list %s: out of memory", m_oLoader.path().c_str());
-        return std::nullopt;
+        tell("out of memory");
     }
 }
 
-// Only the newest list counts: it replaces an older one that the main loop has not taken yet. That one is
-// destroyed after the lock is released (`mail` outlives `lock`), since destroying a long list takes time, in
-// which the main loop would wait.
-void CFeatureSource::post(CFreshList list) {
-    auto mail = std::make_unique<CFreshList>(std::move(list));
+void CFeatureSource::watch() {
+    for (;;) {
+        turn();
+    }
+}
+
+// Work that is left keeps the waits short, so that the next note follows within a period. Notes are sent from
+// here, and not from the main loop to itself, because this thread has the clock for them anyway. While a writer
+// is at the file, an attempt that is due waits for him: the change brings it anyway.
+void CFeatureSource::turn() {
+    const bool isBusy = m_bNoted || m_oReading.isFailing() || !m_oWatch.isAtRest();
+    const bool isChanged = m_oWatch.wait(isBusy ? m_nPeriod : nRestPeriods * m_nPeriod);
+    const bool isDue = m_oReading.isDue(std::chrono::steady_clock::now()) && !m_oWatch.isChanging();
+    if (isChanged || isDue) {
+        if (CMail mail = readList()) {
+            exchangeMail(std::move(mail));
+        }
+    }
+    m_bNoted = isWorkLeft();
+    if (m_bNoted) {
+        sendNote();
+    }
+}
+
+// Null if there is no new list. The mail is made first: once the loader has accepted a list it does not give it
+// out again, so from there on nothing may fail.
+CFeatureSource::CMail CFeatureSource::readList() {
+    std::string failure;
+    try {
+        auto mail = std::make_unique<CFreshList>();
+        SLoaded loaded = m_oLoader.load(*m_pControl);
+        if (loaded.m_sFailure.empty()) {
+            if (m_oReading.succeed()) {
+                logEvent(svInfo, evTrouble, "feature list %s: reading works again", m_oLoader.path().c_str());
+            }
+            *mail = std::move(loaded.m_vList);
+            return loaded.m_bNew ? std::move(mail) : nullptr;
+        }
+        failure = std::move(loaded.m_sFailure);
+    } catch (const std::bad_alloc&) {
+        failure = "out of memory"; // short enough to need none itself
+    }
+    if (m_oReading.fail(std::chrono::steady_clock::now())) {
+        logEvent(svError, evTrouble, "feature list %s: %s; trying again", m_oLoader.path().c_str(),
+                 failure.c_str());
+    }
+    return nullptr;
+}
+
+// Returns what was there before. The caller destroys it without the lock, since destroying a long list takes
+// time, in which the other thread would wait.
+CFeatureSource::CMail CFeatureSource::exchangeMail(CMail mail) {
     const std::lock_guard lock(m_oMailMutex);
     m_pMail.swap(mail);
+    return mail;
 }
 
 bool CFeatureSource::isWorkLeft() {
@@ -157,27 +191,38 @@ void CFeatureSource::sendNote() {
 // On the main loop's thread. The lock is held for the exchange of a pointer only. A new list goes first: it
 // replaces what still waits of the older one.
 void CFeatureSource::takeMail() {
-    std::unique_ptr<CFreshList> mail;
-    {
-        const std::lock_guard lock(m_oMailMutex);
-        mail.swap(m_pMail);
-    }
-    if (mail != nullptr) {
-        handOver(std::move(*mail));
+    if (CMail mail = exchangeMail(nullptr)) {
+        deliver(std::move(mail));
     } else if (m_bWaiting) {
         carryOn();
     }
 }
 
-// The audit of the well-known components comes last, so that those that it finds running are registered with
-// the new list in the table.
-void CFeatureSource::handOver(CFreshList list) {
-    const size_t count = list.size();
-    m_bInForce = true;
-    const std::optional<CHandOver::SResult> result = m_pHandOver->apply(list);
-    if (!result) {
-        return;
+// A list that could not be handed over goes back, unless a newer one has come meanwhile: only the newest
+// counts.
+void CFeatureSource::deliver(CMail mail) {
+    if (!handOver(*mail)) {
+        const std::lock_guard lock(m_oMailMutex);
+        if (m_pMail == nullptr) {
+            m_pMail.swap(mail);
+        }
     }
+}
+
+// False: nothing has changed, and the list is as it was. The audit of the well-known components comes last, so
+// that those that it finds running are registered with the new list in the table.
+bool CFeatureSource::handOver(CFreshList& list) {
+    const size_t count = list.size();
+    const std::optional<CHandOver::SResult> result = m_oHandOver->apply(list);
+    if (!result && !m_bShort) {
+        logEvent(svError, evTrouble, "feature list %s: no memory to hand it over; trying again",
+                 m_oLoader.path().c_str());
+    }
+    m_bShort = !result;
+    if (!result) {
+        return false;
+    }
+    m_bInForce = true;
     logEvent(svInfo, evHandedOver, "feature list %s: %zu features, handed over (result %d)",
              m_oLoader.path().c_str(), count, result->m_nMerge);
     if (result->m_bRestart) {
@@ -189,16 +234,17 @@ void CFeatureSource::handOver(CFreshList list) {
     }
     setWaiting();
     m_pControl->auditComponent();
+    return true;
 }
 
 void CFeatureSource::carryOn() {
-    m_pHandOver->carryOn();
+    m_oHandOver->carryOn();
     setWaiting();
 }
 
 // Logged when the waiting begins, not for each note while it lasts.
 void CFeatureSource::setWaiting() {
-    const size_t waiting = m_pHandOver->waiting();
+    const size_t waiting = m_oHandOver->waiting();
     if (waiting != 0 && !m_bWaiting) {
         logEvent(svInfo, evHeldBack,
                  "feature list: %zu features wait for a withdrawal or a modification to end", waiting);

@@ -6,10 +6,13 @@
 #include "source/CFeatureLoader.h"
 #include "source/CHandOver.h"
 #include "source/CListWatch.h"
+#include "source/CRetry.h"
 
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 
 class CQelControl;
@@ -23,27 +26,41 @@ class CQelControl;
 // content: one from a stranger finds an empty mailbox and changes nothing. While the mailbox is full, or
 // features wait in the hand-over, a note goes out every second, so a note that is lost costs a second.
 //
-// There is one object, and it lives until the process ends, as its thread does: any thread may end the
+// What fails for want of memory or of descriptors changes nothing and is tried again: the thread reads the
+// file again, less and less often, and what the main loop could not hand over waits in the mailbox for the next
+// note. The log has one line when that begins. Nothing is thrown to the server, nor to the framework.
+//
+// The daemon has one object, and it lives until the process ends, as its thread does: any thread may end the
 // process at any moment, and must not destroy what another one uses.
 class CFeatureSource final : public CFeatureSupply {
 public:
     static CFeatureSource& instance();
 
+    // The period is how often the thread looks while there is something to do.
+    explicit CFeatureSource(std::string path, std::chrono::milliseconds period = std::chrono::seconds(1));
+
     bool supply(CQelControl& control) override;
     void startWatching() override;
 
+    // What the thread does, over and over: waits for a change of the file for some periods at most, reads the
+    // file if it has changed or is to be tried again, and sends a note if there is work left. For tests, which
+    // have no thread; not before supply().
+    void turn();
+    // What a note has the main loop do.
+    void takeMail();
+
 private:
-    explicit CFeatureSource(std::string path);
+    using CMail = std::unique_ptr<CFreshList>;
 
     void startThread();
     [[noreturn]] void watch();
-    std::optional<CFreshList> readList();
-    void post(CFreshList list);
+    CMail readList();
+    CMail exchangeMail(CMail mail);
     bool isWorkLeft();
     void sendNote();
 
-    void takeMail();
-    void handOver(CFreshList list);
+    void deliver(CMail mail);
+    bool handOver(CFreshList& list);
     void carryOn();
     void setWaiting();
 
@@ -53,16 +70,20 @@ private:
     // The main thread's until the thread runs (it reads the first list), then the thread's alone.
     CFeatureLoader m_oLoader;
     CListWatch m_oWatch;
+    std::chrono::milliseconds m_nPeriod;
+    CRetry m_oReading;
+    bool m_bNoted = true;       // work was left; the first list, too, may have left some
     bool m_bNoteFailed = false; // the last note was not sent, and the log says so
 
     // The main thread's alone.
-    bool m_bThread = false;  // the thread runs
-    bool m_bInForce = false; // some list was handed over
-    std::unique_ptr<CHandOver> m_pHandOver;
+    bool m_bThread = false;               // the thread runs
+    bool m_bInForce = false;              // some list was handed over
+    std::optional<CHandOver> m_oHandOver; // none before the first supply()
+    bool m_bShort = false;                // no memory for the last hand-over, and the log says so
 
     // Both threads'.
     std::mutex m_oMailMutex;              // guards m_pMail
-    std::unique_ptr<CFreshList> m_pMail;  // the newest list, if it is not handed over yet
+    CMail m_pMail;                        // the newest list, if it is not handed over yet
     std::atomic<bool> m_bWaiting = false; // features wait in the hand-over; written by the main thread
 };
 

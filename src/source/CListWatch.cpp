@@ -20,8 +20,7 @@ std::string directoryOf(const std::string& path) {
 
 CListWatch::CListWatch(std::string path)
     : m_sPath(std::move(path)), m_sDirectory(directoryOf(m_sPath)),
-      m_sName(std::filesystem::path(m_sPath).filename().string()),
-      m_oEvents(inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {
+      m_sName(std::filesystem::path(m_sPath).filename().string()) {
     arm();
     m_oReported = m_oLast = look();
 }
@@ -44,13 +43,16 @@ bool CListWatch::wait(std::chrono::milliseconds time) {
 }
 
 // Called for every wait, since the file and the directory may be created late, or be removed and created
-// again. For the same file inotify_add_watch(2) returns the watch that there is, so that costs two system
-// calls.
+// again, and descriptors may have run out. For the same file inotify_add_watch(2) returns the watch that there
+// is, so that costs two system calls.
 //
 // Other files of the directory may be written all the time, a log for example. So the directory is asked for
 // writes only if there is no file to watch. Renames over the file are the directory's events in any case, for
 // the file's own watch stays with the old inode.
 void CListWatch::arm() {
+    if (!m_oEvents) {
+        m_oEvents = CFileDescriptor(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+    }
     if (!m_oEvents) {
         return;
     }

@@ -54,7 +54,7 @@ private:
     std::string m_sDirectory;
     std::string m_sName;
     CFileDescriptor
-        m_oEvents;            // inotify; none: the system has none to spare, and the fingerprint must do
+        m_oEvents;            // inotify; none: the system has none to spare just now, the fingerprint must do
     int m_nFile = -1;         // inotify's watch on the file; -1: none, as when there is no file
     int m_nDirectory = -1;    // and on its directory
     SFingerprint m_oReported; // of the file that the caller knows

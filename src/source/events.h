@@ -14,7 +14,7 @@ enum ESourceEvent : uint32_t {
     evWithdrawn = 31175,     // information: features, or components of one, were withdrawn, or data lowered
     evHeldBack = 31176,      // information: components that are added to features later
     evPlaced = 31177,        // information: one feature brought in beside the merge
-    evTrouble = 31178,       // error or warning: changes of the list cannot be watched, read or handed over
+    evTrouble = 31178,       // a list cannot be watched, read or handed over, or can again; or its names
     evWatching = 31179       // information: changes of the list are being watched
 };
 

@@ -140,6 +140,8 @@ TEST(FeatureLoader, ABadUnchangedOrUndeliverableListIsNotTaken) {
         {"code = 1\ndata = 7\ncomponents = []\nsourced = true", ""},
         {"code = 1\ndata = 0\ncomponents = []\nsourced = true", ":2: the data"},
         {"code = 1\ndata = 0\ncomponents = []", ""},
+        {"code = 1\ndata = 7\ncomponents = []", ""},
+        {"code = 1\ndata = 0\ncomponents = []\nsourced = true", ""},
     };
     const CTestDirectory directory;
     const std::string path = directory.file("list");
@@ -149,7 +151,7 @@ TEST(FeatureLoader, ABadUnchangedOrUndeliverableListIsNotTaken) {
     for (const auto& list : aLists) {
         CFakePlatform::get().reset();
         put(path, std::string("# a list\n[[feature]]\n") + list.m_sText);
-        EXPECT_EQ(loader.load(control).has_value(), *list.m_sLogged == '\0') << list.m_sText;
+        EXPECT_EQ(loader.load(control).m_bNew, *list.m_sLogged == '\0') << list.m_sText;
         const auto log = CFakePlatform::get().takeLog();
         EXPECT_NE((log.empty() ? path : log[0].m_sText).find(path + list.m_sLogged), path.npos);
     }
@@ -161,6 +163,14 @@ TEST(CListWatch, EveryWayToReplaceTheFileIsSeen) {
     const std::filesystem::path real = directory.file("etc") / std::filesystem::path("real");
     CListWatch watch(path);
     CListWatch late(real);
+    std::optional<CListWatch> poor;
+    {
+        const CNoDescriptors none;
+        poor.emplace(path);
+        EXPECT_FALSE(poor->isAtRest());
+    }
+    EXPECT_FALSE(poor->wait(1ms));
+    EXPECT_TRUE(poor->isAtRest()) << "descriptors are there again";
     put(path, "1");
     EXPECT_TRUE(watch.wait(10s)) << "created";
     put(path, "2");

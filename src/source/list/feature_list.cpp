@@ -362,6 +362,7 @@ SFeatureList readFeatureList(const std::string& path) {
     }
     SFeatureList list;
     list.add({0, file.m_sError});
+    list.m_bPassing = file.m_bPassing;
     return list;
 }
 

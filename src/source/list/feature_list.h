@@ -31,6 +31,9 @@ struct SFeatureList {
     std::vector<SFeatureRecord> m_vFeatures; // in the file's order
     std::vector<SListError> m_vErrors;       // by line; the first nMaxListErrors of them
     size_t m_nErrors = 0;                    // all there are
+    // The one error is that the file could not be read, and another attempt may succeed, though nobody has
+    // touched the file since.
+    bool m_bPassing = false;
 };
 
 inline constexpr size_t nMaxListErrors = 1000; // kept: nobody reads more, and a broken file may have millions

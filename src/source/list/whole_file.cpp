@@ -44,9 +44,14 @@ bool readAll(int descriptor, size_t size, std::string& text) {
     return true;
 }
 
-// strerrordesc_np(3) is safe in any thread and not translated, so the log reads the same everywhere.
-std::string whyNot() {
-    return fmt::format("cannot be read: {}", strerrordesc_np(errno));
+// That there is no file changes only when somebody creates it. Anything else may pass, descriptors and memory
+// that ran out above all. strerrordesc_np(3) is safe in any thread and not translated, so the log reads the
+// same everywhere.
+bool fail(SWholeFile& file) {
+    const int error = errno;
+    file.m_bPassing = error != ENOENT && error != ENOTDIR;
+    file.m_sError = fmt::format("cannot be read: {}", strerrordesc_np(error));
+    return true;
 }
 
 // True: done, with a text or an error. False: the file changed meanwhile. O_NONBLOCK is for what is refused
@@ -56,8 +61,7 @@ bool tryRead(const std::string& path, size_t limit, SWholeFile& file) {
     struct stat before {};
     struct stat after {};
     if (!descriptor || fstat(descriptor.get(), &before) != 0) {
-        file.m_sError = whyNot();
-        return true;
+        return fail(file);
     }
     if (!S_ISREG(before.st_mode)) {
         file.m_sError = "is not a regular file";
@@ -69,8 +73,7 @@ bool tryRead(const std::string& path, size_t limit, SWholeFile& file) {
     }
     const auto size = static_cast<size_t>(before.st_size);
     if (!readAll(descriptor.get(), size, file.m_sText) || fstat(descriptor.get(), &after) != 0) {
-        file.m_sError = whyNot();
-        return true;
+        return fail(file);
     }
     // A file that shrank gives fewer bytes than its size, one that grew gives one more.
     return isSame(before, after) && file.m_sText.size() == size;
@@ -87,5 +90,6 @@ SWholeFile readWholeFile(const std::string& path, size_t limit) {
         std::this_thread::sleep_for(oReadPause);
     }
     file.m_sError = "keeps changing while it is read";
+    file.m_bPassing = true;
     return file;
 }

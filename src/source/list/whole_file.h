@@ -8,6 +8,8 @@
 struct SWholeFile {
     std::string m_sText;
     std::string m_sError; // why it cannot be used; empty: m_sText is the file
+    // The error is none of the file: another attempt may succeed, though nobody has touched the file since.
+    bool m_bPassing = false;
 };
 
 // A file that is written to while it is read is read again, a few times with a short pause, a tenth of a

@@ -1,0 +1,126 @@
+#include "features/world.h"
+#include "source/CFeatureSource.h"
+#include "support/files.h"
+#include "support/scarce_memory.h"
+
+#include <fmt/format.h>
+
+namespace {
+
+using namespace std::chrono_literals;
+
+class CSourceTest : public CHeartTest {
+protected:
+    void write(uint32_t data) const {
+        put(m_sPath,
+            fmt::format("[[feature]]\ncode = 1\ndata = {}\ncomponents = ['Voice', 'Gateway']", data));
+    }
+
+    // The thread and the main loop in turn, until the feature stands with this data.
+    void expectInForce(uint32_t data) {
+        for (int turn = 0; turn < 100 && control().findFeatureByCodeData(1, data) == nullptr; ++turn) {
+            m_oSource.turn();
+            m_oSource.takeMail();
+        }
+        EXPECT_NE(control().findFeatureByCodeData(1, data), nullptr);
+    }
+
+    // About the list, without its path, since the last call.
+    static CTexts troubles() {
+        CTexts texts;
+        for (const SLogged& line : platform().takeLog()) {
+            if (line.m_nEvent >= 31170 && line.m_nEvent < 31179) {
+                const size_t behindPath = line.m_sText.rfind("list: ") + 6;
+                texts.push_back(fmt::format("{} {}", line.m_nEvent, line.m_sText.substr(behindPath)));
+            }
+        }
+        return texts;
+    }
+
+    CTestDirectory m_oDirectory;
+    std::string m_sPath = m_oDirectory.file("list");
+    CFeatureSource m_oSource{m_sPath, 5ms};
+};
+
+// None of them needs the file to change once more.
+TEST_F(CSourceTest, AFailedReadingIsToldOnceAndTriedAgain) {
+    write(1);
+    {
+        const CNoDescriptors none;
+        EXPECT_FALSE(m_oSource.supply(control()));
+        for (int turn = 0; turn < 5; ++turn) {
+            m_oSource.turn();
+        }
+    }
+    EXPECT_EQ(troubles(), CTexts{"31178 cannot be read: Too many open files; trying again"});
+    expectInForce(1);
+    EXPECT_EQ(troubles(), (CTexts{"31178 reading works again", "31172 1 features, handed over (result 0)"}));
+    for (const size_t nth : {1, 3, 20}) {
+        const auto data = static_cast<uint32_t>(nth + 1);
+        write(data);
+        troubles();
+        {
+            const CScarceMemory memory(nth);
+            m_oSource.turn();
+        }
+        EXPECT_EQ(troubles(), CTexts{"31178 out of memory; trying again"});
+        expectInForce(data);
+    }
+}
+
+TEST_F(CSourceTest, AMissingOrFaultyListIsToldOnceAndWaitsForAChange) {
+    EXPECT_FALSE(m_oSource.supply(control()));
+    EXPECT_EQ(troubles().at(0), "31170 cannot be read: No such file or directory");
+    for (const char* text : {"x", ""}) {
+        for (int turn = 0; turn < 5; ++turn) {
+            m_oSource.turn();
+        }
+        EXPECT_EQ(troubles(), CTexts());
+        put(m_sPath, text);
+        m_oSource.turn();
+        EXPECT_EQ(troubles().size(), 2u);
+    }
+    write(1);
+    expectInForce(1);
+}
+
+TEST_F(CSourceTest, AListThatDidNotFitIntoMemoryIsNeitherLostNorTakenTwice) {
+    write(1);
+    bool hasFailed = true;
+    for (size_t nth = 1; hasFailed; ++nth) {
+        CFeatureLoader loader(m_sPath);
+        SLoaded loaded;
+        {
+            const CScarceMemory memory(nth);
+            try {
+                loaded = loader.load(control());
+            } catch (const std::bad_alloc&) {
+            }
+            hasFailed = CScarceMemory::hasFailed();
+        }
+        EXPECT_EQ(loaded.m_bNew, !hasFailed) << nth;
+        EXPECT_EQ(loader.load(control()).m_bNew, hasFailed) << nth;
+    }
+    EXPECT_EQ(platform().logged(31170), CTexts()) << "no fault of the list";
+}
+
+// The source stays, as its thread does, and watches what is never there.
+TEST_F(CSourceTest, AStartThatFailsIsToldAndCanBeRepeated) {
+    static auto* const source = new CFeatureSource(m_oDirectory.file("none/list"));
+    source->startWatching(); // nothing to watch for yet
+    source->supply(control());
+    troubles();
+    platform().fail("OvuMfwRegisterCallback", 5);
+    source->startWatching();
+    {
+        const CScarceMemory memory(1);
+        source->startWatching();
+    }
+    EXPECT_EQ(troubles(), (CTexts{"31178 changes cannot be handed over, no callback: error 5",
+                                  "31178 changes are not watched, no thread: out of memory"}));
+    source->startWatching();
+    EXPECT_EQ(platform().logged(31179).size(), 1u);
+    CFakePlatform::handOver(platform().m_oCallbacks.at(nQelSourceMfwMsgId), nQelSourceMfwMsgId, "");
+}
+
+} // namespace
