@@ -1,17 +1,24 @@
 #include "ctl/CFeatureNames.h"
 
 #include "base/CDescriptions.h"
+#include "ctl/terminal.h"
+#include "source/list/feature_list.h"
+#include "source/list/whole_file.h"
 
 #include <cstdlib>
-#include <fstream>
-#include <sstream>
 
 CFeatureNames CFeatureNames::load() {
-    const char* path = std::getenv("QEL_DESCRIPTION");
-    std::ifstream file(path ? path : QEL_DESCRIPTION_FILE, std::ios::binary);
-    std::ostringstream text;
-    text << file.rdbuf(); // nothing, where there is no such file or it cannot be read
-    return parse(text.str());
+    const char* configured = std::getenv("QEL_DESCRIPTION");
+    const std::string path = configured != nullptr ? configured : QEL_DESCRIPTION_FILE;
+    if (path.empty()) {
+        return {};
+    }
+    const SWholeFile file = readWholeFile(path, nMaxListFileSize);
+    if (!file.m_sError.empty()) {
+        complain("no names: " + path + ": " + file.m_sError);
+        return {};
+    }
+    return parse(file.m_sText);
 }
 
 // Assignment, not insertion: a later line with the same code takes over.

@@ -21,6 +21,11 @@ struct SListOptions {
     double m_nTimeout = 10; // seconds that a daemon which is there may take to answer
 };
 
+struct SCheckOptions {
+    std::string m_sList; // path; empty: no list to check
+    std::string m_sDescriptions;
+};
+
 // How notifications are answered: carried out, refused, or not at all.
 enum class EAnswer { ok, fail, none };
 
@@ -39,7 +44,7 @@ struct SComponentOptions {
 // Each runs on the calling thread until its command is done. They throw only where memory runs out; main()
 // reports that.
 int runList(const SListOptions& options);
-int runCheck(const std::string& path);
+int runCheck(const SCheckOptions& options);
 int runComponent(const SComponentOptions& options);
 
 #endif

@@ -59,6 +59,7 @@ private:
     static int cbNotify(void* user, const qel_notification* notification, char* text);
 
     const SComponentOptions& m_oOptions;
+    const CFeatureNames m_oNames = CFeatureNames::load();
     qel_client* m_pClient = nullptr;
     CClock::time_point m_tEnd = CClock::time_point::max(); // of the run; max: without --for, a signal ends it
     std::map<std::string, int> m_oSent;                    // how many messages, by the kind that was printed
@@ -221,7 +222,7 @@ int CPromptComponent::answer(const qel_notification& notification, char* text) {
 // that the library ignores.
 void CPromptComponent::cbTrace(void* user, int sent, const uint8_t* body, size_t length) {
     auto& self = *static_cast<CPromptComponent*>(user);
-    SMessageText message = sent ? describeSent(body, length) : describeReceived(body, length);
+    SMessageText message = sent ? describeSent(body, length) : describeReceived(body, length, self.m_oNames);
     ++(sent ? self.m_oSent : self.m_oReceived)[message.m_sKind];
     self.printLine(sent ? "->" : "<-", message, sent ? EColour::dim : EColour::green);
 }

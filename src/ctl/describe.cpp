@@ -66,7 +66,7 @@ SMessageText describeSent(const uint8_t* body, size_t length) {
 }
 
 // By message type. The list for OAM (type 11) is none of these: no component asks for it.
-SMessageText describeReceived(const uint8_t* body, size_t length) {
+SMessageText describeReceived(const uint8_t* body, size_t length, const CFeatureNames& names) {
     static constexpr std::array<const char*, 5> aKinds = {"answer", "notify", "modify", "disable", "overdue"};
     auto message = readBody<CQelServerMessage>(body, length);
     uint32_t type = message.m_oHeader.m_nType;
@@ -77,5 +77,7 @@ SMessageText describeReceived(const uint8_t* body, size_t length) {
     if (type == nQelServerModifyMsgType) {
         detail += fmt::format(" new data {}", uint32_t{message.m_nExtra});
     }
+    const std::string_view name = names.find(message.m_nCode);
+    detail += name.empty() ? "" : fmt::format(" \"{}\"", printable(name));
     return {aKinds[type], detail};
 }

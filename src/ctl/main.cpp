@@ -9,6 +9,11 @@
 
 namespace {
 
+constexpr char sNamesAndStatus[] =
+    "Names come from the description file: QEL_DESCRIPTION in the environment, else the one compiled in.\n"
+    "It has a line CODE,NAME for each feature; qelctl check --descriptions checks it.\n"
+    "Exit status: 0, or 2 where no daemon answers.";
+
 // The whole text, decimal, without sign or blanks, within 32 bits: std::from_chars allows nothing else here.
 bool readNumber(std::string_view text, uint32_t& number) {
     auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
@@ -33,15 +38,19 @@ void addList(CLI::App& app, SListOptions& options) {
     list->add_option("--timeout", options.m_nTimeout, "Seconds to wait for the daemon's answer")
         ->check(CLI::Range(0.0, 3600.0))
         ->capture_default_str();
-    list->footer("Names come from the description file: QEL_DESCRIPTION in the environment, else the one "
-                 "compiled in.\n"
-                 "Exit status: 0, or 2 where no daemon answers.");
+    list->footer(sNamesAndStatus);
 }
 
-void addCheck(CLI::App& app, std::string& path) {
-    auto* check = app.add_subcommand("check", "Check a feature list without a daemon.");
-    check->add_option("FILE", path, "The feature list")->required();
-    check->footer("Prints every error as FILE:LINE: text. Exit status: 0 for a good list, 1 for a bad one.");
+void addCheck(CLI::App& app, SCheckOptions& options) {
+    auto* check =
+        app.add_subcommand("check", "Check a feature list, a description file, or both, without a daemon.");
+    check->add_option("FILE", options.m_sList, "The feature list");
+    check->add_option("--descriptions", options.m_sDescriptions, "The description file")->option_text("FILE");
+    check->require_option(1, 2);
+    check->footer(
+        "Prints every error as FILE:LINE: text. Exit status: 0 for good files, 1 if one is bad.\n"
+        "A description file has a line CODE,NAME for each feature, such as 116,Hunt groups. Without\n"
+        "quotes and comments; what follows a second comma is ignored.");
 }
 
 void addComponent(CLI::App& app, SComponentOptions& options) {
@@ -81,15 +90,15 @@ void addComponent(CLI::App& app, SComponentOptions& options) {
     component->add_flag("--wait", options.m_bWait, "Wait for a daemon that is not running yet");
     component->add_option("--process", options.m_sProcess, "Name of this process on the message framework")
         ->option_text("NAME");
-    component->footer("-> is sent, <- is received. Exit status: 0, or 2 where no daemon answers.");
+    component->footer(std::string("-> is sent, <- is received. ") + sNamesAndStatus);
 }
 
 // app.parse() fills the option structs and checks them. Its exception for --help and --version is no error:
 // app.exit() prints what is due and returns 0.
 int run(int argc, char** argv) {
     SListOptions listOptions;
+    SCheckOptions checkOptions;
     SComponentOptions componentOptions;
-    std::string path;
     CLI::App app("Ask the feature daemon, check its list, or act as one of its components.", "qelctl");
     app.set_version_flag("--version", "qelctl " QEL_VERSION);
     app.require_subcommand(1);
@@ -98,7 +107,7 @@ int run(int argc, char** argv) {
         return std::string("qelctl: ") + error.what() + " (--help tells more)\n";
     });
     addList(app, listOptions);
-    addCheck(app, path);
+    addCheck(app, checkOptions);
     addComponent(app, componentOptions);
     try {
         app.parse(argc, argv);
@@ -109,7 +118,7 @@ int run(int argc, char** argv) {
     if (app.got_subcommand("list")) {
         return runList(listOptions);
     }
-    return app.got_subcommand("check") ? runCheck(path) : runComponent(componentOptions);
+    return app.got_subcommand("check") ? runCheck(checkOptions) : runComponent(componentOptions);
 }
 
 } // namespace

@@ -29,7 +29,8 @@ TEST(ActiveList, IsWalkedByItsLengthNotByItsCount) {
 
 TEST(Describe, HostileBytesAreNeitherPrintedRawNorReadPastTheEnd) {
     CBytes modify = bytes("00000000 00000024 00000002 00000000 00000000 00000000 00000001 00000002 00000003");
-    EXPECT_EQ(describeReceived(modify.data(), 36).m_sDetail, "code 1 data 2 new data 3");
+    const CFeatureNames names = CFeatureNames::parse("1,a\x1bname");
+    EXPECT_EQ(describeReceived(modify.data(), 36, names).m_sDetail, "code 1 data 2 new data 3 \"a?name\"");
     EXPECT_EQ(describeReceived(modify.data(), 35).m_sKind, "unknown");
     CBytes announcement(60);                    // with one pair
     std::fill_n(&announcement[28], 20, '\033'); // a name without an end

@@ -1,4 +1,5 @@
 #include "ctl/CFeatureNames.h"
+#include "ctl/check_names.h"
 #include "features/world.h"
 #include "source/CEntryNames.h"
 #include "support/files.h"
@@ -54,6 +55,26 @@ TEST_F(CDescriptionTest, WhatIsNoFileHoldsUpNobody) {
         EXPECT_EQ(takeLines(), CTexts{"4 31142 cannot open " + sPath});
     }
     std::filesystem::remove(sPath);
+}
+
+TEST_F(CDescriptionTest, TheCheckTellsWhatTheDaemonPassesOver) {
+    const std::pair<std::string, const char*> cases[] = {
+        {"\r\n1,a\r2,b\n\n,,3,c,,d\n 4,\"e\"", ""},
+        {"1,a\r\n\r\n2\r\n", "F:3: '2' gives no feature a name: write CODE,NAME\n"},
+        {"1,a\r\r# b,c", "F:3: '# b' is no code from 0 to 4294967295: the daemon takes it for 0\n"},
+        {"12x,a\n", "F:1: '12x' is no code from 0 to 4294967295: the daemon takes it for 12\n"},
+        {"4294967297,a", "F:1: '4294967297' is no code from 0 to 4294967295: the daemon takes it for 1\n"},
+        {"1,a\n2,b\n1,c", "F:3: code 1 stands twice: first in line 1; the last one counts\n"},
+        {"1,a\n2\0,b"s, "F:2: '2' gives no feature a name: write CODE,NAME\n"
+                        "F: byte 6 is 0: for the daemon the file ends there\n"},
+        {"\n,\n", "F: holds no name: write a line CODE,NAME for each feature\n"}};
+    for (const auto& [file, errors] : cases) {
+        std::string told;
+        for (const SListError& error : checkDescriptions(file)) {
+            told += printListError("F", error) + "\n";
+        }
+        EXPECT_EQ(told, errors) << file;
+    }
 }
 
 // A file that is read where none can be opened leaves a line.
