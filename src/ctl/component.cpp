@@ -74,7 +74,8 @@ CPromptComponent::~CPromptComponent() {
 }
 
 // A run that its time or a signal ends has done what it was asked for, so the exit status is 0 even if the
-// component did not come up. It fails if there was no daemon, or on an error that ends it early.
+// component did not get as far as monitoring. It fails if no daemon answered in that time, or on an error that
+// ends it early.
 int CPromptComponent::run() {
     if (m_oOptions.m_nSeconds > 0) {
         auto span = std::chrono::duration<double>(m_oOptions.m_nSeconds);
@@ -87,10 +88,11 @@ int CPromptComponent::run() {
     if (rc >= 0) {
         keepUp();
     }
-    bool ended = rc >= 0 || rc == QEL_ESTOPPED || timeLeft() == 0;
     // A daemon that has not answered the announcement does not know the component. One that did would keep
     // its record if it were not told.
-    if (m_pClient && qel_state(m_pClient) != QEL_STATE_SEEKING) {
+    bool known = m_pClient && qel_state(m_pClient) != QEL_STATE_SEEKING;
+    bool ended = rc >= 0 || rc == QEL_ESTOPPED || (known && timeLeft() == 0);
+    if (known) {
         qel_shutdown(m_pClient, "stopped at the prompt");
     }
     if (rc == QEL_ENODAEMON || !ended) {

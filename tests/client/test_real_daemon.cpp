@@ -50,6 +50,10 @@ TEST_F(CRealDaemon, WithoutADaemonToolsSayAtOnceWhatIsWrong) {
         EXPECT_EQ(control(command), "qelctl: the daemon is not running\nstatus 2\n");
     }
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+    startDaemon();
+    kill(static_cast<pid_t>(m_nHandle), SIGSTOP);
+    EXPECT_TRUE(
+        isLike(control("component Voice --for 0.5"), "*the daemon did not answer in time\nstatus 2\n"));
     writeList("[[feature]]\ncode = -1\ndata = 1\ncomponents = []\nname = 5\n");
     EXPECT_TRUE(isLike(control("check " + file("features.toml")), "*.toml:2: *.toml:5: *status 1\n"));
 }
