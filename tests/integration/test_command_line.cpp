@@ -93,7 +93,7 @@ TEST_F(CCommandLineTest, AFullLogAPipeWithoutReaderOrAHangupDoNotEndIt) {
         setrlimit(RLIMIT_FSIZE, &limit);
         reader.close();
         for (int i = 0; i < 20; ++i) {
-            EXPECT_EQ(kill(static_cast<pid_t>(m_oDaemon->handle()), SIGHUP), 0);
+            EXPECT_EQ(kill(m_oDaemon->process(), SIGHUP), 0);
             ASSERT_NE(ask(nameMessage(1, "Phone")), "none");
         }
         std::filesystem::remove(file("output"));

@@ -130,7 +130,7 @@ const char* textLogPath() {
     return path != nullptr && *path != '\0' ? path : sQelServerLogFileName;
 }
 
-// Of a full disk, or at a size limit, write(2) takes only the beginning of a line, which the next line would
+// On a full disk, or at a size limit, write(2) takes only the beginning of a line, which the next line would
 // then continue. So that is taken back, and the line is lost as a whole; but not if another process has
 // appended to the file meanwhile, whose line would be lost as well. Not everything that is written to is a
 // file: a pipe takes a line of up to PIPE_BUF as a whole or not at all.
