@@ -93,8 +93,8 @@ void CMfwConnection::identify(const CMfwHandles& handles) {
     }
 }
 
-// How much of what was sent is still unread, the kernel does not tell, only whether anything is. So a peer that
-// has reached the limit must catch up before it gets another large body.
+// How much of what was sent is still unread, the kernel does not tell, only whether anything is. So a peer
+// that has reached the limit must catch up before it gets another large body.
 //
 // After a failure for good, the endpoint opens another connection to the peer, which may have come back.
 int CMfwConnection::send(const CMfwOutgoingFrame& frame) {

@@ -26,14 +26,15 @@ public:
     // Asks for the peer's handle.
     void identify(const CMfwHandles& handles);
 
-    // EAGAIN: the peer does not read, and the connection is full, or its large bodies are too many. An error for which isGone() is true
-    // ends the sending on this connection, but not the receiving: what the peer sent before it went can
-    // still be read.
+    // EAGAIN: the peer does not read, and the connection is full, or its large bodies are too many. An error
+    // for which isGone() is true ends the sending on this connection, but not the receiving: what the peer
+    // sent before it went can still be read.
     [[nodiscard]] int send(const CMfwOutgoingFrame& frame);
 
     int fd() const { return m_oSocket.get(); }
-    pid_t process() const { return m_nProcess; } // vouched for by the kernel, and so is the handle:
-    // OVU_MFW_NO_HANDLE until the peer is identified. It stays that where the peer was gone before.
+    // Both are the kernel's word. The handle is OVU_MFW_NO_HANDLE until the peer is identified, and for good
+    // where it was gone before that.
+    pid_t process() const { return m_nProcess; }
     uint32_t peer() const { return m_nPeer; }
     bool isSendable() const { return m_bSendable; }
 

@@ -89,28 +89,25 @@ void CMfwEndpoint::leave() {
     m_oHandles.giveBack();
 }
 
-// Moves to the directory that has come in the place of ours. Who waits to be let in at the old listener is let
-// in first. Where it fails, the endpoint has its connections and no place, and the next look tries again. True:
-// it has moved.
+// Moves to the directory that has come in the place of ours. Who waits to be let in at the old listener is
+// let in first. Where it fails, the endpoint has its connections and no place, and the next look tries again.
+// True: it has moved.
 bool CMfwEndpoint::follow() {
     if (m_oName.isInPlace()) {
         return false;
     }
     CRuntimeDirectory found;
-    const auto moveIn = [&] {
-        m_oDirectory = std::move(found);
-        return settle();
-    };
     if (guarded([&] { return m_oDirectory.openAgain(found); }) != 0) {
         return false;
     }
-    static_cast<void>(guarded([&] { return letIn(), 0; }));
+    guarded([&] { return letIn(), 0; });
     leave();
-    if (guarded(moveIn) != 0) {
+    m_oDirectory = std::move(found);
+    const bool isSettled = guarded([&] { return settle(); }) == 0;
+    if (!isSettled) {
         leave();
-        return false;
     }
-    return true;
+    return isSettled;
 }
 
 void CMfwEndpoint::followWhenDue() {
@@ -291,7 +288,7 @@ void CMfwEndpoint::takeIn(uint64_t id) {
 // Where nobody can be let in for want of descriptors or memory, the listener is left alone until the next
 // receive: it stays ready, and would keep this one from sleeping.
 void CMfwEndpoint::letIn() {
-    for (int i = 0; i < nMaxLetIn; ++i) {
+    for (int i = 0; i < nMaxLetIn && m_oListener; ++i) {
         const int error = letInNext();
         if (error == EAGAIN) {
             return;
@@ -345,6 +342,7 @@ void CMfwEndpoint::read(uint64_t id) {
 
 // False: nothing more will come of this connection.
 bool CMfwEndpoint::readSome(CMfwConnection& connection) {
+    takeInHeld(); // its place is needed
     if (connection.peer() == OVU_MFW_NO_HANDLE) {
         connection.identify(m_oHandles);
     }

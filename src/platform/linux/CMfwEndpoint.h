@@ -66,10 +66,10 @@ private:
     void takeInHeld();
     void takeIn(uint64_t id);
     void letIn();
+    [[nodiscard]] int letInNext();
     [[nodiscard]] bool mayJoin(const CMfwConnection& connection) const;
     void setListening(bool listening);
     void read(uint64_t id);
-    [[nodiscard]] int letInNext();
     [[nodiscard]] bool readSome(CMfwConnection& connection);
 
     const uint32_t m_nHandle;
