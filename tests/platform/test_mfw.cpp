@@ -111,7 +111,8 @@ TEST_F(CMfwTest, ADirectoryMadeAnewIsJoinedByWhoRunsUnderTheSameHandle) {
     });
     openEndpoint();
     std::filesystem::remove_all(m_oDirectory.path());
-    std::filesystem::create_directory(m_oDirectory.path());
+    EXPECT_EQ(find("peer"), OVU_MFW_NO_HANDLE);
+    EXPECT_TRUE(std::filesystem::create_directory(m_oDirectory.path())) << "who only looks does not make it";
     newcomer.tell('g');
     EXPECT_EQ(newcomer.hear(), 'w');
     EXPECT_EQ(find("tested"), OVU_MFW_NO_HANDLE);

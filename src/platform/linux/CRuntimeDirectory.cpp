@@ -51,10 +51,14 @@ bool isOurs(int fd) {
 } // namespace
 
 int CRuntimeDirectory::open() {
-    const SLocation location = runtimeLocation();
-    if (mkdir(location.m_sPath.c_str(), nDirectoryMode) != 0 && errno != EEXIST) {
+    if (mkdir(runtimeLocation().m_sPath.c_str(), nDirectoryMode) != 0 && errno != EEXIST) {
         return lastError();
     }
+    return openExisting();
+}
+
+int CRuntimeDirectory::openExisting() {
+    const SLocation location = runtimeLocation();
     m_sPath = location.m_sPath;
     m_bInSharedPlace = location.m_bInSharedPlace;
     return openPath();

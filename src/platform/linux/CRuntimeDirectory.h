@@ -21,6 +21,9 @@ public:
     // parents are not. EACCES: the one in /tmp is not the user's own, or anybody may write to it.
     [[nodiscard]] int open();
 
+    // The same, but ENOENT if it is missing.
+    [[nodiscard]] int openExisting();
+
     // Opens in `found` what this directory's path means by now: another directory, where this one was removed
     // or renamed and one made anew. It is not created: whoever removed it may want to make it himself.
     [[nodiscard]] int openAgain(CRuntimeDirectory& found) const;

@@ -130,6 +130,7 @@ int OvuMfwCleanup(void) {
 }
 
 // Works without an endpoint of its own, as the contract promises: the runtime directory has all the names.
+// Where there is none, nobody is to be found; who only asks does not make it, as its owner may be about to.
 int OvuMfwGetProcessHandle(const char* processName, uint32_t* handle) {
     if (handle == nullptr) {
         return EINVAL;
@@ -143,7 +144,7 @@ int OvuMfwGetProcessHandle(const char* processName, uint32_t* handle) {
     }
     return guarded([&] {
         CRuntimeDirectory directory;
-        const int error = directory.open();
+        const int error = directory.openExisting();
         return error != 0 ? error : findProcess(directory, processName, *handle);
     });
 }
