@@ -70,7 +70,8 @@ int OvuMfwSendMessage(uint32_t handle, uint16_t type, uint32_t userDefinedId, co
 /* Waits at most `timeoutMs` milliseconds for a message and runs its callback on the calling thread. Each call
  * delivers one message. Senders take turns, so one that floods does not keep the others waiting.
  * OVU_MFW_NO_MESSAGE: none came. Without an endpoint it waits out the time and then returns an error, so that
- * a loop around it cannot spin. */
+ * a loop around it cannot spin. Where memory is exhausted (ENOMEM) it pauses for some milliseconds; what has
+ * come stays for the next call, but for a long message that twice finds none. */
 int OvuMfwProcessNextMessage(uint32_t timeoutMs);
 
 #ifdef __cplusplus
