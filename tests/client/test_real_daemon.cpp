@@ -51,7 +51,7 @@ TEST_F(CRealDaemon, WithoutADaemonToolsSayAtOnceWhatIsWrong) {
     }
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
     startDaemon();
-    kill(static_cast<pid_t>(m_nHandle), SIGSTOP);
+    kill(m_oDaemon->process(), SIGSTOP);
     EXPECT_TRUE(
         isLike(control("component Voice --for 0.5"), "*the daemon did not answer in time\nstatus 2\n"));
     writeList("[[feature]]\ncode = -1\ndata = 1\ncomponents = []\nname = 5\n");

@@ -55,8 +55,8 @@ TEST_F(CSourceTest, AFailedReadingIsToldOnceAndTriedAgain) {
     EXPECT_EQ(troubles(), CTexts{"31178 cannot be read: Too many open files; trying again"});
     expectInForce(1);
     EXPECT_EQ(troubles(), (CTexts{"31178 reading works again", "31172 1 features, handed over (result 0)"}));
-    for (const size_t nth : {1, 3, 20}) {
-        const auto data = static_cast<uint32_t>(nth + 1);
+    for (const uint32_t nth : {1U, 3U, 20U}) {
+        const uint32_t data = nth + 1;
         write(data);
         troubles();
         {
@@ -86,6 +86,7 @@ TEST_F(CSourceTest, AMissingOrFaultyListIsToldOnceAndWaitsForAChange) {
 
 TEST_F(CSourceTest, AListThatDidNotFitIntoMemoryIsNeitherLostNorTakenTwice) {
     write(1);
+    CQelControl& owner = control();
     bool hasFailed = true;
     for (size_t nth = 1; hasFailed; ++nth) {
         CFeatureLoader loader(m_sPath);
@@ -93,15 +94,30 @@ TEST_F(CSourceTest, AListThatDidNotFitIntoMemoryIsNeitherLostNorTakenTwice) {
         {
             const CScarceMemory memory(nth);
             try {
-                loaded = loader.load(control());
+                loaded = loader.load(owner);
             } catch (const std::bad_alloc&) {
             }
             hasFailed = CScarceMemory::hasFailed();
         }
         EXPECT_EQ(loaded.m_bNew, !hasFailed) << nth;
-        EXPECT_EQ(loader.load(control()).m_bNew, hasFailed) << nth;
+        EXPECT_EQ(loader.load(owner).m_bNew, hasFailed) << nth;
     }
     EXPECT_EQ(platform().logged(31170), CTexts()) << "no fault of the list";
+}
+
+TEST_F(CSourceTest, AListStaysInTheMailboxUntilThereIsMemoryToHandItOver) {
+    m_oSource.supply(control());
+    write(1);
+    m_oSource.turn();
+    troubles();
+    size_t nth = 1;
+    for (; control().findFeatureByCodeData(1, 1) == nullptr && nth < 100; ++nth) {
+        const CScarceMemory memory(nth);
+        m_oSource.takeMail();
+    }
+    EXPECT_GT(nth, 5u);
+    EXPECT_EQ(troubles(), (CTexts{"31178 no memory to hand it over; trying again",
+                                  "31172 1 features, handed over (result 0)"}));
 }
 
 // The source stays, as its thread does, and watches what is never there.
