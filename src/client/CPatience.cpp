@@ -47,5 +47,5 @@ void CPatience::forget() {
 }
 
 CPatience::CTime CPatience::dueOf(const SAsked& asked) {
-    return asked.m_tAsked + m_tWait + m_tWait / 1024 * (m_oChance() % 512);
+    return asked.m_tAsked + m_tWait + m_tWait / 1024 * static_cast<int>(m_oChance() % 512);
 }
