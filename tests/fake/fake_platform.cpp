@@ -7,7 +7,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
-#include <sstream>
 
 namespace {
 
@@ -35,13 +34,19 @@ int find(const std::map<std::string, uint32_t>& handles, const char* name, uint3
 constexpr uint32_t nModule = 5; // handle of the diagnostics module
 constexpr int nInvalid = 22;
 
-// Arguments as "one two three".
+std::string word(const char* text) {
+    return text;
+}
+std::string word(uint32_t number) {
+    return std::to_string(number);
+}
+
+// Arguments as "one two three". Not by a stream: where no descriptor is left, the sanitizer takes one for damaged.
 template <typename... Arguments>
 std::string listed(const char* first, Arguments... arguments) {
-    std::ostringstream text;
-    text << first;
-    ((text << ' ' << arguments), ...);
-    return text.str();
+    std::string text = first;
+    ((text += ' ' + word(arguments)), ...);
+    return text;
 }
 
 constexpr SClock oFakeClock{fakeSeconds, fakeTimeOfDay};
