@@ -25,9 +25,9 @@ TEST_F(CFileTest, ModesDifferInWhatTheyCreateKeepWriteAndRemove) {
             put(m_sPath, "hello");
             CFile file(m_sPath.c_str(), mode, text);
             EXPECT_EQ(file.size(), size);
-            EXPECT_EQ(file.write("XY", 2), writes * 2u);
+            EXPECT_EQ(file.write("XY", 2), writes != 0 ? 2u : 0u);
             EXPECT_EQ(contents(m_sPath), after) << "before it is closed: each write is flushed";
-            EXPECT_EQ(file.size(), size + writes * 2u);
+            EXPECT_EQ(file.size(), size + (writes != 0 ? 2u : 0u));
             EXPECT_EQ(file.setBufferingMode(1), 0) << "0 means that the library agreed";
             EXPECT_EQ(file.remove(), writes);
             std::filesystem::remove(m_sPath);

@@ -81,7 +81,8 @@ TEST_F(CConversationTest, AWholeConversationGoesByItsScriptToTheByte) {
             continue;
         }
         if (line[0] == '-') { // blanks between bytes are free
-            line.erase(std::remove(line.begin() + line.find(':') + 2, line.end(), ' '), line.end());
+            const auto bytes = std::find(line.begin(), line.end(), ':') + 2;
+            line.erase(std::remove(bytes, line.end(), ' '), line.end());
         }
         if (line[0] == '<' || line[0] == '!') {
             EXPECT_EQ(transcript(), std::exchange(expected, "")) << "after: " << done;

@@ -78,7 +78,7 @@ TEST_F(CMfwTest, MessagesArriveWholeAndInOrderWithTheirTrueSender) {
     CChild peer = startPeer("peer", echo);
     openEndpoint();
     std::vector<std::string> bodies;
-    for (const size_t length : {0, 1, 1024, 1025, 65536, 65537, 4 * 1024 * 1024, 3}) {
+    for (const size_t length : {0u, 1u, 1024u, 1025u, 65536u, 65537u, 4u * 1024 * 1024, 3u}) {
         std::string body(length, '\0');
         std::generate(body.begin(), body.end(), std::mt19937());
         const auto type = static_cast<uint16_t>(0xFF00 + bodies.size());

@@ -1,0 +1,137 @@
+/* Another platform in the small: the whole contract of src/platform, for one process. It tells on standard output what
+ * the daemon logs and sends, hands over the messages of one component, and then signals the stop event. In C, as the
+ * headers of the contract promise. */
+#include "platform/diag.h"
+#include "platform/mfw.h"
+#include "platform/os.h"
+#include "platform/service.h"
+
+#include <stdio.h>
+#include <string.h>
+
+enum { nHandle = 0x21, nProtocol = 6, nProcessOffset = 24, nNameOffset = 28, nBodyLength = 52 };
+
+/* What the component says: the sub-types of requests. A name message, and the list to its end. */
+static const uint8_t aSubTypes[] = {0, 2, 2};
+static size_t nTaken = 0;
+
+static OvuMfwCallback pCallback = NULL;
+
+int osGetProcessState(const char* name, int* state) {
+    *state = OS_PROCESS_NOT_RUNNING;
+    return strcmp(name, "") == 0;
+}
+
+int osCreateEvent(const char* name, uint32_t flags, uint32_t* handle) {
+    *handle = 1 + flags;
+    return strcmp(name, "") == 0;
+}
+
+int osOpenEvent(const char* name, uint32_t* handle) {
+    return osCreateEvent(name, 0, handle);
+}
+
+int osSendEvent(uint32_t handle) {
+    return handle != 1;
+}
+
+int osReceiveEvent(uint32_t handle, uint32_t waitMs) {
+    (void)waitMs;
+    return handle != 1 || nTaken < sizeof aSubTypes;
+}
+
+int osKillEvent(uint32_t handle) {
+    return handle != 1;
+}
+
+int osInitializeLwtMutex(osLwtMutex_t* mutex) {
+    *mutex = 0;
+    return 0;
+}
+
+int osCleanupLwtMutex(osLwtMutex_t* mutex) {
+    return *mutex != 0;
+}
+
+int osLockLwtMutex(osLwtMutex_t* mutex) {
+    return (*mutex)++ != 0;
+}
+
+int osTryLockLwtMutex(osLwtMutex_t* mutex) {
+    return osLockLwtMutex(mutex);
+}
+
+int osUnlockLwtMutex(osLwtMutex_t* mutex) {
+    return --*mutex != 0;
+}
+
+int OvuServiceStartService(const char* name, uint32_t first, uint32_t second, OvuServiceCallback callback,
+                           uint32_t third) {
+    printf("service %s %u %u %u\n", name, first, second, third);
+    return callback == NULL;
+}
+
+int OvuDiagRegisterModule(const char* name1, const char* name2, const char* name3, const char* logName,
+                          uint32_t* handle) {
+    printf("module %s %s %s %s\n", name1, name2, name3, logName);
+    *handle = 1;
+    return 0;
+}
+
+int OvuDiagAddLogEntry(uint32_t handle, uint32_t kind, uint16_t severity, uint32_t event, const char* text) {
+    printf("log %u %u %u %u %s\n", handle, kind, severity, event, text);
+    return 0;
+}
+
+int OvuMfwInitialize(void) {
+    return 0;
+}
+
+int OvuMfwCleanup(void) {
+    pCallback = NULL;
+    return 0;
+}
+
+int OvuMfwGetProcessHandle(const char* processName, uint32_t* handle) {
+    *handle = nHandle - 1;
+    return processName != NULL; /* nobody else runs */
+}
+
+int OvuMfwRegisterCallback(uint16_t type, OvuMfwCallback callback) {
+    if (type == nProtocol) {
+        pCallback = callback;
+    }
+    return 0;
+}
+
+int OvuMfwDeregisterCallback(uint16_t type) {
+    return type == nProtocol && pCallback == NULL;
+}
+
+int OvuMfwSendMessage(uint32_t handle, uint16_t type, uint32_t userDefinedId, const sOvuMfwMessage* message,
+                      uint32_t length) {
+    flockfile(stdout); /* the thread that watches the list logs, too */
+    printf("sent %u %u %u", handle, type, userDefinedId);
+    for (uint32_t i = 0; i < length; ++i) {
+        printf("%s%02x", i % 4 == 0 ? " " : "", message->data[i]);
+    }
+    printf("\n");
+    funlockfile(stdout);
+    return 0;
+}
+
+int OvuMfwProcessNextMessage(uint32_t timeoutMs) {
+    static const char szName[] = "Voice";
+    sOvuMfwMessage message = {0};
+    (void)timeoutMs;
+    if (nTaken == sizeof aSubTypes || pCallback == NULL) {
+        return OVU_MFW_NO_MESSAGE;
+    }
+    message.data[15] = aSubTypes[nTaken++]; /* the last byte of each word */
+    message.data[19] = (uint8_t)nTaken;     /* tag */
+    message.data[23] = nHandle;
+    message.data[nProcessOffset + 3] = 77;
+    memcpy(message.data + nNameOffset, szName, sizeof szName);
+    pCallback(nProtocol, 0, &message, nBodyLength);
+    return 0;
+}
