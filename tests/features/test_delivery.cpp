@@ -22,7 +22,7 @@ struct SRow {
     int m_nTo;
     uint32_t m_nTriesAfter;
     bool m_bStamped;
-    SLogged m_oFirst; // line of the log; # stands for the state from which the row starts
+    std::string m_sFirst; // line of the log; # stands for the state from which the row starts
 };
 
 const std::vector<int> aAll{-1, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13};
@@ -32,25 +32,25 @@ const std::vector<int> aNotEnabled{-1, 0, 1, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13
 
 const SRow aRows[] = {
     // Three sends a phase; the fourth notification declares the failure.
-    {{0, 1, 4}, opNotify, 1, 2, 1, 1, 3, true, {4, 31126, "feature: check comp Voice 1 at feature 7 70"}},
-    {{0, 1, 4}, opNotify, 1, 3, 0, 3, 0, true, {4, 31126, "feature: failed comp Voice 3 at feature 7 70"}},
-    {{5, 8}, opNotify, 1, 2, 1, 5, 3, true, {4, 31126, "feature: check comp Voice 5 at feature 7 70"}},
-    {{5, 8}, opNotify, 1, 3, 0, 7, 0, true, {4, 31126, "feature: disable comp Voice 7 at feature 7 70"}},
-    {{9, 12}, opNotify, 1, 2, 1, 9, 3, true, {4, 31126, "feature: check comp Voice 9 at feature 7 70"}},
-    {{9, 12}, opNotify, 1, 3, 0, 11, 0, true, {4, 31126, "feature: modify comp Voice 11 at feature 7 70"}},
-    {{-1, 13}, opNotify, 1, 2, 1, 1, 3, true, {4, 31126, "feature: change state Voice # at feature 7 70"}},
-    {{-1, 13}, opNotify, 1, 3, 0, 3, 0, true, {4, 31126, "feature: failed comp Voice 3 at feature 7 70"}},
-    {aSettled, opNotify, 1, 2, 0, nSame, 2, false, {}},
-    {{1}, opReply, 1, 2, 1, 2, 0, true, {4, 31129, "feature (7): got reply ok from comp (Voice) 2"}},
-    {{1}, opReply, 2, 2, 1, 3, 0, true, {4, 31130, "feature (7): got reply failed from comp (Voice) 3"}},
-    {{5}, opReply, 1, 2, 1, 6, 0, true, {4, 31131, "feature (7): got reply ok disabled comp (Voice) 6"}},
-    {{5}, opReply, 0, 2, 1, 7, 0, true, {4, 31132, "feature (7): got reply error from comp (Voice) 7"}},
-    {{9}, opReply, 1, 2, 1, 10, 0, true, {4, 31131, "feature (7): got reply ok moded comp (Voice) 10"}},
-    {{9}, opReply, 0, 2, 1, 11, 0, true, {4, 31132, "feature (7): got reply moderr from comp (Voice) 11"}},
-    {aNotWaiting, opReply, 1, 2, 0, nSame, 2, true, {4, 31133, "feature (7): comp (Voice) in wrong state #"}},
-    {{2}, opConfirm, 0, 2, 1, 2, 2, true, {4, 31137, "feature (7): replied comp (Voice) 2"}},
-    {aNotEnabled, opConfirm, 1, 2, 0, nSame, 2, false, {4, 31138, "feature (7): wrong state comp (Voice) #"}},
-    {aAll, opUnknown, 1, 2, 0, nSame, 2, false, {4, 31140, "feature (7): unknow op to comp (Voice) 0"}},
+    {{0, 1, 4}, opNotify, 1, 2, 1, 1, 3, true, "4 31126 feature: check comp Voice 1 at feature 7 70"},
+    {{0, 1, 4}, opNotify, 1, 3, 0, 3, 0, true, "4 31126 feature: failed comp Voice 3 at feature 7 70"},
+    {{5, 8}, opNotify, 1, 2, 1, 5, 3, true, "4 31126 feature: check comp Voice 5 at feature 7 70"},
+    {{5, 8}, opNotify, 1, 3, 0, 7, 0, true, "4 31126 feature: disable comp Voice 7 at feature 7 70"},
+    {{9, 12}, opNotify, 1, 2, 1, 9, 3, true, "4 31126 feature: check comp Voice 9 at feature 7 70"},
+    {{9, 12}, opNotify, 1, 3, 0, 11, 0, true, "4 31126 feature: modify comp Voice 11 at feature 7 70"},
+    {{-1, 13}, opNotify, 1, 2, 1, 1, 3, true, "4 31126 feature: change state Voice # at feature 7 70"},
+    {{-1, 13}, opNotify, 1, 3, 0, 3, 0, true, "4 31126 feature: failed comp Voice 3 at feature 7 70"},
+    {aSettled, opNotify, 1, 2, 0, nSame, 2, false, ""},
+    {{1}, opReply, 1, 2, 1, 2, 0, true, "4 31129 feature (7): got reply ok from comp (Voice) 2"},
+    {{1}, opReply, 2, 2, 1, 3, 0, true, "4 31130 feature (7): got reply failed from comp (Voice) 3"},
+    {{5}, opReply, 1, 2, 1, 6, 0, true, "4 31131 feature (7): got reply ok disabled comp (Voice) 6"},
+    {{5}, opReply, 0, 2, 1, 7, 0, true, "4 31132 feature (7): got reply error from comp (Voice) 7"},
+    {{9}, opReply, 1, 2, 1, 10, 0, true, "4 31131 feature (7): got reply ok moded comp (Voice) 10"},
+    {{9}, opReply, 0, 2, 1, 11, 0, true, "4 31132 feature (7): got reply moderr from comp (Voice) 11"},
+    {aNotWaiting, opReply, 1, 2, 0, nSame, 2, true, "4 31133 feature (7): comp (Voice) in wrong state #"},
+    {{2}, opConfirm, 0, 2, 1, 2, 2, true, "4 31137 feature (7): replied comp (Voice) 2"},
+    {aNotEnabled, opConfirm, 1, 2, 0, nSame, 2, false, "4 31138 feature (7): wrong state comp (Voice) #"},
+    {aAll, opUnknown, 1, 2, 0, nSame, 2, false, "4 31140 feature (7): unknow op to comp (Voice) 0"},
 };
 
 class CDeliveryTest : public CHeartTest {
@@ -74,11 +74,12 @@ protected:
         EXPECT_EQ(m_oEntry.addComponent(row.m_eEvent, &m_oVoice), row.m_nResult);
         EXPECT_EQ(status.m_eStatus, row.m_nTo == nSame ? state : row.m_nTo);
         EXPECT_EQ(status.m_tStamp, row.m_bStamped ? 1000000 : tBefore);
-        SLogged first = row.m_oFirst;
-        if (const size_t at = first.m_sText.find('#'); at != std::string::npos) {
-            first.m_sText.replace(at, 1, std::to_string(state));
+        std::string first = row.m_sFirst;
+        if (const size_t at = first.find('#'); at != std::string::npos) {
+            first.replace(at, 1, std::to_string(state));
         }
-        EXPECT_EQ(platform().m_vLog.empty() ? SLogged{} : platform().m_vLog[0], first);
+        const CTexts lines = takeLines();
+        EXPECT_EQ(lines.empty() ? "" : lines[0], first);
         EXPECT_EQ(tries, row.m_nTriesAfter);
         tries = nOther;
         EXPECT_EQ(status.m_nEnableTries + status.m_nDisableTries + status.m_nModifyTries, 3 * nOther);

@@ -473,7 +473,7 @@ TEST_F(CRandomLivesTest, MergeAndPassesDoWhatThePlainWalksDo) {
             if (below(4) == 0 && !table.empty()) { // states that a life seldom or never comes to
                 table[below(table.size())]->setCompStatus(static_cast<CCompStatus::ECStatus>(below(14)));
             }
-            const CTexts noted = platform().logged(31115);
+            const auto noted = std::pair(platform().logged(31115), platform().logged(31117));
             steps.push_back(testing::PrintToString(noted) + testing::PrintToString(told()) + tables());
         }
         return steps;

@@ -3,6 +3,8 @@
 #include "server/loop/CQelServer.h"
 
 #include <algorithm>
+#include <cstdlib>
+#include <fstream>
 #include <iterator>
 #include <memory>
 
@@ -63,7 +65,15 @@ std::string textOf(const SLogged& line) {
 CTexts takeLines() {
     CTexts lines;
     std::ranges::transform(platform().takeLog(), std::back_inserter(lines), textOf);
+    noteSeen(lines);
     return lines;
+}
+
+void noteSeen(const CTexts& lines) {
+    if (const char* path = std::getenv("QEL_TEST_SEEN")) {
+        std::ofstream file(path, std::ios::app);
+        std::ranges::copy(lines, std::ostream_iterator<std::string>(file, "\n"));
+    }
 }
 
 CTexts told() {

@@ -46,6 +46,8 @@ int newList(
 // A line of the log as "severity event text"; those since the last call.
 std::string textOf(const SLogged& line);
 CTexts takeLines();
+// Lines that a test compares whole, for tests/docs/check_logged; takeLines() notes its own.
+void noteSeen(const CTexts& lines);
 // The messages to components since the last call, each as "handle: type code data extra". Forgets the log.
 CTexts told();
 
