@@ -1,21 +1,36 @@
 /* Another platform in the small: the whole contract of src/platform, for one process. It tells on standard output what
- * the daemon logs and sends, hands over the messages of one component, and then signals the stop event. In C, as the
- * headers of the contract promise. */
+ * the daemon logs and sends, hands over the messages of one component, and then ends the daemon, in the way that
+ * QEL_TEST_END names: by "event", by the service manager's "stop" or "shutdown"; with "taken" the daemon cannot even
+ * create its event, and with "deaf" not register a callback for the notes of its feature source. In C, as the headers of the contract promise. */
 #include "platform/diag.h"
 #include "platform/mfw.h"
 #include "platform/os.h"
 #include "platform/service.h"
 
+#include <pthread.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 
-enum { nHandle = 0x21, nProtocol = 6, nProcessOffset = 24, nNameOffset = 28, nBodyLength = 52 };
+enum { nHandle = 0x21, nProtocol = 6, nNotes = 7, nProcessOffset = 24, nNameOffset = 28, nBodyLength = 52 };
 
 /* What the component says: the sub-types of requests. A name message, and the list to its end. */
 static const uint8_t aSubTypes[] = {0, 2, 2};
 static size_t nTaken = 0;
 
 static OvuMfwCallback pCallback = NULL;
+static OvuServiceCallback pService = NULL;
+
+static int endsBy(const char* word) {
+    const char* wanted = getenv("QEL_TEST_END");
+    return strcmp(word, wanted != NULL ? wanted : "event") == 0;
+}
+
+static void* notify(void* unused) {
+    pService(endsBy("stop") ? OVU_CALLBACK_NOTIFY_SERVICE_STOP : OVU_CALLBACK_NOTIFY_SERVICE_SHUTDOWN);
+    return unused;
+}
 
 int osGetProcessState(const char* name, int* state) {
     *state = OS_PROCESS_NOT_RUNNING;
@@ -24,11 +39,12 @@ int osGetProcessState(const char* name, int* state) {
 
 int osCreateEvent(const char* name, uint32_t flags, uint32_t* handle) {
     *handle = 1 + flags;
-    return strcmp(name, "") == 0;
+    return endsBy("taken") || strcmp(name, "") == 0 ? OS_ERROR_EXISTS : 0;
 }
 
 int osOpenEvent(const char* name, uint32_t* handle) {
-    return osCreateEvent(name, 0, handle);
+    *handle = 1;
+    return strcmp(name, "") == 0;
 }
 
 int osSendEvent(uint32_t handle) {
@@ -36,11 +52,19 @@ int osSendEvent(uint32_t handle) {
 }
 
 int osReceiveEvent(uint32_t handle, uint32_t waitMs) {
-    (void)waitMs;
-    return handle != 1 || nTaken < sizeof aSubTypes;
+    static pthread_t thread;
+    if (nTaken == sizeof aSubTypes && !endsBy("stop") && !endsBy("shutdown")) {
+        return handle != 1;
+    }
+    if (nTaken == sizeof aSubTypes && thread == 0 && pthread_create(&thread, NULL, notify, NULL) == 0) {
+        pthread_detach(thread);
+    }
+    usleep(1000 * waitMs);
+    return 110;
 }
 
 int osKillEvent(uint32_t handle) {
+    printf("kill %u\n", handle);
     return handle != 1;
 }
 
@@ -68,7 +92,8 @@ int osUnlockLwtMutex(osLwtMutex_t* mutex) {
 int OvuServiceStartService(const char* name, uint32_t first, uint32_t second, OvuServiceCallback callback,
                            uint32_t third) {
     printf("service %s %u %u %u\n", name, first, second, third);
-    return callback == NULL;
+    pService = callback;
+    return 0;
 }
 
 int OvuDiagRegisterModule(const char* name1, const char* name2, const char* name3, const char* logName,
@@ -101,7 +126,7 @@ int OvuMfwRegisterCallback(uint16_t type, OvuMfwCallback callback) {
     if (type == nProtocol) {
         pCallback = callback;
     }
-    return 0;
+    return type == nNotes && endsBy("deaf") ? 7 : 0;
 }
 
 int OvuMfwDeregisterCallback(uint16_t type) {
