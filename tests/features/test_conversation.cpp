@@ -110,6 +110,9 @@ TEST_F(CConversationTest, WhatIsSentOfACodeMakesTheHeldPairOutOfDate) {
     voice.sendMessage(1, 7, 70);
     voice.sendMessage(1, 8, 80);
     EXPECT_EQ(told(), (CTexts{"33: 1 6 60 0", "33: 1 7 70 0"}));
+    CQelServerMessage message;
+    EXPECT_EQ(CComponent::fillMessageHeader(&message, 1, 0, 5), 1);
+    EXPECT_EQ(CComponent::fillMessageHeader(nullptr, 1, 0, 5), 0);
 }
 
 // --- Messages that lie about themselves; bytes at random are among the random lives ---

@@ -224,7 +224,7 @@ TEST_F(CEventTest, WhatCannotBeSentIsToldWithTheErrorAndGivenBack) {
     EXPECT_EQ(lines(), CTexts{"4 31121 unknown message type."});
     EXPECT_EQ(told(), CTexts{"33: 5 0 0 0"});
     comp.init({0, 0, 0, 0, 5, nNoHandle}, nullptr, 0, nullptr);
-    EXPECT_EQ(comp.sendMessage(1, 7, 70), CMFWServer::nErrorNoHandle);
+    EXPECT_EQ(comp.sendMessage(1, 7, 70), 6);
     EXPECT_EQ(lines(), (CTexts{"4 31154 sendMessage invalid handle", lost}));
     EXPECT_EQ(platform().callsOf("OvuMfwSendMessage"), 3);
 }
@@ -261,7 +261,7 @@ TEST_F(CEventTest, WithoutMemoryForControlOrEndpointAMessageIsDroppedAndTold) {
         EXPECT_EQ(starved(1, [&] { return server.checkSignal(); }), 0);
         EXPECT_EQ(lines(), (CTexts{sNoMemory, "2 31004 failed to find control object."}));
         CComponent& voice = component("Voice");
-        EXPECT_EQ(starved(1, [&] { return voice.sendMessage(1, 7, 70); }), nErrorNoEndpoint);
+        EXPECT_EQ(starved(1, [&] { return voice.sendMessage(1, 7, 70); }), 31);
         EXPECT_EQ(lines(), noEndpoint);
         EXPECT_EQ(starved(1, [&] { return server.processMessages(); }), 0);
         EXPECT_EQ(lines(), noEndpoint);

@@ -43,11 +43,11 @@ CCompStatus& record(CFeatureEntry& entry, CComponent& comp, int status) {
 void empty() {
     while (!control().components().m_vItems.empty()) {
         const std::unique_ptr<CComponent> comp(control().components().m_vItems.back());
-        control().delComponent(comp.get());
+        EXPECT_EQ(control().delComponent(comp.get()), 1);
     }
     while (!control().features().m_vItems.empty()) {
         const std::unique_ptr<CFeatureEntry> entry(control().features().m_vItems.back());
-        control().delFeature(entry.get());
+        EXPECT_EQ(control().delFeature(entry.get()), 1);
     }
 }
 
