@@ -263,7 +263,7 @@ int OvuMfwGetProcessHandle(const char* processName, uint32_t* handle) {
     const CPlentyOfMemory plenty;
     if (processName == nullptr) {
         *handle = 1;
-        return 0;
+        return fake().enter("OvuMfwGetProcessHandle");
     }
     fake().m_fnOnLookup();
     return find(fake().m_oProcesses, processName, handle);

@@ -4,6 +4,7 @@
 
 #include "messaging/endpoint/CMFWServer.h"
 #include "server/loop/CQelServer.h"
+#include "server/status/status.h"
 #include "support/scarce_memory.h"
 
 namespace {
@@ -205,6 +206,43 @@ TEST_F(CEventTest, AFeatureThatTakesOverAnotherKeepsAllButItsIdentityAndRecords)
     EXPECT_EQ(lines(), CTexts{});
 }
 
+TEST_F(CEventTest, AComponentBeginsWithNothingAndAWellKnownOneAsIfItHadAnnouncedItself) {
+    const CComponent blank(&control());
+    EXPECT_EQ(blank.m_nProcessId + blank.m_nReplyStatus + blank.m_nSecondCursor + blank.m_nKnownCount, 0u);
+    EXPECT_EQ(blank.m_nNextFeature + blank.m_bMonitor, 0);
+    platform().m_oProcesses = {{"voice", 0x52}};
+    control().auditComponent();
+    CComponent& voice = *control().findCompByName("Voice");
+    const auto bytes = bytesOf(voice.m_oHeader);
+    EXPECT_EQ(toHex({bytes.data(), bytes.size()}), "000000000000001100000000000000000000000100000052");
+    EXPECT_EQ(voice.m_nProcessId, 0u);
+    EXPECT_EQ(voice.m_nReplyStatus + voice.m_bMonitor, 2u);
+    voice.m_nNextFeature = 3;
+    voice.m_nSecondCursor = 4;
+    voice.rewindFeatureList();
+    EXPECT_EQ(voice.m_nSecondCursor + static_cast<uint32_t>(voice.m_nNextFeature), 0u);
+    testing::internal::CaptureStdout();
+    control().notifyComponents("text");
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "recv: text\n");
+}
+
+TEST_F(CEventTest, AFeatureIsFoundByItsCodeOrByBothInTableOrderEvenIfWithdrawn) {
+    const CFeatureEntry& first = feature(7, 70, fsDeleted);
+    const CFeatureEntry& second = feature(7, 71);
+    EXPECT_EQ(control().findFeatureByCode(7), &first);
+    EXPECT_EQ(control().findFeatureByCodeData(7, 71), &second);
+    EXPECT_EQ(control().findFeatureByCodeData(8, 71), nullptr);
+    EXPECT_EQ(control().findFeatureByCode(8), nullptr);
+}
+
+TEST_F(CEventTest, NumbersOfTheDescriptionFileAreSigned) {
+    const std::pair<const char*, int> numbers[] = {
+        {"  -12x", -12}, {"+7", 7}, {"4294967295", -1}, {"\t5", 0}, {"", 0}};
+    for (const auto& [text, number] : numbers) {
+        EXPECT_EQ(CFeatureEntry::doC2N(text), number) << text;
+    }
+}
+
 TEST_F(CEventTest, WhatCannotBeSentIsToldWithTheErrorAndGivenBack) {
     CComponent& comp = voice(fsActive);
     const std::string failed = "1 31155 OvuMfwSendMessage error = 11",
@@ -232,14 +270,51 @@ TEST_F(CEventTest, WhatCannotBeSentIsToldWithTheErrorAndGivenBack) {
 TEST_F(CEventTest, EachStepOfTheEndpointThatFailsIsTold) {
     CMFWServer& endpoint = *CMFWServer::instance();
     platform().reset();
+    platform().fail("OvuMfwGetProcessHandle", 9);
+    EXPECT_EQ(endpoint.init(), 9);
+    EXPECT_EQ(lines(), CTexts{"1 31147 MFW server init OvuMfwGetProcessHandle rc=9"});
     platform().fail("OvuMfwRegisterCallback", 7);
     EXPECT_EQ(endpoint.init(), 7);
     EXPECT_EQ(lines(), (CTexts{"1 31151 register callback failed rc = 7",
                                "1 31148 MFW server init failed to addCallback rc=7"}));
     EXPECT_EQ(endpoint.init(), 0);
+    platform().fail("OvuMfwRegisterCallback", 7);
+    startAnswering(endpoint);
+    EXPECT_EQ(lines(),
+              (CTexts{"1 31151 register callback failed rc = 7", "2 31002 failed to add message Callback."}));
+    EXPECT_EQ(endpoint.addCallback(0x10007, CQelServer::cbQelServer), 0);
+    EXPECT_EQ(platform().m_oCallbacks.count(7), 1u) << "of a type, the low 16 bits count";
+    EXPECT_EQ(endpoint.delCallback(0x10007), 0);
+    sOvuMfwMessage message = {};
+    EXPECT_EQ(endpoint.sendMessage(1, 0x10007, &message, 0), 0);
+    EXPECT_EQ(platform().takeSent().at(0).m_nType, 7);
+    lines();
     platform().fail("OvuMfwCleanup", 8);
     endpoint.clear();
     EXPECT_EQ(lines(), CTexts{"1 31145 OvuMfwCleanup rc = 8"});
+}
+
+TEST_F(CEventTest, OnlyAMessageThatIsLongerThanARecordTakesMemoryAndNoMessageAtAllIsNothing) {
+    CComponent& comp = voice(fsActive);
+    CMFWServer& endpoint = *CMFWServer::instance();
+    {
+        const CScarceMemory scarce(1);
+        EXPECT_EQ(comp.sendMessage(1, 7, 70), 0);
+        EXPECT_FALSE(CScarceMemory::hasFailed());
+    }
+    EXPECT_EQ(told(), CTexts{"33: 1 7 70 0"});
+    for (uint32_t code = 1; code <= 100; ++code) {
+        feature(code, code + 1).m_bSourced = 0;
+    }
+    receive(header(nQelOAMActiveFeatureMsgType, 0, 0x44));
+    const std::vector<SSent> sent = platform().takeSent();
+    ASSERT_EQ(sent.size(), 1u);
+    EXPECT_EQ(sent[0].m_sBody.substr(24 + 4 + 99 * 16), words({fsNewAdd, 100, 101, 0}));
+    platform().takeLog();
+    CQelServer::cbQelServer(6, 0, nullptr, 0);
+    EXPECT_EQ(endpoint.init(), 0);
+    platform().m_oCallbacks.at(0)(9, 0, nullptr, 0);
+    EXPECT_EQ(lines(), CTexts{});
 }
 
 // In a process of its own, where neither the control nor the endpoint exists.
