@@ -58,6 +58,7 @@ inline constexpr std::array<std::string_view, nCounters> aCounterNames = {
     "given-up",
     "lists.handed-over",
 };
+static_assert(!aCounterNames.back().empty(), "one for each counter");
 
 // On the main loop's thread only.
 inline std::array<uint64_t, nCounters> aCounters = {};

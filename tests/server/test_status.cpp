@@ -216,6 +216,26 @@ TEST_F(CStatusTest, WhatIsNotUnderstoodIsSaidSo) {
     EXPECT_EQ(page.m_oAnswer.m_nTag, 5u);
 }
 
+TEST_F(CStatusTest, ANameTooLongForAPageDoesNotStopThePaging) {
+    feature(1, 10, EFStatus::fsActive, {"Voice"}).m_sName =
+        CString(std::string(nMaxStatusAnswer, 'x').c_str());
+    const SPage page = ask(about(sqFeatures));
+    EXPECT_EQ(page.m_oAnswer.m_nMore, 0u);
+    ASSERT_EQ(page.m_vRecords.size(), 1u);
+    EXPECT_EQ(page.m_vRecords[0].m_sText, std::string(1024, 'x') + std::string("\0Voice", 6));
+}
+
+TEST_F(CStatusTest, APageAfterALostCursorIsEmpty) {
+    feature(1, 10, EFStatus::fsActive, {});
+    for (const EStatusQuestion what : {sqComponents, sqFeatures, sqDeliveries, sqTally}) {
+        auto question = about(what);
+        question.m_oCursor = {{1, 99, 99, 0}};
+        const SPage page = ask(question);
+        EXPECT_EQ(page.m_oAnswer.m_nResult, srChanged) << what;
+        EXPECT_EQ(page.m_vRecords.size(), 0u) << what;
+    }
+}
+
 // Features come and go between the pages. Each delivery that stands all the while is told once, unless the asker is
 // told to begin anew, and that only where the entry at the cursor went.
 TEST_F(CStatusTest, PagesTellEachThatStaysOnce) {

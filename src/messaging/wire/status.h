@@ -33,7 +33,8 @@ inline constexpr size_t nMaxStatusAnswer = 60 * 1024; // bytes, header and all
 enum EStatusQuestion : uint32_t {
     sqSummary = 1,     // one CStatusSummary; its text: the daemon's version
     sqComponents = 2,  // a CStatusComponent each, in the order of the daemon's table; text: of the last reply
-    sqFeatures = 3,    // a CStatusFeature each, likewise; texts: the name, then whom the feature concerns
+    sqFeatures = 3,    // a CStatusFeature each, likewise; texts: the name (its beginning, if it is longer
+                       // than 1,024 bytes), then whom the feature concerns, a NUL in front of each
     sqDeliveries = 4,  // a CStatusDelivery for each feature and component that has been taken into it
     sqTransitions = 5, // a CStatusTransition each, oldest first, of those kept that the cursor lies before
     sqCounters = 6,    // a CStatusCounter each, since the daemon's start; text: its name
@@ -161,7 +162,7 @@ struct CStatusDelivery {
 static_assert(sizeof(CStatusDelivery) == 64);
 
 struct CStatusTransition {
-    CStatusRecord m_oRecord; // text: the reason, where the component refused
+    CStatusRecord m_oRecord; // without a text
     CBigEndian32 m_aNumber[2];
     CBigEndian32 m_tSeconds;
     CBigEndian32 m_nMicroseconds;

@@ -33,7 +33,15 @@ namespace {
 // fraction of a turn, however large the table is.
 constexpr size_t nMaxVisits = 8192;
 
+// Bytes of a feature's name. A description file may have longer ones, but a page must hold any feature.
+constexpr size_t nMaxFeatureName = 1024;
+
 constexpr uint32_t nWhole = UINT32_MAX; // as the last word of a cursor: nothing of the entry is left
+
+// The language knows these by their numbers alone.
+static_assert(nFeatureStatuses == CFeatureEntry::fsExisting + 1);
+static_assert(nDeliveryStates == CCompStatus::csModifyTimedOut + 1);
+static_assert(aCauseWords.size() == nDeliveryEvents);
 
 constexpr milliseconds nLongestTurn(100); // that says anything about the next turns
 
@@ -257,7 +265,7 @@ void tellComponents(const SQuestion& question, CPage& page) {
 // The texts of a feature: its name, and whom it concerns, a NUL between each. Where there is no memory for
 // them the feature is told without.
 std::string textsOf(const CFeatureEntry& entry) try {
-    std::string texts = entry.m_sName.c_str();
+    std::string texts(std::string_view(entry.m_sName.c_str()).substr(0, nMaxFeatureName));
     for (const char* name : entry.m_vCompNames) {
         texts += '\0';
         texts += name;
@@ -340,6 +348,9 @@ void tally(const SQuestion& question, CPage& page) {
         });
     };
     tellTable(question.m_oControl.features(), identityOf, question, page, tell);
+    if (page.m_oAnswer.m_nResult != srOk) {
+        return;
+    }
     CStatusTally record;
     std::copy(counts.begin(), counts.end(), record.m_aDeliveries);
     page.add(record);
