@@ -45,10 +45,10 @@ constexpr uint8_t nEvery = UINT8_MAX; // whatever the feature's own state is
 
 // Where a row leads that does not name a state. Negative, so they cannot be mistaken for one.
 constexpr auto nSame = static_cast<CCompStatus::ECStatus>(-1); // the state stays
-constexpr auto nByNotify =
-    static_cast<CCompStatus::ECStatus>(-2); // dvNotify decides; then the line, if it sends
-constexpr auto nAgain =
-    static_cast<CCompStatus::ECStatus>(-3);                    // to idle; after the line, the event once more
+// dvNotify decides; then the line, if it sends.
+constexpr auto nByNotify = static_cast<CCompStatus::ECStatus>(-2);
+// To idle; after the line, the event once more.
+constexpr auto nAgain = static_cast<CCompStatus::ECStatus>(-3);
 constexpr auto nGone = static_cast<CCompStatus::ECStatus>(-4); // the caller deletes the record
 
 // What must hold besides the states. The tries are those of the record's phase.

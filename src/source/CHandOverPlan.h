@@ -89,8 +89,7 @@ private:
     std::unordered_map<SFeature, CFeatureEntry*> m_oByPair;
     std::unordered_map<uint32_t, CFeatureEntry*> m_oFirstByCode;
     std::unordered_map<uint32_t, std::vector<const CFeatureEntry*>> m_oLeavingByCode;
-    std::unordered_map<const CFeatureEntry*, CFeatureEntry*>
-        m_oHeirs;                       // entries to their leavers of this list
+    std::unordered_map<const CFeatureEntry*, CFeatureEntry*> m_oHeirs; // the leavers of this list's entries
     std::optional<CPassIndex> m_oIndex; // made when it is asked for the first time
 
     std::vector<SKept> m_vKept;

@@ -53,12 +53,11 @@ private:
     std::string m_sPath;
     std::string m_sDirectory;
     std::string m_sName;
-    CFileDescriptor
-        m_oEvents;            // inotify; none: the system has none to spare just now, the fingerprint must do
-    int m_nFile = -1;         // inotify's watch on the file; -1: none, as when there is no file
-    int m_nDirectory = -1;    // and on its directory
-    SFingerprint m_oReported; // of the file that the caller knows
-    SFingerprint m_oLast;     // at the end of the last wait
+    CFileDescriptor m_oEvents; // inotify; none: the system has none to spare, the fingerprint must do
+    int m_nFile = -1;          // inotify's watch on the file; -1: none, as when there is no file
+    int m_nDirectory = -1;     // and on its directory
+    SFingerprint m_oReported;  // of the file that the caller knows
+    SFingerprint m_oLast;      // at the end of the last wait
 };
 
 #endif

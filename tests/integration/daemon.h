@@ -34,7 +34,8 @@ inline std::string words(const std::vector<CBigEndian32>& values) {
     return {reinterpret_cast<const char*>(values.data()), 4 * values.size()};
 }
 
-// Bodies as components send them. Answers go to the calling process, whose handle is its process id in them too.
+// Bodies as components send them. Answers go to the calling process, which gives its handle for its process
+// id as well.
 enum : uint32_t { nGetFeature = 2, nStartMonitor = 3, nWriteReply = 5, nShutdown = 6 };
 
 inline std::string nameMessage(uint32_t tag, std::string name, uint32_t pairCount = 0) {

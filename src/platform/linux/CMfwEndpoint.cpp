@@ -15,11 +15,10 @@ constexpr uint64_t nWakeupId = 1;
 constexpr uint64_t nFirstConnectionId = 2;
 
 constexpr size_t nMaxConnections = 2048;
-constexpr int nMaxConnectionsOfPeer =
-    16;                        // it needs two at most; old ones of a peer that started anew may be unread
-constexpr int nMaxLetIn = 512; // in one go
-constexpr int nMaxRead = 16;   // messages of one connection, in one go
-constexpr int nMaxReady = 512; // connections looked at in one go
+constexpr int nMaxConnectionsOfPeer = 16; // it needs two at most, but old ones may still be unread
+constexpr int nMaxLetIn = 512;            // in one go
+constexpr int nMaxRead = 16;              // messages of one connection, in one go
+constexpr int nMaxReady = 512;            // connections looked at in one go
 
 constexpr int nLookMs = 1000; // how often a receiver looks whether the runtime directory is still the same
 

@@ -101,7 +101,7 @@ CFileDescriptor CRuntimeDirectory::openFile(const std::string& name, int flags, 
 
 // Never uses O_CREAT on a file that exists: in a directory with the sticky bit the kernel may refuse that for
 // another user's file (protected_regular in proc(5)). So it tries both ways in turn; it goes round again only
-// if somebody created the file or removed it in between. fchmod(2) undoes the umask.
+// if somebody created the file or removed it in between.
 CFileDescriptor CRuntimeDirectory::openOrCreateFile(const std::string& name) const {
     for (;;) {
         CFileDescriptor existing = openFile(name, O_RDWR, S_IFREG);

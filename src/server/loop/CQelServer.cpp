@@ -82,9 +82,9 @@ bool CQelServer::initEndpoint() {
     return true;
 }
 
-// An event that exists was left behind by a dead daemon, for main() lets only one instance run. It is killed
-// and created anew, since a stop signal that nobody received might still be in it and would end this daemon
-// at once. If that fails, the start fails.
+// An event that exists was left behind by a dead daemon, for runDaemon() lets only one instance run. It is
+// killed and created anew, since a stop signal that nobody received might still be in it and would end this
+// daemon at once. If that fails, the start fails.
 //
 // If no event can be created for another reason, the daemon runs without one: `qelserver -stop` cannot reach
 // it then, but the service manager's notice still ends it.
@@ -131,9 +131,9 @@ int CQelServer::run() {
             checkSignal();
         }
         processMessages();
-        // The wait is also the pause that keeps a flood of messages from taking the whole processor.
         noteTurn(nAuditTurns - turn % nAuditTurns);
         const uint32_t elapsed = millisecondOfSecond() - start;
+        // The wait is also the pause that keeps a flood of messages from taking the whole processor.
         if (osReceiveEvent(m_nEvent.load(), waitAfter(elapsed)) == 0) {
             break;
         }

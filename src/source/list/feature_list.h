@@ -38,8 +38,8 @@ struct SFeatureList {
 
 inline constexpr size_t nMaxListErrors = 1000; // kept: nobody reads more, and a broken file may have millions
 
-inline constexpr size_t nMaxListFileSize =
-    size_t{32} * 1024 * 1024;                 // bytes; 100,000 features take about 8 MB
+// In bytes; 100,000 features take about 8 MB.
+inline constexpr size_t nMaxListFileSize = size_t{32} * 1024 * 1024;
 inline constexpr size_t nMaxComponents = 256; // names of one feature
 
 // Reads the whole file, then checks it. A file that changes while it is read is read again; for that, and for
