@@ -1,5 +1,5 @@
-// What the daemon's operations cost in time, by the size of its table. "per item" is the time for one feature at one
-// component, or for one feature where only one component is concerned.
+// What the daemon's operations cost in time, by the size of its table. "per item" is the time for one feature
+// at one component, or for one feature where only one component is concerned.
 #include "operations.h"
 
 #include <benchmark/benchmark.h>

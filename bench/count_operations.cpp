@@ -2,8 +2,8 @@
 //
 //     count_operations OPERATION TIMES FEATURES COMPONENTS
 //
-// A counter that can tell functions apart counts what happens within runMeasured(); another one takes the difference
-// of two runs with different TIMES. bench/instructions does both.
+// A counter that can tell functions apart counts what happens within runMeasured(); another one takes the
+// difference of two runs with different TIMES. bench/instructions does both.
 #include "operations.h"
 
 #include <algorithm>

@@ -2,9 +2,9 @@
 //
 //     first_answer EMPTY DAEMON TIMES
 //
-// The client has its endpoint open and looks for the daemon without a pause. It keeps to one processor and leaves the
-// others to the program, which would else now and then wait for a time slice of the client's. On a busy machine the
-// program waits for others' all the same: its processor time up to there is told, too.
+// The client has its endpoint open and looks for the daemon without a pause. It keeps to one processor and
+// leaves the others to the program, which would else now and then wait for a time slice of the client's. On a
+// busy machine the program waits for others' all the same: its processor time up to there is told, too.
 #include "ctl/COamQuery.h"
 
 #include <algorithm>

@@ -2,9 +2,9 @@
 //
 //     pace_components COMPONENTS FEATURES
 //
-// Each is a process that announces itself as Pace0, Pace1, ..., monitors, and keeps back its reply to the first
-// notification until a line comes in on standard input; "ready" on standard output asks for that. Then each
-// replies at once to whatever comes. "done": the daemon has answered FEATURES replies of each.
+// Each is a process that announces itself as Pace0, Pace1, ..., monitors, and keeps back its reply to the
+// first notification until a line comes in on standard input; "ready" on standard output asks for that. Then
+// each replies at once to whatever comes. "done": the daemon has answered FEATURES replies of each.
 #include "messaging/wire/wire.h"
 #include "platform/mfw.h"
 

@@ -46,8 +46,9 @@ inline CRecord replyMessage(uint32_t subType, uint32_t handle) {
     return CRecord(message);
 }
 
-// A control with so many features, each of which concerns each of so many monitored components. Operations leave it
-// changed; settle() makes good for all but features and components that are gone, refill() for these too.
+// A control with so many features, each of which concerns each of so many monitored components. Operations
+// leave it changed; settle() makes good for all but features and components that are gone, refill() for these
+// too.
 class CWorld {
 public:
     CWorld(int64_t features, int64_t components)

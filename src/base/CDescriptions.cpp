@@ -23,8 +23,8 @@ CDescriptions::CDescriptions(std::string_view text)
     : m_sText(text.substr(0, text.find('\0'))), m_nLineFeed(std::min(m_sText.find('\n'), m_sText.size())),
       m_nReturn(std::min(m_sText.find('\r'), m_sText.size())) {}
 
-// The daemon walks the whole file for each feature that it names, hence the care: one search for the line's end,
-// one for the code's, and none for the name's, which few ask for.
+// The daemon walks the whole file for each feature that it names, hence the care: one search for the line's
+// end, one for the code's, and none for the name's, which few ask for.
 bool CDescriptions::next() {
     while (m_nAt < m_sText.size()) {
         seek(m_sText, '\n', m_nAt, m_nLineFeed);

@@ -59,8 +59,8 @@ bool CDaemonLink::open() {
 
 // A look-up asks about every process that has an endpoint, so it is not done for every message, and each
 // process spends a thousandth of a processor on it at most: with many, all that look would leave the daemon
-// no time. Another handle is another process: a daemon that was restarted and does not know this component. What its
-// predecessor sent is void.
+// no time. Another handle is another process: a daemon that was restarted and does not know this component.
+// What its predecessor sent is void.
 CDaemonLink::ELookup CDaemonLink::lookUp() {
     auto now = CClientClock::now();
     if (now < m_tNextLookup) {

@@ -68,8 +68,8 @@ std::vector<CFeatureTable::SChange> CFeatureTable::takeChanges() {
     return changes;
 }
 
-// Each pair set aside replaces one pair held under its code, the lowest first, as takeChanges() reports. Those
-// beyond are gone.
+// Each pair set aside replaces one pair held under its code, the lowest first, as takeChanges() reports.
+// Those beyond are gone.
 std::vector<SFeature> CFeatureTable::gone() const {
     std::vector<SFeature> features;
     std::multiset<uint32_t> replacing;

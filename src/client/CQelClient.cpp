@@ -133,7 +133,8 @@ int CQelClient::pump(const std::function<bool()>& reached, int timeoutMs) {
 }
 
 // Never beyond the next look-up, which bounds the time until a restart of the daemon is noticed, and never
-// longer than half a second, which bounds it for a stop from another thread. A moment that has passed gives a negative time, which receive() takes as 0.
+// longer than half a second, which bounds it for a stop from another thread. A moment that has passed gives a
+// negative time, which receive() takes as 0.
 std::chrono::milliseconds CQelClient::waitTime(CClientClock::time_point deadline) const {
     auto now = CClientClock::now();
     auto until = std::min({deadline, m_oLink.nextLookup(), now + CDaemonLink::tLookup});

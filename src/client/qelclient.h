@@ -18,8 +18,8 @@
  * qel_strerror() puts in words.
  *
  * Times are in milliseconds. 0: handle what is there, do not wait. QEL_FOREVER: no limit. No call takes
- * longer than it was asked to, except for the callback that is running when the time is up, and for those that
- * tell the differences at the end of a fetch, which belong together.
+ * longer than it was asked to, except for the callback that is running when the time is up, and for those
+ * that tell the differences at the end of a fetch, which belong together.
  *
  * Threads: there is one client in a process, since the message framework gives a process one endpoint. It
  * belongs to the client from qel_open to qel_close. One thread at a time uses the client. Only qel_stop may
@@ -122,9 +122,9 @@ struct qel_options {
     qel_trace_fn trace;   /* null: none */
     void* user;           /* handed to both; the caller's */
     /* How long an answer from the daemon may take at least before the client starts over. Up to half as much
-     * is added by chance; each time in vain doubles it, up to an hour, until answers come in time again. 0: the
-     * default of 60 seconds, in which the daemon can answer 1,000 clients that start at the same moment. A
-     * daemon that has gone is noticed within half a second all the same (within 10 seconds at most where a
+     * is added by chance; each time in vain doubles it, up to an hour, until answers come in time again. 0:
+     * the default of 60 seconds, in which the daemon can answer 1,000 clients that start at the same moment.
+     * A daemon that has gone is noticed within half a second all the same (within 10 seconds at most where a
      * thousand processes and more make looking for it expensive). */
     uint32_t answer_timeout_ms;
     /* 1: call `notify` also when nothing changes: for a feature that is held with this very data

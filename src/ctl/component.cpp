@@ -74,8 +74,8 @@ CPromptComponent::~CPromptComponent() {
 }
 
 // A run that its time or a signal ends has done what it was asked for, so the exit status is 0 even if the
-// component did not get as far as monitoring. It fails if no daemon answered in that time, or on an error that
-// ends it early.
+// component did not get as far as monitoring. It fails if no daemon answered in that time, or on an error
+// that ends it early.
 int CPromptComponent::run() {
     if (m_oOptions.m_nSeconds > 0) {
         auto span = std::chrono::duration<double>(m_oOptions.m_nSeconds);

@@ -59,9 +59,9 @@ public:
 
     SFeature id() const { return {m_nCode, m_nData}; }
 
-    // Whether the entry stands for nobody but components that a list dropped from a feature which others keep.
-    // The hand-over makes such entries: withdrawn, so that the audit tells those components to disable the
-    // feature and the timeout pass removes the entry, and sourced, so that it is not listed as a second
+    // Whether the entry stands for nobody but components that a list dropped from a feature which others
+    // keep. The hand-over makes such entries: withdrawn, so that the audit tells those components to disable
+    // the feature and the timeout pass removes the entry, and sourced, so that it is not listed as a second
     // feature. No other entry is both, for a merge withdraws only what the hand-over left without the flag.
     bool isLeaving() const { return m_eStatus == fsDeleted && m_bSourced == 1; }
 
@@ -102,8 +102,8 @@ public:
     void clear();
 
     // Fills m_sName from the feature description file. 1, also if that has no name for the feature; 0 if it
-    // is no regular file, cannot be opened, or there is no memory. Reads the whole file each time, so naming n
-    // features reads it n times.
+    // is no regular file, cannot be opened, or there is no memory. Reads the whole file each time, so naming
+    // n features reads it n times.
     int setupName();
     // Whether a description file is configured at all: by QEL_DESCRIPTION in the environment, or compiled in.
     static bool hasDescriptionFile();

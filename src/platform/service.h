@@ -27,7 +27,8 @@ enum { OVU_SERVICE_STARTING = 0, OVU_SERVICE_READY = 1 };
  * `text`, for at most `timeMs` milliseconds from now. OVU_SERVICE_READY: the service serves, and `timeMs` is
  * 0; a start that fails never gets there. Does not block, and reports no failure. From any thread.
  *
- * Not every manager wants to know, so the reference is weak: without this function the daemon tells nothing. */
+ * Not every manager wants to know, so the reference is weak: without this function the daemon tells
+ * nothing. */
 void OvuServiceReport(uint32_t state, const char* text, uint32_t timeMs) __attribute__((weak));
 
 #ifdef __cplusplus

@@ -22,9 +22,9 @@ constexpr int nExitFailed = 1;
 // takes a slow start for one that hangs.
 constexpr uint32_t nStartTime = 10 * 60 * 1000;
 
-// SIGXFSZ: the text log has met a size limit, and the line is lost. SIGPIPE: nobody reads any more what -debug
-// prints. SIGHUP: sent by the rotation of the log, which needs none, or a terminal is gone. By default each
-// of them ends the process.
+// SIGXFSZ: the text log has met a size limit, and the line is lost. SIGPIPE: nobody reads any more what
+// -debug prints. SIGHUP: sent by the rotation of the log, which needs none, or a terminal is gone. By default
+// each of them ends the process.
 void ignoreSignals() {
     for (const int signal : {SIGXFSZ, SIGPIPE, SIGHUP}) {
         std::signal(signal, SIG_IGN);

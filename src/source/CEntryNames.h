@@ -9,13 +9,13 @@
 
 #include <unordered_map>
 
-// An entry reads the whole description file for its name, so naming a long list takes a good part of a second.
-// Hence a feature that was in the list before keeps its name, and only the others read. When the description
-// file has changed in between, all of them read; but no change of it makes a new list, so a corrected name
-// appears with the next change of the feature list.
+// An entry reads the whole description file for its name, so naming a long list takes a good part of a
+// second. Hence a feature that was in the list before keeps its name, and only the others read. When the
+// description file has changed in between, all of them read; but no change of it makes a new list, so a
+// corrected name appears with the next change of the feature list.
 //
-// Names are for people: what goes wrong here, memory that runs out included, costs a name or a second reading,
-// never the list. Used by one thread at a time.
+// Names are for people: what goes wrong here, memory that runs out included, costs a name or a second
+// reading, never the list. Used by one thread at a time.
 class CEntryNames {
 public:
     // Names all entries, and logs in one line how many had to go without because of a failure.

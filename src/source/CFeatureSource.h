@@ -27,8 +27,8 @@ class CQelControl;
 // features wait in the hand-over, a note goes out every second, so a note that is lost costs a second.
 //
 // What fails for want of memory or of descriptors changes nothing and is tried again: the thread reads the
-// file again, less and less often, and what the main loop could not hand over waits in the mailbox for the next
-// note. The log has one line when that begins. Nothing is thrown to the server, nor to the framework.
+// file again, less and less often, and what the main loop could not hand over waits in the mailbox for the
+// next note. The log has one line when that begins. Nothing is thrown to the server, nor to the framework.
 //
 // The daemon has one object, and it lives until the process ends, as its thread does: any thread may end the
 // process at any moment, and must not destroy what another one uses.
@@ -43,8 +43,8 @@ public:
     void startWatching() override;
 
     // What the thread does, over and over: waits for a change of the file for some periods at most, reads the
-    // file if it has changed or is to be tried again, and sends a note if there is work left. For tests, which
-    // have no thread; not before supply().
+    // file if it has changed or is to be tried again, and sends a note if there is work left. For tests,
+    // which have no thread; not before supply().
     void turn();
     // What a note has the main loop do.
     void takeMail();

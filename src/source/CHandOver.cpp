@@ -54,9 +54,9 @@ std::optional<CHandOver::SResult> CHandOver::apply(CFreshList& list) {
     return SResult{result, plan->isRestartNeeded()};
 }
 
-// A component that a withdrawn entry concerns and that does not know of it would be told of it by the audit, and
-// nobody would ever tell it to disable the feature again. Taken in now it has a record: at a withdrawn feature that
-// starts as disabled, and the component is sent nothing.
+// A component that a withdrawn entry concerns and that does not know of it would be told of it by the audit,
+// and nobody would ever tell it to disable the feature again. Taken in now it has a record: at a withdrawn
+// feature that starts as disabled, and the component is sent nothing.
 void CHandOver::settleUntold() {
     const auto& entries = m_oControl.features().m_vItems;
     const auto& components = m_oControl.components().m_vItems;

@@ -43,8 +43,8 @@ bool CListWatch::wait(std::chrono::milliseconds time) {
 }
 
 // Called for every wait, since the file and the directory may be created late, or be removed and created
-// again, and descriptors may have run out. For the same file inotify_add_watch(2) returns the watch that there
-// is, so that costs two system calls.
+// again, and descriptors may have run out. For the same file inotify_add_watch(2) returns the watch that
+// there is, so that costs two system calls.
 //
 // Other files of the directory may be written all the time, a log for example. So the directory is asked for
 // writes only if there is no file to watch. Renames over the file are the directory's events in any case, for

@@ -3,9 +3,10 @@
 #define QEL_TOOLS_CCRYPTO_H
 
 // Each operation returns 1 for success and 0 for failure, and prints the reason for a failure as one line on
-// standard output. Key and certificate files are PEM. Only RSA keys are accepted, except by verifyCert(): a key
-// of another kind, or one that needs a passphrase, counts as unreadable, since the tools run in scripts where
-// nobody could type one. Signatures are SHA-1 with RSA (RSASSA-PKCS1-v1_5 of RFC 8017), stored raw, without any encoding.
+// standard output. Key and certificate files are PEM. Only RSA keys are accepted, except by verifyCert(): a
+// key of another kind, or one that needs a passphrase, counts as unreadable, since the tools run in scripts
+// where nobody could type one. Signatures are SHA-1 with RSA (RSASSA-PKCS1-v1_5 of RFC 8017), stored raw,
+// without any encoding.
 //
 // Nothing is kept between calls. Threads may call the operations at the same time, except generateRSA() and
 // generateSignature(), which use the process's umask, the former also its random sequence (srand(3)).

@@ -69,8 +69,8 @@ bool COutputFile::open() {
            (openTemporary() || openInPlace());
 }
 
-// Whether no stranger can have put the file there: it is the user's or the directory's owner's, or nobody else
-// can create files in the directory.
+// Whether no stranger can have put the file there: it is the user's or the directory's owner's, or nobody
+// else can create files in the directory.
 bool COutputFile::isAcceptable(const struct stat& old) const {
     const std::string name = directoryOf(m_sPath) + ".";
     struct stat directory {};

@@ -41,7 +41,8 @@ std::string word(uint32_t number) {
     return std::to_string(number);
 }
 
-// Arguments as "one two three". Not by a stream: where no descriptor is left, the sanitizer takes one for damaged.
+// Arguments as "one two three". Not by a stream: where no descriptor is left, the sanitizer takes one for
+// damaged.
 template <typename... Arguments>
 std::string listed(const char* first, Arguments... arguments) {
     std::string text = first;

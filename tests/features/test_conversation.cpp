@@ -36,7 +36,8 @@ protected:
         line[0] == '<' ? receive(fromHex(line.substr(2))) : m_oVerbs.at(verb)(words);
     }
 
-    // What the daemon logged and sent since the last call. The endpoint logs each send: there the message stands.
+    // What the daemon logged and sent since the last call. The endpoint logs each send: there the message
+    // stands.
     std::string transcript() const {
         std::string text;
         const std::vector<SSent> sent = platform().takeSent();

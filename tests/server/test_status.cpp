@@ -236,8 +236,8 @@ TEST_F(CStatusTest, APageAfterALostCursorIsEmpty) {
     }
 }
 
-// Features come and go between the pages. Each delivery that stands all the while is told once, unless the asker is
-// told to begin anew, and that only where the entry at the cursor went.
+// Features come and go between the pages. Each delivery that stands all the while is told once, unless the
+// asker is told to begin anew, and that only where the entry at the cursor went.
 TEST_F(CStatusTest, PagesTellEachThatStaysOnce) {
     std::mt19937 random(1);
     for (const char* name : {"A", "B", "C", "D", "E", "F", "G", "H"}) {

@@ -71,7 +71,8 @@ protected:
         }
     }
 
-    // Its process ends; another one of its name announces itself, and fetches what it is to have, or not all of it.
+    // Its process ends; another one of its name announces itself, and fetches what it is to have, or not all
+    // of it.
     void restart(const std::string& name, uint32_t pages) {
         CComponent* ended = control().findCompByName(name.c_str());
         control().delComponent(ended);
@@ -85,8 +86,8 @@ protected:
         }
     }
 
-    // The table stands for the list alone; by what they were told last, everybody has what is in force, and nobody has
-    // what is not.
+    // The table stands for the list alone; by what they were told last, everybody has what is in force, and
+    // nobody has what is not.
     void expectSettled(const std::string& list) {
         std::set<std::string> standing;
         std::set<std::string> concerned;
@@ -131,7 +132,8 @@ protected:
     CNamePool m_oNames;
     CHandOver m_oHandOver{control()};
     std::mt19937 m_oRandom{1};
-    // No list has a code with several data values: whatever a component is told of a code replaces what it had of it.
+    // No list has a code with several data values: whatever a component is told of a code replaces what it
+    // had of it.
     bool m_bOneDataACode = false;
     // By component: "+CODE DATA" to enable, "-CODE DATA" to disable, "~CODE DATA +CODE DATA" to modify.
     std::map<std::string, std::string> m_oTold;

@@ -92,8 +92,8 @@ TEST_F(CToolsTest, EachCommandLineHasItsTextAndStatus) {
     EXPECT_EQ(attempt("test -e s"), "status 1\n"); // nothing refused left a signature
 }
 
-// Files that are no libraries stand in the way of the module and of libcrypto. (Of the sanitizers' daemon they cannot:
-// its run path comes before the environment's.)
+// Files that are no libraries stand in the way of the module and of libcrypto. (Of the sanitizers' daemon
+// they cannot: its run path comes before the environment's.)
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 TEST_F(CToolsTest, AMissingModuleIsToldAndHindersNoOtherMode) {
     put("libqelsign.so", "");

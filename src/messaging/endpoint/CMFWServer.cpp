@@ -119,9 +119,9 @@ void CMFWServer::DefaultCallback(uint16_t type, uint32_t userDefinedId, const sO
              static_cast<unsigned long>(sender), type, userDefinedId, message->data[0], length);
 }
 
-// The usual body fits into a record as it is declared; a longer one, which is a list for OAM, takes memory. Either is
-// zeroed first: what the framework keeps for itself must be zero in what is sent. Two parts, because the list for OAM
-// is a header in front of megabytes that are packed elsewhere.
+// The usual body fits into a record as it is declared; a longer one, which is a list for OAM, takes memory.
+// Either is zeroed first: what the framework keeps for itself must be zero in what is sent. Two parts,
+// because the list for OAM is a header in front of megabytes that are packed elsewhere.
 int CMFWServer::sendBody(uint32_t handle, std::span<const char> head, std::span<const char> tail) {
     const size_t length = head.size() + tail.size();
     sOvuMfwMessage usual = {};

@@ -1,17 +1,17 @@
-// The language for looking: read-only questions about what the daemon knows, and its answers. Framework message
-// type nQelStatusMfwMsgId in both directions. The components' protocol (wire.h) is another language, and stays
-// as it is.
+// The language for looking: read-only questions about what the daemon knows, and its answers. Framework
+// message type nQelStatusMfwMsgId in both directions. The components' protocol (wire.h) is another language,
+// and stays as it is.
 //
 // Who asks sends a CStatusQuestion. The answer goes to the process that the framework names as its sender: a
 // CStatusAnswer and records behind it. One answer is a page of at most nMaxStatusAnswer bytes. Where
 // m_nMore is 1, the next page is had by the same question with the answer's cursor in it.
 //
-// It can grow. A record tells its own size, so a newer daemon may append fields that an older reader skips, and
-// what an older daemon does not send reads as zero (readRecord()). Numbers in use keep their meaning. Asking
-// changes nothing, and logs nothing.
+// It can grow. A record tells its own size, so a newer daemon may append fields that an older reader skips,
+// and what an older daemon does not send reads as zero (readRecord()). Numbers in use keep their meaning.
+// Asking changes nothing, and logs nothing.
 //
-// Times are seconds since the epoch by the daemon's wall clock, 0 for never. Numbers of 64 bits are two words,
-// the high one first.
+// Times are seconds since the epoch by the daemon's wall clock, 0 for never. Numbers of 64 bits are two
+// words, the high one first.
 #ifndef QEL_MESSAGING_STATUS_H
 #define QEL_MESSAGING_STATUS_H
 
@@ -41,8 +41,8 @@ enum EStatusQuestion : uint32_t {
     sqTally = 7        // one CStatusTally in each page, to be added up: deliveries by their state
 };
 
-// Which records are wanted. Features are filtered by code alone, deliveries and their tally by all, the others
-// by nothing.
+// Which records are wanted. Features are filtered by code alone, deliveries and their tally by all, the
+// others by nothing.
 enum EStatusFilter : uint32_t {
     sfCode = 1,      // of this code
     sfComponent = 2, // of the component of this name

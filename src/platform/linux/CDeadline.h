@@ -16,8 +16,8 @@ public:
 
     bool isOver() const { return left() <= 0; }
 
-    // What is left, as the waiting system calls take it: whole milliseconds, none of them too few, so that a wait
-    // that ends by itself ends after the deadline. 0: it is over.
+    // What is left, as the waiting system calls take it: whole milliseconds, none of them too few, so that a
+    // wait that ends by itself ends after the deadline. 0: it is over.
     int milliseconds() const {
         return static_cast<int>(std::clamp<int64_t>((left() + nNanoseconds - 1) / nNanoseconds, 0, INT_MAX));
     }

@@ -34,7 +34,8 @@ static_assert(sizeof(SMfwFrameHeader) == 20);
 // Room for one record: with what it holds, as far as that is a usual message; a larger one takes memory.
 class CMfwRecord {
 public:
-    // Room for a body of that many bytes, with anything in it. Throws std::bad_alloc where memory is exhausted.
+    // Room for a body of that many bytes, with anything in it. Throws std::bad_alloc where memory is
+    // exhausted.
     void makeRoom(size_t bodySize) {
         if (bodySize > m_nRoom) {
             m_pLarge.reset(new uint8_t[OVU_MFW_DATA_OFFSET + bodySize]);

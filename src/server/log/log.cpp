@@ -27,8 +27,8 @@ constinit std::atomic<uint32_t> m_nOvuDiagHandler = 0; // of the diagnostics mod
 constexpr uint32_t nDiagKind = 2; // belongs to the diagnostics service, see diag.h
 
 // As "2024-03-14 13:04:05", in local time. Lines come in bursts, so each thread keeps the text of the second
-// that it formatted last. localtime_r(3) need not look at the time zone again, tzset(3) does: the log follows a
-// new zone of the host within a second.
+// that it formatted last. localtime_r(3) need not look at the time zone again, tzset(3) does: the log follows
+// a new zone of the host within a second.
 std::string_view dateAndTime(time_t seconds) {
     struct SKnown {
         time_t m_tSecond = 0;

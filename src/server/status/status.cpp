@@ -29,8 +29,8 @@ using std::chrono::milliseconds;
 
 namespace {
 
-// Pairs of a feature and a component, or features without any, that one answer looks at. It keeps a question at a
-// fraction of a turn, however large the table is.
+// Pairs of a feature and a component, or features without any, that one answer looks at. It keeps a question
+// at a fraction of a turn, however large the table is.
 constexpr size_t nMaxVisits = 8192;
 
 // Bytes of a feature's name. A description file may have longer ones, but a page must hold any feature.
@@ -108,9 +108,9 @@ void setName(char (&field)[N], std::string_view name) {
 
 // --- Where a page begins and ends ---
 
-// A walk over a table that may change from one page to the next. The cursor names the entry that was told last,
-// by its position and what it is. Entries keep their order, and new ones come at the end; so that entry is
-// found at its position or before it, and what follows it has not been told yet.
+// A walk over a table that may change from one page to the next. The cursor names the entry that was told
+// last, by its position and what it is. Entries keep their order, and new ones come at the end; so that entry
+// is found at its position or before it, and what follows it has not been told yet.
 //
 // Words of the cursor: position + 1 (0: begin), two of identity, and how many parts of the entry were told.
 template <typename T>
@@ -293,8 +293,8 @@ void tellFeatures(const SQuestion& question, CPage& page) {
     tellTable(question.m_oControl.features(), identityOf, question, page, tell);
 }
 
-// Shows each record of an entry that is meant to `show`, from `part` on, but each once: one that stands in two
-// slots is shown at the first. False if not all could be shown in this page.
+// Shows each record of an entry that is meant to `show`, from `part` on, but each once: one that stands in
+// two slots is shown at the first. False if not all could be shown in this page.
 template <typename Show>
 bool showRecords(const SQuestion& question, const CFeatureEntry& entry, size_t& part, size_t& visits,
                  Show show) {

@@ -18,10 +18,10 @@
 #define TOML_EXCEPTIONS 0
 #define TOML_ENABLE_FORMATTERS 0
 #define TOML_FLOAT_CHARCONV 1
-// Two of its assumptions (toml++ 3.3) do not hold for hostile text: "[." breaks an assertion, which Clang takes for
-// a promise, and asking whether an umlaut outside quotes is a blank reaches __builtin_unreachable(). The assertion
-// becomes nothing and the question is answered with no: the parser then reports a syntax error. Look at both again
-// with every new version.
+// Two of its assumptions (toml++ 3.3) do not hold for hostile text: "[." breaks an assertion, which Clang
+// takes for a promise, and asking whether an umlaut outside quotes is a blank reaches
+// __builtin_unreachable(). The assertion becomes nothing and the question is answered with no: the parser
+// then reports a syntax error. Look at both again with every new version.
 #define TOML_ASSERT(expr) static_assert(true)
 #undef NDEBUG
 #include <toml++/impl/forward_declarations.h>
