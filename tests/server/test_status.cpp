@@ -236,6 +236,18 @@ TEST_F(CStatusTest, APageAfterALostCursorIsEmpty) {
     }
 }
 
+TEST_F(CStatusTest, TheEntryInForceIsNotTakenForTheOneThatLeft) {
+    feature(1, 1, EFStatus::fsActive, {});
+    CFeatureEntry& leaver = feature(1, 1, EFStatus::fsDeleted, {"Voice"});
+    leaver.m_bSourced = 1;
+    auto question = about(sqFeatures);
+    question.m_oCursor = ask(question).m_oAnswer.m_oCursor;
+    EXPECT_EQ(ask(question).m_oAnswer.m_nResult, srOk);
+    control().delFeature(&leaver);
+    delete &leaver;
+    EXPECT_EQ(ask(question).m_oAnswer.m_nResult, srChanged);
+}
+
 // Features come and go between the pages. Each delivery that stands all the while is told once, unless the
 // asker is told to begin anew, and that only where the entry at the cursor went.
 TEST_F(CStatusTest, PagesTellEachThatStaysOnce) {

@@ -108,22 +108,33 @@ void setName(char (&field)[N], std::string_view name) {
 
 // --- Where a page begins and ends ---
 
+// A pair may stand twice: in force, and for those who leave it (CFeatureEntry::isLeaving()).
+struct SIdentity {
+    SFeature m_oWords;
+    bool m_bLeaving;
+
+    bool operator==(const SIdentity&) const = default;
+};
+
+constexpr uint32_t nLeavingMark = 1U << 31;
+
 // A walk over a table that may change from one page to the next. The cursor names the entry that was told
 // last, by its position and what it is. Entries keep their order, and new ones come at the end; so that entry
 // is found at its position or before it, and what follows it has not been told yet.
 //
 // Words of the cursor: position + 1 (0: begin), two of identity, and how many parts of the entry were told.
+// The top bit of the position is identity, too.
 template <typename T>
 class CWalk {
 public:
-    using Identity = SFeature (*)(const T& entry);
+    using Identity = SIdentity (*)(const T& entry);
 
     CWalk(const CArray<T*>& table, const CStatusCursor& cursor, Identity identity)
         : m_vEntries(table.m_vItems), m_fnIdentity(identity), m_oCursor(cursor) {
         if (cursor.m_aWords[0] == 0) {
             return;
         }
-        m_nNext = std::min<size_t>(cursor.m_aWords[0], m_vEntries.size());
+        m_nNext = std::min<size_t>(cursor.m_aWords[0] & ~nLeavingMark, m_vEntries.size());
         while (m_nNext > 0 && !isAt(m_nNext - 1)) {
             --m_nNext;
         }
@@ -149,8 +160,9 @@ public:
 
     // Of the entry that next() returned last, so many parts have been told; nWhole: all.
     void told(const T& entry, uint32_t parts) {
-        const SFeature identity = m_fnIdentity(entry);
-        m_oCursor = {{static_cast<uint32_t>(m_nNext), identity.m_nCode, identity.m_nData, parts}};
+        const auto [words, isLeaving] = m_fnIdentity(entry);
+        const uint32_t mark = isLeaving ? nLeavingMark : 0;
+        m_oCursor = {{static_cast<uint32_t>(m_nNext) | mark, words.m_nCode, words.m_nData, parts}};
     }
 
     const CStatusCursor& cursor() const { return m_oCursor; }
@@ -159,7 +171,8 @@ private:
     bool isAt(size_t position) const {
         const T* entry = m_vEntries[position];
         return entry != nullptr &&
-               m_fnIdentity(*entry) == SFeature{m_oCursor.m_aWords[1], m_oCursor.m_aWords[2]};
+               m_fnIdentity(*entry) == SIdentity{{m_oCursor.m_aWords[1], m_oCursor.m_aWords[2]},
+                                                 (m_oCursor.m_aWords[0] & nLeavingMark) != 0};
     }
 
     const std::vector<T*>& m_vEntries;
@@ -175,12 +188,12 @@ EDeliveryWord wordOf(const CCompStatus& record) {
     return state < aDeliveryStates.size() ? aDeliveryStates[state].m_eWord : EDeliveryWord::queued;
 }
 
-SFeature identityOf(const CFeatureEntry& entry) {
-    return entry.id();
+SIdentity identityOf(const CFeatureEntry& entry) {
+    return {entry.id(), entry.isLeaving()};
 }
 
-SFeature identityOfComponent(const CComponent& comp) {
-    return {comp.m_oHeader.m_nHandle, comp.m_nProcessId};
+SIdentity identityOfComponent(const CComponent& comp) {
+    return {{comp.m_oHeader.m_nHandle, comp.m_nProcessId}, false};
 }
 
 // --- The questions ---
@@ -225,7 +238,7 @@ void summarise(const SQuestion& question, CPage& page) {
 // Tells of the entries of a table, one page of them. tell() is given an entry, how many parts of it were told
 // before, and the visits so far. It raises both, and returns whether nothing of the entry is left.
 template <typename T, typename Tell>
-void tellTable(const CArray<T*>& table, SFeature (*identity)(const T&), const SQuestion& question,
+void tellTable(const CArray<T*>& table, SIdentity (*identity)(const T&), const SQuestion& question,
                CPage& page, Tell tell) {
     CWalk<T> walk(table, question.m_oWords.m_oCursor, identity);
     if (walk.isLost()) {
