@@ -4,6 +4,7 @@
 
 #include "client/CFeatureTable.h"
 
+#include <chrono>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -11,17 +12,64 @@
 // Scripts go by these; they are part of the interface.
 enum EExitStatus {
     exitOk = 0,
-    exitFailed = 1,
+    exitFailed = 1,   // bad input, or nothing to write to
     exitNoDaemon = 2, // no daemon, or it does not answer
+    exitRefused = 3,  // a component has refused, or was given up
+    exitNotYet = 4,   // something is still under way
     exitUsage = 64    // EX_USAGE of sysexits.h
 };
 
-struct SListOptions {
+// The same for people: `qelctl help` prints it.
+struct SExitText {
+    EExitStatus m_eStatus;
+    const char* m_szMeaning;
+};
+inline constexpr SExitText aExitTexts[] = {
+    {exitOk, "yes: done, delivered, good"},
+    {exitFailed, "bad input, or the output cannot be written"},
+    {exitNoDaemon, "no daemon answers"},
+    {exitRefused, "a component has refused, or was given up"},
+    {exitNotYet, "not yet: something is under way"},
+    {exitUsage, "the command line is wrong"},
+};
+
+// What every command can be told.
+struct SCommonOptions {
     bool m_bJson = false;
+    bool m_bQuiet = false;  // nothing on standard output; errors are told all the same
     double m_nTimeout = 10; // seconds that a daemon which is there may take to answer
 };
 
-struct SCheckOptions {
+inline std::chrono::milliseconds answerTime(const SCommonOptions& options) {
+    return std::chrono::milliseconds(static_cast<int64_t>(options.m_nTimeout * 1000));
+}
+
+struct SListOptions : SCommonOptions {};
+
+struct SStatusOptions : SCommonOptions {
+    std::string m_sArgument; // a feature or a component; empty: the matrix of all
+    bool m_bAll = false;     // in the matrix, also what is delivered
+};
+
+struct SWhyOptions : SCommonOptions {
+    std::string m_sFeature;
+    std::string m_sComponent;
+};
+
+struct SWatchOptions : SCommonOptions {
+    std::string m_sArgument; // a feature or a component; empty: all
+    std::string m_sSince;    // number of a transition; empty: those that come from now on
+    double m_nSeconds = 0;   // how long; 0: until SIGINT or SIGTERM
+};
+
+struct SWaitOptions : SCommonOptions {
+    std::string m_sFirst;     // a feature or a component; empty: all
+    std::string m_sSecond;    // the component, if the first is a feature
+    bool m_bDelivered = true; // false: settled, well or not
+    double m_nSeconds = 60;   // how long to wait; m_nTimeout is for one answer
+};
+
+struct SCheckOptions : SCommonOptions {
     std::string m_sList; // path; empty: no list to check
     std::string m_sDescriptions;
 };
@@ -29,7 +77,7 @@ struct SCheckOptions {
 // How notifications are answered: carried out, refused, or not at all.
 enum class EAnswer { ok, fail, none };
 
-struct SComponentOptions {
+struct SComponentOptions : SCommonOptions {
     std::string m_sName;
     std::string m_sProcess; // its name on the message framework; empty: see setProcessName()
     EAnswer m_eAnswer = EAnswer::ok;
@@ -37,13 +85,18 @@ struct SComponentOptions {
     std::vector<SFeature> m_vHeld;    // announced as held from an earlier run
     bool m_bFetch = false;
     bool m_bMonitor = false;
-    bool m_bWait = false;  // for a daemon that is not there yet, instead of failing
-    double m_nSeconds = 0; // how long to run; 0: until SIGINT or SIGTERM
+    bool m_bWait = false;     // for a daemon that is not there yet, instead of failing
+    bool m_bTakeOver = false; // of the name, from a process that lives
+    double m_nSeconds = 0;    // how long to run; 0: until SIGINT or SIGTERM
 };
 
 // Each runs on the calling thread until its command is done. They throw only where memory runs out; main()
 // reports that.
 int runList(const SListOptions& options);
+int runStatus(const SStatusOptions& options);
+int runWhy(const SWhyOptions& options);
+int runWatch(const SWatchOptions& options);
+int runWait(const SWaitOptions& options);
 int runCheck(const SCheckOptions& options);
 int runComponent(const SComponentOptions& options);
 

@@ -1,18 +1,20 @@
 // qelctl: the operator's command.
 #include "client/qelclient.h"
+#include "ctl/CDaemonView.h"
 #include "ctl/commands.h"
 #include "ctl/terminal.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <charconv>
 #include <exception>
+#include <fmt/format.h>
 
 namespace {
 
-constexpr char sNamesAndStatus[] =
+constexpr char sNames[] =
     "Names come from the description file: QEL_DESCRIPTION in the environment, else the one compiled in.\n"
-    "It has a line CODE,NAME for each feature; qelctl check --descriptions checks it.\n"
-    "Exit status: 0, or 2 where no daemon answers.";
+    "It has a line CODE,NAME for each feature; qelctl check --descriptions checks it.";
 
 // The whole text, decimal, without sign or blanks, within 32 bits: std::from_chars allows nothing else here.
 bool readNumber(std::string_view text, uint32_t& number) {
@@ -32,48 +34,121 @@ SFeature readPair(const std::string& text) {
     return feature;
 }
 
-void addList(CLI::App& app, SListOptions& options) {
-    auto* list = app.add_subcommand("list", "Print the features in force, as the running daemon tells them.");
-    list->add_flag("--json", options.m_bJson, "Print JSON");
-    list->add_option("--timeout", options.m_nTimeout, "Seconds to wait for the daemon's answer")
-        ->check(CLI::Range(0.0, 3600.0))
-        ->capture_default_str();
-    list->footer(sNamesAndStatus);
+// The options of all commands: one is run, with its own.
+struct SOptions {
+    SListOptions m_oList;
+    SStatusOptions m_oStatus;
+    SWhyOptions m_oWhy;
+    SWatchOptions m_oWatch;
+    SWaitOptions m_oWait;
+    SCheckOptions m_oCheck;
+    SComponentOptions m_oComponent;
+    std::string m_sHelp; // the command that help is asked for; empty: all
+};
+
+void addCommon(CLI::App& command, SCommonOptions& options) {
+    command.add_flag("--json", options.m_bJson, "Print JSON");
+    command.add_flag("-q,--quiet", options.m_bQuiet, "Print errors only; the exit status tells the rest");
 }
 
-void addCheck(CLI::App& app, SCheckOptions& options) {
-    auto* check =
-        app.add_subcommand("check", "Check a feature list, a description file, or both, without a daemon.");
-    check->add_option("FILE", options.m_sList, "The feature list");
-    check->add_option("--descriptions", options.m_sDescriptions, "The description file")->option_text("FILE");
-    check->require_option(1, 2);
-    check->footer(
-        "Prints every error as FILE:LINE: text. Exit status: 0 for good files, 1 if one is bad.\n"
+// Of a command that asks the daemon.
+void addAsking(CLI::App& command, SCommonOptions& options) {
+    addCommon(command, options);
+    command.add_option("--timeout", options.m_nTimeout, "Seconds to wait for each answer of the daemon")
+        ->check(CLI::Range(0.0, 3600.0))
+        ->capture_default_str();
+}
+
+constexpr char sArguments[] = "A feature is CODE, CODE:DATA or its name; a component is its name.";
+
+void addList(CLI::App& command, SOptions& all) {
+    addAsking(command, all.m_oList);
+    command.footer(sNames);
+}
+
+void addStatus(CLI::App& command, SOptions& all) {
+    addAsking(command, all.m_oStatus);
+    command.add_option("WHAT", all.m_oStatus.m_sArgument, "A feature or a component, in detail");
+    command.add_flag("-a,--all", all.m_oStatus.m_bAll, "Also what is delivered, and the daemon's counters");
+    command.footer(
+        std::string(sArguments) +
+        "\nIn the matrix, . is a feature that does not concern the component, - one that it was not told of"
+        "\nbefore it died.");
+}
+
+void addWhy(CLI::App& command, SOptions& all) {
+    addAsking(command, all.m_oWhy);
+    command.add_option("FEATURE", all.m_oWhy.m_sFeature, "Which feature")->required();
+    command.add_option("COMPONENT", all.m_oWhy.m_sComponent, "At whom")->required();
+    command.footer(sArguments);
+}
+
+void addWatch(CLI::App& command, SOptions& all) {
+    addAsking(command, all.m_oWatch);
+    command.add_option("WHAT", all.m_oWatch.m_sArgument, "Only of this feature or component");
+    command
+        .add_option("--since", all.m_oWatch.m_sSince, "Begin after this number; 0: with all that are kept")
+        ->check(CLI::TypeValidator<uint64_t>("NUMBER"))
+        ->option_text("NUMBER");
+    command.add_option("--for", all.m_oWatch.m_nSeconds, "Stop after so long; 0: at SIGINT or SIGTERM")
+        ->check(CLI::Range(0.0, 1e6))
+        ->option_text("SECONDS");
+    command.footer(std::string(sArguments) + "\nExits with 3 if a refusal or a giving up was seen.");
+}
+
+void addWait(CLI::App& command, SOptions& all) {
+    SWaitOptions& options = all.m_oWait;
+    addCommon(command, options);
+    command.add_option("WHAT", options.m_sFirst, "A feature or a component");
+    command.add_option("COMPONENT", options.m_sSecond, "After a feature: at whom");
+    command
+        .add_option_function<std::string>(
+            "--until", [&options](const std::string& word) { options.m_bDelivered = word == "delivered"; },
+            "delivered: everybody concerned has it; settled: or has refused it, or was given up")
+        ->check(CLI::IsMember({"delivered", "settled"}))
+        ->option_text("delivered|settled");
+    command.add_option("--timeout", options.m_nSeconds, "How long to wait at most")
+        ->check(CLI::Range(0.0, 1e6))
+        ->capture_default_str();
+    command.footer(std::string(sArguments) + "\nComponents that are dead are waited for only if "
+                                             "they are named.");
+}
+
+void addCheck(CLI::App& command, SOptions& all) {
+    addCommon(command, all.m_oCheck);
+    auto* files = command.add_option_group("Files", "At least one");
+    files->add_option("FILE", all.m_oCheck.m_sList, "The feature list");
+    files->add_option("--descriptions", all.m_oCheck.m_sDescriptions, "The description file")
+        ->option_text("FILE");
+    files->require_option(1, 2);
+    command.footer(
+        "Prints every error as FILE:LINE: text.\n"
         "A description file has a line CODE,NAME for each feature, such as 116,Hunt groups. Without\n"
         "quotes and comments; what follows a second comma is ignored.");
 }
 
-void addComponent(CLI::App& app, SComponentOptions& options) {
+void addComponent(CLI::App& command, SOptions& all) {
+    SComponentOptions& options = all.m_oComponent;
     // Static, because the option's function below runs only when the command line is parsed.
     static const std::map<std::string, EAnswer> answers = {
         {"ok", EAnswer::ok}, {"fail", EAnswer::fail}, {"none", EAnswer::none}};
-    auto* component = app.add_subcommand("component", "Be a component: print every message, answer as told.");
+    addCommon(command, options);
     // The library checks the name too, but only here can the operator be told what is wrong with it.
-    component->add_option("NAME", options.m_sName, "Name to announce, 1 to 16 characters")
+    command.add_option("NAME", options.m_sName, "Name to announce, 1 to 16 characters")
         ->required()
         ->check([](const std::string& name) {
             return name.empty() || name.size() > QEL_MAX_NAME ? "must have 1 to 16 characters" : "";
         });
-    component
-        ->add_option_function<std::string>(
+    command
+        .add_option_function<std::string>(
             "--answer", [&options](const std::string& word) { options.m_eAnswer = answers.at(word); },
             "How to answer notifications")
         ->check(CLI::IsMember({"ok", "fail", "none"}))
         ->option_text("ok|fail|none");
-    component->add_option("--refuse", options.m_vRefused, "Answer fail for these codes")
+    command.add_option("--refuse", options.m_vRefused, "Answer fail for these codes")
         ->option_text("CODE ...");
-    component
-        ->add_option_function<std::vector<std::string>>(
+    command
+        .add_option_function<std::vector<std::string>>(
             "--hold",
             [&options](const std::vector<std::string>& pairs) {
                 for (const auto& pair : pairs) {
@@ -82,43 +157,111 @@ void addComponent(CLI::App& app, SComponentOptions& options) {
             },
             "Announce these features as held already")
         ->option_text("CODE:DATA ...");
-    component->add_flag("--fetch", options.m_bFetch, "Fetch the list");
-    component->add_flag("--monitor", options.m_bMonitor, "Start monitoring, to be notified of changes");
-    component->add_option("--for", options.m_nSeconds, "Stop after so long; 0: at SIGINT or SIGTERM")
+    command.add_flag("--fetch", options.m_bFetch, "Fetch the list");
+    command.add_flag("--monitor", options.m_bMonitor, "Start monitoring, to be notified of changes");
+    command.add_option("--for", options.m_nSeconds, "Stop after so long; 0: at SIGINT or SIGTERM")
         ->check(CLI::Range(0.0, 1e6))
         ->option_text("SECONDS");
-    component->add_flag("--wait", options.m_bWait, "Wait for a daemon that is not running yet");
-    component->add_option("--process", options.m_sProcess, "Name of this process on the message framework")
+    command.add_flag("--take-over", options.m_bTakeOver, "Even if a process of that name lives");
+    command.add_flag("--wait", options.m_bWait, "Wait for a daemon that is not running yet");
+    command.add_option("--process", options.m_sProcess, "Name of this process on the message framework")
         ->option_text("NAME");
-    component->footer(std::string("-> is sent, <- is received. ") + sNamesAndStatus);
+    command.footer(
+        std::string("-> is sent, <- is received. A name that a living process has announced is refused.\n") +
+        sNames);
 }
 
-// app.parse() fills the option structs and checks them. Its exception for --help and --version is no error:
-// app.exit() prints what is due and returns 0.
+// A column of the help.
+std::string exitStatuses() {
+    std::string text = "Exit status:\n";
+    for (const SExitText& exit : aExitTexts) {
+        text += fmt::format("  {:>2}  {}\n", static_cast<int>(exit.m_eStatus), exit.m_szMeaning);
+    }
+    return text;
+}
+
+void addHelp(CLI::App& command, SOptions& all) {
+    command.add_option("COMMAND", all.m_sHelp, "Which command");
+}
+
+struct SCommand {
+    const char* m_szName;
+    const char* m_szSummary;
+    void (*m_fnAdd)(CLI::App& command, SOptions& options);
+    int (*m_fnRun)(const SOptions& options); // null: help, which run() prints
+};
+
+constexpr SCommand aCommands[] = {
+    {"list", "Print the features in force, as the running daemon tells them.", addList,
+     [](const SOptions& options) { return runList(options.m_oList); }},
+    {"status", "Print which component has what, problems first.", addStatus,
+     [](const SOptions& options) { return runStatus(options.m_oStatus); }},
+    {"why", "Tell how a feature's delivery to a component came to be as it is, and what happens next.",
+     addWhy, [](const SOptions& options) { return runWhy(options.m_oWhy); }},
+    {"watch", "Print each step of the deliveries as it happens.", addWatch,
+     [](const SOptions& options) { return runWatch(options.m_oWatch); }},
+    {"wait", "Wait until everything, a feature or a component is delivered.", addWait,
+     [](const SOptions& options) { return runWait(options.m_oWait); }},
+    {"check", "Check a feature list, a description file, or both, without a daemon.", addCheck,
+     [](const SOptions& options) { return runCheck(options.m_oCheck); }},
+    {"component", "Be a component: print every message, answer as told.", addComponent,
+     [](const SOptions& options) { return runComponent(options.m_oComponent); }},
+    {"help", "Print this, or the help of a command.", addHelp, nullptr},
+};
+
+const SCommand* findCommand(std::string_view name) {
+    const auto* found = std::find_if(std::begin(aCommands), std::end(aCommands),
+                                     [&](const SCommand& command) { return command.m_szName == name; });
+    return found == std::end(aCommands) ? nullptr : found;
+}
+
+int refuseCommand(std::string_view name) {
+    std::vector<std::string_view> words;
+    for (const SCommand& command : aCommands) {
+        words.emplace_back(command.m_szName);
+    }
+    const std::string meant = nearest(name, words);
+    complain(fmt::format("there is no command '{}'{} (--help tells more)", printable(name),
+                         meant.empty() ? "" : fmt::format("; did you mean '{}'?", meant)));
+    return exitUsage;
+}
+
+// `all` is the help of the program.
+int printHelp(const CLI::App& app, const std::string& name, const std::string& all) {
+    if (!name.empty() && findCommand(name) == nullptr) {
+        return refuseCommand(name);
+    }
+    fmt::print("{}", name.empty() ? all : app.get_subcommand(name)->help("qelctl"));
+    return exitOk;
+}
+
+// app.parse() fills the options and checks them. Its exception for --help and --version is no error: app.exit()
+// prints what is due and returns 0.
 int run(int argc, char** argv) {
-    SListOptions listOptions;
-    SCheckOptions checkOptions;
-    SComponentOptions componentOptions;
+    if (argc > 1 && argv[1][0] != '-' && findCommand(argv[1]) == nullptr) {
+        return refuseCommand(argv[1]);
+    }
+    SOptions options;
     CLI::App app("Ask the feature daemon, check its list, or act as one of its components.", "qelctl");
     app.set_version_flag("--version", "qelctl " QEL_VERSION);
     app.require_subcommand(1);
+    app.footer(exitStatuses());
     // One line, in the form of complain(), instead of the whole help.
     app.failure_message([](const CLI::App*, const CLI::Error& error) {
         return std::string("qelctl: ") + error.what() + " (--help tells more)\n";
     });
-    addList(app, listOptions);
-    addCheck(app, checkOptions);
-    addComponent(app, componentOptions);
+    for (const SCommand& command : aCommands) {
+        command.m_fnAdd(*app.add_subcommand(command.m_szName, command.m_szSummary), options);
+    }
+    const std::string help = app.help(); // now: when a command was parsed, it would be that command's
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
         // The parser has a status for each kind of mistake; one for all of them is what scripts expect.
         return app.exit(error) == 0 ? exitOk : exitUsage;
     }
-    if (app.got_subcommand("list")) {
-        return runList(listOptions);
-    }
-    return app.got_subcommand("check") ? runCheck(checkOptions) : runComponent(componentOptions);
+    const SCommand* command = findCommand(app.get_subcommands().front()->get_name());
+    return command->m_fnRun ? command->m_fnRun(options) : printHelp(app, options.m_sHelp, help);
 }
 
 } // namespace

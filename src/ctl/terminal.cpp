@@ -1,14 +1,35 @@
 #include "ctl/terminal.h"
 
+#include <algorithm>
 #include <cstdlib>
+#include <fmt/chrono.h>
 #include <fmt/format.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
+
+namespace {
+
+std::string_view environment(const char* name) {
+    const char* value = std::getenv(name);
+    return value ? value : "";
+}
+
+bool showsColours(FILE* stream) {
+    return isatty(fileno(stream)) && environment("NO_COLOR").empty() && environment("TERM") != "dumb";
+}
+
+// Every byte but those that continue a character.
+bool beginsCharacter(char byte) {
+    return (static_cast<unsigned char>(byte) & 0xC0) != 0x80;
+}
+
+} // namespace
 
 std::string paint(std::string_view text, EColour colour, FILE* stream) {
     // By EColour: the parameters of "select graphic rendition" (ECMA-48), a terminal's standard palette.
     static const char* const aCodes[] = {"", "31", "32", "33", "2"};
     // Asked for each stream: stderr may be a terminal while stdout is a pipe.
-    if (colour == EColour::none || !isatty(fileno(stream))) {
+    if (colour == EColour::none || !showsColours(stream)) {
         return std::string(text);
     }
     return fmt::format("\033[{}m{}\033[0m", aCodes[static_cast<int>(colour)], text);
@@ -27,6 +48,47 @@ std::string printable(std::string_view text) {
 
 std::string counted(size_t count, std::string_view noun) {
     return fmt::format("{} {}{}", count, noun, count == 1 ? "" : "s");
+}
+
+size_t lineWidth(FILE* stream) {
+    const std::string columns(environment("COLUMNS"));
+    if (const int width = std::atoi(columns.c_str()); width > 0) {
+        return static_cast<size_t>(width);
+    }
+    winsize size = {};
+    return isatty(fileno(stream)) && ioctl(fileno(stream), TIOCGWINSZ, &size) == 0 ? size.ws_col : 0;
+}
+
+size_t columnsOf(std::string_view text) {
+    return static_cast<size_t>(std::count_if(text.begin(), text.end(), beginsCharacter));
+}
+
+std::string cut(std::string_view text, size_t columns) {
+    static constexpr std::string_view sCut = "...";
+    if (columns == 0 || columnsOf(text) <= columns) {
+        return std::string(text);
+    }
+    const std::string_view mark = sCut.substr(0, std::min(sCut.size(), columns));
+    size_t end = 0;
+    for (size_t left = columns - mark.size() + 1; end < text.size(); ++end) {
+        if (beginsCharacter(text[end]) && --left == 0) {
+            break;
+        }
+    }
+    return std::string(text.substr(0, end)).append(mark);
+}
+
+std::string timeOfDay(int64_t seconds, int64_t microseconds) {
+    const std::string time = fmt::format("{:%H:%M:%S}", fmt::localtime(static_cast<time_t>(seconds)));
+    return microseconds < 0 ? time : fmt::format("{}.{:03}", time, microseconds / 1000);
+}
+
+bool flushOutput() {
+    if (std::fflush(stdout) == 0 && !std::ferror(stdout)) {
+        return true;
+    }
+    complain("standard output cannot be written");
+    return false;
 }
 
 void complain(std::string_view text) {

@@ -2,14 +2,15 @@
 #ifndef QEL_CTL_TERMINAL_H
 #define QEL_CTL_TERMINAL_H
 
+#include <cstdint>
 #include <cstdio>
 #include <string>
 #include <string_view>
 
 enum class EColour { none, red, green, yellow, dim };
 
-// The text in that colour if `stream` is a terminal, else as it is: escape sequences have no business
-// in a file.
+// The text in that colour if `stream` is a terminal that shows colours, else as it is: escape sequences have
+// no business in a file. NO_COLOR in the environment, if it is not empty, and TERM=dumb say that it shows none.
 std::string paint(std::string_view text, EColour colour, FILE* stream);
 
 // The text with every control character replaced by a question mark. Names and texts come from other
@@ -18,6 +19,22 @@ std::string printable(std::string_view text);
 
 // "1 feature", "2 features".
 std::string counted(size_t count, std::string_view noun);
+
+// Columns that a line of the stream may have: the terminal's; COLUMNS in the environment goes before it. 0: as
+// many as it takes.
+size_t lineWidth(FILE* stream);
+
+// Columns that a text takes, if it is UTF-8 and none of its characters is a wide one.
+size_t columnsOf(std::string_view text);
+
+// The text in so many columns at most; "..." stands for what was cut off. 0: the whole.
+std::string cut(std::string_view text, size_t columns);
+
+// Time of day, local, as in the daemon's text log; without a fraction, if it is negative.
+std::string timeOfDay(int64_t seconds, int64_t microseconds = -1);
+
+// Writes out what was printed. False: the disk is full or the pipe is closed, which is complained of.
+[[nodiscard]] bool flushOutput();
 
 // One line on stderr, after the program's name.
 void complain(std::string_view text);

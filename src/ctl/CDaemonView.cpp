@@ -1,0 +1,295 @@
+#include "ctl/CDaemonView.h"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <fmt/format.h>
+#include <map>
+#include <numeric>
+#include <tuple>
+
+namespace {
+
+bool isNumber(std::string_view text) {
+    return !text.empty() && text.find_first_not_of("0123456789:") == std::string_view::npos;
+}
+
+template <typename T>
+std::string_view wordOf(const T& words, uint32_t number) {
+    return number < words.size() ? std::string_view(words[number]) : "unknown"; // of a newer daemon
+}
+
+// As the word of a failure, in place of "refused".
+std::string failureWord(std::string_view word, std::string_view instead) {
+    static constexpr std::string_view sRefused = "refused";
+    const size_t at = word.find(sRefused);
+    return at == std::string_view::npos ? std::string(word)
+                                        : std::string(word).replace(at, sRefused.size(), instead);
+}
+
+std::string_view wordOfState(uint32_t state) {
+    return state < aDeliveryStates.size() ? aDeliveryStates[state].m_sWord : "unknown";
+}
+
+bool isRefusal(const STransitionView& transition) {
+    return causeWord(transition.m_nCause) == "refused";
+}
+
+uint64_t placeOf(uint32_t code, uint32_t data) {
+    return uint64_t{code} << 32 | data;
+}
+
+// The number at the start of a text, which is cut off it; nothing, if there is none within 32 bits.
+std::optional<uint32_t> takeNumber(std::string_view& text) {
+    uint32_t number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    text.remove_prefix(static_cast<size_t>(end - text.data()));
+    return error == std::errc() ? std::optional(number) : std::nullopt;
+}
+
+// How many letters one word has to change to become the other (Levenshtein).
+size_t distance(std::string_view from, std::string_view to) {
+    std::vector<size_t> row(to.size() + 1);
+    std::iota(row.begin(), row.end(), size_t{0});
+    for (size_t i = 0; i < from.size(); ++i) {
+        size_t diagonal = std::exchange(row[0], i + 1);
+        for (size_t j = 0; j < to.size(); ++j) {
+            const size_t change = diagonal + (from[i] == to[j] ? 0 : 1);
+            diagonal = row[j + 1];
+            row[j + 1] = std::min({change, row[j] + 1, diagonal + 1});
+        }
+    }
+    return row.back();
+}
+
+} // namespace
+
+std::string nearest(std::string_view wrong, const std::vector<std::string_view>& words) {
+    std::string_view best;
+    size_t least = std::min<size_t>(wrong.size() / 2 + 1, 4); // from here on it is another word
+    for (const std::string_view word : words) {
+        if (const size_t steps = distance(wrong, word); steps < least) {
+            least = steps;
+            best = word;
+        }
+    }
+    return std::string(best);
+}
+
+// --- Words ---
+
+std::string stateWord(uint32_t state, uint32_t why) {
+    const std::string_view word = wordOfState(state);
+    return why == swNoAnswer  ? failureWord(word, "gave up")
+           : why == swNotKept ? failureWord(word, "failed")
+                              : std::string(word);
+}
+
+std::string stateAfter(const STransitionView& transition) {
+    return stateWord(transition.m_nTo, isRefusal(transition) ? swRefused : swNoAnswer);
+}
+
+// How an earlier state came about is not told.
+std::string stateBefore(const STransitionView& transition) {
+    return stateWord(transition.m_nFrom, swNotKept);
+}
+
+std::string stepText(const STransitionView& transition) {
+    const bool isOfAll = fieldText(transition.m_szComponent).empty();
+    return (isOfAll ? "" : stateBefore(transition) + " ") + "-> " + stateAfter(transition);
+}
+
+std::string_view causeWord(uint32_t cause) {
+    return wordOf(aCauseWords, cause);
+}
+
+std::string_view featureWord(uint32_t status) {
+    return wordOf(aFeatureWords, status);
+}
+
+// --- Features and pairs ---
+
+std::vector<std::string_view> SFeatureView::concerned() const {
+    std::vector<std::string_view> names;
+    std::string_view rest(m_sText);
+    for (size_t end = rest.find('\0'); end != std::string_view::npos; end = rest.find('\0')) {
+        rest.remove_prefix(end + 1);
+        names.push_back(rest.substr(0, rest.find('\0')));
+    }
+    return names;
+}
+
+bool SFeatureView::concerns(std::string_view component) const {
+    const auto names = concerned();
+    return component == "Anchor" || component == "ALL" ||
+           std::find(names.begin(), names.end(), component) != names.end();
+}
+
+std::string SFeatureView::id() const {
+    return fmt::format("{}:{}", uint32_t{m_nCode}, uint32_t{m_nData});
+}
+
+// The audit takes in whoever it finds missing, monitoring or not.
+std::optional<EDeliveryWord> SPair::word() const {
+    const bool isDead = m_pComponent->m_tDead != 0;
+    if (m_pDelivery == nullptr) {
+        return isDead ? std::nullopt : std::optional(EDeliveryWord::queued);
+    }
+    if (m_pDelivery->m_nState >= aDeliveryStates.size()) {
+        return EDeliveryWord::queued; // of a newer daemon
+    }
+    const EDeliveryWord word = aDeliveryStates[m_pDelivery->m_nState].m_eWord;
+    return word == EDeliveryWord::queued && isDead ? std::nullopt : std::optional(word);
+}
+
+std::string SPair::state() const {
+    if (!word()) {
+        return "-";
+    }
+    return m_pDelivery ? stateWord(m_pDelivery->m_nState, m_pDelivery->m_nWhy) : stateWord(0, swNone);
+}
+
+bool SSelection::wants(const SFeatureView& feature) const {
+    return wants(feature.m_nCode, feature.m_nData, feature.name());
+}
+
+bool SSelection::wants(uint32_t code, uint32_t data, std::string_view name) const {
+    if (m_sFeature.empty() || !isNumber(m_sFeature)) {
+        return m_sFeature.empty() || m_sFeature == name;
+    }
+    std::string_view rest(m_sFeature);
+    const bool isCode = takeNumber(rest) == code;
+    if (!isCode || rest.empty()) {
+        return isCode;
+    }
+    rest.remove_prefix(1); // the colon
+    return takeNumber(rest) == data && rest.empty();
+}
+
+// --- Reading ---
+
+CStatusQuestion makeQuestion(EStatusQuestion question) {
+    CStatusQuestion words;
+    words.m_nQuestion = question;
+    return words;
+}
+
+EAsked readSummary(CStatusQuery& query, SSummaryView& summary) {
+    std::vector<SSummaryView> records;
+    const EAsked asked = query.askAll(makeQuestion(sqSummary), records);
+    if (asked == EAsked::answered && records.size() != 1) {
+        return EAsked::damaged;
+    }
+    if (asked == EAsked::answered) {
+        summary = records.front();
+    }
+    return asked;
+}
+
+EAsked CDaemonView::read(CStatusQuery& query) {
+    m_vPairs.clear();
+    std::vector<TStatus<CStatusFeature>> features;
+    EAsked asked = readSummary(query, m_oSummary);
+    if (asked == EAsked::answered) {
+        asked = query.askAll(makeQuestion(sqComponents), m_vComponents);
+    }
+    if (asked == EAsked::answered) {
+        asked = query.askAll(makeQuestion(sqFeatures), features);
+    }
+    m_vFeatures.clear();
+    m_oPlaces.clear();
+    for (auto& feature : features) {
+        m_oPlaces[placeOf(feature.m_nCode, feature.m_nData)] = m_vFeatures.size();
+        m_vFeatures.push_back({std::move(feature)});
+    }
+    return asked;
+}
+
+EAsked CDaemonView::readPairs(CStatusQuery& query, const SSelection& selection) {
+    CStatusQuestion question = makeQuestion(sqDeliveries);
+    if (std::string_view text(selection.m_sFeature); isNumber(text)) {
+        question.m_nFilter = question.m_nFilter | sfCode;
+        question.m_nCode = takeNumber(text).value_or(0);
+    }
+    if (!selection.m_sComponent.empty()) {
+        question.m_nFilter = question.m_nFilter | sfComponent;
+        selection.m_sComponent.copy(question.m_szComponent, nNameFieldSize);
+    }
+    const EAsked asked = query.askAll(question, m_vDeliveries);
+    if (asked == EAsked::answered) {
+        makePairs(selection);
+    }
+    return asked;
+}
+
+// Features and deliveries were read one after the other: a delivery of a feature that is new since then finds
+// no place here, and waits for the next reading.
+void CDaemonView::makePairs(const SSelection& selection) {
+    std::map<std::tuple<uint32_t, uint32_t, std::string_view>, const SDeliveryView*> deliveries;
+    for (const SDeliveryView& delivery : m_vDeliveries) {
+        deliveries[{delivery.m_nCode, delivery.m_nData, fieldText(delivery.m_szComponent)}] = &delivery;
+    }
+    m_vPairs.clear();
+    for (const SFeatureView& feature : m_vFeatures) {
+        if (!selection.wants(feature)) {
+            continue;
+        }
+        for (const SComponentView& component : m_vComponents) {
+            const std::string_view name = fieldText(component.m_szName);
+            if (!selection.wantsComponent(name) || !feature.concerns(name)) {
+                continue;
+            }
+            const auto found = deliveries.find({feature.m_nCode, feature.m_nData, name});
+            m_vPairs.push_back({&feature, &component, found == deliveries.end() ? nullptr : found->second});
+        }
+    }
+}
+
+// --- Looking up ---
+
+bool CDaemonView::select(const std::string& argument, SSelection& selection, std::string& nearest) const {
+    (!isNumber(argument) && hasComponent(argument) ? selection.m_sComponent : selection.m_sFeature) =
+        argument;
+    if (!selection.m_sComponent.empty() || hasFeature(selection)) {
+        return true;
+    }
+    nearest = nearestTo(argument);
+    return false;
+}
+
+bool CDaemonView::hasFeature(const SSelection& selection) const {
+    return std::any_of(m_vFeatures.begin(), m_vFeatures.end(),
+                       [&](const SFeatureView& feature) { return selection.wants(feature); });
+}
+
+bool CDaemonView::hasComponent(std::string_view name) const {
+    return component(name) != nullptr ||
+           std::any_of(m_vFeatures.begin(), m_vFeatures.end(), [&](const SFeatureView& feature) {
+               const auto names = feature.concerned();
+               return std::find(names.begin(), names.end(), name) != names.end();
+           });
+}
+
+const SComponentView* CDaemonView::component(std::string_view name) const {
+    const auto found = std::find_if(m_vComponents.begin(), m_vComponents.end(),
+                                    [&](const auto& comp) { return fieldText(comp.m_szName) == name; });
+    return found == m_vComponents.end() ? nullptr : &*found;
+}
+
+const SFeatureView* CDaemonView::feature(uint32_t code, uint32_t data) const {
+    const auto found = m_oPlaces.find(placeOf(code, data));
+    return found == m_oPlaces.end() ? nullptr : &m_vFeatures[found->second];
+}
+
+std::string CDaemonView::nearestTo(std::string_view text) const {
+    std::vector<std::string_view> words;
+    for (const SComponentView& comp : m_vComponents) {
+        words.push_back(fieldText(comp.m_szName));
+    }
+    for (const SFeatureView& feature : m_vFeatures) {
+        const auto names = feature.concerned();
+        words.insert(words.end(), names.begin(), names.end());
+        words.push_back(feature.name());
+    }
+    return ::nearest(text, words);
+}

@@ -1,0 +1,403 @@
+// qelctl against a daemon of the test's own, which answers the language for looking from tables.
+#include "ctl/CDaemonView.h"
+#include "ctl/commands.h"
+#include "ctl/json.h"
+#include "fake/fake_platform.h"
+#include "support/files.h"
+
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+#include <set>
+#include <sstream>
+
+namespace {
+
+using SText = std::string;
+
+template <typename T>
+SText record(T words, const SText& text = "") {
+    words.m_oRecord = {sizeof words, static_cast<uint32_t>(text.size())};
+    return SText(bytesOf(words).data(), sizeof words) + text;
+}
+
+SText summary(uint64_t lastTransition) {
+    CStatusSummary words;
+    words.m_nProcessId = 77;
+    words.m_tNow = 1041;
+    words.m_nNextPass = 3500;
+    setNumber(words.m_aLastTransition, lastTransition);
+    return record(words, "9.9");
+}
+
+SText component(const char* name, uint32_t pid, uint32_t monitors, uint32_t dead = 0) {
+    CStatusComponent words;
+    SText(name).copy(words.m_szName, nNameFieldSize);
+    words.m_nProcessId = pid;
+    words.m_nMonitors = monitors;
+    words.m_tDead = dead;
+    return record(words);
+}
+
+SText feature(uint32_t code, uint32_t data, const SText& name, const SText& concerned) {
+    CStatusFeature words;
+    words.m_nCode = code;
+    words.m_nData = data;
+    words.m_nStatus = 2;
+    SText text = name + "," + concerned;
+    std::replace(text.begin(), text.end(), ',', '\0');
+    return record(words, text);
+}
+
+SText delivery(uint32_t code, const char* name, uint32_t state, uint32_t why = swNone,
+               const SText& text = "") {
+    CStatusDelivery words;
+    words.m_nCode = code;
+    words.m_nData = 1;
+    words.m_nState = state;
+    words.m_nWhy = why;
+    words.m_nMonitors = 1;
+    words.m_tSince = 1000;
+    SText(name).copy(words.m_szComponent, nNameFieldSize);
+    return record(words, text);
+}
+
+SText transition(uint64_t number, uint32_t from, uint32_t to, uint32_t cause) {
+    CStatusTransition words;
+    setNumber(words.m_aNumber, number);
+    words.m_tSeconds = 1000 + static_cast<uint32_t>(number);
+    words.m_nCode = 161;
+    words.m_nData = 1;
+    words.m_nFrom = from;
+    words.m_nTo = to;
+    words.m_nCause = cause;
+    SText("Door\033").copy(words.m_szComponent, nNameFieldSize);
+    return record(words);
+}
+
+// Door is hostile and silent, Gate refuses 202, Tape is dead, Mute alive and does not monitor.
+class CLooking : public testing::Test {
+protected:
+    CLooking() {
+        setenv("TZ", "UTC", 1);
+        setenv("COLUMNS", "100", 1);
+        m_rPlatform.reset();
+        m_rPlatform.m_fnOnReceive = [this] { answer(); };
+        m_rPlatform.m_oProcesses["qelserver"] = m_nDaemon;
+        m_oTables[sqSummary] = {summary(7)};
+        m_oTables[sqComponents] = {component("Door\033", 4711, 1), component("Gate", 12, 1),
+                                   component("Tape", 13, 1, 900), component("Mute", 14, 0)};
+        m_oTables[sqFeatures] = {feature(102, 1, "Calls", "Gate,Tape"), feature(161, 1, "", "Door\033"),
+                                 feature(202, 1, "Trunks\007", "Gate,Mute,Away"),
+                                 feature(7, 1, "New", "Gate,Tape")};
+        CStatusDelivery mute;
+        mute.m_nCode = 202;
+        mute.m_nData = 1;
+        SText("Mute").copy(mute.m_szComponent, nNameFieldSize);
+        m_oTables[sqDeliveries] = {delivery(102, "Gate", 2), delivery(102, "Tape", 1),
+                                   delivery(161, "Door\033", 3, swNoAnswer),
+                                   delivery(202, "Gate", 3, swRefused, "no \033module"), record(mute)};
+        m_oTables[sqTransitions] = {transition(6, 0, 1, 6), transition(7, 1, 3, 1)};
+        CStatusCounter counter;
+        setNumber(counter.m_aValue, 5);
+        m_oTables[sqCounters] = {record(counter, "refused")};
+    }
+
+    // What the script says of each answer: "page" is a good one of m_nPage records, which is also what comes when
+    // the script has been played; anything else is a fault.
+    void answer() {
+        if (m_nTaken == m_rPlatform.m_vSent.size()) {
+            return;
+        }
+        const SSent sent = m_rPlatform.m_vSent[m_nTaken++];
+        ASSERT_EQ(sent.m_nType, nQelStatusMfwMsgId);
+        const auto question = readBody<CStatusQuestion>(reinterpret_cast<const uint8_t*>(sent.m_sBody.data()),
+                                                        sent.m_sBody.size());
+        SText word = "page";
+        m_oScript >> word;
+        ++m_oAsked[question.m_nQuestion];
+        if (word == "replaced") {
+            m_rPlatform.m_oDead.insert(m_nDaemon);
+            m_rPlatform.m_oProcesses["qelserver"] = ++m_nDaemon;
+        }
+        SText body = compose(question, word);
+        if (word == "stranger" || word == "late") {
+            SText wrong = body;
+            wrong[11] = static_cast<char>(wrong[11] - (word == "late" ? 1 : 0)); // the tag
+            wrong[19] = 99;                                                      // many records
+            deliver(wrong, word == "late" ? m_nDaemon : 66);
+        }
+        if (word != "silent" && word != "replaced") {
+            deliver(word == "cut" ? body.substr(0, body.size() - 1) : body, m_nDaemon);
+        }
+    }
+
+    SText compose(const CStatusQuestion& question, const SText& word) {
+        const auto& table = m_oTables[question.m_nQuestion];
+        CStatusAnswer head;
+        head.m_nQuestion = question.m_nQuestion + (word == "other" ? 1 : 0);
+        head.m_nTag = question.m_nTag;
+        head.m_nResult = word == "unknown" ? srUnknown : word == "changed" ? srChanged : srOk;
+        const bool isOfTransitions = question.m_nQuestion == sqTransitions;
+        size_t at = isOfTransitions ? 0 : uint32_t{question.m_oCursor.m_aWords[0]};
+        const uint64_t after = number(question.m_oCursor.m_aWords);
+        if (isOfTransitions) {
+            at = after >= m_nFirst - 1 ? std::min<size_t>(after - (m_nFirst - 1), table.size()) : 0;
+            const bool isGap = after + 1 < m_nFirst || after >= m_nFirst + table.size();
+            head.m_nResult = isGap ? srGap : srOk;
+            at = isGap ? 0 : at;
+        }
+        SText records;
+        size_t end =
+            head.m_nResult == srOk || head.m_nResult == srGap ? std::min(at + m_nPage, table.size()) : at;
+        for (size_t i = at; i < end; ++i) {
+            records += table[i];
+        }
+        head.m_nCount = static_cast<uint32_t>(end - at);
+        head.m_nMore = end < table.size() ? 1 : 0;
+        head.m_oCursor = question.m_oCursor;
+        if (isOfTransitions) {
+            setNumber(head.m_oCursor.m_aWords, m_nFirst - 1 + end);
+        } else if (word != "stuck") {
+            head.m_oCursor.m_aWords[0] = static_cast<uint32_t>(end);
+        }
+        return SText(bytesOf(head).data(), sizeof head) + records;
+    }
+
+    void deliver(const SText& body, uint32_t from) {
+        CFakePlatform::handOver(m_rPlatform.m_oCallbacks.at(nQelStatusMfwMsgId), nQelStatusMfwMsgId, body,
+                                from);
+    }
+
+    // What a command prints on standard output, and its exit status.
+    template <typename T>
+    SText run(int (*command)(const T&), const T& options) {
+        testing::internal::CaptureStdout();
+        testing::internal::CaptureStderr();
+        const int status = command(options);
+        m_sErrors = testing::internal::GetCapturedStderr();
+        return testing::internal::GetCapturedStdout() + fmt::format("status {}\n", status);
+    }
+
+    CFakePlatform& m_rPlatform = CFakePlatform::get();
+    std::map<uint32_t, std::vector<SText>> m_oTables;
+    std::istringstream m_oScript;
+    uint32_t m_nDaemon = 0x1234;
+    uint64_t m_nFirst = 6; // number of the oldest transition
+    size_t m_nPage = 2;
+    size_t m_nTaken = 0;
+    std::map<uint32_t, size_t> m_oAsked; // how often each question was
+    size_t m_oAskedBefore = 0;
+    SText m_sErrors;
+};
+
+TEST_F(CLooking, ReadsWholeTablesFromTheDaemonAskedOrSaysWhyNot) {
+    const struct {
+        const char* m_szScript;
+        EAsked m_eAsked;
+        size_t m_nRecords;
+        size_t m_nQuestions;
+    } aCases[] = {
+        {"page page page", EAsked::answered, 5, 3},
+        {"page changed page page page", EAsked::answered, 5, 5},
+        {"changed page changed page changed page changed page changed", EAsked::changing, 0, 9},
+        {"page replaced page page page", EAsked::answered, 5, 5},
+        {"stranger late stranger", EAsked::answered, 5, 3},
+        {"page unknown", EAsked::unknown, 0, 2},
+        {"page cut", EAsked::damaged, 0, 2},
+        {"other", EAsked::damaged, 0, 1},
+        {"stuck", EAsked::damaged, 0, 1},
+        {"page silent", EAsked::noAnswer, 0, 2},
+    };
+    for (const auto& example : aCases) {
+        m_oScript = std::istringstream(example.m_szScript);
+        const size_t before = m_rPlatform.m_vSent.size();
+        // Longer than the half second after which the daemon is looked up again, where it goes.
+        const bool isLong = SText(example.m_szScript).find("replaced") != SText::npos;
+        CStatusQuery query(std::chrono::milliseconds(isLong ? 5000 : 50));
+        std::vector<SDeliveryView> records;
+        EXPECT_EQ(query.askAll(makeQuestion(sqDeliveries), records), example.m_eAsked) << example.m_szScript;
+        EXPECT_EQ(records.size(), example.m_nRecords) << example.m_szScript;
+        EXPECT_EQ(m_rPlatform.m_vSent.size() - before, example.m_nQuestions) << example.m_szScript;
+    }
+    m_rPlatform.m_oProcesses.clear();
+    EXPECT_EQ(run(runStatus, SStatusOptions{}), "status 2\n");
+    EXPECT_EQ(m_sErrors, "qelctl: the daemon is not running\n");
+}
+
+TEST_F(CLooking, TheMatrixTellsProblemsFirstAndFitsTheLine) {
+    EXPECT_EQ(run(runStatus, SStatusOptions{}),
+              "CODE  DATA  NAME     Door?                  Gate                  Tape       Mute\n"
+              " 161     1  -        GAVE UP 3 sends, 41 s  .                     .          .\n"
+              " 202     1  Trunks?  .                      REFUSED \"no ?module\"  .          queued\n"
+              " 102     1  Calls    .                      ok                    sent 41 s  .\n"
+              "   7     1  New      .                      queued                -          .\n"
+              "2 problems, 3 under way, 1 delivered; Tape (pid 13) is dead since 00:15:00\n"
+              "status 3\n");
+    setenv("COLUMNS", "46", 1);
+    EXPECT_EQ(run(runStatus, SStatusOptions{}),
+              "CODE  DATA  NAME     COMPONENT  STATE\n"
+              " 161     1  -        Door?      GAVE UP 3 s...\n"
+              " 202     1  Trunks?  Gate       REFUSED \"no...\n"
+              " 202     1  Trunks?  Mute       queued\n"
+              " 102     1  Calls    Tape       sent 41 s\n"
+              "   7     1  New      Gate       queued\n"
+              "2 problems, 3 under way, 1 delivered; Tape (pid 13) is dead since 00:15:00\n"
+              "status 3\n");
+    setenv("COLUMNS", "100", 1);
+    SStatusOptions one;
+    one.m_sArgument = "Calls";
+    EXPECT_EQ(run(runStatus, one), "102:1 Calls: active\n"
+                                   "COMPONENT  STATE      SINCE     PROCESS\n"
+                                   "Gate       ok         00:16:40  alive, monitoring\n"
+                                   "Tape       sent 41 s  00:16:40  dead since 00:15:00\n"
+                                   "status 4\n");
+    one.m_sArgument = "Gat";
+    EXPECT_EQ(run(runStatus, one), "status 1\n");
+    EXPECT_EQ(m_sErrors, "qelctl: no feature and no component is called 'Gat'; did you mean 'Gate'?\n");
+}
+
+TEST_F(CLooking, WhyTellsWhatHappenedAndWhatComesNext) {
+    const auto why = [this](const char* feature, const char* comp) {
+        SWhyOptions options;
+        options.m_sFeature = feature;
+        options.m_sComponent = comp;
+        return run(runWhy, options);
+    };
+    EXPECT_EQ(why("161:1", "Door\033"),
+              "161:1 at Door? (pid 4711): gave up\n"
+              "  Now:   Door? did not answer; it was given up at 00:16:47 after 3 sends.\n"
+              "  Next:  it is not told again before the next list.\n"
+              "  Steps: the latest; the daemon no longer keeps what was before\n"
+              "    00:16:46.000  queued -> sent (audit)\n"
+              "    00:16:47.000  sent -> gave up (told)\n"
+              "status 3\n");
+    const struct {
+        const char* m_szFeature;
+        const char* m_szComponent;
+        const char* m_szSays;
+        const char* m_szStatus;
+    } aCases[] = {
+        {"202", "Gate", "Gate refused at 00:16:40: \"no ?module\".", "status 3\n"},
+        {"New", "Gate", "one of the next audits tells it; the next audit is in about 4 s.", "status 4\n"},
+        {"102", "Tape", "its answer is awaited for 10 seconds, until 00:16:50.", "status 4\n"},
+        {"202", "Mute", "it has the feature when it fetches its list, or is told when it begins to monitor.",
+         "status 4\n"},
+        {"102", "Gate", "Since 00:16:40: it has the feature.", "status 0\n"},
+        {"202", "Away", "Away has not announced itself", "status 4\n"},
+        {"102", "Mute", "feature 102 does not concern Mute", "status 1\n"},
+        {"999", "Mute", "no feature and no component is called '999'", "status 1\n"},
+    };
+    for (const auto& example : aCases) {
+        const SText output = why(example.m_szFeature, example.m_szComponent);
+        EXPECT_NE((output + m_sErrors).find(example.m_szSays), SText::npos) << output << m_sErrors;
+        EXPECT_TRUE(output.ends_with(example.m_szStatus)) << output;
+    }
+}
+
+TEST_F(CLooking, WatchLosesNothingAndTellsGapsAndRestarts) {
+    SWatchOptions options;
+    options.m_sSince = "3";
+    options.m_nSeconds = 0.9;
+    m_nPage = 1;
+    m_rPlatform.m_fnOnReceive = [this] {
+        if (m_oAsked[sqTransitions] == 3) { // everything was read; another daemon comes
+            m_nFirst = 1;
+            m_oTables[sqTransitions] = {transition(1, 9, 11, 3)};
+        }
+        answer();
+    };
+    EXPECT_EQ(run(runWatch, options),
+              "-- gap: 2 transitions no longer kept\n"
+              "00:16:46.000      161:1  Door?             queued -> sent (audit)\n"
+              "00:16:47.000      161:1  Door?             sent -> gave up (told)\n"
+              "-- the daemon was restarted (pid 77); its transitions begin anew\n"
+              "00:16:41.000      161:1  Door?             modifying -> modify refused (refused)\n"
+              "status 3\n");
+    options.m_sArgument = "Mute"; // has no transitions
+    options.m_sSince = "0";
+    options.m_nSeconds = 0.1;
+    EXPECT_EQ(run(runWatch, options), "status 0\n");
+}
+
+TEST_F(CLooking, WaitCountsNoRefusalAsDelivered) {
+    const struct {
+        const char* m_szFirst;
+        const char* m_szSecond;
+        bool m_bDelivered;
+        int m_nStatus;
+    } aCases[] = {
+        {"", "", true, exitRefused}, // at last: something is under way
+        {"102", "Gate", true, exitOk},   {"102", "", true, exitNotYet},
+        {"202", "", true, exitRefused},  {"202", "", false, exitNotYet}, // Mute may fetch it yet
+        {"161", "", false, exitOk},      {"202", "Mute", true, exitNotYet},
+        {"Mute", "", false, exitNotYet}, {"999", "", true, exitNotYet},
+        {"Away", "", true, exitNotYet},  {"161:1", "Door\033", true, exitRefused},
+    };
+    for (const auto& example : aCases) {
+        SWaitOptions options;
+        options.m_sFirst = example.m_szFirst;
+        options.m_sSecond = example.m_szSecond;
+        options.m_bDelivered = example.m_bDelivered;
+        options.m_nSeconds = 0.02;
+        EXPECT_TRUE(run(runWait, options).ends_with(fmt::format("status {}\n", example.m_nStatus)))
+            << example.m_szFirst << " " << example.m_szSecond;
+    }
+    // The new list's last delivery arrives while it is waited for.
+    SWaitOptions options;
+    options.m_sFirst = "New";
+    m_rPlatform.m_fnOnReceive = [this] {
+        if (m_oAsked[sqSummary] == m_oAskedBefore + 3) {
+            m_oTables[sqDeliveries].push_back(delivery(7, "Gate", 2));
+            m_oTables[sqSummary] = {summary(8)};
+        }
+        answer();
+    };
+    m_oAskedBefore = m_oAsked[sqSummary];
+    EXPECT_EQ(run(runWait, options).substr(0, 15), "delivered after");
+}
+
+void collectKeys(const CJson& value, std::set<SText>& keys) {
+    for (const auto& [key, item] : value.items()) {
+        if (value.is_object()) {
+            keys.insert(key);
+        }
+        if (item.is_structured() && key != "counters") { // which has the daemon's own keys
+            collectKeys(item, keys);
+        }
+    }
+}
+
+TEST_F(CLooking, EachKeyOfJsonIsDocumentedAndTextsAreTold) {
+    SStatusOptions status;
+    SWhyOptions why;
+    SWatchOptions watch;
+    SWaitOptions wait;
+    why.m_sFeature = "161";
+    why.m_sComponent = "Door\033";
+    watch.m_sSince = "5";
+    watch.m_nSeconds = 0.01;
+    wait.m_nSeconds = 0;
+    status.m_bJson = why.m_bJson = watch.m_bJson = wait.m_bJson = true;
+    std::set<SText> keys;
+    std::vector<CJson> documents;
+    for (const SText& output :
+         {run(runStatus, status), run(runWhy, why), run(runWatch, watch), run(runWait, wait)}) {
+        const SText text = output.substr(0, output.find("status "));
+        const size_t line = text.find("}\n{"); // watch prints a document in each
+        documents.push_back(CJson::parse(line == SText::npos ? text : text.substr(0, line + 1)));
+        EXPECT_EQ(documents.back()["schema"], nJsonSchema);
+        collectKeys(documents.back(), keys);
+    }
+    const SText page = contents(QEL_JSON_PAGE);
+    for (const SText& key : keys) {
+        EXPECT_NE(page.find("| `" + key + "` |"), SText::npos) << key;
+    }
+    const CJson& refused = documents[0]["deliveries"][3];
+    EXPECT_EQ(refused.dump(),
+              R"({"code":202,"data":1,"component":"Gate","state":"refused","progress":"failed",)"
+              R"("since":1000,"sends":0,"why":"refused","reason":"no \u001bmodule"})");
+    EXPECT_EQ(documents[0]["counters"]["refused"], 5);
+    EXPECT_EQ(documents[2]["cause"], "audit");
+}
+
+} // namespace
