@@ -2,6 +2,7 @@
 #include "ctl/CFeatureNames.h"
 #include "ctl/check_names.h"
 #include "ctl/commands.h"
+#include "ctl/json.h"
 #include "ctl/terminal.h"
 #include "source/list/feature_list.h"
 #include "source/list/whole_file.h"
@@ -9,71 +10,121 @@
 #include <algorithm>
 #include <fmt/format.h>
 #include <set>
-#include <span>
 
 namespace {
 
-void printSummary(const std::string& path, const std::vector<SFeatureRecord>& features) {
+// What became of one file.
+struct SChecked {
+    std::string m_sPath;
+    const char* m_szKind;
+    size_t m_nCount = 0;               // of what it holds, if it is good
+    std::vector<SListError> m_vErrors; // those that are told
+    size_t m_nErrors = 0;              // all
+    std::string m_sSummary;            // if it is good
+
+    bool isGood() const { return m_nErrors == 0; }
+};
+
+std::string summarise(const std::vector<SFeatureRecord>& features) {
     std::set<std::string> components;
     for (const auto& feature : features) {
         components.insert(feature.m_vComponents.begin(), feature.m_vComponents.end());
     }
     auto sourced =
         std::count_if(features.begin(), features.end(), [](const auto& f) { return f.m_bSourced; });
-    fmt::print("{}: good, {} ({} kept from list to list) for {}\n", path, counted(features.size(), "feature"),
-               sourced, counted(components.size(), "component"));
-}
-
-// To stderr, while summaries go to stdout. The lists may have more errors than were kept.
-void printErrors(const std::string& path, std::span<const SListError> errors, size_t all) {
-    for (const SListError& error : errors) {
-        fmt::print(stderr, "{}\n", paint(printListError(path, error), EColour::red, stderr));
-    }
-    if (all > errors.size()) {
-        const std::string more = counted(all - errors.size(), "more error");
-        fmt::print(stderr, "{}\n", paint(fmt::format("{}: {}", path, more), EColour::red, stderr));
-    }
+    return fmt::format("{} ({} kept from list to list) for {}", counted(features.size(), "feature"), sourced,
+                       counted(components.size(), "component"));
 }
 
 // The daemon checks a list with the same function. So what is good here is good there, except for changes
 // that only the daemon can judge, since it knows the list before.
-bool checkList(const std::string& path, std::vector<SFeatureRecord>& features) {
+SChecked checkList(const std::string& path, std::vector<SFeatureRecord>& features) {
     SFeatureList list = readFeatureList(path);
-    if (!list.isGood()) {
-        printErrors(path, list.m_vErrors, list.m_nErrors);
-        return false;
+    SChecked checked{path, "list", 0, std::move(list.m_vErrors), list.m_nErrors, ""};
+    if (list.isGood()) {
+        features = std::move(list.m_vFeatures);
+        checked.m_nCount = features.size();
+        checked.m_sSummary = summarise(features);
     }
-    printSummary(path, list.m_vFeatures);
-    features = std::move(list.m_vFeatures);
-    return true;
+    return checked;
 }
 
 // Features without a name are told, but are no fault.
-bool checkNames(const std::string& path, const std::vector<SFeatureRecord>& features) {
+SChecked checkNames(const std::string& path, const std::vector<SFeatureRecord>& features) {
     const SWholeFile file = readWholeFile(path, nMaxListFileSize);
-    const std::vector<SListError> errors =
+    SChecked checked{path, "descriptions", 0, {}, 0, ""};
+    checked.m_vErrors =
         file.m_sError.empty() ? checkDescriptions(file.m_sText) : std::vector<SListError>{{0, file.m_sError}};
-    if (!errors.empty()) {
-        printErrors(path, std::span(errors).first(std::min(errors.size(), nMaxListErrors)), errors.size());
-        return false;
-    }
+    checked.m_nErrors = checked.m_vErrors.size();
+    checked.m_vErrors.resize(std::min(checked.m_nErrors, nMaxListErrors));
     const CFeatureNames names = CFeatureNames::parse(file.m_sText);
     const auto nameless = std::count_if(features.begin(), features.end(), [&names](const auto& feature) {
         return names.find(feature.m_nCode).empty();
     });
-    const std::string more = nameless != 0 ? fmt::format("; {} of the list without one",
-                                                         counted(static_cast<size_t>(nameless), "feature"))
-                                           : "";
-    fmt::print("{}: good, {}{}\n", path, counted(names.size(), "name"), more);
-    return true;
+    checked.m_nCount = checked.isGood() ? names.size() : 0;
+    checked.m_sSummary = counted(names.size(), "name");
+    checked.m_sSummary += nameless != 0 ? fmt::format("; {} of the list without one",
+                                                      counted(static_cast<size_t>(nameless), "feature"))
+                                        : "";
+    return checked;
+}
+
+// Errors to stderr, summaries to stdout. There may be more errors than were kept.
+void print(const SChecked& checked, bool isQuiet) {
+    const auto complainOf = [](const std::string& text) {
+        fmt::print(stderr, "{}\n", paint(text, EColour::red, stderr));
+    };
+    for (const SListError& error : checked.m_vErrors) {
+        complainOf(printListError(checked.m_sPath, error));
+    }
+    if (checked.m_nErrors > checked.m_vErrors.size()) {
+        complainOf(fmt::format("{}: {}", checked.m_sPath,
+                               counted(checked.m_nErrors - checked.m_vErrors.size(), "more error")));
+    }
+    if (checked.isGood() && !isQuiet) {
+        fmt::print("{}: good, {}\n", checked.m_sPath, checked.m_sSummary);
+    }
+}
+
+void printAsJson(const std::vector<SChecked>& all) {
+    CJson files = CJson::array();
+    for (const SChecked& checked : all) {
+        CJson errors = CJson::array();
+        for (const SListError& error : checked.m_vErrors) {
+            errors.push_back(
+                {{"line", error.m_nLine == 0 ? CJson() : CJson(error.m_nLine)}, {"text", error.m_sText}});
+        }
+        files.push_back({{"file", checked.m_sPath},
+                         {"kind", checked.m_szKind},
+                         {"good", checked.isGood()},
+                         {"count", checked.isGood() ? CJson(checked.m_nCount) : CJson()},
+                         {"error_count", checked.m_nErrors},
+                         {"errors", std::move(errors)}});
+    }
+    CJson document = jsonDocument("check");
+    document["files"] = std::move(files);
+    printJson(document);
 }
 
 } // namespace
 
 int runCheck(const SCheckOptions& options) {
     std::vector<SFeatureRecord> features;
-    const bool isListGood = options.m_sList.empty() || checkList(options.m_sList, features);
-    const bool areNamesGood =
-        options.m_sDescriptions.empty() || checkNames(options.m_sDescriptions, features);
-    return isListGood && areNamesGood ? exitOk : exitFailed;
+    std::vector<SChecked> all;
+    if (!options.m_sList.empty()) {
+        all.push_back(checkList(options.m_sList, features));
+    }
+    if (!options.m_sDescriptions.empty()) {
+        all.push_back(checkNames(options.m_sDescriptions, features));
+    }
+    const bool isJson = options.m_bJson && !options.m_bQuiet;
+    if (isJson) {
+        printAsJson(all);
+    }
+    for (const SChecked& checked : all) {
+        print(checked, isJson || options.m_bQuiet);
+    }
+    const bool isGood =
+        std::all_of(all.begin(), all.end(), [](const auto& checked) { return checked.isGood(); });
+    return flushOutput() && isGood ? exitOk : exitFailed;
 }

@@ -1,77 +1,66 @@
 // qelctl list
+#include "ctl/CDaemonView.h"
 #include "ctl/CFeatureNames.h"
 #include "ctl/COamQuery.h"
+#include "ctl/CTable.h"
 #include "ctl/commands.h"
+#include "ctl/json.h"
 #include "ctl/terminal.h"
 
 #include <algorithm>
 #include <array>
 #include <fmt/format.h>
 #include <map>
-#include <nlohmann/json.hpp>
+#include <optional>
 
 namespace {
 
-struct SStatus {
-    const char* m_szWord;
-    EColour m_eColour;
-};
-
-// In the order of their numbers on the wire. Yellow: under way; green: settled; red: being withdrawn.
-constexpr std::array<SStatus, 5> aStatuses = {{
-    {"newadd", EColour::yellow},
-    {"modify", EColour::yellow},
-    {"active", EColour::green},
-    {"deleted", EColour::red},
-    {"existing", EColour::none},
-}};
+// By the status. Yellow: under way; green: settled; red: being withdrawn.
+constexpr std::array<EColour, nFeatureStatuses> aColours = {EColour::yellow, EColour::yellow, EColour::green,
+                                                            EColour::red, EColour::none};
 
 // A daemon newer than this program may know more of them.
-SStatus statusOf(const SActiveFeature& feature) {
-    return feature.m_nStatus < aStatuses.size() ? aStatuses[feature.m_nStatus]
-                                                : SStatus{"unknown", EColour::red};
+EColour colourOf(uint32_t status) {
+    return status < aColours.size() ? aColours[status] : EColour::red;
 }
 
-// Two walks: the widest number decides how wide its column is. The word is padded before it is coloured,
-// because the colour's escape sequence would count as characters.
 void printTable(const std::vector<SActiveFeature>& features, const CFeatureNames& names) {
-    size_t codeWidth = 4;
-    size_t dataWidth = 4;
+    CTable table({{"CODE", CTable::EAlign::right},
+                  {"DATA", CTable::EAlign::right},
+                  {"STATUS  "}, // as wide as its longest word, whatever words there are
+                  {"NAME"}});
     for (const auto& feature : features) {
-        codeWidth = std::max(codeWidth, fmt::formatted_size("{}", feature.m_nCode));
-        dataWidth = std::max(dataWidth, fmt::formatted_size("{}", feature.m_nData));
+        const std::string name = printable(names.find(feature.m_nCode));
+        table.add({{std::to_string(feature.m_nCode)},
+                   {std::to_string(feature.m_nData)},
+                   {std::string(featureWord(feature.m_nStatus)), colourOf(feature.m_nStatus)},
+                   {name.empty() ? "-" : name}});
     }
-    fmt::print("{:>{}}  {:>{}}  {:<8}  {}\n", "CODE", codeWidth, "DATA", dataWidth, "STATUS", "NAME");
-    for (const auto& feature : features) {
-        SStatus status = statusOf(feature);
-        std::string name = printable(names.find(feature.m_nCode));
-        std::string word = paint(fmt::format("{:<8}", status.m_szWord), status.m_eColour, stdout);
-        fmt::print("{:>{}}  {:>{}}  {}  {}\n", feature.m_nCode, codeWidth, feature.m_nData, dataWidth, word,
-                   name.empty() ? "-" : name);
-    }
+    table.print(stdout, lineWidth(stdout));
 }
 
-void printJson(const std::vector<SActiveFeature>& features, const CFeatureNames& names) {
-    // Ordered: keys come out as they are written here, and not by the alphabet.
-    auto list = nlohmann::ordered_json::array();
+void printAsJson(const std::vector<SActiveFeature>& features, const CFeatureNames& names,
+                 std::optional<size_t> sourced) {
+    CJson list = CJson::array();
     for (const auto& feature : features) {
         list.push_back({{"code", feature.m_nCode},
                         {"data", feature.m_nData},
-                        {"status", statusOf(feature).m_szWord},
+                        {"status", featureWord(feature.m_nStatus)},
                         {"name", names.find(feature.m_nCode)}});
     }
-    nlohmann::ordered_json document = {{"count", features.size()}, {"features", std::move(list)}};
-    // JSON is UTF-8 (RFC 8259), a description file may be anything. What is not UTF-8 is replaced,
-    // not thrown.
-    auto onBadText = nlohmann::ordered_json::error_handler_t::replace;
-    fmt::print("{}\n", document.dump(2, ' ', false, onBadText));
+    CJson document = jsonDocument("list");
+    document["count"] = features.size();
+    document["sourced"] = sourced ? CJson(*sourced) : CJson();
+    document["features"] = std::move(list);
+    printJson(document);
 }
 
-// "3 features: 2 active, 1 deleted", on stderr, so that a pipe gets the table alone.
-void printSummary(const std::vector<SActiveFeature>& features) {
-    std::map<std::string, size_t> counts;
+// "3 features: 2 active, 1 deleted; 6 sourced features are not shown", on stderr, so that a pipe gets the table
+// alone.
+void printSummary(const std::vector<SActiveFeature>& features, std::optional<size_t> sourced) {
+    std::map<std::string_view, size_t> counts;
     for (const auto& feature : features) {
-        ++counts[statusOf(feature).m_szWord];
+        ++counts[featureWord(feature.m_nStatus)];
     }
     std::string text = counted(features.size(), "feature");
     const char* separator = ": ";
@@ -79,40 +68,70 @@ void printSummary(const std::vector<SActiveFeature>& features) {
         text += fmt::format("{}{} {}", separator, count, word);
         separator = ", ";
     }
+    if (sourced.value_or(0) != 0) {
+        text += fmt::format("; {} {} not shown", counted(*sourced, "sourced feature"),
+                            *sourced == 1 ? "is" : "are");
+    }
     fmt::print(stderr, "{}\n", text);
+}
+
+// The list for OAM leaves them out. Nothing, where the daemon is too old to tell.
+std::optional<size_t> countSourced() {
+    CStatusQuery query(std::chrono::seconds(1));
+    std::vector<TStatus<CStatusFeature>> features;
+    if (query.askAll(makeQuestion(sqFeatures), features) != EAsked::answered) {
+        return std::nullopt;
+    }
+    return std::count_if(features.begin(), features.end(), [](const auto& feature) {
+        return feature.m_nSourced != 0 && feature.m_nLeaving == 0;
+    });
+}
+
+EAsked ask(const SListOptions& options, std::vector<SActiveFeature>& features) {
+    COamQuery query;
+    const auto outcome = query.ask(answerTime(options));
+    features = query.features();
+    switch (outcome) {
+    case COamQuery::EOutcome::answered:
+        return EAsked::answered;
+    case COamQuery::EOutcome::noEndpoint:
+        return EAsked::noEndpoint;
+    case COamQuery::EOutcome::noDaemon:
+        return EAsked::noDaemon;
+    case COamQuery::EOutcome::noAnswer:
+        return EAsked::noAnswer;
+    case COamQuery::EOutcome::badAnswer:
+        break;
+    }
+    return EAsked::damaged;
 }
 
 } // namespace
 
 int runList(const SListOptions& options) {
     setProcessName("");
-    COamQuery query;
-    switch (query.ask(std::chrono::milliseconds(static_cast<int64_t>(options.m_nTimeout * 1000)))) {
-    case COamQuery::EOutcome::answered:
-        break;
-    case COamQuery::EOutcome::noEndpoint:
-        complain("no endpoint on the message framework");
-        return exitFailed;
-    case COamQuery::EOutcome::noDaemon:
-        complain("the daemon is not running");
-        return exitNoDaemon;
-    case COamQuery::EOutcome::noAnswer:
+    std::vector<SActiveFeature> features;
+    const EAsked asked = ask(options, features);
+    if (asked == EAsked::noAnswer) {
         complain(fmt::format("the daemon did not answer within {:g} seconds", options.m_nTimeout));
         return exitNoDaemon;
-    case COamQuery::EOutcome::badAnswer:
-        complain("the daemon's answer is damaged");
-        return exitFailed;
     }
+    if (asked != EAsked::answered) {
+        return reportAsked(asked);
+    }
+    if (options.m_bQuiet) {
+        return exitOk;
+    }
+    const std::optional<size_t> sourced = countSourced();
     CFeatureNames names = CFeatureNames::load();
-    options.m_bJson ? printJson(query.features(), names) : printTable(query.features(), names);
+    options.m_bJson ? printAsJson(features, names, sourced) : printTable(features, names);
     // A full disk or a closed pipe shows only here. A script must not take half a list for the whole.
-    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
-        complain("the list could not be written to standard output");
+    if (!flushOutput()) {
         return exitFailed;
     }
     // JSON has the count in itself.
     if (!options.m_bJson) {
-        printSummary(query.features());
+        printSummary(features, sourced);
     }
     return exitOk;
 }
