@@ -1,17 +1,19 @@
 // qelctl component: a component at the shell's prompt. It announces itself, answers as its options say, and
 // prints every message; for trying out the daemon, a list, or what a component would see.
 #include "client/qelclient.h"
+#include "ctl/CDaemonView.h"
 #include "ctl/commands.h"
 #include "ctl/describe.h"
+#include "ctl/json.h"
 #include "ctl/terminal.h"
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <climits>
 #include <csignal>
 #include <ctime>
-#include <fmt/chrono.h>
 #include <fmt/format.h>
 #include <map>
 #include <string>
@@ -28,11 +30,53 @@ void cbSignal(int) {
     qel_stop(pSignalled);
 }
 
-// Local time with milliseconds, as in the daemon's text log, so that the two can be laid side by side.
-std::string timeOfDay() {
+std::string nowOfDay() {
     timespec now = {};
     clock_gettime(CLOCK_REALTIME, &now);
-    return fmt::format("{:%H:%M:%S}.{:03}", fmt::localtime(now.tv_sec), now.tv_nsec / 1000000);
+    return timeOfDay(now.tv_sec, now.tv_nsec / 1000);
+}
+
+CJson beginLine(std::string_view event) {
+    CJson line = jsonDocument("component");
+    line["event"] = event;
+    line["time"] = static_cast<int64_t>(std::time(nullptr));
+    return line;
+}
+
+// A component of the daemon's table whose process lives, this one apart. Those that the daemon has registered by
+// itself have announced no process id; they are processes of the same name in lower case, by that handle.
+bool isAlive(const SComponentView& component) {
+    uint32_t own = nNoHandle;
+    if (component.m_tDead != 0 ||
+        (OvuMfwGetProcessHandle(nullptr, &own) == 0 && own == component.m_nHandle)) {
+        return false;
+    }
+    if (component.m_nProcessId != 0) {
+        return kill(static_cast<pid_t>(component.m_nProcessId), 0) == 0 || errno == EPERM;
+    }
+    std::string process(fieldText(component.m_szName));
+    std::transform(process.begin(), process.end(), process.begin(),
+                   [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
+    uint32_t handle = nNoHandle;
+    return OvuMfwGetProcessHandle(process.c_str(), &handle) == 0 && handle == component.m_nHandle;
+}
+
+// The daemon sends to whoever has announced the name last: to announce it here would silently cut off another
+// process for good. Where no daemon answers, or one too old to tell, nobody is known to be there.
+bool isNameTaken(const std::string& name) {
+    CStatusQuery query(std::chrono::seconds(1));
+    std::vector<SComponentView> components;
+    query.askAll(makeQuestion(sqComponents), components);
+    for (const SComponentView& component : components) {
+        if (fieldText(component.m_szName) == name && isAlive(component)) {
+            const uint32_t process = component.m_nProcessId;
+            complain(
+                fmt::format("{} is the name of a process that lives{}; --take-over takes it away from it",
+                            printable(name), process == 0 ? "" : fmt::format(" (pid {})", process)));
+            return true;
+        }
+    }
+    return false;
 }
 
 // One run of the command: counts and prints, while the library does the talking.
@@ -180,8 +224,18 @@ int CPromptComponent::timeLeft() const {
 
 // Sent, received and events of the connection all go through here, so the columns line up.
 void CPromptComponent::printLine(std::string_view arrow, const SMessageText& message, EColour colour) {
-    std::string what = paint(fmt::format("{} {:<8}", arrow, message.m_sKind), colour, stdout);
-    fmt::print("{} {} {}\n", timeOfDay(), what, message.m_sDetail);
+    if (m_oOptions.m_bQuiet) {
+        return;
+    }
+    if (m_oOptions.m_bJson) {
+        CJson line = beginLine(arrow == "->" ? "sent" : arrow == "<-" ? "received" : "daemon");
+        line["kind"] = message.m_sKind;
+        line["detail"] = message.m_sDetail;
+        printJsonLine(line);
+    } else {
+        std::string what = paint(fmt::format("{} {:<8}", arrow, message.m_sKind), colour, stdout);
+        fmt::print("{} {} {}\n", nowOfDay(), what, message.m_sDetail);
+    }
     // Each line at once, since somebody may be watching through a pipe.
     std::fflush(stdout);
 }
@@ -196,8 +250,17 @@ void CPromptComponent::printSummary() const {
         return text.empty() ? std::string("nothing") : text;
     };
     auto held = static_cast<size_t>(qel_features(m_pClient, nullptr, 0));
-    fmt::print("{} sent {}; received {}; left {} unanswered; holds {}\n", timeOfDay(), list(m_oSent),
-               list(m_oReceived), m_nUnanswered, counted(held, "feature"));
+    if (m_oOptions.m_bJson && !m_oOptions.m_bQuiet) {
+        CJson line = beginLine("end");
+        line["sent"] = m_oSent;
+        line["received"] = m_oReceived;
+        line["unanswered"] = m_nUnanswered;
+        line["held"] = held;
+        printJsonLine(line);
+    } else if (!m_oOptions.m_bQuiet) {
+        fmt::print("{} sent {}; received {}; left {} unanswered; holds {}\n", nowOfDay(), list(m_oSent),
+                   list(m_oReceived), m_nUnanswered, counted(held, "feature"));
+    }
 }
 
 // The daemon awaits no answer to a difference that a fetch found, nor to an overdue note, so --answer and
@@ -239,5 +302,8 @@ int runComponent(const SComponentOptions& options) {
     // Before the endpoint is opened, which takes the name from the environment.
     setProcessName(options.m_sProcess);
     std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
+    if (!options.m_bTakeOver && isNameTaken(options.m_sName)) {
+        return exitFailed;
+    }
     return CPromptComponent(options).run();
 }

@@ -34,6 +34,9 @@ TEST_F(CRealDaemon, EveryDifferenceIsToldOnceByNotificationFetchOrRestart) {
     EXPECT_EQ(qel_fetch(m_pClient, nLong), 4);
     EXPECT_PRED_FORMAT2(::testing::IsSubstring, "\"count\": 4", control("list --json"));
     EXPECT_PRED_FORMAT2(::testing::IsSubstring, "4 features", control("component Anchor --fetch --for 0.7"));
+    EXPECT_TRUE(isLike(control("wait 4 Voice"), "delivered after *: no problems, 1 delivered\nstatus 0\n"));
+    EXPECT_TRUE(
+        isLike(control("component Voice --for 1"), "*Voice is the name of a process that lives*status 1\n"));
     m_oDaemon.reset(); // killed
     start({{1, 1}, {2, 2}, {4, 1}, {5, 1}});
     expectTold("enable 5:1, modify 2:1>2, disable 3:1, ");
@@ -45,15 +48,17 @@ TEST_F(CRealDaemon, EveryDifferenceIsToldOnceByNotificationFetchOrRestart) {
 }
 
 TEST_F(CRealDaemon, WithoutADaemonToolsSayAtOnceWhatIsWrong) {
-    const auto start = std::chrono::steady_clock::now();
-    for (const char* command : {"list", "component Voice --monitor"}) {
+    for (const char* command :
+         {"list", "component Voice --monitor", "status", "why 1 Voice", "watch", "wait"}) {
+        const auto start = std::chrono::steady_clock::now();
         EXPECT_EQ(control(command), "qelctl: the daemon is not running\nstatus 2\n");
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
     }
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
     startDaemon();
     kill(m_oDaemon->process(), SIGSTOP);
     EXPECT_TRUE(
         isLike(control("component Voice --for 0.5"), "*the daemon did not answer in time\nstatus 2\n"));
+    EXPECT_TRUE(isLike(control("stauts"), "*did you mean 'status'?*status 64\n"));
     writeList("[[feature]]\ncode = -1\ndata = 1\ncomponents = []\nname = 5\n");
     EXPECT_TRUE(isLike(control("check " + file("features.toml")), "*.toml:2: *.toml:5: *status 1\n"));
 }
