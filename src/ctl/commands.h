@@ -90,6 +90,16 @@ struct SComponentOptions : SCommonOptions {
     double m_nSeconds = 0;    // how long to run; 0: until SIGINT or SIGTERM
 };
 
+// Of apply and undo.
+struct SApplyOptions {
+    std::string m_sFile; // the new list; unused by undo
+    std::string m_sList; // the list in place; empty: that of the environment, else the one compiled in
+    bool m_bDryRun = false;
+    bool m_bForce = false;
+    bool m_bQuiet = false;
+    bool m_bJson = false;
+};
+
 // Each runs on the calling thread until its command is done. They throw only where memory runs out; main()
 // reports that.
 int runList(const SListOptions& options);
@@ -99,5 +109,7 @@ int runWatch(const SWatchOptions& options);
 int runWait(const SWaitOptions& options);
 int runCheck(const SCheckOptions& options);
 int runComponent(const SComponentOptions& options);
+int runApply(const SApplyOptions& options);
+int runUndo(const SApplyOptions& options);
 
 #endif

@@ -42,6 +42,8 @@ struct SOptions {
     SWatchOptions m_oWatch;
     SWaitOptions m_oWait;
     SCheckOptions m_oCheck;
+    SApplyOptions m_oApply;
+    SApplyOptions m_oUndo;
     SComponentOptions m_oComponent;
     std::string m_sHelp; // the command that help is asked for; empty: all
 };
@@ -171,6 +173,26 @@ void addComponent(CLI::App& command, SOptions& all) {
         sNames);
 }
 
+void addChange(CLI::App& command, SApplyOptions& options) {
+    command.add_option("--list", options.m_sList, "The list in place, if not the daemon's own")
+        ->option_text("PATH");
+    command.add_flag("--dry-run", options.m_bDryRun, "Show what would change, and change nothing");
+    command.add_flag("-q,--quiet", options.m_bQuiet, "Print errors only");
+    command.add_flag("--json", options.m_bJson, "Print JSON");
+    command.footer("The daemon's list is that of QEL_FEATURE_LIST in the environment, else the one compiled "
+                   "in.\nThe lists before it are kept beside it, as PATH.1 (the latest) to PATH.5.");
+}
+
+void addApply(CLI::App& command, SOptions& all) {
+    command.add_option("FILE", all.m_oApply.m_sFile, "The new feature list")->required();
+    command.add_flag("--force", all.m_oApply.m_bForce, "Even if more than a fifth of the features go");
+    addChange(command, all.m_oApply);
+}
+
+void addUndo(CLI::App& command, SOptions& all) {
+    addChange(command, all.m_oUndo);
+}
+
 // A column of the help.
 std::string exitStatuses() {
     std::string text = "Exit status:\n";
@@ -204,6 +226,10 @@ constexpr SCommand aCommands[] = {
      [](const SOptions& options) { return runWait(options.m_oWait); }},
     {"check", "Check a feature list, a description file, or both, without a daemon.", addCheck,
      [](const SOptions& options) { return runCheck(options.m_oCheck); }},
+    {"apply", "Put a feature list in place, if it is good and meant.", addApply,
+     [](const SOptions& options) { return runApply(options.m_oApply); }},
+    {"undo", "Go back to the list before the latest apply.", addUndo,
+     [](const SOptions& options) { return runUndo(options.m_oUndo); }},
     {"component", "Be a component: print every message, answer as told.", addComponent,
      [](const SOptions& options) { return runComponent(options.m_oComponent); }},
     {"help", "Print this, or the help of a command.", addHelp, nullptr},

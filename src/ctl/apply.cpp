@@ -1,0 +1,201 @@
+// qelctl apply, qelctl undo
+#include "ctl/CListStore.h"
+#include "ctl/apply_report.h"
+#include "ctl/commands.h"
+#include "ctl/terminal.h"
+#include "source/list/whole_file.h"
+
+#include <cstdlib>
+#include <filesystem>
+#include <fmt/format.h>
+#include <optional>
+
+namespace {
+
+// A list that was cut off, or is another appliance's, withdraws much that was not meant.
+constexpr size_t nGuardedPart = 5;
+
+std::string listPath(const std::string& option) {
+    const char* path = std::getenv("QEL_FEATURE_LIST");
+    const bool isSet = path != nullptr && *path != '\0';
+    return !option.empty() ? option : isSet ? path : QEL_FEATURE_LIST;
+}
+
+// A file as it was at one moment, checked: what is put in place is exactly what was checked.
+struct SListFile {
+    explicit SListFile(const std::string& path) {
+        SWholeFile file = readWholeFile(path, nMaxListFileSize);
+        m_sText = std::move(file.m_sText);
+        if (file.m_sError.empty()) {
+            m_oList = parseFeatureList(m_sText);
+        } else {
+            m_bRead = false;
+            m_oList.add({0, std::move(file.m_sError)});
+        }
+    }
+    bool m_bRead = true;
+    std::string m_sText;
+    SFeatureList m_oList;
+};
+
+// One run of either command.
+class CListUpdate {
+public:
+    CListUpdate(const SApplyOptions& options, bool isUndo)
+        : m_oOptions(options), m_bUndo(isUndo), m_oStore(listPath(options.m_sList)) {
+        m_oReport.m_sFile = options.m_sFile;
+        m_oReport.m_sList = m_oStore.path();
+    }
+    int run();
+
+private:
+    EApplyResult attempt();
+    bool readNew();
+    bool readBefore();
+    void compare();
+    bool isMeant();
+    EApplyResult carryOut();
+    bool complainOf(std::string error);
+    void tell(const std::string& text) const;
+
+    const SApplyOptions& m_oOptions;
+    const bool m_bUndo;
+    CListStore m_oStore;
+    std::optional<SListFile> m_oBefore; // nothing: there is no list in place
+    std::optional<SListFile> m_oAfter;
+    std::optional<CListChange> m_oChange;
+    SApplyReport m_oReport;
+};
+
+int CListUpdate::run() {
+    m_oReport.m_eResult = attempt();
+    if (m_oOptions.m_bJson) {
+        printApplyJson(m_oReport);
+    }
+    return m_oReport.m_eResult < EApplyResult::refused ? exitOk : exitFailed;
+}
+
+// Locked before anything is read: what is compared is what is replaced.
+EApplyResult CListUpdate::attempt() {
+    if (std::string trouble = m_oOptions.m_bDryRun ? "" : m_oStore.lock(); !trouble.empty()) {
+        complainOf(std::move(trouble));
+        return EApplyResult::failed;
+    }
+    if (!readNew()) {
+        return EApplyResult::refused;
+    }
+    if (!readBefore()) {
+        return EApplyResult::failed;
+    }
+    compare();
+    if (!isMeant()) {
+        return EApplyResult::refused;
+    }
+    return carryOut();
+}
+
+bool CListUpdate::readNew() {
+    if (m_bUndo) {
+        const std::optional<int> number = m_oStore.latest();
+        if (!number) {
+            return complainOf(fmt::format("no list before {} is kept", m_oStore.path()));
+        }
+        m_oReport.m_sFile = m_oStore.kept(*number);
+    }
+    m_oAfter.emplace(m_oReport.m_sFile);
+    m_oReport.m_oFaults = m_oAfter->m_oList;
+    if (m_oAfter->m_oList.isGood()) {
+        return true;
+    }
+    printFaults(m_oReport.m_sFile, m_oAfter->m_oList);
+    return !m_bUndo ? false
+                    : complainOf(fmt::format("the daemon would refuse {}; to go further back, remove it",
+                                             m_oReport.m_sFile));
+}
+
+// A list in place that is faulty is not in force: that can be replaced by anything.
+bool CListUpdate::readBefore() {
+    std::error_code error;
+    if (const auto type = std::filesystem::symlink_status(m_oStore.path(), error).type();
+        type == std::filesystem::file_type::not_found) {
+        return true;
+    }
+    m_oBefore.emplace(m_oStore.path());
+    if (!m_oBefore->m_bRead) {
+        return complainOf(printListError(m_oStore.path(), m_oBefore->m_oList.m_vErrors.at(0)));
+    }
+    if (!m_oBefore->m_oList.isGood()) {
+        complain(fmt::format("{} has {}: there is nothing to compare with", m_oStore.path(),
+                             counted(m_oBefore->m_oList.m_nErrors, "fault")));
+        m_oBefore->m_oList.m_vFeatures.clear();
+    }
+    return true;
+}
+
+void CListUpdate::compare() {
+    static const std::vector<SFeatureRecord> none;
+    const auto& before = m_oBefore ? m_oBefore->m_oList.m_vFeatures : none;
+    m_oChange.emplace(before, m_oAfter->m_oList.m_vFeatures);
+    m_oReport.m_pChange = &*m_oChange;
+    m_oReport.m_nBefore = before.size();
+    m_oReport.m_nAfter = m_oAfter->m_oList.m_vFeatures.size();
+    if (!m_oOptions.m_bQuiet && !m_oOptions.m_bJson) {
+        printChange(*m_oChange);
+    }
+}
+
+// To go back is meant: what it withdraws, an apply has brought.
+bool CListUpdate::isMeant() {
+    const size_t withdrawn = m_oChange->withdrawn();
+    if (m_bUndo || m_oOptions.m_bForce || withdrawn * nGuardedPart <= m_oReport.m_nBefore) {
+        return true;
+    }
+    return complainOf(fmt::format("{} of {} would be withdrawn, more than a fifth: nothing was changed "
+                                  "(--force does it)",
+                                  withdrawn, counted(m_oReport.m_nBefore, "feature")));
+}
+
+EApplyResult CListUpdate::carryOut() {
+    if (m_oOptions.m_bDryRun) {
+        tell("nothing was changed (--dry-run)");
+        return EApplyResult::dryRun;
+    }
+    const bool isSame = m_oBefore && m_oBefore->m_sText == m_oAfter->m_sText;
+    if (isSame && !m_bUndo) {
+        tell(fmt::format("{} is like that already", m_oStore.path()));
+        return EApplyResult::unchanged;
+    }
+    std::string trouble = m_bUndo
+                              ? m_oStore.goBack()
+                              : m_oStore.put(m_oAfter->m_sText, m_oBefore ? &m_oBefore->m_sText : nullptr);
+    if (!trouble.empty()) {
+        complainOf(std::move(trouble));
+        return EApplyResult::failed;
+    }
+    tell(m_bUndo ? fmt::format("{} is now what {} was", m_oStore.path(), m_oReport.m_sFile)
+                 : fmt::format("{} is in place", m_oStore.path()));
+    return EApplyResult::applied;
+}
+
+// False, for the caller to return.
+bool CListUpdate::complainOf(std::string error) {
+    complain(error);
+    m_oReport.m_sError = std::move(error);
+    return false;
+}
+
+void CListUpdate::tell(const std::string& text) const {
+    if (!m_oOptions.m_bQuiet && !m_oOptions.m_bJson) {
+        fmt::print("{}\n", text);
+    }
+}
+
+} // namespace
+
+int runApply(const SApplyOptions& options) {
+    return CListUpdate(options, false).run();
+}
+
+int runUndo(const SApplyOptions& options) {
+    return CListUpdate(options, true).run();
+}

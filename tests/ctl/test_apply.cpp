@@ -1,0 +1,178 @@
+// qelctl apply and undo, as an operator uses them.
+#include "support/files.h"
+
+#include <fmt/format.h>
+#include <set>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+
+std::string feature(uint32_t code, uint32_t data, const std::string& more = "components = ['Voice']") {
+    return fmt::format("[[feature]]\ncode = {}\ndata = {}\n{}\n", code, data, more);
+}
+
+// Features 1:`data` to 5:`data`.
+std::string five(uint32_t data) {
+    std::string list;
+    for (uint32_t code = 1; code <= 5; ++code) {
+        list += feature(code, data);
+    }
+    return list;
+}
+
+class CApply : public testing::Test {
+protected:
+    CApply() {
+        setenv("QEL_FEATURE_LIST", m_sList.c_str(), 1);
+        unsetenv("QEL_DESCRIPTION");
+    }
+    // What it prints, without the status 0, and the directory's name cut out of it.
+    std::string run(const std::string& arguments, const std::string& before = "") const {
+        std::string output = ::attempt(before + QEL_CTL " " + arguments);
+        for (const std::string& part : {m_oDirectory.path() + "/", std::string("status 0\n")}) {
+            for (size_t at = output.find(part); at != output.npos; at = output.find(part)) {
+                output.erase(at, part.size());
+            }
+        }
+        return output;
+    }
+    std::string apply(const std::string& list, const std::string& options = "",
+                      const char* before = "") const {
+        put(m_oDirectory.file("new"), list);
+        return run("apply " + m_oDirectory.file("new") + " " + options, before);
+    }
+    std::string kept(int number) const { return m_sList + "." + std::to_string(number); }
+    size_t filesLeft() const { // lists, the new one and that in place included
+        return static_cast<size_t>(
+            std::distance(std::filesystem::directory_iterator(m_oDirectory.path()), {}));
+    }
+
+    const CTestDirectory m_oDirectory;
+    const std::string m_sList = m_oDirectory.file("list");
+};
+
+TEST_F(CApply, TellsWhatChangesForWhom) {
+    const std::string kept = "components = ['Voice', 'Gateway']\nsourced = true";
+    const std::string before = feature(1, 1) + feature(2, 5, kept) + feature(3, 1, kept) + feature(4, 1) +
+                               feature(4, 2) + feature(5, 1) + feature(6, 1) + feature(7, 1);
+    const std::string after = feature(2, 6, kept) + feature(3, 1, "components = ['Voice', 'Door']") +
+                              feature(4, 2) + feature(4, 3) + feature(5, 0) + feature(6, 1) +
+                              feature(7, 1, "components = ['Voice']\nsourced = true") + feature(8, 1, kept);
+    put(m_sList, before);
+    EXPECT_EQ(
+        apply(after, "--dry-run --force"),
+        "~ 2: 5 -> 6 (Voice, Gateway)\n~ 3:1 (+Door, -Gateway), no longer sourced\n+ 4:3 (Voice)\n"
+        "~ 5: 1 -> 0 (Voice)\n~ 7:1, now sourced\n+ 8:1 (Voice, Gateway)\n- 1:1 (Voice)\n- 4:1 (Voice)\n"
+        "2 added, 2 withdrawn, 4 changed: 3 components told of 7 features; "
+        "3 without 'sourced' told again\nnothing was changed (--dry-run)\n");
+    EXPECT_EQ(apply(feature(4, 9), "--dry-run --force").substr(0, 41),
+              "~ 4: 1 -> 9 (Voice)\n- 1:1 (Voice)\n- 2:5 (");
+    EXPECT_EQ(apply(before + "# a comment", "--dry-run"),
+              "no feature changes\nnothing was changed (--dry-run)\n");
+    EXPECT_EQ(contents(m_sList), before);
+    EXPECT_EQ(filesLeft(), 2u);
+}
+
+TEST_F(CApply, KeepsFiveListsAndGoesBackOneByOne) {
+    EXPECT_EQ(run("undo"), "qelctl: no list before list is kept\nstatus 1\n");
+    EXPECT_PRED_FORMAT2(testing::IsSubstring, "list is in place\n", apply(five(1)));
+    EXPECT_EQ(filesLeft(), 2u) << "there was nothing to keep";
+    ASSERT_EQ(chmod(m_sList.c_str(), 0640), 0);
+    static_cast<void>(chown(m_sList.c_str(), 1234, 1234)); // where the test may
+    struct stat mine {};
+    ASSERT_EQ(stat(m_sList.c_str(), &mine), 0);
+    for (uint32_t data = 2; data <= 8; ++data) {
+        EXPECT_EQ(apply(five(data), "-q"), "");
+    }
+    EXPECT_EQ(apply(five(8), "-q"), "") << "the same again, which is not kept";
+    EXPECT_EQ(filesLeft(), 7u);
+    std::filesystem::remove(kept(3)); // 5:5
+    for (uint32_t data : {7U, 6U, 4U, 3U}) {
+        struct stat now {};
+        ASSERT_EQ(stat(m_sList.c_str(), &now), 0);
+        EXPECT_TRUE(now.st_mode == mine.st_mode && now.st_uid == mine.st_uid && now.st_gid == mine.st_gid);
+        EXPECT_EQ(run("undo -q"), "");
+        EXPECT_EQ(contents(m_sList), five(data));
+    }
+    EXPECT_EQ(run("undo -q"), "qelctl: no list before list is kept\nstatus 1\n");
+    EXPECT_EQ(filesLeft(), 2u);
+}
+
+TEST_F(CApply, WhatIsBadOrNotMeantIsToldAndChangesNothing) {
+    put(m_sList, five(1));
+    const std::string told = apply("[[feature]]\ncode = -1\ndata = 1\ncomponents = []\nname = 5\n");
+    EXPECT_TRUE(told.starts_with("new:2: ") && told.ends_with("status 1\n"));
+    EXPECT_EQ(told, run("check " + m_oDirectory.file("new")));
+    EXPECT_PRED_FORMAT2(testing::IsSubstring,
+                        "other: cannot be read: ", run("apply " + m_oDirectory.file("other")));
+    const std::string three = feature(1, 1) + feature(2, 1) + feature(3, 1);
+    EXPECT_EQ(apply(three, "-q"), "qelctl: 2 of 5 features would be withdrawn, more than a fifth: nothing "
+                                  "was changed (--force does it)\nstatus 1\n");
+    EXPECT_PRED_FORMAT2(testing::IsSubstring, "\"result\": \"refused\"", apply(three, "--json --dry-run"));
+    EXPECT_EQ(contents(m_sList), five(1));
+    EXPECT_EQ(apply(three + feature(4, 1), "-q"), "") << "a fifth, and not more";
+    put(m_sList, "[[feature]");
+    EXPECT_PRED_FORMAT2(testing::IsSubstring, "list has 1 fault: ", apply(five(2)));
+    put(kept(1), "no list");
+    EXPECT_PRED_FORMAT2(testing::IsSubstring, "refuse list.1; to go further back", run("undo"));
+    EXPECT_EQ(contents(m_sList), five(2));
+}
+
+TEST_F(CApply, AStepThatFailsLeavesTheListInPlaceAndIsNamed) {
+    const std::string full = "trap '' XFSZ; ulimit -f 1; ";
+    const struct {
+        std::string m_sObstacle, m_sBefore, m_sTelling;
+    } aCases[] = {
+        {"", full, "cannot write list.new: "},
+        {"list.new", "", "cannot create list.new: "},
+        {"list.1.new", "", "cannot create list.1.new: "},
+        {"list.5", "", "cannot move to list.5 what is list.4: Is a directory"},
+    };
+    const std::string before = five(1) + "#" + std::string(2000, '#');
+    for (const auto& one : aCases) {
+        SCOPED_TRACE(one.m_sTelling);
+        std::filesystem::remove_all(m_oDirectory.path());
+        std::filesystem::create_directories(m_oDirectory.file(one.m_sObstacle + "/in the way"));
+        put(m_sList, before);
+        for (int number = 1; number <= 4; ++number) {
+            put(kept(number), five(100 + static_cast<uint32_t>(number)));
+        }
+        const std::string told = apply(five(2) + before.substr(five(1).size()), "-q", one.m_sBefore.c_str());
+        EXPECT_PRED_FORMAT2(testing::IsSubstring, one.m_sTelling, told);
+        EXPECT_EQ(contents(m_sList), before);
+        EXPECT_FALSE(std::filesystem::is_regular_file(m_sList + ".new"));
+    }
+}
+
+// Whoever looks meanwhile finds a whole list, and in the end every list is kept once.
+TEST_F(CApply, SeveralAtATimeDoNotMix) {
+    put(m_sList, five(100));
+    std::filesystem::create_symlink("list", m_oDirectory.file("link"));
+    std::string line;
+    for (uint32_t data = 1; data <= 5; ++data) {
+        const std::string file = m_oDirectory.file("new" + std::to_string(data));
+        put(file, five(data));
+        line += fmt::format("{} apply -q {} {} & ", QEL_CTL, file,
+                            data % 2 == 0 ? "--list " + m_oDirectory.file("link") : "");
+    }
+    std::string told;
+    std::thread appliers([&] { told = ::attempt(line + "wait"); });
+    for (std::string list = contents(m_sList); list == five(100); list = contents(m_sList)) {
+    }
+    for (int look = 0; look < 1000; ++look) {
+        ASSERT_EQ(contents(m_sList).size(), five(1).size());
+    }
+    appliers.join();
+    EXPECT_EQ(told, "status 0\n");
+    EXPECT_TRUE(std::filesystem::is_symlink(m_oDirectory.file("link")));
+    std::set<std::string> lists = {contents(m_sList)};
+    for (int number = 1; number <= 5; ++number) {
+        lists.insert(contents(kept(number)));
+    }
+    EXPECT_EQ(lists.size(), 6u);
+    EXPECT_EQ(contents(kept(5)), five(100));
+}
+
+} // namespace
