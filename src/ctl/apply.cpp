@@ -2,6 +2,7 @@
 #include "ctl/CListStore.h"
 #include "ctl/apply_report.h"
 #include "ctl/commands.h"
+#include "ctl/list_errors.h"
 #include "ctl/terminal.h"
 #include "source/list/whole_file.h"
 
@@ -43,6 +44,7 @@ class CListUpdate {
 public:
     CListUpdate(const SApplyOptions& options, bool isUndo)
         : m_oOptions(options), m_bUndo(isUndo), m_oStore(listPath(options.m_sList)) {
+        m_oReport.m_szCommand = isUndo ? "undo" : "apply";
         m_oReport.m_sFile = options.m_sFile;
         m_oReport.m_sList = m_oStore.path();
     }
@@ -107,7 +109,7 @@ bool CListUpdate::readNew() {
     if (m_oAfter->m_oList.isGood()) {
         return true;
     }
-    printFaults(m_oReport.m_sFile, m_oAfter->m_oList);
+    printErrors(m_oReport.m_sFile, m_oAfter->m_oList.m_vErrors, m_oAfter->m_oList.m_nErrors);
     return !m_bUndo ? false
                     : complainOf(fmt::format("the daemon would refuse {}; to go further back, remove it",
                                              m_oReport.m_sFile));

@@ -81,16 +81,6 @@ json jsonOf(const SFeatureChange& change, std::string_view name) {
 
 } // namespace
 
-void printFaults(const std::string& path, const SFeatureList& list) {
-    for (const SListError& error : list.m_vErrors) {
-        fmt::print(stderr, "{}\n", paint(printListError(path, error), EColour::red, stderr));
-    }
-    if (list.m_nErrors > list.m_vErrors.size()) {
-        const std::string more = counted(list.m_nErrors - list.m_vErrors.size(), "more error");
-        fmt::print(stderr, "{}\n", paint(fmt::format("{}: {}", path, more), EColour::red, stderr));
-    }
-}
-
 void printChange(const CListChange& change) {
     if (change.isNothing()) {
         fmt::print("no feature changes\n");
@@ -110,7 +100,9 @@ void printChange(const CListChange& change) {
 }
 
 void printApplyJson(const SApplyReport& report) {
-    json document = {{"file", report.m_sFile},
+    json document = {{"schema", 1},
+                     {"command", report.m_szCommand},
+                     {"file", report.m_sFile},
                      {"list", report.m_sList},
                      {"result", aResultWords[static_cast<size_t>(report.m_eResult)]},
                      {"error", report.m_sError},

@@ -15,6 +15,7 @@ enum class EApplyResult {
 };
 
 struct SApplyReport {
+    const char* m_szCommand = "";
     std::string m_sFile; // the new list
     std::string m_sList; // the list in place
     EApplyResult m_eResult = EApplyResult::failed;
@@ -25,13 +26,10 @@ struct SApplyReport {
     const CListChange* m_pChange = nullptr; // null: it did not come to that
 };
 
-// Every fault that was kept, and how many there are beyond those, on stderr.
-void printFaults(const std::string& path, const SFeatureList& list);
-
 // A line for each change, and one that sums up.
 void printChange(const CListChange& change);
 
-// One object, as docs/json.md has it.
+// One object, as docs/feature-list.md has it.
 void printApplyJson(const SApplyReport& report);
 
 #endif

@@ -3,6 +3,7 @@
 #include "ctl/check_names.h"
 #include "ctl/commands.h"
 #include "ctl/json.h"
+#include "ctl/list_errors.h"
 #include "ctl/terminal.h"
 #include "source/list/feature_list.h"
 #include "source/list/whole_file.h"
@@ -69,18 +70,8 @@ SChecked checkNames(const std::string& path, const std::vector<SFeatureRecord>& 
     return checked;
 }
 
-// Errors to stderr, summaries to stdout. There may be more errors than were kept.
 void print(const SChecked& checked, bool isQuiet) {
-    const auto complainOf = [](const std::string& text) {
-        fmt::print(stderr, "{}\n", paint(text, EColour::red, stderr));
-    };
-    for (const SListError& error : checked.m_vErrors) {
-        complainOf(printListError(checked.m_sPath, error));
-    }
-    if (checked.m_nErrors > checked.m_vErrors.size()) {
-        complainOf(fmt::format("{}: {}", checked.m_sPath,
-                               counted(checked.m_nErrors - checked.m_vErrors.size(), "more error")));
-    }
+    printErrors(checked.m_sPath, checked.m_vErrors, checked.m_nErrors);
     if (checked.isGood() && !isQuiet) {
         fmt::print("{}: good, {}\n", checked.m_sPath, checked.m_sSummary);
     }

@@ -1,0 +1,15 @@
+#include "ctl/list_errors.h"
+
+#include "ctl/terminal.h"
+
+#include <fmt/format.h>
+
+void printErrors(const std::string& path, std::span<const SListError> errors, size_t all) {
+    for (const SListError& error : errors) {
+        fmt::print(stderr, "{}\n", paint(printListError(path, error), EColour::red, stderr));
+    }
+    if (all > errors.size()) {
+        const std::string more = counted(all - errors.size(), "more error");
+        fmt::print(stderr, "{}\n", paint(fmt::format("{}: {}", path, more), EColour::red, stderr));
+    }
+}
