@@ -11,6 +11,13 @@
 
 namespace {
 
+// Of a name that nobody gives to a file of their own, since what is there is written over.
+std::string temporaryFor(const std::string& path) {
+    const size_t slash = path.rfind('/');
+    const size_t name = slash == std::string::npos ? 0 : slash + 1;
+    return path.substr(0, name) + "." + path.substr(name) + ".partial";
+}
+
 bool writeAll(int fd, std::string_view text) {
     while (!text.empty()) {
         const ssize_t count = ::write(fd, text.data(), text.size());
@@ -44,7 +51,7 @@ std::string failure(std::string_view what, std::string_view path) {
 }
 
 CFileReplacement::CFileReplacement(std::string path)
-    : m_sPath(std::move(path)), m_sTemporary(m_sPath + ".new") {}
+    : m_sPath(std::move(path)), m_sTemporary(temporaryFor(m_sPath)) {}
 
 CFileReplacement::~CFileReplacement() {
     if (m_bWritten) {

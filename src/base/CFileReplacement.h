@@ -7,7 +7,7 @@
 #include <string_view>
 #include <sys/stat.h>
 
-// Order of calls: write(), then publish(). The text is written beside the file, as PATH.new. One that is not
+// Order of calls: write(), then publish(). The text is written beside the file, as .NAME.partial. One that is not
 // published goes with the object; one that a power failure has left is written over by the next. So there
 // must be one writer of a path at a time, which is the callers' to see to.
 //

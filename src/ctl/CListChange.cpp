@@ -1,9 +1,9 @@
 #include "ctl/CListChange.h"
 
+#include "source/list/list_changes.h"
+
 #include <algorithm>
-#include <unordered_map>
 #include <unordered_set>
-#include <utility>
 
 namespace {
 
@@ -22,42 +22,6 @@ const CNames& namesOf(const SFeatureRecord* record) {
     static const CNames none;
     return record != nullptr ? record->m_vComponents : none;
 }
-
-uint64_t pairOf(const SFeatureRecord& record) {
-    return uint64_t{record.m_nCode} << 32 | record.m_nData;
-}
-
-bool isSame(const SFeatureRecord& one, const SFeatureRecord& other) {
-    return pairOf(one) == pairOf(other) && one.m_bSourced == other.m_bSourced &&
-           one.m_vComponents == other.m_vComponents;
-}
-
-// Which record of the list before stands for each of the new one.
-class CMatching {
-public:
-    CMatching(const std::vector<SFeatureRecord>& before, const std::vector<SFeatureRecord>& after) {
-        for (const SFeatureRecord& record : before) {
-            m_oByPair.emplace(pairOf(record), &record);
-            m_oFirstOfCode.emplace(record.m_nCode, &record);
-        }
-        for (const SFeatureRecord& record : after) {
-            ++m_oUses[record.m_nCode];
-        }
-    }
-    // Null: the feature is new.
-    const SFeatureRecord* find(const SFeatureRecord& after) const {
-        if (const auto same = m_oByPair.find(pairOf(after)); same != m_oByPair.end()) {
-            return same->second;
-        }
-        const auto first = m_oFirstOfCode.find(after.m_nCode);
-        return m_oUses.at(after.m_nCode) == 1 && first != m_oFirstOfCode.end() ? first->second : nullptr;
-    }
-
-private:
-    std::unordered_map<uint64_t, const SFeatureRecord*> m_oByPair;
-    std::unordered_map<uint32_t, const SFeatureRecord*> m_oFirstOfCode;
-    std::unordered_map<uint32_t, size_t> m_oUses; // of a code in the new list
-};
 
 } // namespace
 
@@ -86,11 +50,11 @@ CNames SFeatureChange::told() const {
 
 CListChange::CListChange(const std::vector<SFeatureRecord>& before,
                          const std::vector<SFeatureRecord>& after) {
-    m_bNothing = std::equal(before.begin(), before.end(), after.begin(), after.end(), isSame);
+    m_bNothing = isSameList(before, after);
     if (m_bNothing) {
         return;
     }
-    const CMatching matching(before, after);
+    const CFeatureMatching matching(before, after);
     std::unordered_set<const SFeatureRecord*> staying;
     for (const SFeatureRecord& record : after) {
         const SFeatureRecord* same = matching.find(record);

@@ -26,9 +26,8 @@ struct SFeatureChange {
     std::vector<std::string> told() const;
 };
 
-// Follows the rules of the hand-over: a feature is the same one if it has the same pair, and another value
-// for a code that the new list has once is a change of data. The lists must outlive the object. Linear in
-// the lists. Throws std::bad_alloc only.
+// A feature is the same one by the rules of CFeatureMatching. The lists must outlive the object. Linear in the
+// lists. Throws std::bad_alloc only.
 class CListChange {
 public:
     CListChange(const std::vector<SFeatureRecord>& before, const std::vector<SFeatureRecord>& after);

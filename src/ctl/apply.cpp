@@ -4,23 +4,15 @@
 #include "ctl/commands.h"
 #include "ctl/list_errors.h"
 #include "ctl/terminal.h"
+#include "source/list/list_changes.h"
+#include "source/list/list_paths.h"
 #include "source/list/whole_file.h"
 
-#include <cstdlib>
 #include <filesystem>
 #include <fmt/format.h>
 #include <optional>
 
 namespace {
-
-// A list that was cut off, or is another appliance's, withdraws much that was not meant.
-constexpr size_t nGuardedPart = 5;
-
-std::string listPath(const std::string& option) {
-    const char* path = std::getenv("QEL_FEATURE_LIST");
-    const bool isSet = path != nullptr && *path != '\0';
-    return !option.empty() ? option : isSet ? path : QEL_FEATURE_LIST;
-}
 
 // A file as it was at one moment, checked: what is put in place is exactly what was checked.
 struct SListFile {
@@ -43,7 +35,8 @@ struct SListFile {
 class CListUpdate {
 public:
     CListUpdate(const SApplyOptions& options, bool isUndo)
-        : m_oOptions(options), m_bUndo(isUndo), m_oStore(listPath(options.m_sList)) {
+        : m_oOptions(options), m_bUndo(isUndo),
+          m_oStore(options.m_sList.empty() ? featureListPath() : options.m_sList) {
         m_oReport.m_szCommand = isUndo ? "undo" : "apply";
         m_oReport.m_sFile = options.m_sFile;
         m_oReport.m_sList = m_oStore.path();
@@ -53,7 +46,9 @@ public:
 private:
     EApplyResult attempt();
     bool readNew();
+    bool isGood();
     bool readBefore();
+    void readKept();
     void compare();
     bool isMeant();
     EApplyResult carryOut();
@@ -65,6 +60,7 @@ private:
     CListStore m_oStore;
     std::optional<SListFile> m_oBefore; // nothing: there is no list in place
     std::optional<SListFile> m_oAfter;
+    std::vector<SFeatureRecord> m_vInForce;
     std::optional<CListChange> m_oChange;
     SApplyReport m_oReport;
 };
@@ -89,6 +85,10 @@ EApplyResult CListUpdate::attempt() {
     if (!readBefore()) {
         return EApplyResult::failed;
     }
+    findUndeliverable(m_vInForce, m_oAfter->m_oList);
+    if (!isGood()) {
+        return EApplyResult::refused;
+    }
     compare();
     if (!isMeant()) {
         return EApplyResult::refused;
@@ -105,42 +105,61 @@ bool CListUpdate::readNew() {
         m_oReport.m_sFile = m_oStore.kept(*number);
     }
     m_oAfter.emplace(m_oReport.m_sFile);
-    m_oReport.m_oFaults = m_oAfter->m_oList;
-    if (m_oAfter->m_oList.isGood()) {
+    return isGood();
+}
+
+bool CListUpdate::isGood() {
+    const SFeatureList& list = m_oAfter->m_oList;
+    if (list.isGood()) {
         return true;
     }
-    printErrors(m_oReport.m_sFile, m_oAfter->m_oList.m_vErrors, m_oAfter->m_oList.m_nErrors);
+    m_oReport.m_oFaults = list;
+    printErrors(m_oReport.m_sFile, list.m_vErrors, list.m_nErrors);
     return !m_bUndo ? false
                     : complainOf(fmt::format("the daemon would refuse {}; to go further back, remove it",
                                              m_oReport.m_sFile));
 }
 
-// A list in place that is faulty is not in force: that can be replaced by anything.
 bool CListUpdate::readBefore() {
     std::error_code error;
     if (const auto type = std::filesystem::symlink_status(m_oStore.path(), error).type();
-        type == std::filesystem::file_type::not_found) {
-        return true;
+        type != std::filesystem::file_type::not_found) {
+        m_oBefore.emplace(m_oStore.path());
     }
-    m_oBefore.emplace(m_oStore.path());
-    if (!m_oBefore->m_bRead) {
+    if (m_oBefore && !m_oBefore->m_bRead) {
         return complainOf(printListError(m_oStore.path(), m_oBefore->m_oList.m_vErrors.at(0)));
     }
-    if (!m_oBefore->m_oList.isGood()) {
-        complain(fmt::format("{} has {}: there is nothing to compare with", m_oStore.path(),
-                             counted(m_oBefore->m_oList.m_nErrors, "fault")));
-        m_oBefore->m_oList.m_vFeatures.clear();
+    if (m_oBefore && m_oBefore->m_oList.isGood()) {
+        m_vInForce = std::move(m_oBefore->m_oList.m_vFeatures);
+    } else {
+        readKept();
     }
     return true;
 }
 
+// A list in place that is faulty is not in force. The daemon's own copy of the one that is can be had where
+// it is the daemon's list that is to be changed.
+void CListUpdate::readKept() {
+    const std::string directory = m_oOptions.m_sList.empty() ? stateDirectory() : "";
+    const std::string path = keptListPath(directory);
+    SFeatureList kept;
+    const bool isKept = !directory.empty() && (kept = readFeatureList(path)).isGood();
+    if (isKept) {
+        m_vInForce = std::move(kept.m_vFeatures);
+    }
+    if (m_oBefore || isKept) {
+        complain(fmt::format("{} is {}: {}", m_oStore.path(), m_oBefore ? "faulty" : "missing",
+                             isKept ? "compared with the list taken last, " + path
+                                    : "there is nothing to compare with"));
+    }
+}
+
 void CListUpdate::compare() {
-    static const std::vector<SFeatureRecord> none;
-    const auto& before = m_oBefore ? m_oBefore->m_oList.m_vFeatures : none;
-    m_oChange.emplace(before, m_oAfter->m_oList.m_vFeatures);
+    const std::vector<SFeatureRecord>& after = m_oAfter->m_oList.m_vFeatures;
+    m_oChange.emplace(m_vInForce, after);
     m_oReport.m_pChange = &*m_oChange;
-    m_oReport.m_nBefore = before.size();
-    m_oReport.m_nAfter = m_oAfter->m_oList.m_vFeatures.size();
+    m_oReport.m_nBefore = m_vInForce.size();
+    m_oReport.m_nAfter = after.size();
     if (!m_oOptions.m_bQuiet && !m_oOptions.m_bJson) {
         printChange(*m_oChange);
     }
@@ -149,7 +168,7 @@ void CListUpdate::compare() {
 // To go back is meant: what it withdraws, an apply has brought.
 bool CListUpdate::isMeant() {
     const size_t withdrawn = m_oChange->withdrawn();
-    if (m_bUndo || m_oOptions.m_bForce || withdrawn * nGuardedPart <= m_oReport.m_nBefore) {
+    if (m_bUndo || m_oOptions.m_bForce || !isMuch(withdrawn, m_oReport.m_nBefore)) {
         return true;
     }
     return complainOf(fmt::format("{} of {} would be withdrawn, more than a fifth: nothing was changed "

@@ -15,6 +15,7 @@ class CMediator;
 struct SLoaded {
     bool m_bNew = false;    // m_vList is a list to be handed over
     CFreshList m_vList;     // the caller owns the entries
+    std::string m_sText;    // of the file
     std::string m_sFailure; // not empty: the file could not be read, but may be with the next attempt
 };
 
@@ -33,12 +34,18 @@ public:
     // std::bad_alloc; the list accepted last is then still remembered, and the next attempt is a new one.
     SLoaded load(CMediator& mediator);
 
+    // Reads the list kept from an earlier run, from there. Before any other was accepted. If it is no good, why
+    // is in m_sFailure. Throws as load() does.
+    SLoaded loadKept(const std::string& path, CMediator& mediator);
+
+    bool hasAccepted() const { return m_bAccepted; }
+
     const std::string& path() const { return m_sPath; }
 
 private:
     // Logs the errors, at most 50 of them, and what that means for the list in force.
     void refuse(const SFeatureList& list) const;
-    void findUndeliverable(SFeatureList& list) const;
+    void accept(SFeatureList& list, CMediator& mediator, SLoaded& loaded);
     SFreshFeature build(const SFeatureRecord& record, CMediator& mediator);
 
     std::string m_sPath;

@@ -6,9 +6,9 @@
 #include "platform/mfw.h"
 #include "server/log/log.h"
 #include "source/events.h"
+#include "source/list/list_paths.h"
 
 #include <csignal>
-#include <cstdlib>
 #include <new>
 #include <system_error>
 #include <thread>
@@ -19,11 +19,6 @@ namespace {
 // appliance, and bounds how late a change is found that inotify does not report.
 constexpr int nRestPeriods = 4;
 constexpr uint32_t nNoteLength = 4; // bytes, without meaning
-
-std::string listPath() {
-    const char* path = std::getenv("QEL_FEATURE_LIST");
-    return path != nullptr && *path != '\0' ? path : QEL_FEATURE_LIST;
-}
 
 // While it lives, threads that are started inherit a mask with all signals blocked. The source's thread waits
 // for none: a signal must go to a thread that does, and not interrupt this one's reading.
@@ -54,12 +49,13 @@ void tellRestart() {
 } // namespace
 
 CFeatureSource& CFeatureSource::instance() {
-    static auto* const source = new CFeatureSource(listPath());
+    static auto* const source = new CFeatureSource(featureListPath(), stateDirectory());
     return *source;
 }
 
-CFeatureSource::CFeatureSource(std::string path, std::chrono::milliseconds period)
-    : m_oLoader(path), m_oWatch(std::move(path)), m_nPeriod(period), m_oReading(period) {}
+CFeatureSource::CFeatureSource(std::string path, std::string stateDirectory, std::chrono::milliseconds period)
+    : m_oLoader(path), m_oKept(std::move(stateDirectory)), m_oWatch(std::move(path)), m_nPeriod(period),
+      m_oReading(period) {}
 
 // Reads on the main thread: nothing is served before the first list is in force. Once the thread runs, the
 // loader is the thread's, so a second call (init() after a clear()) only tells whether there is a list.
@@ -69,7 +65,11 @@ bool CFeatureSource::supply(CQelControl& control) {
     }
     m_pControl = &control;
     m_oHandOver.emplace(control);
-    if (CMail mail = readList()) {
+    CMail mail = readList();
+    if (mail == nullptr && !m_oLoader.hasAccepted()) {
+        mail = readKept();
+    }
+    if (mail != nullptr) {
         deliver(std::move(mail));
     }
     return m_bInForce;
@@ -118,7 +118,10 @@ void CFeatureSource::watch() {
 // Work that is left keeps the waits short, so that the next note follows within a period. Notes are sent from
 // here, and not from the main loop to itself, because this thread has the clock for them anyway. While a writer
 // is at the file, an attempt that is due waits for him: the change brings it anyway.
+//
+// What was taken is kept at the begin of the next turn: the main loop need not wait for the disk.
 void CFeatureSource::turn() {
+    m_oKept.save();
     const bool isBusy = m_bNoted || m_oReading.isFailing() || !m_oWatch.isAtRest();
     const bool isChanged = m_oWatch.wait(isBusy ? m_nPeriod : nRestPeriods * m_nPeriod);
     const bool isDue = m_oReading.isDue(std::chrono::steady_clock::now()) && !m_oWatch.isChanging();
@@ -144,8 +147,12 @@ CFeatureSource::CMail CFeatureSource::readList() {
             if (m_oReading.succeed()) {
                 logEvent(svInfo, evTrouble, "feature list %s: reading works again", m_oLoader.path().c_str());
             }
+            if (!loaded.m_bNew) {
+                return nullptr;
+            }
             *mail = std::move(loaded.m_vList);
-            return loaded.m_bNew ? std::move(mail) : nullptr;
+            m_oKept.take(std::move(loaded.m_sText));
+            return mail;
         }
         failure = std::move(loaded.m_sFailure);
     } catch (const std::bad_alloc&) {
@@ -155,6 +162,29 @@ CFeatureSource::CMail CFeatureSource::readList() {
         logEvent(svError, evTrouble, "feature list %s: %s; trying again", m_oLoader.path().c_str(),
                  failure.c_str());
     }
+    return nullptr;
+}
+
+// Null if there is none. What is wrong with the operator's list has been told by then, so it is enough to say
+// what is done about it.
+CFeatureSource::CMail CFeatureSource::readKept() try {
+    if (!m_oKept.isThere()) {
+        return nullptr;
+    }
+    auto mail = std::make_unique<CFreshList>();
+    SLoaded loaded = m_oLoader.loadKept(m_oKept.path(), *m_pControl);
+    if (!loaded.m_bNew) {
+        logEvent(svWarning, evTrouble, "feature list: the one taken last cannot be used either: %s",
+                 loaded.m_sFailure.c_str());
+        return nullptr;
+    }
+    *mail = std::move(loaded.m_vList);
+    logEvent(svWarning, evListRefused, "feature list %s: the one taken last is used instead, %zu features",
+             m_oLoader.path().c_str(), mail->size());
+    return mail;
+} catch (const std::bad_alloc&) {
+    logEvent(svWarning, evTrouble, "feature list: the one taken last cannot be used either: %s",
+             "out of memory");
     return nullptr;
 }
 

@@ -5,6 +5,7 @@
 #include "features/CFeatureSupply.h"
 #include "source/CFeatureLoader.h"
 #include "source/CHandOver.h"
+#include "source/CKeptList.h"
 #include "source/CListWatch.h"
 #include "source/CRetry.h"
 
@@ -17,7 +18,7 @@
 
 class CQelControl;
 
-// The file is the one that QEL_FEATURE_LIST names in the environment, else the path compiled in.
+// The file is featureListPath() of source/list/list_paths.h.
 //
 // The source has a thread of its own, since reading a long list takes seconds, in which the main loop must
 // serve the components. The thread waits for changes, reads and checks the file, and builds the entries. It
@@ -30,14 +31,19 @@ class CQelControl;
 // file again, less and less often, and what the main loop could not hand over waits in the mailbox for the
 // next note. The log has one line when that begins. Nothing is thrown to the server, nor to the framework.
 //
+// The list taken last is kept in the state directory. A start that finds no usable list takes that one, and the
+// file when it has become good.
+//
 // The daemon has one object, and it lives until the process ends, as its thread does: any thread may end the
 // process at any moment, and must not destroy what another one uses.
 class CFeatureSource final : public CFeatureSupply {
 public:
     static CFeatureSource& instance();
 
-    // The period is how often the thread looks while there is something to do.
-    explicit CFeatureSource(std::string path, std::chrono::milliseconds period = std::chrono::seconds(1));
+    // Without a state directory no list is kept. The period is how often the thread looks while there is
+    // something to do.
+    explicit CFeatureSource(std::string path, std::string stateDirectory = "",
+                            std::chrono::milliseconds period = std::chrono::seconds(1));
 
     bool supply(CQelControl& control) override;
     void startWatching() override;
@@ -55,6 +61,7 @@ private:
     void startThread();
     [[noreturn]] void watch();
     CMail readList();
+    CMail readKept();
     CMail exchangeMail(CMail mail);
     bool isWorkLeft();
     void sendNote();
@@ -69,6 +76,7 @@ private:
 
     // The main thread's until the thread runs (it reads the first list), then the thread's alone.
     CFeatureLoader m_oLoader;
+    CKeptList m_oKept;
     CListWatch m_oWatch;
     std::chrono::milliseconds m_nPeriod;
     CRetry m_oReading;

@@ -7,11 +7,11 @@
 
 enum ESourceEvent : uint32_t {
     evListError = 31170,     // error: one fault of a list, with file and line
-    evListRefused = 31171,   // error: the list is not used; how many faults it has
+    evListRefused = 31171,   // error: the list is not used; warning: what is used instead
     evHandedOver = 31172,    // information: how many features, and the merge's result
     evListUnchanged = 31173, // information: the file changed, what it says did not
     evRestartNeeded = 31174, // warning: a feature takes effect with the appliance's next restart only
-    evWithdrawn = 31175,     // information: features, or components of one, were withdrawn, or data lowered
+    evWithdrawn = 31175,     // features, or components of one, went, or data was lowered; warning: many
     evHeldBack = 31176,      // information: components that are added to features later
     evPlaced = 31177,        // information: one feature brought in beside the merge
     evTrouble = 31178,       // a list cannot be watched, read or handed over, or can again; or its names

@@ -26,6 +26,7 @@ class CApply : public testing::Test {
 protected:
     CApply() {
         setenv("QEL_FEATURE_LIST", m_sList.c_str(), 1);
+        setenv("QEL_STATE_DIR", m_oDirectory.file("state").c_str(), 1);
         unsetenv("QEL_DESCRIPTION");
     }
     // What it prints, without the status 0, and the directory's name cut out of it.
@@ -113,8 +114,21 @@ TEST_F(CApply, WhatIsBadOrNotMeantIsToldAndChangesNothing) {
     EXPECT_PRED_FORMAT2(testing::IsSubstring, "\"result\": \"refused\"", apply(three, "--json --dry-run"));
     EXPECT_EQ(contents(m_sList), five(1));
     EXPECT_EQ(apply(three + feature(4, 1), "-q"), "") << "a fifth, and not more";
+    put(m_sList, feature(1, 5, "components = []\nsourced = true"));
+    EXPECT_EQ(
+        apply(feature(1, 0, "components = []\nsourced = true"), "-q"),
+        "new:1: the data of sourced feature 1 cannot change from 5 to 0: withdraw it with one list, bring "
+        "it back with the next\nstatus 1\n");
     put(m_sList, "[[feature]");
-    EXPECT_PRED_FORMAT2(testing::IsSubstring, "list has 1 fault: ", apply(five(2)));
+    std::filesystem::create_directory(m_oDirectory.file("state"));
+    put(m_oDirectory.file("state/features.toml"), five(1));
+    EXPECT_PRED_FORMAT2(
+        testing::IsSubstring,
+        "list is faulty: compared with the list taken last, state/features.toml\nqelctl: 2 of 5 ",
+        apply(three, "-q --dry-run"));
+    std::filesystem::remove_all(m_oDirectory.file("state"));
+    EXPECT_PRED_FORMAT2(testing::IsSubstring, "list is faulty: there is nothing to compare with",
+                        apply(five(2)));
     put(kept(1), "no list");
     EXPECT_PRED_FORMAT2(testing::IsSubstring, "refuse list.1; to go further back", run("undo"));
     EXPECT_EQ(contents(m_sList), five(2));
@@ -125,9 +139,9 @@ TEST_F(CApply, AStepThatFailsLeavesTheListInPlaceAndIsNamed) {
     const struct {
         std::string m_sObstacle, m_sBefore, m_sTelling;
     } aCases[] = {
-        {"", full, "cannot write list.new: "},
-        {"list.new", "", "cannot create list.new: "},
-        {"list.1.new", "", "cannot create list.1.new: "},
+        {"", full, "cannot write .list.partial: "},
+        {".list.partial", "", "cannot create .list.partial: "},
+        {".list.1.partial", "", "cannot create .list.1.partial: "},
         {"list.5", "", "cannot move to list.5 what is list.4: Is a directory"},
     };
     const std::string before = five(1) + "#" + std::string(2000, '#');
@@ -142,7 +156,7 @@ TEST_F(CApply, AStepThatFailsLeavesTheListInPlaceAndIsNamed) {
         const std::string told = apply(five(2) + before.substr(five(1).size()), "-q", one.m_sBefore.c_str());
         EXPECT_PRED_FORMAT2(testing::IsSubstring, one.m_sTelling, told);
         EXPECT_EQ(contents(m_sList), before);
-        EXPECT_FALSE(std::filesystem::is_regular_file(m_sList + ".new"));
+        EXPECT_FALSE(std::filesystem::is_regular_file(m_oDirectory.file(".list.partial")));
     }
 }
 

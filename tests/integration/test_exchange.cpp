@@ -52,6 +52,7 @@ TEST_F(CExchangeTest, ATypicalExchangeIsTheSameToTheByte) {
 }
 
 TEST_F(CExchangeTest, AChangedListIsTakenAndToldAndABadOneIsNot) {
+    setenv("QEL_STATE_DIR", file("state").c_str(), 1);
     startDaemon();
     EXPECT_EQ(featuresInForce(), (Features{{1, 1}}));
     EXPECT_EQ(countInLog(": failed to get Mfw Handle for anchor\n"), 1u) << "a list looks for the well-known";
@@ -65,6 +66,9 @@ TEST_F(CExchangeTest, AChangedListIsTakenAndToldAndABadOneIsNot) {
 
     writeList("\n[[feature]]\ncode = \"five\"\n");
     EXPECT_TRUE(eventually([&] { return countInLog("features.toml:3:") > 0; }));
+    EXPECT_EQ(featuresInForce(), (Features{{2, 7}, {3, 8}}));
+    stopDaemon();
+    startDaemon(); // with the bad one
     EXPECT_EQ(featuresInForce(), (Features{{2, 7}, {3, 8}}));
     stopDaemon();
 }

@@ -39,7 +39,7 @@ protected:
 
     CTestDirectory m_oDirectory;
     std::string m_sPath = m_oDirectory.file("list");
-    CFeatureSource m_oSource{m_sPath, 5ms};
+    CFeatureSource m_oSource{m_sPath, "", 5ms};
 };
 
 // None of them needs the file to change once more.
@@ -118,6 +118,75 @@ TEST_F(CSourceTest, AListStaysInTheMailboxUntilThereIsMemoryToHandItOver) {
     EXPECT_GT(nth, 5u);
     EXPECT_EQ(troubles(), (CTexts{"31178 no memory to hand it over; trying again",
                                   "31172 1 features, handed over (result 0)"}));
+}
+
+// The operator's list goes first as soon as it is usable; what is kept is of the daemon's own writing.
+TEST_F(CSourceTest, AStartWithoutAUsableListTakesTheOneTakenLast) {
+    const std::string kept = m_oDirectory.file("state/features.toml");
+    const auto start = [&](CFeatureSource& source) {
+        const bool isSupplied = source.supply(control());
+        source.turn();
+        return isSupplied;
+    };
+    write(1);
+    CFeatureSource first(m_sPath, m_oDirectory.file("state"), 5ms);
+    EXPECT_TRUE(start(first));
+    EXPECT_EQ(contents(kept), contents(m_sPath));
+    put(m_sPath, "x");
+    troubles();
+    CFeatureSource second(m_sPath, m_oDirectory.file("state"), 5ms);
+    EXPECT_TRUE(start(second));
+    EXPECT_EQ(troubles().at(2), "31171 the one taken last is used instead, 1 features");
+    EXPECT_EQ(contents(kept), "[[feature]]\ncode = 1\ndata = 1\ncomponents = ['Voice', 'Gateway']");
+    write(2);
+    for (int turn = 0; turn < 100 && contents(kept) != contents(m_sPath); ++turn) {
+        second.turn();
+    }
+    std::filesystem::remove(m_sPath);
+    CFeatureSource third(m_sPath, m_oDirectory.file("state"), 5ms);
+    EXPECT_TRUE(start(third));
+    EXPECT_NE(control().findFeatureByCodeData(1, 2), nullptr);
+    put(kept, "x");
+    troubles();
+    CFeatureSource fourth(m_sPath, m_oDirectory.file("state"), 5ms);
+    EXPECT_FALSE(start(fourth));
+    EXPECT_TRUE(troubles().at(2).starts_with("31178 the one taken last cannot be used either: "));
+}
+
+TEST_F(CSourceTest, WithoutAStateDirectoryItRunsOnAndSaysSoOnce) {
+    put(m_oDirectory.file("state"), "no directory");
+    CFeatureSource source(m_sPath, m_oDirectory.file("state"), 5ms);
+    write(1);
+    EXPECT_TRUE(source.supply(control()));
+    for (const uint32_t data : {2U, 3U, 4U}) {
+        source.turn();
+        write(data);
+        source.turn();
+    }
+    const auto lines = platform().logged(31178);
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_TRUE(lines[0].ends_with("state/.features.toml.partial: Not a directory")) << lines[0];
+}
+
+TEST_F(CSourceTest, AListThatWithdrawsMuchIsTakenAndTold) {
+    std::string list;
+    for (const uint32_t code : {1U, 2U, 3U, 4U, 5U}) {
+        list += fmt::format("[[feature]]\ncode = {}\ndata = 1\ncomponents = []\n", code);
+    }
+    put(m_sPath, list);
+    m_oSource.supply(control());
+    troubles();
+    for (const char* told :
+         {"31172 4 features, handed over (result 2)", "31175 withdraws 1 of 4 features, more than a fifth"}) {
+        list.erase(list.rfind("[[feature]]"));
+        put(m_sPath, list);
+        for (CTexts texts; texts.empty();) {
+            m_oSource.turn();
+            m_oSource.takeMail();
+            texts = troubles();
+            EXPECT_TRUE(texts.empty() || texts.at(0) == told) << texts.at(0);
+        }
+    }
 }
 
 // The source stays, as its thread does, and watches what is never there.

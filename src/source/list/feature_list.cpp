@@ -355,14 +355,18 @@ void SFeatureList::add(SListError error) {
     }
 }
 
-SFeatureList readFeatureList(const std::string& path) {
-    const SWholeFile file = readWholeFile(path, nMaxListFileSize);
-    if (file.m_sError.empty()) {
-        return parseFeatureList(file.m_sText);
-    }
+SFeatureList readFeatureList(const std::string& path, std::string* text) {
+    SWholeFile file = readWholeFile(path, nMaxListFileSize);
     SFeatureList list;
-    list.add({0, file.m_sError});
-    list.m_bPassing = file.m_bPassing;
+    if (file.m_sError.empty()) {
+        list = parseFeatureList(file.m_sText);
+    } else {
+        list.add({0, file.m_sError});
+        list.m_bPassing = file.m_bPassing;
+    }
+    if (text != nullptr) {
+        *text = std::move(file.m_sText);
+    }
     return list;
 }
 

@@ -44,7 +44,8 @@ inline constexpr size_t nMaxComponents = 256; // names of one feature
 
 // Reads the whole file, then checks it. A file that changes while it is read is read again; for that, and for
 // nothing else, it may wait: a tenth of a second at most. Any thread.
-[[nodiscard]] SFeatureList readFeatureList(const std::string& path);
+// `text`, if it is not null, gets what the file holds.
+[[nodiscard]] SFeatureList readFeatureList(const std::string& path, std::string* text = nullptr);
 
 // Checks a text as if it were a file's contents.
 [[nodiscard]] SFeatureList parseFeatureList(std::string_view text);
