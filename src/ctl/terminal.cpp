@@ -46,7 +46,7 @@ std::string printable(std::string_view text) {
     return clean;
 }
 
-std::string counted(size_t count, std::string_view noun) {
+std::string counted(uint64_t count, std::string_view noun) {
     return fmt::format("{} {}{}", count, noun, count == 1 ? "" : "s");
 }
 

@@ -3,6 +3,7 @@
 #define QEL_CTL_TERMINAL_H
 
 #include <cstdint>
+#include <cstdint>
 #include <cstdio>
 #include <string>
 #include <string_view>
@@ -18,7 +19,7 @@ std::string paint(std::string_view text, EColour colour, FILE* stream);
 std::string printable(std::string_view text);
 
 // "1 feature", "2 features".
-std::string counted(size_t count, std::string_view noun);
+std::string counted(uint64_t count, std::string_view noun);
 
 // Columns that a line of the stream may have: the terminal's; COLUMNS in the environment goes before it. 0: as
 // many as it takes.
