@@ -41,8 +41,10 @@ TEST_F(CRealDaemon, EveryDifferenceIsToldOnceByNotificationFetchOrRestart) {
     start({{1, 1}, {2, 2}, {4, 1}, {5, 1}});
     expectTold("enable 5:1, modify 2:1>2, disable 3:1, ");
     EXPECT_EQ(qel_monitor(m_pClient, nLong), 0);
-    writeList(feature(1, 1, "Voice") + feature(2, 2, "Voice") + feature(6, 1, "Voice"));
+    writeList(feature(1, 1, "Voice") + feature(2, 2, "Voice") + feature(6, 1, "Voice") +
+              feature(7, 1, "Nobody", "sourced = true"));
     expectTold("disable 4:1, disable 5:1, enable 6:1, "); // by the daemon's audits
+    EXPECT_PRED_FORMAT2(::testing::IsSubstring, "; 1 sourced feature is not shown", control("list"));
     EXPECT_EQ(qel_shutdown(m_pClient, "bye"), 0);
     EXPECT_TRUE(eventually([this] { return countInLog(": ShutdownMsgType (1 bye)\n") == 1; }));
 }
