@@ -23,6 +23,7 @@ public:
     // Waits until no other process changes the lists of this directory. Until the object goes, which leaves
     // nothing behind.
     [[nodiscard]] std::string lock();
+    void unlock() { m_oLock.close(); }
 
     // Puts the text in place, with owner and mode of the list there. `before` is that one's text, kept as
     // PATH.1 unless it is there already; null: there is no list yet.

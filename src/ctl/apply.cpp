@@ -52,6 +52,7 @@ private:
     void compare();
     bool isMeant();
     EApplyResult carryOut();
+    int wait();
     bool complainOf(std::string error);
     void tell(const std::string& text) const;
 
@@ -62,15 +63,34 @@ private:
     std::optional<SListFile> m_oAfter;
     std::vector<SFeatureRecord> m_vInForce;
     std::optional<CListChange> m_oChange;
+    std::optional<CApplyWait> m_oWait; // nothing: it is not waited for
     SApplyReport m_oReport;
 };
 
 int CListUpdate::run() {
     m_oReport.m_eResult = attempt();
-    if (m_oOptions.m_bJson) {
+    m_oStore.unlock();
+    int status = m_oReport.m_eResult < EApplyResult::refused ? exitOk : exitFailed;
+    if (m_oReport.m_eResult == EApplyResult::applied && m_oWait) {
+        status = wait();
+    }
+    if (m_oOptions.m_bJson && !m_oOptions.m_bQuiet) {
         printApplyJson(m_oReport);
     }
-    return m_oReport.m_eResult < EApplyResult::refused ? exitOk : exitFailed;
+    return flushOutput() ? status : exitFailed;
+}
+
+// A list that is no other for the daemon has nobody told anything.
+int CListUpdate::wait() {
+    if (m_oChange->isNothing()) {
+        return exitOk;
+    }
+    const int status = m_oWait->run(m_oAfter->m_oList.m_vFeatures, m_oChange->toldAgain() != 0);
+    m_oReport.m_pWait = &*m_oWait;
+    if (m_oWait->hasAnswered()) {
+        tell(m_oWait->text());
+    }
+    return status;
 }
 
 // Locked before anything is read: what is compared is what is replaced.
@@ -185,6 +205,11 @@ EApplyResult CListUpdate::carryOut() {
     if (isSame && !m_bUndo) {
         tell(fmt::format("{} is like that already", m_oStore.path()));
         return EApplyResult::unchanged;
+    }
+    // Another list than the daemon's own is nothing that the daemon takes.
+    if (m_oOptions.m_bWait && m_oOptions.m_sList.empty()) {
+        setProcessName("");
+        m_oWait.emplace(m_oOptions.m_nSeconds, !m_oOptions.m_bQuiet && !m_oOptions.m_bJson);
     }
     std::string trouble = m_bUndo
                               ? m_oStore.goBack()

@@ -1,16 +1,14 @@
 #include "ctl/apply_report.h"
 
 #include "ctl/CFeatureNames.h"
+#include "ctl/json.h"
 #include "ctl/terminal.h"
 
 #include <array>
 #include <fmt/format.h>
 #include <fmt/ranges.h>
-#include <nlohmann/json.hpp>
 
 namespace {
-
-using json = nlohmann::ordered_json;
 
 // By EApplyResult.
 constexpr std::array<const char*, 5> aResultWords = {"applied", "unchanged", "dry run", "refused", "failed"};
@@ -62,14 +60,14 @@ std::string describe(const SFeatureChange& change, std::string_view name) {
     return text;
 }
 
-json jsonOf(const SFeatureChange& change, std::string_view name) {
+CJson jsonOf(const SFeatureChange& change, std::string_view name) {
     const SFeatureRecord& record = change.record();
-    json object = {{"change", kindOf(change).m_szWord},
-                   {"code", record.m_nCode},
-                   {"data", record.m_nData},
-                   {"name", name},
-                   {"sourced", record.m_bSourced},
-                   {"components", record.m_vComponents}};
+    CJson object = {{"change", kindOf(change).m_szWord},
+                    {"code", record.m_nCode},
+                    {"data", record.m_nData},
+                    {"name", name},
+                    {"sourced", record.m_bSourced},
+                    {"components", record.m_vComponents}};
     if (change.m_pBefore != nullptr && change.m_pAfter != nullptr) {
         object["data_before"] = change.m_pBefore->m_nData;
         object["sourced_before"] = change.m_pBefore->m_bSourced;
@@ -100,15 +98,15 @@ void printChange(const CListChange& change) {
 }
 
 void printApplyJson(const SApplyReport& report) {
-    json document = {{"schema", 1},
-                     {"command", report.m_szCommand},
-                     {"file", report.m_sFile},
-                     {"list", report.m_sList},
-                     {"result", aResultWords[static_cast<size_t>(report.m_eResult)]},
-                     {"error", report.m_sError},
-                     {"faults", json::array()}};
-    for (const SListError& fault : report.m_oFaults.m_vErrors) {
-        document["faults"].push_back({{"line", fault.m_nLine}, {"text", fault.m_sText}});
+    CJson document = jsonDocument(report.m_szCommand);
+    document["file"] = report.m_sFile;
+    document["list"] = report.m_sList;
+    document["result"] = aResultWords[static_cast<size_t>(report.m_eResult)];
+    document["error"] = report.m_sError.empty() ? CJson() : CJson(report.m_sError);
+    document["errors"] = CJson::array();
+    for (const SListError& error : report.m_oFaults.m_vErrors) {
+        document["errors"].push_back(
+            {{"line", error.m_nLine == 0 ? CJson() : CJson(error.m_nLine)}, {"text", error.m_sText}});
     }
     if (const CListChange* change = report.m_pChange; change != nullptr) {
         document["features"] = {{"before", report.m_nBefore},       {"after", report.m_nAfter},
@@ -116,12 +114,15 @@ void printApplyJson(const SApplyReport& report) {
                                 {"changed", change->changed()},     {"told_of", change->toldOf()},
                                 {"told_again", change->toldAgain()}};
         document["components_told"] = change->told();
-        document["changes"] = json::array();
+        document["changes"] = CJson::array();
         const CFeatureNames names = CFeatureNames::load();
         for (const SFeatureChange& one : change->changes()) {
             document["changes"].push_back(jsonOf(one, names.find(one.record().m_nCode)));
         }
     }
-    // Names of a description file may be anything.
-    fmt::print("{}\n", document.dump(2, ' ', false, json::error_handler_t::replace));
+    if (const CApplyWait* wait = report.m_pWait; wait != nullptr && wait->hasAnswered()) {
+        document["delivery"] = {
+            {"taken", wait->isTaken()}, {"seconds", wait->seconds()}, {"counts", toJson(wait->counts())}};
+    }
+    printJson(document);
 }

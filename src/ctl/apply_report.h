@@ -2,6 +2,7 @@
 #ifndef QEL_CTL_APPLY_REPORT_H
 #define QEL_CTL_APPLY_REPORT_H
 
+#include "ctl/CApplyWait.h"
 #include "ctl/CListChange.h"
 
 #include <string>
@@ -23,13 +24,14 @@ struct SApplyReport {
     SFeatureList m_oFaults;                 // of the new list
     size_t m_nBefore = 0;                   // features in place
     size_t m_nAfter = 0;                    // of the new list
+    const CApplyWait* m_pWait = nullptr;    // null: nothing was waited for
     const CListChange* m_pChange = nullptr; // null: it did not come to that
 };
 
 // A line for each change, and one that sums up.
 void printChange(const CListChange& change);
 
-// One object, as docs/feature-list.md has it.
+// One object, as docs/json.md has it.
 void printApplyJson(const SApplyReport& report);
 
 #endif

@@ -91,13 +91,13 @@ struct SComponentOptions : SCommonOptions {
 };
 
 // Of apply and undo.
-struct SApplyOptions {
+struct SApplyOptions : SCommonOptions {
     std::string m_sFile; // the new list; unused by undo
     std::string m_sList; // the list in place; empty: that of the environment, else the one compiled in
     bool m_bDryRun = false;
     bool m_bForce = false;
-    bool m_bQuiet = false;
-    bool m_bJson = false;
+    bool m_bWait = true;    // until it is delivered
+    double m_nSeconds = 60; // how long at most
 };
 
 // Each runs on the calling thread until its command is done. They throw only where memory runs out; main()

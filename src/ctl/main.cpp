@@ -174,11 +174,14 @@ void addComponent(CLI::App& command, SOptions& all) {
 }
 
 void addChange(CLI::App& command, SApplyOptions& options) {
+    addCommon(command, options);
     command.add_option("--list", options.m_sList, "The list in place, if not the daemon's own")
         ->option_text("PATH");
     command.add_flag("--dry-run", options.m_bDryRun, "Show what would change, and change nothing");
-    command.add_flag("-q,--quiet", options.m_bQuiet, "Print errors only");
-    command.add_flag("--json", options.m_bJson, "Print JSON");
+    command.add_flag("!--no-wait", options.m_bWait, "Do not wait until it is delivered");
+    command.add_option("--timeout", options.m_nSeconds, "How long to wait at most")
+        ->check(CLI::Range(0.0, 1e6))
+        ->capture_default_str();
     command.footer("The daemon's list is that of QEL_FEATURE_LIST in the environment, else the one compiled "
                    "in.\nThe lists before it are kept beside it, as PATH.1 (the latest) to PATH.5.");
 }

@@ -141,7 +141,9 @@ protected:
         size_t at = isOfTransitions ? 0 : uint32_t{question.m_oCursor.m_aWords[0]};
         const uint64_t after = number(question.m_oCursor.m_aWords);
         if (isOfTransitions) {
-            at = after >= m_nFirst - 1 ? std::min<size_t>(after - (m_nFirst - 1), table.size()) : 0;
+            at = after >= m_nFirst - 1
+                     ? static_cast<size_t>(std::min<uint64_t>(after - (m_nFirst - 1), table.size()))
+                     : 0;
             const bool isGap = after + 1 < m_nFirst || after >= m_nFirst + table.size();
             head.m_nResult = isGap ? srGap : srOk;
             at = isGap ? 0 : at;

@@ -42,7 +42,7 @@ protected:
     std::string apply(const std::string& list, const std::string& options = "",
                       const char* before = "") const {
         put(m_oDirectory.file("new"), list);
-        return run("apply " + m_oDirectory.file("new") + " " + options, before);
+        return run("apply --no-wait " + m_oDirectory.file("new") + " " + options, before);
     }
     std::string kept(int number) const { return m_sList + "." + std::to_string(number); }
     size_t filesLeft() const { // lists, the new one and that in place included
@@ -94,10 +94,10 @@ TEST_F(CApply, KeepsFiveListsAndGoesBackOneByOne) {
         struct stat now {};
         ASSERT_EQ(stat(m_sList.c_str(), &now), 0);
         EXPECT_TRUE(now.st_mode == mine.st_mode && now.st_uid == mine.st_uid && now.st_gid == mine.st_gid);
-        EXPECT_EQ(run("undo -q"), "");
+        EXPECT_EQ(run("undo -q --no-wait"), "");
         EXPECT_EQ(contents(m_sList), five(data));
     }
-    EXPECT_EQ(run("undo -q"), "qelctl: no list before list is kept\nstatus 1\n");
+    EXPECT_EQ(run("undo -q --no-wait"), "qelctl: no list before list is kept\nstatus 1\n");
     EXPECT_EQ(filesLeft(), 2u);
 }
 
@@ -168,7 +168,7 @@ TEST_F(CApply, SeveralAtATimeDoNotMix) {
     for (uint32_t data = 1; data <= 5; ++data) {
         const std::string file = m_oDirectory.file("new" + std::to_string(data));
         put(file, five(data));
-        line += fmt::format("{} apply -q {} {} & ", QEL_CTL, file,
+        line += fmt::format("{} apply -q --no-wait {} {} & ", QEL_CTL, file,
                             data % 2 == 0 ? "--list " + m_oDirectory.file("link") : "");
     }
     std::string told;
@@ -187,6 +187,26 @@ TEST_F(CApply, SeveralAtATimeDoNotMix) {
     }
     EXPECT_EQ(lists.size(), 6u);
     EXPECT_EQ(contents(kept(5)), five(100));
+}
+
+// In the daemon's own time: the next audit tells what has changed.
+TEST_F(CApply, WaitsUntilEverythingIsDeliveredOrRefused) {
+    for (const char* name : {"QEL_RUNTIME_DIR", "QEL_LOG_FILE"}) {
+        setenv(name, m_oDirectory.file(name).c_str(), 1);
+    }
+    setenv("QEL_DIAG", "off", 1);
+    put(m_sList, five(1));
+    put(m_oDirectory.file("new"), five(2));
+    EXPECT_EQ(run("apply -q " + m_oDirectory.file("new")), "qelctl: the daemon is not running\nstatus 2\n");
+    EXPECT_EQ(contents(m_sList), five(2));
+    const std::string silent = " >" + m_oDirectory.file("output") + " 2>&1 & ";
+    const std::string told = run(
+        "undo", "timeout 60 " QEL_DAEMON " -run" + silent +
+                    QEL_CTL " component Voice --wait --fetch --monitor --refuse 3 --for 30" + silent +
+                    "for try in 1 2 3 4 5 6 7 8 9; do sleep .2; " QEL_CTL " wait -q Voice && break; done; ");
+    EXPECT_PRED_FORMAT2(testing::IsSubstring, "\n4 of 5 delivered, 1 problem after ", told);
+    EXPECT_PRED_FORMAT2(testing::IsSubstring, "status 3", told);
+    EXPECT_PRED_FORMAT2(testing::IsSubstring, "status 0", ::attempt(QEL_DAEMON " -stop"));
 }
 
 } // namespace

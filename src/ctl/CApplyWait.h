@@ -1,0 +1,58 @@
+// Waits until the daemon has taken a list that was put in place, and has delivered what it changes.
+#ifndef QEL_CTL_CAPPLYWAIT_H
+#define QEL_CTL_CAPPLYWAIT_H
+
+#include "ctl/CDaemonView.h"
+#include "ctl/commands.h"
+#include "ctl/pairs.h"
+#include "source/list/feature_list.h"
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <vector>
+
+// Everything that is under way is waited for, whichever list has caused it. Who is dead or does not monitor is
+// not told anything, and not waited for.
+//
+// The daemon does not tell which list is in force. It has taken this one when its features are those of the
+// list; and, if it had those before, when something has happened to them.
+class CApplyWait {
+public:
+    // Asks the daemon how far it is; to be made before the list is put in place. `isProgress`: shows how far
+    // it is on standard output, if that is a terminal.
+    CApplyWait(double seconds, bool isProgress);
+
+    // Returns the exit status, and tells on stderr why there is no answer. `list` is the one in place, and
+    // `isToldAgain` says whether there is one of its features that every new list has told.
+    EExitStatus run(const std::vector<SFeatureRecord>& list, bool isToldAgain);
+
+    bool hasAnswered() const { return m_bRead; } // the following are known
+    const SPairCounts& counts() const { return m_oCounts; }
+    double seconds() const { return m_nSeconds; } // it took
+    bool isTaken() const { return m_bTaken; }
+    std::string text() const; // "5 of 5 delivered after 12.3 s"
+
+private:
+    using CClock = std::chrono::steady_clock;
+
+    EAsked look(const std::vector<SFeatureRecord>& list, bool isToldAgain);
+    bool isInForce(const std::vector<SFeatureRecord>& list) const;
+    bool isDue(const SSummaryView& summary) const;
+    bool isDone() const { return m_bTaken && m_oCounts.m_nUnderWay == 0; }
+    std::string progress() const;
+    void show(const std::string& text) const;
+
+    CStatusQuery m_oQuery;
+    std::chrono::duration<double> m_tLimit;
+    bool m_bShown;
+    std::optional<SSummaryView> m_oBefore; // nothing: no daemon answered
+    CDaemonView m_oView;
+    CClock::time_point m_tRead;
+    bool m_bRead = false;
+    bool m_bTaken = false;
+    SPairCounts m_oCounts;
+    double m_nSeconds = 0;
+};
+
+#endif
