@@ -3,7 +3,6 @@
 #define QEL_CTL_TERMINAL_H
 
 #include <cstdint>
-#include <cstdint>
 #include <cstdio>
 #include <string>
 #include <string_view>

@@ -121,7 +121,7 @@ std::string CExplanation::next() const {
     if (!word) {
         return "it is told when it announces itself again";
     }
-    const std::string rule(ruleOf());
+    std::string rule(ruleOf());
     switch (*word) {
     case EDeliveryWord::sent: {
         const uint32_t until = m_oPair.m_pDelivery->m_tSince + nReplyTimeout;

@@ -27,7 +27,7 @@
 
 inline constexpr uint16_t nQelStatusMfwMsgId = 8; // framework message type
 inline constexpr uint32_t nStatusVersion = 1;
-inline constexpr size_t nMaxStatusAnswer = 60 * 1024; // bytes, header and all
+inline constexpr size_t nMaxStatusAnswer = size_t{60} * 1024; // bytes, header and all
 
 // What can be asked, and what a record of the answer is.
 enum EStatusQuestion : uint32_t {
