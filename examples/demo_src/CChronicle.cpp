@@ -89,16 +89,22 @@ bool answers(const std::string& what, const std::string& before) {
            (what.starts_with("<- answer") && before.find(": -> fetch") != std::string::npos);
 }
 
+// A component's line without the feature's display name, which stands behind its data.
+std::string withoutName(const std::string& who, const std::string& what) {
+    static const std::regex name(R"((data \d+) "[^"]*")");
+    return who == sDaemon ? what : std::regex_replace(what, name, "$1");
+}
+
 } // namespace
 
 CChronicle::CChronicle() : m_bColour(isatty(STDOUT_FILENO) && std::getenv("NO_COLOR") == nullptr) {}
 
 void CChronicle::hear(int64_t time, const std::string& who, const std::string& what) {
-    SLine line{time, who, who + ": " + what};
+    SLine line{time, who, who + ": " + withoutName(who, what)};
     const auto before = std::find_if(m_oLines.rbegin(), m_oLines.rend(),
                                      [&who](const SLine& earlier) { return earlier.m_sWho == who; });
     if (before != m_oLines.rend() && answers(what, before->m_sText)) {
-        line.m_sText = before->m_sText + " " + what;
+        line.m_sText = before->m_sText + " " + withoutName(who, what);
         m_oLines.erase(std::prev(before.base()));
     }
     const auto place = std::find_if(m_oLines.rbegin(), m_oLines.rend(),
