@@ -80,10 +80,7 @@ EAsked CApplyWait::look(const std::vector<SFeatureRecord>& list, bool isToldAgai
 }
 
 bool CApplyWait::isDue(const SSummaryView& summary) const {
-    const SSummaryView& last = m_oView.m_oSummary;
-    return !m_bRead || !m_bTaken || CClock::now() - m_tRead >= tReread ||
-           last.m_tStarted != summary.m_tStarted ||
-           number(last.m_aLastTransition) != number(summary.m_aLastTransition);
+    return !m_bRead || !m_bTaken || CClock::now() - m_tRead >= tReread || m_oView.isOutdated(summary);
 }
 
 // A feature that is being modified stands for its new data. What is withdrawn no longer counts.

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
+#include <cstring>
 #include <fmt/format.h>
 #include <map>
 #include <numeric>
@@ -203,6 +204,12 @@ EAsked CDaemonView::read(CStatusQuery& query) {
         m_vFeatures.push_back({std::move(feature)});
     }
     return asked;
+}
+
+bool CDaemonView::isOutdated(const SSummaryView& now) const {
+    return m_oSummary.m_tStarted != now.m_tStarted ||
+           number(m_oSummary.m_aLastTransition) != number(now.m_aLastTransition) ||
+           std::memcmp(m_oSummary.m_aFeatures, now.m_aFeatures, sizeof now.m_aFeatures) != 0;
 }
 
 EAsked CDaemonView::readPairs(CStatusQuery& query, const SSelection& selection) {

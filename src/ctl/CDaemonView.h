@@ -64,6 +64,8 @@ class CDaemonView {
 public:
     // Reads all but the deliveries.
     EAsked read(CStatusQuery& query);
+    // Whether this summary, asked for since, tells of another daemon, a transition or a change of features.
+    bool isOutdated(const SSummaryView& now) const;
     // Then the deliveries that a selection takes, and makes the pairs of them, in the order of the daemon's
     // tables.
     EAsked readPairs(CStatusQuery& query, const SSelection& selection);

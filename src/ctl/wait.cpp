@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstring>
 #include <fmt/format.h>
 #include <optional>
 #include <thread>
@@ -86,10 +85,7 @@ EAsked CWait::look() {
 }
 
 bool CWait::isDue(const SSummaryView& summary) const {
-    const SSummaryView& last = m_oView.m_oSummary;
-    return !m_tRead || CClock::now() - *m_tRead >= tReread || last.m_tStarted != summary.m_tStarted ||
-           number(last.m_aLastTransition) != number(summary.m_aLastTransition) ||
-           std::memcmp(last.m_aFeatures, summary.m_aFeatures, sizeof last.m_aFeatures) != 0;
+    return !m_tRead || CClock::now() - *m_tRead >= tReread || m_oView.isOutdated(summary);
 }
 
 // What is not there may come yet: a list that is being read, a component that starts.
