@@ -1,9 +1,10 @@
-// Who supplies the control with its feature lists, as the server sees it. These two calls are all that the
-// server knows of the supplier, so the loop builds and is tested without one.
+// Who supplies the control with its feature lists, as the server sees it. These calls are all that the server
+// knows of the supplier, so the loop builds and is tested without one.
 #ifndef QEL_FEATURES_CFEATURESUPPLY_H
 #define QEL_FEATURES_CFEATURESUPPLY_H
 
 class CQelControl;
+struct SListState;
 
 class CFeatureSupply {
 public:
@@ -16,6 +17,9 @@ public:
     // it on the main thread, after supply() and with the message framework initialised; and again each time
     // that was initialised anew, since its clean-up forgets all callbacks.
     virtual void startWatching() = 0;
+
+    // For whoever looks, on the main loop's thread.
+    virtual const SListState& state() const = 0;
 
 protected:
     ~CFeatureSupply() = default;

@@ -29,7 +29,9 @@ enum ECounter : uint8_t {
     coRefused,
     coOverdue,
     coGivenUp,
-    coMerges, // lists handed over
+    coMerges,     // lists handed over
+    coListsTaken, // readings of the list's file
+    coListsRefused,
     nCounters
 };
 
@@ -57,6 +59,8 @@ inline constexpr std::array<std::string_view, nCounters> aCounterNames = {
     "overdue",
     "given-up",
     "lists.handed-over",
+    "lists.taken",
+    "lists.refused",
 };
 static_assert(!aCounterNames.back().empty(), "one for each counter");
 

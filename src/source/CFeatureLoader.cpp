@@ -1,14 +1,38 @@
 #include "source/CFeatureLoader.h"
 
+#include "base/clock.h"
 #include "server/log/log.h"
 #include "source/events.h"
 #include "source/list/list_changes.h"
+#include "source/list/list_digest.h"
 
 #include <algorithm>
+#include <fmt/core.h>
 
 namespace {
 
 constexpr size_t nMaxLoggedErrors = 50; // of one list; a faulty generator must not flood the log
+
+SListReading readingOf(std::string_view text) {
+    SListReading reading;
+    reading.m_tRead = nowSeconds();
+    reading.m_nDigest = listDigest(text);
+    reading.m_nSize = static_cast<uint32_t>(text.size()); // nMaxListFileSize at most
+    return reading;
+}
+
+// Notes that the list is no good, with the first errors.
+void noteErrors(const SFeatureList& list, SListReading& reading) {
+    reading.m_eResult = list.m_bPassing ? lrUnreadable : lrRefused;
+    reading.m_nErrors = static_cast<uint32_t>(list.m_nErrors); // fewer than the file has bytes
+    for (const SListError& error : list.m_vErrors) {
+        const std::string text = fmt::format("{}: {}", error.m_nLine, error.m_sText);
+        if (reading.m_sErrors.size() + text.size() >= nMaxErrorTexts) {
+            return;
+        }
+        reading.m_sErrors.append(reading.m_sErrors.empty() ? 0 : 1, '\0').append(text);
+    }
+}
 
 } // namespace
 
@@ -18,18 +42,24 @@ constexpr size_t nMaxLoggedErrors = 50; // of one list; a faulty generator must 
 SLoaded CFeatureLoader::load(CMediator& mediator) {
     SLoaded loaded;
     SFeatureList list = readFeatureList(m_sPath, &loaded.m_sText);
+    SListReading& reading = loaded.m_oReading = readingOf(loaded.m_sText);
+    if (list.isGood()) {
+        findUndeliverable(m_vAccepted, list);
+    }
+    if (!list.isGood()) {
+        noteErrors(list, reading);
+    }
     if (list.m_bPassing) {
         loaded.m_sFailure = std::move(list.m_vErrors.at(0).m_sText);
         return loaded;
-    }
-    if (list.isGood()) {
-        findUndeliverable(m_vAccepted, list);
     }
     if (!list.isGood()) {
         refuse(list);
         return loaded;
     }
+    reading.m_nFeatures = static_cast<uint32_t>(list.m_vFeatures.size());
     if (m_bAccepted && isSameList(m_vAccepted, list.m_vFeatures)) {
+        reading.m_eResult = lrUnchanged;
         logEvent(svInfo, evListUnchanged, "feature list %s: unchanged, %zu features", m_sPath.c_str(),
                  m_vAccepted.size());
         return loaded;
@@ -37,7 +67,10 @@ SLoaded CFeatureLoader::load(CMediator& mediator) {
     const size_t before = m_vAccepted.size();
     const size_t withdrawn = m_bAccepted ? countWithdrawn(m_vAccepted, list.m_vFeatures) : 0;
     accept(list, mediator, loaded);
-    if (isMuch(withdrawn, before)) {
+    reading.m_nBefore = static_cast<uint32_t>(before);
+    reading.m_nWithdrawn = static_cast<uint32_t>(withdrawn);
+    reading.m_bMuch = isMuch(withdrawn, before);
+    if (reading.m_bMuch) {
         logEvent(svWarning, evWithdrawn, "feature list %s: withdraws %zu of %zu features, more than a fifth",
                  m_sPath.c_str(), withdrawn, before);
     }
@@ -46,8 +79,12 @@ SLoaded CFeatureLoader::load(CMediator& mediator) {
 
 SLoaded CFeatureLoader::loadKept(const std::string& path, CMediator& mediator) {
     SLoaded loaded;
-    SFeatureList list = readFeatureList(path);
+    std::string text;
+    SFeatureList list = readFeatureList(path, &text);
     if (list.isGood()) {
+        loaded.m_oReading = readingOf(text);
+        loaded.m_oReading.m_bKept = true;
+        loaded.m_oReading.m_nFeatures = static_cast<uint32_t>(list.m_vFeatures.size());
         accept(list, mediator, loaded);
     } else {
         loaded.m_sFailure = printListError(path, list.m_vErrors.at(0));
@@ -65,6 +102,7 @@ void CFeatureLoader::accept(SFeatureList& list, CMediator& mediator, SLoaded& lo
     m_vAccepted = std::move(list.m_vFeatures);
     m_bAccepted = true;
     loaded.m_bNew = true;
+    loaded.m_oReading.m_eResult = lrTaken;
 }
 
 void CFeatureLoader::refuse(const SFeatureList& list) const {

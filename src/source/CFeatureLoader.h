@@ -2,6 +2,7 @@
 #ifndef QEL_SOURCE_CFEATURELOADER_H
 #define QEL_SOURCE_CFEATURELOADER_H
 
+#include "features/SListState.h"
 #include "source/CEntryNames.h"
 #include "source/CNamePool.h"
 #include "source/fresh_list.h"
@@ -13,10 +14,11 @@
 class CMediator;
 
 struct SLoaded {
-    bool m_bNew = false;    // m_vList is a list to be handed over
-    CFreshList m_vList;     // the caller owns the entries
-    std::string m_sText;    // of the file
-    std::string m_sFailure; // not empty: the file could not be read, but may be with the next attempt
+    bool m_bNew = false;     // m_vList is a list to be handed over
+    CFreshList m_vList;      // the caller owns the entries
+    std::string m_sText;     // of the file
+    std::string m_sFailure;  // not empty: the file could not be read, but may be with the next attempt
+    SListReading m_oReading; // all this for whoever looks
 };
 
 // Remembers the list that it accepted last, to tell whether a file's content is new and whether its changes

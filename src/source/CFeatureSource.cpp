@@ -1,7 +1,9 @@
 #include "source/CFeatureSource.h"
 
+#include "base/clock.h"
 #include "features/CFeatureMerge.h"
 #include "features/CQelControl.h"
+#include "features/counters.h"
 #include "messaging/wire/wire.h"
 #include "platform/mfw.h"
 #include "server/log/log.h"
@@ -54,25 +56,25 @@ CFeatureSource& CFeatureSource::instance() {
 }
 
 CFeatureSource::CFeatureSource(std::string path, std::string stateDirectory, std::chrono::milliseconds period)
-    : m_oLoader(path), m_oKept(std::move(stateDirectory)), m_oWatch(std::move(path)), m_nPeriod(period),
-      m_oReading(period) {}
+    : m_oLoader(path), m_oKept(std::move(stateDirectory)), m_oWatch(path), m_nPeriod(period),
+      m_oReading(period) {
+    m_oState.m_sPath = std::move(path);
+}
 
 // Reads on the main thread: nothing is served before the first list is in force. Once the thread runs, the
 // loader is the thread's, so a second call (init() after a clear()) only tells whether there is a list.
 bool CFeatureSource::supply(CQelControl& control) {
     if (m_bThread) {
-        return m_bInForce;
+        return isInForce();
     }
     m_pControl = &control;
     m_oHandOver.emplace(control);
-    CMail mail = readList();
-    if (mail == nullptr && !m_oLoader.hasAccepted()) {
-        mail = readKept();
+    readList();
+    if (!m_oLoader.hasAccepted()) {
+        readKept();
     }
-    if (mail != nullptr) {
-        deliver(std::move(mail));
-    }
-    return m_bInForce;
+    takeMail();
+    return isInForce();
 }
 
 // The callback first: without it every note would be wasted. A clean-up of the framework forgets it, so a
@@ -126,9 +128,7 @@ void CFeatureSource::turn() {
     const bool isChanged = m_oWatch.wait(isBusy ? m_nPeriod : nRestPeriods * m_nPeriod);
     const bool isDue = m_oReading.isDue(std::chrono::steady_clock::now()) && !m_oWatch.isChanging();
     if (isChanged || isDue) {
-        if (CMail mail = readList()) {
-            exchangeMail(std::move(mail));
-        }
+        readList();
     }
     m_bNoted = isWorkLeft();
     if (m_bNoted) {
@@ -136,69 +136,83 @@ void CFeatureSource::turn() {
     }
 }
 
-// Null if there is no new list. The mail is made first: once the loader has accepted a list it does not give it
-// out again, so from there on nothing may fail.
-CFeatureSource::CMail CFeatureSource::readList() {
-    std::string failure;
+// The mail is made first: once the loader has accepted a list it does not give it out again, so from there on
+// nothing may fail. The texts for a shortage of memory are short enough to need none themselves.
+void CFeatureSource::readList() {
+    CMail mail;
+    SLoaded loaded;
     try {
-        auto mail = std::make_unique<CFreshList>();
-        SLoaded loaded = m_oLoader.load(*m_pControl);
-        if (loaded.m_sFailure.empty()) {
-            if (m_oReading.succeed()) {
-                logEvent(svInfo, evTrouble, "feature list %s: reading works again", m_oLoader.path().c_str());
-            }
-            if (!loaded.m_bNew) {
-                return nullptr;
-            }
-            *mail = std::move(loaded.m_vList);
-            m_oKept.take(std::move(loaded.m_sText));
-            return mail;
-        }
-        failure = std::move(loaded.m_sFailure);
+        mail = std::make_unique<SMail>();
+        loaded = m_oLoader.load(*m_pControl);
     } catch (const std::bad_alloc&) {
-        failure = "out of memory"; // short enough to need none itself
+        loaded.m_sFailure = "out of memory";
+        SListReading& reading = loaded.m_oReading;
+        reading.m_eResult = lrUnreadable;
+        reading.m_tRead = nowSeconds();
+        reading.m_nErrors = 1;
+        reading.m_sErrors = "0: no memory";
     }
-    if (m_oReading.fail(std::chrono::steady_clock::now())) {
+    tellReading(loaded.m_sFailure);
+    if (loaded.m_bNew) {
+        *mail = {std::move(loaded.m_vList), loaded.m_oReading};
+        m_oKept.take(std::move(loaded.m_sText));
+    } else {
+        mail.reset();
+    }
+    post(std::move(loaded.m_oReading), std::move(mail));
+}
+
+// Logs the first failure of a row, and the end of the row.
+void CFeatureSource::tellReading(const std::string& failure) {
+    if (failure.empty()) {
+        if (m_oReading.succeed()) {
+            logEvent(svInfo, evTrouble, "feature list %s: reading works again", m_oLoader.path().c_str());
+        }
+    } else if (m_oReading.fail(std::chrono::steady_clock::now())) {
         logEvent(svError, evTrouble, "feature list %s: %s; trying again", m_oLoader.path().c_str(),
                  failure.c_str());
     }
-    return nullptr;
 }
 
-// Null if there is none. What is wrong with the operator's list has been told by then, so it is enough to say
-// what is done about it.
-CFeatureSource::CMail CFeatureSource::readKept() try {
+// Where none is kept, or it is no good, there is no list. What is wrong with the operator's list has been
+// told by then, so it is enough to say what is done about it.
+void CFeatureSource::readKept() try {
     if (!m_oKept.isThere()) {
-        return nullptr;
+        return;
     }
-    auto mail = std::make_unique<CFreshList>();
+    auto mail = std::make_unique<SMail>();
     SLoaded loaded = m_oLoader.loadKept(m_oKept.path(), *m_pControl);
     if (!loaded.m_bNew) {
         logEvent(svWarning, evTrouble, "feature list: the one taken last cannot be used either: %s",
                  loaded.m_sFailure.c_str());
-        return nullptr;
+        return;
     }
-    *mail = std::move(loaded.m_vList);
+    *mail = {std::move(loaded.m_vList), std::move(loaded.m_oReading)};
     logEvent(svWarning, evListRefused, "feature list %s: the one taken last is used instead, %zu features",
-             m_oLoader.path().c_str(), mail->size());
-    return mail;
+             m_oLoader.path().c_str(), mail->m_vList.size());
+    post({}, std::move(mail));
 } catch (const std::bad_alloc&) {
     logEvent(svWarning, evTrouble, "feature list: the one taken last cannot be used either: %s",
              "out of memory");
-    return nullptr;
 }
 
-// Returns what was there before. The caller destroys it without the lock, since destroying a long list takes
-// time, in which the other thread would wait.
-CFeatureSource::CMail CFeatureSource::exchangeMail(CMail mail) {
+// What is given is destroyed without the lock, since destroying a long list takes time, in which the main
+// loop would wait. A reading without a result is none of the operator's file.
+void CFeatureSource::post(SListReading reading, CMail mail) {
     const std::lock_guard lock(m_oMailMutex);
-    m_pMail.swap(mail);
-    return mail;
+    m_oNews.m_nTaken += reading.m_eResult == lrTaken ? 1 : 0;
+    m_oNews.m_nRefused += reading.m_eResult == lrRefused ? 1 : 0;
+    if (reading.m_eResult != lrNone) {
+        std::swap(m_oNews.m_oLatest, reading);
+    }
+    if (mail != nullptr) {
+        m_pMail.swap(mail);
+    }
 }
 
 bool CFeatureSource::isWorkLeft() {
     const std::lock_guard lock(m_oMailMutex);
-    return m_pMail != nullptr || m_bWaiting;
+    return m_pMail != nullptr || m_oNews.m_oLatest.m_eResult != lrNone || m_bWaiting;
 }
 
 // A note may fail, when the process's own queue is full or the endpoint is closed. It is sent again after a
@@ -218,13 +232,34 @@ void CFeatureSource::sendNote() {
     m_bNoteFailed = error != 0;
 }
 
-// On the main loop's thread. The lock is held for the exchange of a pointer only. A new list goes first: it
-// replaces what still waits of the older one.
+// On the main loop's thread. The lock is held for exchanges only. A new list goes first: it replaces what
+// still waits of the older one.
 void CFeatureSource::takeMail() {
-    if (CMail mail = exchangeMail(nullptr)) {
+    CMail mail;
+    SNews news;
+    {
+        const std::lock_guard lock(m_oMailMutex);
+        m_pMail.swap(mail);
+        std::swap(m_oNews, news);
+    }
+    takeNotice(std::move(news));
+    if (mail != nullptr) {
         deliver(std::move(mail));
     } else if (m_bWaiting) {
         carryOn();
+    }
+}
+
+// A file that says the same as the kept list stands for it from then on.
+void CFeatureSource::takeNotice(SNews news) {
+    if (news.m_oLatest.m_eResult == lrNone) {
+        return;
+    }
+    aCounters[coListsTaken] += news.m_nTaken;
+    aCounters[coListsRefused] += news.m_nRefused;
+    m_oState.m_oLatest = std::move(news.m_oLatest);
+    if (m_oState.m_oLatest.m_eResult == lrUnchanged) {
+        m_oState.m_oInForce.m_bKept = false;
     }
 }
 
@@ -241,9 +276,9 @@ void CFeatureSource::deliver(CMail mail) {
 
 // False: nothing has changed, and the list is as it was. The audit of the well-known components comes last, so
 // that those that it finds running are registered with the new list in the table.
-bool CFeatureSource::handOver(CFreshList& list) {
-    const size_t count = list.size();
-    const std::optional<CHandOver::SResult> result = m_oHandOver->apply(list);
+bool CFeatureSource::handOver(SMail& mail) {
+    const size_t count = mail.m_vList.size();
+    const std::optional<CHandOver::SResult> result = m_oHandOver->apply(mail.m_vList);
     if (!result && !m_bShort) {
         logEvent(svError, evTrouble, "feature list %s: no memory to hand it over; trying again",
                  m_oLoader.path().c_str());
@@ -252,7 +287,8 @@ bool CFeatureSource::handOver(CFreshList& list) {
     if (!result) {
         return false;
     }
-    m_bInForce = true;
+    m_oState.m_oInForce = std::move(mail.m_oReading);
+    m_oState.m_tHandedOver = nowSeconds();
     logEvent(svInfo, evHandedOver, "feature list %s: %zu features, handed over (result %d)",
              m_oLoader.path().c_str(), count, result->m_nMerge);
     if (result->m_bRestart) {

@@ -3,6 +3,7 @@
 #define QEL_SOURCE_CFEATURESOURCE_H
 
 #include "features/CFeatureSupply.h"
+#include "features/SListState.h"
 #include "source/CFeatureLoader.h"
 #include "source/CHandOver.h"
 #include "source/CKeptList.h"
@@ -23,9 +24,10 @@ class CQelControl;
 // The source has a thread of its own, since reading a long list takes seconds, in which the main loop must
 // serve the components. The thread waits for changes, reads and checks the file, and builds the entries. It
 // puts them into a mailbox and sends its own process a note, a message of framework type 7. The note wakes
-// the main loop, whose thread runs the callback, and that hands over what the mailbox holds. The note has no
-// content: one from a stranger finds an empty mailbox and changes nothing. While the mailbox is full, or
-// features wait in the hand-over, a note goes out every second, so a note that is lost costs a second.
+// the main loop, whose thread runs the callback, and that hands over what the mailbox holds. What became of a
+// reading, for whoever looks, goes the same way. The note has no content: one from a stranger finds an empty
+// mailbox and changes nothing. While the mailbox is full, or features wait in the hand-over, a note goes out
+// every second, so a note that is lost costs a second.
 //
 // What fails for want of memory or of descriptors changes nothing and is tried again: the thread reads the
 // file again, less and less often, and what the main loop could not hand over waits in the mailbox for the
@@ -47,6 +49,7 @@ public:
 
     bool supply(CQelControl& control) override;
     void startWatching() override;
+    const SListState& state() const override { return m_oState; }
 
     // What the thread does, over and over: waits for a change of the file for some periods at most, reads the
     // file if it has changed or is to be tried again, and sends a note if there is work left. For tests,
@@ -56,18 +59,32 @@ public:
     void takeMail();
 
 private:
-    using CMail = std::unique_ptr<CFreshList>;
+    struct SMail {
+        CFreshList m_vList;
+        SListReading m_oReading; // by which it was taken
+    };
+    using CMail = std::unique_ptr<SMail>;
+
+    // What readings there were since the main loop took notice.
+    struct SNews {
+        SListReading m_oLatest; // lrNone: there were none
+        uint32_t m_nTaken = 0;
+        uint32_t m_nRefused = 0;
+    };
 
     void startThread();
     [[noreturn]] void watch();
-    CMail readList();
-    CMail readKept();
-    CMail exchangeMail(CMail mail);
+    void readList();
+    void tellReading(const std::string& failure);
+    void readKept();
+    void post(SListReading reading, CMail mail);
     bool isWorkLeft();
     void sendNote();
 
+    bool isInForce() const { return m_oState.m_oInForce.m_eResult != lrNone; }
+    void takeNotice(SNews news);
     void deliver(CMail mail);
-    bool handOver(CFreshList& list);
+    bool handOver(SMail& mail);
     void carryOn();
     void setWaiting();
 
@@ -85,13 +102,14 @@ private:
 
     // The main thread's alone.
     bool m_bThread = false;               // the thread runs
-    bool m_bInForce = false;              // some list was handed over
     std::optional<CHandOver> m_oHandOver; // none before the first supply()
     bool m_bShort = false;                // no memory for the last hand-over, and the log says so
+    SListState m_oState;
 
     // Both threads'.
-    std::mutex m_oMailMutex;              // guards m_pMail
-    CMail m_pMail;                        // the newest list, if it is not handed over yet
+    std::mutex m_oMailMutex; // guards the two that follow
+    CMail m_pMail;           // the newest list, if it is not handed over yet
+    SNews m_oNews;
     std::atomic<bool> m_bWaiting = false; // features wait in the hand-over; written by the main thread
 };
 

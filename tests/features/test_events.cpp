@@ -279,7 +279,7 @@ TEST_F(CEventTest, EachStepOfTheEndpointThatFailsIsTold) {
                                "1 31148 MFW server init failed to addCallback rc=7"}));
     EXPECT_EQ(endpoint.init(), 0);
     platform().fail("OvuMfwRegisterCallback", 7);
-    startAnswering(endpoint);
+    startAnswering(endpoint, nullptr);
     EXPECT_EQ(lines(),
               (CTexts{"1 31151 register callback failed rc = 7", "2 31002 failed to add message Callback."}));
     EXPECT_EQ(endpoint.addCallback(0x10007, CQelServer::cbQelServer), 0);

@@ -1,5 +1,6 @@
 #include "base/clock.h"
 #include "features/CFeatureSupply.h"
+#include "features/SListState.h"
 #include "features/world.h"
 #include "messaging/endpoint/CMFWServer.h"
 #include "server/daemon.h"
@@ -14,9 +15,11 @@ namespace {
 struct CSupply final : CFeatureSupply {
     bool supply(CQelControl&) override { return !m_bFails; }
     void startWatching() override { ++m_nWatches; }
+    const SListState& state() const override { return m_oState; }
 
     bool m_bFails = false;
     int m_nWatches = 0;
+    SListState m_oState;
 };
 
 const CTexts vOpenEndpoint = {"OvuMfwInitialize", "OvuMfwRegisterCallback 0", "OvuMfwRegisterCallback 6"};

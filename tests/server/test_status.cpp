@@ -1,11 +1,16 @@
 // What whoever asks is told, page by page, while the tables change.
+#include "base/clock.h"
 #include "features/delivery.h"
 #include "features/world.h"
 #include "messaging/endpoint/CMFWServer.h"
 #include "messaging/wire/status.h"
 #include "server/status/status.h"
+#include "source/CFeatureSource.h"
+#include "source/list/list_digest.h"
+#include "support/files.h"
 
 #include <algorithm>
+#include <fmt/format.h>
 #include <map>
 #include <random>
 
@@ -23,7 +28,7 @@ class CStatusTest : public CHeartTest {
 protected:
     CStatusTest() {
         CMFWServer::instance()->init();
-        startAnswering(*CMFWServer::instance());
+        startAnswering(*CMFWServer::instance(), nullptr);
     }
     ~CStatusTest() override { setDeliveryWitness(nullptr); }
 
@@ -305,6 +310,73 @@ TEST_F(CStatusTest, PagesTellEachThatStaysOnce) {
     }
     EXPECT_GT(rounds[0], 20);
     EXPECT_GT(rounds[1], 0);
+}
+
+// Each step: what the file is made, and then "in force, kept, features, before, withdrawn, much; result,
+// errors".
+TEST_F(CStatusTest, TheListIsToldWithWhatBecameOfItsFile) {
+    const auto list = [](uint32_t features) {
+        std::string text = "# list\n";
+        for (uint32_t code = 1; code <= features; ++code) {
+            text += fmt::format("[[feature]]\ncode = {}\ndata = 1\ncomponents = []\n", code);
+        }
+        return text;
+    };
+    const CTestDirectory directory;
+    const std::string path = directory.file("list");
+    std::optional<CFeatureSource> source;
+    const auto start = [&] {
+        source.emplace(path, directory.file("state"), std::chrono::milliseconds(5));
+        source->supply(control());
+        startAnswering(*CMFWServer::instance(), &*source);
+    };
+    const auto before = counters();
+    put(path, list(5));
+    start();
+    std::string inForce = list(5), text;
+    CStatusList told;
+    const auto look = [&] {
+        const SPage page = ask(about(sqList));
+        told = readRecord<CStatusList>(page.m_vRecords.at(0));
+        text = page.m_vRecords[0].m_sText;
+        return fmt::format("{} {} {} {} {} {}; {} {}", +told.m_nInForce, +told.m_nKept, +told.m_nFeatures,
+                           +told.m_nBefore, +told.m_nWithdrawn, +told.m_nMuch,
+                           aListResultWords.at(told.m_nResult), +told.m_nErrors);
+    };
+    EXPECT_EQ(look(), "1 0 5 0 0 0; taken 0");
+    EXPECT_EQ(text, path);
+    const struct {
+        std::string m_sFile, m_sTold, m_sErrors;
+        bool m_bTaken = false;
+    } steps[] = {
+        {"# the same\n" + list(5), "1 0 5 0 0 0; unchanged 0", ""},
+        {"x = 1\n" + list(4) + "y = 1", "1 0 5 0 0 0; refused 2", "1: unknown key 'x'"},
+        {list(4), "1 0 4 5 1 0; taken 0", "", true},
+        {list(3), "1 0 3 4 1 1; taken 0", "", true},
+        {"", "1 0 3 4 1 1; refused 1", "0: holds no feature"},
+    };
+    for (const auto& step : steps) {
+        platform().advance(1);
+        put(path, step.m_sFile);
+        for (int turn = 0; turn < 100 && told.m_tRead != nowSeconds(); ++turn) {
+            source->turn();
+            source->takeMail();
+            look();
+        }
+        inForce = step.m_bTaken ? step.m_sFile : inForce;
+        EXPECT_EQ(look(), step.m_sTold);
+        EXPECT_TRUE(text.starts_with(path + (step.m_sErrors.empty() ? "" : '\0' + step.m_sErrors))) << text;
+        EXPECT_EQ(number(told.m_aDigest), listDigest(inForce));
+        EXPECT_EQ(told.m_nSize, inForce.size());
+        EXPECT_EQ(number(told.m_aReadDigest), listDigest(step.m_sFile));
+        EXPECT_EQ(told.m_tLoaded == told.m_tRead, step.m_bTaken);
+    }
+    EXPECT_EQ(counters()["lists.taken"] - before.at("lists.taken"), 3u);
+    EXPECT_EQ(counters()["lists.refused"] - before.at("lists.refused"), 2u);
+    start();
+    EXPECT_EQ(look(), "1 1 3 0 0 0; refused 1");
+    startAnswering(*CMFWServer::instance(), nullptr);
+    EXPECT_EQ(look(), "0 0 0 0 0 0; none 0");
 }
 
 } // namespace

@@ -38,7 +38,9 @@ enum EStatusQuestion : uint32_t {
     sqDeliveries = 4,  // a CStatusDelivery for each feature and component that has been taken into it
     sqTransitions = 5, // a CStatusTransition each, oldest first, of those kept that the cursor lies before
     sqCounters = 6,    // a CStatusCounter each, since the daemon's start; text: its name
-    sqTally = 7        // one CStatusTally in each page, to be added up: deliveries by their state
+    sqTally = 7,       // one CStatusTally in each page, to be added up: deliveries by their state
+    sqList = 8 // one CStatusList; texts: the list's path, then the first errors of the latest reading,
+               // each as LINE: TEXT (line 0: the file as a whole), a NUL in front of each
 };
 
 // Which records are wanted. Features are filtered by code alone, deliveries and their tally by all, the
@@ -175,6 +177,37 @@ struct CStatusTransition {
 };
 static_assert(sizeof(CStatusTransition) == 64);
 
+// What became of a reading of the list file.
+enum EListResult : uint32_t {
+    lrNone = 0,      // it has not been read
+    lrTaken = 1,     // it holds a new list, which is handed over
+    lrUnchanged = 2, // it says what the list taken last says
+    lrRefused = 3,   // it has errors, or is not there; the list in force stays in force
+    lrUnreadable = 4 // it could not be read, or memory was short; it is read again soon
+};
+
+// Where m_nInForce is 0, so are the fields from there to m_nMuch. Digests are listDigest() of the file's
+// bytes (source/list/list_digest.h). The latest reading has another than the list in force where the file's
+// text has changed, but not what it says.
+struct CStatusList {
+    CStatusRecord m_oRecord;
+    CBigEndian32 m_nInForce; // 1: a list is in force
+    CBigEndian32 m_tLoaded;  // when it came into force
+    CBigEndian32 m_nKept; // 1: it is the list kept from an earlier run, for the file had none that is usable
+    CBigEndian32 m_aDigest[2];
+    CBigEndian32 m_nSize; // bytes
+    CBigEndian32 m_nFeatures;
+    CBigEndian32 m_nBefore;    // features of the list before it; 0: it is the first since the daemon's start
+    CBigEndian32 m_nWithdrawn; // those of them that it withdrew
+    CBigEndian32 m_nMuch;      // 1: more than a fifth
+    CBigEndian32 m_tRead;      // the latest reading
+    CBigEndian32 m_nResult;    // EListResult
+    CBigEndian32 m_aReadDigest[2];
+    CBigEndian32 m_nReadSize;
+    CBigEndian32 m_nErrors; // all; the texts have those that fit into some KiB
+};
+static_assert(sizeof(CStatusList) == 72);
+
 struct CStatusCounter {
     CStatusRecord m_oRecord;
     CBigEndian32 m_aValue[2];
@@ -227,6 +260,10 @@ inline constexpr std::array<SDeliveryState, nDeliveryStates> aDeliveryStates = {
 inline constexpr std::array<std::string_view, 13> aCauseWords = {
     "taken in", "told",    "accepted", "refused",  "confirmed", "fetched", "audit",
     "audit",    "overdue", "assumed",  "new list", "left",      "removed"};
+
+// By EListResult.
+inline constexpr std::array<std::string_view, 5> aListResultWords = {"none", "taken", "unchanged", "refused",
+                                                                     "unreadable"};
 
 // --- Reading ---
 

@@ -57,7 +57,7 @@ int CQelServer::init() {
     if (!initEndpoint() || !initEvent()) {
         return 0;
     }
-    startAnswering(*CMFWServer::instance());
+    startAnswering(*CMFWServer::instance(), m_pSupply);
     if (m_pSupply != nullptr) {
         m_pSupply->startWatching();
     }

@@ -3,7 +3,9 @@
 #include "base/clock.h"
 #include "features/CComponent.h"
 #include "features/CFeatureEntry.h"
+#include "features/CFeatureSupply.h"
 #include "features/CQelControl.h"
+#include "features/SListState.h"
 #include "features/counters.h"
 #include "messaging/endpoint/CMFWServer.h"
 #include "messaging/wire/status.h"
@@ -42,6 +44,7 @@ constexpr uint32_t nWhole = UINT32_MAX; // as the last word of a cursor: nothing
 static_assert(nFeatureStatuses == CFeatureEntry::fsExisting + 1);
 static_assert(nDeliveryStates == CCompStatus::csModifyTimedOut + 1);
 static_assert(aCauseWords.size() == nDeliveryEvents);
+static_assert(aListResultWords.size() == lrUnreadable + 1);
 
 constexpr milliseconds nLongestTurn(100); // that says anything about the next turns
 
@@ -55,6 +58,8 @@ struct SLoop {
     milliseconds m_oUntilPass{0};
 };
 constinit SLoop oLoop = {};
+
+constinit const CFeatureSupply* pSupply = nullptr;
 
 // --- An answer in the making ---
 
@@ -398,6 +403,40 @@ void tellTransitions(const SQuestion& question, CPage& page) {
     setNumber(page.m_oAnswer.m_oCursor.m_aWords, next - 1);
 }
 
+// Where there is no memory for them the list is told without.
+std::string textsOf(const SListState& list) try {
+    const std::string& errors = list.m_oLatest.m_sErrors;
+    return errors.empty() ? list.m_sPath : list.m_sPath + '\0' + errors;
+} catch (const std::bad_alloc&) {
+    return {};
+}
+
+void tellList(const SQuestion&, CPage& page) {
+    CStatusList record;
+    if (pSupply == nullptr) {
+        page.add(record);
+        return;
+    }
+    const SListState& list = pSupply->state();
+    const SListReading& inForce = list.m_oInForce;
+    const SListReading& latest = list.m_oLatest;
+    record.m_nInForce = inForce.m_eResult != lrNone;
+    record.m_tLoaded = list.m_tHandedOver;
+    record.m_nKept = inForce.m_bKept;
+    setNumber(record.m_aDigest, inForce.m_nDigest);
+    record.m_nSize = inForce.m_nSize;
+    record.m_nFeatures = inForce.m_nFeatures;
+    record.m_nBefore = inForce.m_nBefore;
+    record.m_nWithdrawn = inForce.m_nWithdrawn;
+    record.m_nMuch = inForce.m_bMuch;
+    record.m_tRead = latest.m_tRead;
+    record.m_nResult = latest.m_eResult;
+    setNumber(record.m_aReadDigest, latest.m_nDigest);
+    record.m_nReadSize = latest.m_nSize;
+    record.m_nErrors = latest.m_nErrors;
+    page.add(record, textsOf(list));
+}
+
 void tellCounters(const SQuestion&, CPage& page) {
     for (size_t i = 0; i < nCounters; ++i) {
         CStatusCounter record;
@@ -419,6 +458,7 @@ constexpr SRow aQuestions[] = {
     {sqTransitions, tellTransitions},
     {sqCounters, tellCounters},
     {sqTally, tally},
+    {sqList, tellList},
 };
 
 // The answer goes to the sender that the framework names, so nobody can have it sent to another. A peer that
@@ -446,7 +486,8 @@ void cbStatus(uint16_t, uint32_t, const sOvuMfwMessage* message, uint32_t length
 
 } // namespace
 
-void startAnswering(CMFWServer& endpoint) {
+void startAnswering(CMFWServer& endpoint, const CFeatureSupply* supply) {
+    pSupply = supply;
     if (oLoop.m_tStarted == 0) {
         oLoop.m_tStarted = nowSeconds();
     }

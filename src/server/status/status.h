@@ -4,13 +4,15 @@
 
 #include <cstdint>
 
+class CFeatureSupply;
 class CMFWServer;
 
 // All on the main loop's thread. Nothing here throws or logs, with the one exception of startAnswering().
 
 // Answers from now on, and records what there is to tell. To be called again each time that the endpoint was
 // initialised anew. Without it the daemon serves its components all the same, so a failure is only logged.
-void startAnswering(CMFWServer& endpoint);
+// The supply knows about the list; null: there is none, else it must live as long as answers are given.
+void startAnswering(CMFWServer& endpoint, const CFeatureSupply* supply);
 
 // One turn of the loop has done its work. `turnsLeft`: how many turns are left until the next audit.
 void noteTurn(uint32_t turnsLeft);
