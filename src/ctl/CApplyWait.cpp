@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <fmt/format.h>
 #include <thread>
-#include <unistd.h>
 #include <unordered_map>
 
 namespace {
@@ -14,8 +13,6 @@ constexpr std::chrono::milliseconds tPoll{250};
 // Between readings of the tables while no transition tells that something has changed: components die without one.
 constexpr std::chrono::seconds tReread{2};
 constexpr std::chrono::seconds tAnswer{10};
-constexpr uint32_t nWithdrawn = 3; // CFeatureEntry::EFStatus
-constexpr uint32_t nModifying = 1;
 
 uint64_t pairOf(uint32_t code, uint32_t data) {
     return uint64_t{code} << 32 | data;
@@ -31,7 +28,7 @@ bool isAlike(const SFeatureView& feature, const SFeatureRecord& record) {
 } // namespace
 
 CApplyWait::CApplyWait(double seconds, bool isProgress)
-    : m_oQuery(tAnswer), m_tLimit(seconds), m_bShown(isProgress && isatty(STDOUT_FILENO)) {
+    : m_oQuery(tAnswer), m_tLimit(seconds), m_oProgress(isProgress) {
     SSummaryView summary;
     if (readSummary(m_oQuery, summary) == EAsked::answered) {
         m_oBefore = std::move(summary);
@@ -45,12 +42,12 @@ EExitStatus CApplyWait::run(const std::vector<SFeatureRecord>& list, bool isTold
     const auto isOver = [&] { return CClock::now() - start >= m_tLimit; };
     EAsked asked = look(list, isToldAgain);
     while (!isDone() && m_oBefore && !isOver()) {
-        show(m_bRead ? progress() : "the daemon is starting");
+        m_oProgress.show(m_bRead ? progress() : "the daemon is starting");
         std::this_thread::sleep_for(tPoll);
         asked = look(list, isToldAgain);
     }
     m_nSeconds = std::chrono::duration<double>(CClock::now() - start).count();
-    show("");
+    m_oProgress.show("");
     if (asked != EAsked::answered && asked != EAsked::changing) {
         return static_cast<EExitStatus>(reportAsked(asked));
     }
@@ -65,7 +62,7 @@ EAsked CApplyWait::look(const std::vector<SFeatureRecord>& list, bool isToldAgai
     }
     asked = m_oView.read(m_oQuery);
     if (asked == EAsked::answered) {
-        asked = m_oView.readPairs(m_oQuery, {});
+        asked = m_oView.readPairs(m_oQuery, {}, CDaemonView::EExtent::open);
     }
     if (asked == EAsked::answered) {
         m_bRead = true;
@@ -87,8 +84,9 @@ bool CApplyWait::isDue(const SSummaryView& summary) const {
 bool CApplyWait::isInForce(const std::vector<SFeatureRecord>& list) const {
     std::unordered_map<uint64_t, const SFeatureView*> features;
     for (const SFeatureView& feature : m_oView.m_vFeatures) {
-        const bool isModified = feature.m_nStatus == nModifying && feature.m_nNewData != 0;
-        if (feature.m_nStatus != nWithdrawn) {
+        const std::string_view status = featureWord(feature.m_nStatus);
+        const bool isModified = status == "modify" && feature.m_nNewData != 0;
+        if (status != "deleted") {
             features.emplace(pairOf(feature.m_nCode, isModified ? feature.m_nNewData : feature.m_nData),
                              &feature);
         }
@@ -116,12 +114,4 @@ std::string CApplyWait::progress() const {
     const size_t all = m_oCounts.m_nDelivered + m_oCounts.m_nFailed + m_oCounts.m_nUnderWay;
     return fmt::format("{} of {} delivered, next pass in {} s", m_oCounts.m_nDelivered, all,
                        (m_oView.m_oSummary.m_nNextPass + 500) / 1000);
-}
-
-// In the one line, over the text before.
-void CApplyWait::show(const std::string& text) const {
-    if (m_bShown) {
-        fmt::print("\r\033[K{}", text);
-        std::fflush(stdout);
-    }
 }

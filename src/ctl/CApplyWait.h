@@ -5,6 +5,7 @@
 #include "ctl/CDaemonView.h"
 #include "ctl/commands.h"
 #include "ctl/pairs.h"
+#include "ctl/terminal.h"
 #include "source/list/feature_list.h"
 
 #include <chrono>
@@ -20,7 +21,7 @@
 class CApplyWait {
 public:
     // Asks the daemon how far it is; to be made before the list is put in place. `isProgress`: shows how far
-    // it is on standard output, if that is a terminal.
+    // it is on a terminal.
     CApplyWait(double seconds, bool isProgress);
 
     // Returns the exit status, and tells on stderr why there is no answer. `list` is the one in place, and
@@ -41,11 +42,10 @@ private:
     bool isDue(const SSummaryView& summary) const;
     bool isDone() const { return m_bTaken && m_oCounts.m_nUnderWay == 0; }
     std::string progress() const;
-    void show(const std::string& text) const;
 
     CStatusQuery m_oQuery;
     std::chrono::duration<double> m_tLimit;
-    bool m_bShown;
+    CProgressLine m_oProgress;
     std::optional<SSummaryView> m_oBefore; // nothing: no daemon answered
     CDaemonView m_oView;
     CClock::time_point m_tRead;

@@ -5,9 +5,7 @@
 #include <charconv>
 #include <cstring>
 #include <fmt/format.h>
-#include <map>
 #include <numeric>
-#include <tuple>
 
 namespace {
 
@@ -30,6 +28,13 @@ std::string failureWord(std::string_view word, std::string_view instead) {
 
 std::string_view wordOfState(uint32_t state) {
     return state < aDeliveryStates.size() ? aDeliveryStates[state].m_sWord : "unknown";
+}
+
+// Of whoever has followed a feature that is in this status.
+uint32_t settledState(uint32_t featureStatus) {
+    enum : uint32_t { accepted = 2, disabled = 6, modified = 10 }; // CCompStatus::ECStatus
+    const std::string_view word = featureWord(featureStatus);
+    return word == "deleted" ? disabled : word == "modify" ? modified : accepted;
 }
 
 bool isRefusal(const STransitionView& transition) {
@@ -120,10 +125,9 @@ std::vector<std::string_view> SFeatureView::concerned() const {
     return names;
 }
 
-bool SFeatureView::concerns(std::string_view component) const {
-    const auto names = concerned();
+bool SFeatureView::concerns(const std::vector<std::string_view>& concerned, std::string_view component) {
     return component == "Anchor" || component == "ALL" ||
-           std::find(names.begin(), names.end(), component) != names.end();
+           std::find(concerned.begin(), concerned.end(), component) != concerned.end();
 }
 
 std::string SFeatureView::id() const {
@@ -133,6 +137,9 @@ std::string SFeatureView::id() const {
 // The audit takes in whoever it finds missing, monitoring or not.
 std::optional<EDeliveryWord> SPair::word() const {
     const bool isDead = m_pComponent->m_tDead != 0;
+    if (m_bSettled) {
+        return EDeliveryWord::delivered;
+    }
     if (m_pDelivery == nullptr) {
         return isDead ? std::nullopt : std::optional(EDeliveryWord::queued);
     }
@@ -147,7 +154,8 @@ std::string SPair::state() const {
     if (!word()) {
         return "-";
     }
-    return m_pDelivery ? stateWord(m_pDelivery->m_nState, m_pDelivery->m_nWhy) : stateWord(0, swNone);
+    const uint32_t unread = m_bSettled ? settledState(m_pFeature->m_nStatus) : 0;
+    return m_pDelivery ? stateWord(m_pDelivery->m_nState, m_pDelivery->m_nWhy) : stateWord(unread, swNone);
 }
 
 bool SSelection::wants(const SFeatureView& feature) const {
@@ -212,7 +220,14 @@ bool CDaemonView::isOutdated(const SSummaryView& now) const {
            std::memcmp(m_oSummary.m_aFeatures, now.m_aFeatures, sizeof now.m_aFeatures) != 0;
 }
 
-EAsked CDaemonView::readPairs(CStatusQuery& query, const SSelection& selection) {
+EAsked CDaemonView::readPairs(CStatusQuery& query, const SSelection& selection, EExtent extent) {
+    bool isWhole = false;
+    if (extent == EExtent::open && selection.isAll()) {
+        const EAsked asked = readOpen(query, isWhole);
+        if (isWhole || (asked != EAsked::answered && asked != EAsked::unknown)) {
+            return asked;
+        }
+    }
     CStatusQuestion question = makeQuestion(sqDeliveries);
     if (std::string_view text(selection.m_sFeature); isNumber(text)) {
         question.m_nFilter = question.m_nFilter | sfCode;
@@ -222,32 +237,66 @@ EAsked CDaemonView::readPairs(CStatusQuery& query, const SSelection& selection) 
         question.m_nFilter = question.m_nFilter | sfComponent;
         selection.m_sComponent.copy(question.m_szComponent, nNameFieldSize);
     }
-    const EAsked asked = query.askAll(question, m_vDeliveries);
+    m_vDeliveries.clear();
+    makePairs(selection); // for their number
+    const EAsked asked = query.askAll(question, m_vDeliveries, m_vPairs.size());
     if (asked == EAsked::answered) {
         makePairs(selection);
     }
     return asked;
 }
 
+// The tally counts the records. Where those that were not told are as many as the pairs without one, these are
+// delivered; else a component waits to be taken in somewhere, and only the whole table shows where.
+EAsked CDaemonView::readOpen(CStatusQuery& query, bool& isWhole) {
+    CStatusQuestion question = makeQuestion(sqDeliveries);
+    question.m_nFilter = sfOpen;
+    std::vector<TStatus<CStatusTally>> pages;
+    EAsked asked = query.askAll(question, m_vDeliveries);
+    if (asked == EAsked::answered) {
+        asked = query.askAll(makeQuestion(sqTally), pages);
+    }
+    if (asked != EAsked::answered) {
+        return asked;
+    }
+    size_t records = 0;
+    for (const auto& page : pages) {
+        records = std::accumulate(std::begin(page.m_aDeliveries), std::end(page.m_aDeliveries), records);
+    }
+    makePairs({});
+    size_t unread = 0;
+    for (SPair& pair : m_vPairs) {
+        pair.m_bSettled = pair.m_pDelivery == nullptr;
+        unread += pair.m_bSettled ? 1 : 0;
+    }
+    isWhole = unread + m_vDeliveries.size() == records;
+    return asked;
+}
+
 // Features and deliveries were read one after the other: a delivery of a feature that is new since then finds
 // no place here, and waits for the next reading.
 void CDaemonView::makePairs(const SSelection& selection) {
-    std::map<std::tuple<uint32_t, uint32_t, std::string_view>, const SDeliveryView*> deliveries;
+    // By feature. One that stands twice, in force and for those who leave it, has other components each time.
+    std::unordered_map<uint64_t, std::vector<const SDeliveryView*>> deliveries;
     for (const SDeliveryView& delivery : m_vDeliveries) {
-        deliveries[{delivery.m_nCode, delivery.m_nData, fieldText(delivery.m_szComponent)}] = &delivery;
+        deliveries[placeOf(delivery.m_nCode, delivery.m_nData)].push_back(&delivery);
     }
     m_vPairs.clear();
     for (const SFeatureView& feature : m_vFeatures) {
         if (!selection.wants(feature)) {
             continue;
         }
+        const auto concerned = feature.concerned();
+        const auto& told = deliveries[placeOf(feature.m_nCode, feature.m_nData)];
         for (const SComponentView& component : m_vComponents) {
             const std::string_view name = fieldText(component.m_szName);
-            if (!selection.wantsComponent(name) || !feature.concerns(name)) {
+            if (!selection.wantsComponent(name) || !SFeatureView::concerns(concerned, name)) {
                 continue;
             }
-            const auto found = deliveries.find({feature.m_nCode, feature.m_nData, name});
-            m_vPairs.push_back({&feature, &component, found == deliveries.end() ? nullptr : found->second});
+            const auto found = std::find_if(told.begin(), told.end(), [name](const SDeliveryView* delivery) {
+                return fieldText(delivery->m_szComponent) == name;
+            });
+            m_vPairs.push_back({&feature, &component, found == told.end() ? nullptr : *found});
         }
     }
 }

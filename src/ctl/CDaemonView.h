@@ -22,7 +22,8 @@ struct SFeatureView : TStatus<CStatusFeature> {
     std::string_view name() const { return std::string_view(m_sText).substr(0, m_sText.find('\0')); }
     std::vector<std::string_view> concerned() const;
     // Anchor and ALL take part in every feature, named or not.
-    bool concerns(std::string_view component) const;
+    bool concerns(std::string_view component) const { return concerns(concerned(), component); }
+    static bool concerns(const std::vector<std::string_view>& concerned, std::string_view component);
     std::string id() const; // CODE:DATA
 };
 
@@ -30,7 +31,9 @@ struct SFeatureView : TStatus<CStatusFeature> {
 struct SPair {
     const SFeatureView* m_pFeature;
     const SComponentView* m_pComponent;
-    const SDeliveryView* m_pDelivery; // null: the daemon has not taken the component in yet
+    const SDeliveryView*
+        m_pDelivery;         // null: it was not read, or the daemon has not taken the component in yet
+    bool m_bSettled = false; // it was not read because it is delivered
 
     // How far it has come; nothing where the component is dead and was not told.
     std::optional<EDeliveryWord> word() const;
@@ -55,6 +58,7 @@ struct SSelection {
     std::string m_sFeature; // CODE, CODE:DATA or a name
     std::string m_sComponent;
 
+    bool isAll() const { return m_sFeature.empty() && m_sComponent.empty(); }
     bool wants(const SFeatureView& feature) const;
     bool wants(uint32_t code, uint32_t data, std::string_view name) const;
     bool wantsComponent(std::string_view name) const { return m_sComponent.empty() || m_sComponent == name; }
@@ -67,8 +71,10 @@ public:
     // Whether this summary, asked for since, tells of another daemon, a transition or a change of features.
     bool isOutdated(const SSummaryView& now) const;
     // Then the deliveries that a selection takes, and makes the pairs of them, in the order of the daemon's
-    // tables.
-    EAsked readPairs(CStatusQuery& query, const SSelection& selection);
+    // tables. `open`: where all are selected, records of those that are delivered are not read, if that can be
+    // avoided; of a large table they are most of it.
+    enum class EExtent { all, open };
+    EAsked readPairs(CStatusQuery& query, const SSelection& selection, EExtent extent = EExtent::all);
 
     // Tells which of the two a single argument means, where it may be either: a number is a feature, else a
     // component's name goes before a feature's. False if there is no such, and `nearest` is what comes
@@ -87,6 +93,7 @@ public:
     std::vector<SPair> m_vPairs;
 
 private:
+    EAsked readOpen(CStatusQuery& query, bool& isWhole);
     void makePairs(const SSelection& selection);
     std::string nearestTo(std::string_view text) const;
 

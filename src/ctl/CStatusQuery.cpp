@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <fmt/format.h>
 
 CStatusQuery* CStatusQuery::m_pAsking = nullptr;
 
@@ -33,6 +34,14 @@ int reportAsked(EAsked asked) {
         return exitNotYet;
     }
     return exitFailed;
+}
+
+void CReadingProgress::show(size_t records, size_t expected) {
+    ++m_nPages;
+    if (std::chrono::steady_clock::now() - m_tBegun >= std::chrono::seconds(1)) {
+        m_oLine.show(expected == 0 ? fmt::format("reading page {}", m_nPages)
+                                   : fmt::format("reading {} of {} deliveries", records, expected));
+    }
 }
 
 CStatusQuery::CStatusQuery(std::chrono::milliseconds timeout) : m_tTimeout(timeout) {

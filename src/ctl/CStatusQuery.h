@@ -2,6 +2,7 @@
 #ifndef QEL_CTL_CSTATUSQUERY_H
 #define QEL_CTL_CSTATUSQUERY_H
 
+#include "ctl/terminal.h"
 #include "messaging/wire/status.h"
 #include "platform/mfw.h"
 
@@ -38,6 +39,17 @@ struct SStatusPage {
     std::vector<SStatusRecord> m_vRecords;
 };
 
+// Of one reading of a table.
+class CReadingProgress {
+public:
+    void show(size_t records, size_t expected);
+
+private:
+    std::chrono::steady_clock::time_point m_tBegun = std::chrono::steady_clock::now();
+    size_t m_nPages = 0;
+    CProgressLine m_oLine;
+};
+
 // Opens this process's endpoint with the first question and closes it at its own end. A process has one
 // endpoint, so there is one query at a time, and no COamQuery beside it. Takes no component's name.
 //
@@ -56,8 +68,9 @@ public:
     EAsked askPage(CStatusQuestion question, SStatusPage& page);
     // Asks until there is no more, anew where the daemon says that its table has changed, or where it was
     // restarted. `records` is filled after `answered`, else empty. Not for transitions, whose gaps it hides.
+    // A terminal shows how far it is, where it takes long: of `expected` records, if that is not 0.
     template <typename T>
-    EAsked askAll(CStatusQuestion question, std::vector<TStatus<T>>& records);
+    EAsked askAll(CStatusQuestion question, std::vector<TStatus<T>>& records, size_t expected = 0);
 
     // The daemon; nNoHandle if none is known. Another number is another process.
     uint32_t handle() const { return m_nDaemon; }
@@ -89,10 +102,11 @@ private:
 };
 
 template <typename T>
-EAsked CStatusQuery::askAll(CStatusQuestion question, std::vector<TStatus<T>>& records) {
+EAsked CStatusQuery::askAll(CStatusQuestion question, std::vector<TStatus<T>>& records, size_t expected) {
     const CStatusQuestion first = question;
     SStatusPage page;
     records.clear();
+    CReadingProgress progress;
     for (int beginnings = 1; beginnings <= nMaxBeginnings;) {
         const EAsked asked = askPage(question, page);
         const EPaging paging = asked == EAsked::answered ? next(question, page)
@@ -112,6 +126,7 @@ EAsked CStatusQuery::askAll(CStatusQuestion question, std::vector<TStatus<T>>& r
         for (const SStatusRecord& record : page.m_vRecords) {
             records.push_back({readRecord<T>(record), std::string(record.m_sText)});
         }
+        progress.show(records.size(), expected);
         if (paging == EPaging::done) {
             return EAsked::answered;
         }

@@ -274,6 +274,9 @@ void CStatusReport::printAsJson(const SSelection& selection,
 void print(const SStatusOptions& options, const CDaemonView& view, const SSelection& selection,
            const std::vector<SCounterView>& counters) {
     const CStatusReport report(options, view);
+    if (options.m_bAll && !options.m_bJson) {
+        report.printDaemon(counters); // first, so that the last line is always that of the deliveries
+    }
     if (options.m_bJson) {
         report.printAsJson(selection, counters);
     } else if (!selection.m_sFeature.empty()) {
@@ -282,9 +285,6 @@ void print(const SStatusOptions& options, const CDaemonView& view, const SSelect
         report.printComponent(selection.m_sComponent);
     } else {
         report.printMatrix();
-    }
-    if (options.m_bAll && !options.m_bJson) {
-        report.printDaemon(counters);
     }
 }
 
@@ -302,8 +302,10 @@ int runStatus(const SStatusOptions& options) {
         return exitFailed;
     }
     std::vector<SCounterView> counters;
-    EAsked asked = view.readPairs(query, selection);
-    if (asked == EAsked::answered && (options.m_bJson || options.m_bAll)) {
+    const bool isWhole = options.m_bAll || (options.m_bJson && !options.m_bQuiet);
+    EAsked asked =
+        view.readPairs(query, selection, isWhole ? CDaemonView::EExtent::all : CDaemonView::EExtent::open);
+    if (asked == EAsked::answered && isWhole) {
         asked = query.askAll(makeQuestion(sqCounters), counters);
     }
     if (asked != EAsked::answered) {

@@ -14,8 +14,10 @@ std::string_view environment(const char* name) {
     return value ? value : "";
 }
 
-bool showsColours(FILE* stream) {
-    return isatty(fileno(stream)) && environment("NO_COLOR").empty() && environment("TERM") != "dumb";
+// Whether escape sequences have a meaning where the stream goes.
+bool isCapable(FILE* stream) {
+    const std::string_view terminal = environment("TERM");
+    return isatty(fileno(stream)) && !terminal.empty() && terminal != "dumb" && terminal != "unknown";
 }
 
 // Every byte but those that continue a character.
@@ -29,7 +31,7 @@ std::string paint(std::string_view text, EColour colour, FILE* stream) {
     // By EColour: the parameters of "select graphic rendition" (ECMA-48), a terminal's standard palette.
     static const char* const aCodes[] = {"", "31", "32", "33", "2"};
     // Asked for each stream: stderr may be a terminal while stdout is a pipe.
-    if (colour == EColour::none || !showsColours(stream)) {
+    if (colour == EColour::none || !isCapable(stream) || !environment("NO_COLOR").empty()) {
         return std::string(text);
     }
     return fmt::format("\033[{}m{}\033[0m", aCodes[static_cast<int>(colour)], text);
@@ -76,6 +78,19 @@ std::string cut(std::string_view text, size_t columns) {
         }
     }
     return std::string(text.substr(0, end)).append(mark);
+}
+
+CProgressLine::CProgressLine(bool isWanted) : m_bWanted(isWanted && isCapable(stderr)) {}
+
+// What was printed on standard output before comes out before.
+void CProgressLine::show(std::string_view text) {
+    if (m_bWanted && (m_bShown || !text.empty())) {
+        std::fflush(stdout);
+        const size_t width = lineWidth(stderr);
+        fmt::print(stderr, "\r\033[K{}", cut(text, width == 0 ? 0 : width - 1));
+        std::fflush(stderr);
+        m_bShown = !text.empty();
+    }
 }
 
 std::string timeOfDay(int64_t seconds, int64_t microseconds) {

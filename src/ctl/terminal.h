@@ -10,7 +10,7 @@
 enum class EColour { none, red, green, yellow, dim };
 
 // The text in that colour if `stream` is a terminal that shows colours, else as it is: escape sequences have
-// no business in a file. NO_COLOR in the environment, if it is not empty, and TERM=dumb say that it shows none.
+// no business in a file. NO_COLOR in the environment, if it is not empty, and a TERM that is dumb, unknown or empty say that it shows none.
 std::string paint(std::string_view text, EColour colour, FILE* stream);
 
 // The text with every control character replaced by a question mark. Names and texts come from other
@@ -29,6 +29,22 @@ size_t columnsOf(std::string_view text);
 
 // The text in so many columns at most; "..." stands for what was cut off. 0: the whole.
 std::string cut(std::string_view text, size_t columns);
+
+// A line at the bottom that tells how far something is, each text over the one before; on a terminal that can do
+// that, else not at all. Goes with its owner.
+class CProgressLine {
+public:
+    explicit CProgressLine(bool isWanted = true);
+    ~CProgressLine() { show(""); }
+    CProgressLine(const CProgressLine&) = delete;
+    CProgressLine& operator=(const CProgressLine&) = delete;
+
+    void show(std::string_view text); // empty: none
+
+private:
+    bool m_bWanted;
+    bool m_bShown = false;
+};
 
 // Time of day, local, as in the daemon's text log; without a fraction, if it is negative.
 std::string timeOfDay(int64_t seconds, int64_t microseconds = -1);

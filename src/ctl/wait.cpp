@@ -74,7 +74,8 @@ EAsked CWait::look() {
     asked = m_oView.read(m_oQuery);
     if (asked == EAsked::answered) {
         m_sMissing = findMissing();
-        asked = m_sMissing.empty() ? m_oView.readPairs(m_oQuery, m_oSelection) : asked;
+        asked = m_sMissing.empty() ? m_oView.readPairs(m_oQuery, m_oSelection, CDaemonView::EExtent::open)
+                                   : asked;
     }
     if (asked == EAsked::answered) {
         m_tRead = CClock::now();

@@ -132,7 +132,17 @@ protected:
     }
 
     SText compose(const CStatusQuestion& question, const SText& word) {
-        const auto& table = m_oTables[question.m_nQuestion];
+        auto table = m_oTables[question.m_nQuestion];
+        if (question.m_nQuestion == sqTally) {
+            CStatusTally tally;
+            tally.m_aDeliveries[0] = static_cast<uint32_t>(m_oTables[sqDeliveries].size());
+            table = {record(tally)};
+        }
+        if (question.m_nQuestion == sqDeliveries && (question.m_nFilter & sfOpen) != 0) {
+            std::erase_if(table, [](const SText& one) { return one[27] == 2; }); // the state
+        } else {
+            m_bWhole = m_bWhole || question.m_nQuestion == sqDeliveries;
+        }
         CStatusAnswer head;
         head.m_nQuestion = question.m_nQuestion + (word == "other" ? 1 : 0);
         head.m_nTag = question.m_nTag;
@@ -189,6 +199,7 @@ protected:
     size_t m_nTaken = 0;
     std::map<uint32_t, size_t> m_oAsked; // how often each question was
     size_t m_oAskedBefore = 0;
+    bool m_bWhole = false; // deliveries were asked for whatever their state
     SText m_sErrors;
 };
 
@@ -246,6 +257,14 @@ TEST_F(CLooking, TheMatrixTellsProblemsFirstAndFitsTheLine) {
               "2 problems, 3 under way, 1 delivered; Tape (pid 13) is dead since 00:15:00\n"
               "status 3\n");
     setenv("COLUMNS", "100", 1);
+    EXPECT_TRUE(m_bWhole) << "what waits to be taken in shows nowhere else";
+    m_bWhole = false;
+    m_oTables[sqFeatures].pop_back();
+    EXPECT_PRED_FORMAT2(testing::IsSubstring,
+                        "\n 102     1  Calls    .                      ok                    sent 41 s  .\n"
+                        "2 problems, 2 under way, 1 delivered; ",
+                        run(runStatus, SStatusOptions{}));
+    EXPECT_FALSE(m_bWhole);
     SStatusOptions one;
     one.m_sArgument = "Calls";
     EXPECT_EQ(run(runStatus, one), "102:1 Calls: active\n"
