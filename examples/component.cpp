@@ -44,6 +44,7 @@ void stop(int) {
 
 int main(int argc, char** argv) {
     qel_options options = {};
+    options.size = sizeof options;
     options.notify = takeFeature;
     int rc = qel_open(argc > 1 ? argv[1] : "Voice", &options, &client);
     if (rc != 0) {

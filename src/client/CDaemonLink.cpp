@@ -1,11 +1,23 @@
 #include "client/CDaemonLink.h"
 
 #include <algorithm>
+#include <climits>
 #include <cstring>
 #include <ctime>
 #include <cxxabi.h>
+#include <optional>
+#include <poll.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/resource.h>
 #include <unistd.h>
 #include <utility>
+
+// Of the platform's contract, what a platform may leave out: null then.
+extern "C" {
+__attribute__((weak)) int OvuMfwGetDescriptor(int* descriptor);
+__attribute__((weak)) int OvuMfwWatchProcess(const char* processName, uint32_t* changes);
+}
 
 namespace {
 
@@ -22,6 +34,29 @@ std::chrono::nanoseconds processorTime() {
     timespec used{};
     clock_gettime(CLOCK_THREAD_CPUTIME_ID, &used);
     return std::chrono::seconds(used.tv_sec) + std::chrono::nanoseconds(used.tv_nsec);
+}
+
+// A framework may take what the process is allowed to. A daemon needs that; a component's limits are its own.
+class CKeptLimits {
+public:
+    CKeptLimits() { m_bKnown = getrlimit(RLIMIT_NOFILE, &m_oDescriptors) == 0; }
+    ~CKeptLimits() {
+        if (m_bKnown) {
+            setrlimit(RLIMIT_NOFILE, &m_oDescriptors);
+        }
+    }
+    CKeptLimits(const CKeptLimits&) = delete;
+    CKeptLimits& operator=(const CKeptLimits&) = delete;
+
+private:
+    rlimit m_oDescriptors{};
+    bool m_bKnown = false;
+};
+
+bool isWatchable(const CFileDescriptor& epoll, int fd) {
+    epoll_event event{};
+    event.events = EPOLLIN;
+    return epoll_ctl(epoll.get(), EPOLL_CTL_ADD, fd, &event) == 0;
 }
 
 uint32_t bigEndianWord(const uint8_t (&bytes)[4]) {
@@ -47,14 +82,50 @@ CDaemonLink::~CDaemonLink() {
 }
 
 bool CDaemonLink::open() {
+    const CKeptLimits limits;
     if (OvuMfwInitialize() != 0) {
         return false;
     }
     // From here on there is an endpoint to close, which the destructor does, even if one of the next
     // steps fails.
     m_pOpen = this;
+    openEvents();
     return OvuMfwGetProcessHandle(nullptr, &m_nOwnHandle) == 0 &&
            OvuMfwRegisterCallback(nQelServerMfwMsgId, cbReceive) == 0;
+}
+
+// Without them the client still works, but wakes up twice a second.
+void CDaemonLink::openEvents() {
+    int framework = -1;
+    if (OvuMfwGetDescriptor == nullptr || OvuMfwGetDescriptor(&framework) != 0) {
+        return;
+    }
+    m_oWakeUp = CFileDescriptor(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
+    CFileDescriptor events(epoll_create1(EPOLL_CLOEXEC));
+    if (m_oWakeUp && events && isWatchable(events, framework) && isWatchable(events, m_oWakeUp.get())) {
+        m_oEvents = std::move(events);
+    }
+}
+
+// A write to an eventfd is safe in a signal handler.
+void CDaemonLink::wake() {
+    if (m_oWakeUp) {
+        eventfd_write(m_oWakeUp.get(), 1);
+    }
+}
+
+// Whether the platform tells when the daemon comes or goes. If it has told something since the last time, a
+// look-up is due. Coming processes are watched for only while there is no daemon.
+bool CDaemonLink::isWatched() {
+    uint32_t changes = 0;
+    const char* awaited = m_nDaemon == nNoHandle ? szDaemonProcess : nullptr;
+    if (!m_oEvents || OvuMfwWatchProcess == nullptr || OvuMfwWatchProcess(awaited, &changes) != 0) {
+        return false;
+    }
+    if (std::exchange(m_nChanges, changes) != changes) {
+        m_tNextLookup = std::min(m_tNextLookup, m_tSoonestLookup);
+    }
+    return true;
 }
 
 // A look-up asks about every process that has an endpoint, so it is not done for every message, and each
@@ -62,6 +133,7 @@ bool CDaemonLink::open() {
 // no time. Another handle is another process: a daemon that was restarted and does not know this component.
 // What its predecessor sent is void.
 CDaemonLink::ELookup CDaemonLink::lookUp() {
+    const bool isTold = isWatched();
     auto now = CClientClock::now();
     if (now < m_tNextLookup) {
         return ELookup::notDue;
@@ -71,13 +143,16 @@ CDaemonLink::ELookup CDaemonLink::lookUp() {
     if (OvuMfwGetProcessHandle(szDaemonProcess, &found) != 0) {
         found = nNoHandle;
     }
+    const CClientClock::duration pause = 1000 * (processorTime() - before);
+    m_tSoonestLookup = now + std::min<CClientClock::duration>(pause, tLongestLookup);
     m_tNextLookup =
-        now + std::clamp<CClientClock::duration>(1000 * (processorTime() - before), tLookup, tLongestLookup);
+        isTold ? now + tRareLookup : now + std::clamp<CClientClock::duration>(pause, tLookup, tLongestLookup);
     if (found == m_nDaemon) {
         return ELookup::same;
     }
     m_nDaemon = found;
     m_oInbox.clear();
+    isWatched(); // for something else from now on
     return ELookup::changed;
 }
 
@@ -120,16 +195,25 @@ uint32_t CDaemonLink::sendReply(uint32_t subType, uint32_t status, std::string_v
     return send(message.m_oHeader, &message, length);
 }
 
-bool CDaemonLink::receive(std::chrono::milliseconds wait) {
-    int received = 0;
-    auto timeout = static_cast<uint32_t>(std::max<int64_t>(wait.count(), 0));
-    // Any error ends this like an empty queue. It cannot make the caller spin, since the framework reports
-    // errors only after the time is up.
-    while (received < nMaxBurst && OvuMfwProcessNextMessage(timeout) == 0) {
-        ++received;
+// Any error of the framework ends this like an empty queue. It cannot make the caller spin: where there are
+// events they are waited for, and where there are none the framework reports errors only after the time is up.
+void CDaemonLink::receive(std::chrono::milliseconds wait, CClientClock::time_point until) {
+    const auto limit = static_cast<int>(std::clamp<int64_t>(m_bMore ? 0 : wait.count(), 0, INT_MAX));
+    auto timeout = static_cast<uint32_t>(limit);
+    if (m_oEvents) {
+        pollfd events{m_oEvents.get(), POLLIN, 0};
+        poll(&events, 1, limit);
+        eventfd_t woken = 0;
+        eventfd_read(m_oWakeUp.get(), &woken);
         timeout = 0;
     }
-    return received != 0;
+    int received = 0;
+    m_bMore = true;
+    while (received < nMaxBurst && (received == 0 || CClientClock::now() < until) && m_bMore) {
+        m_bMore = OvuMfwProcessNextMessage(timeout) == 0;
+        timeout = 0;
+        ++received;
+    }
 }
 
 // The framework's callback carries no pointer of the client's, hence the static m_pOpen.
@@ -189,7 +273,7 @@ uint32_t CDaemonLink::send(const CQelMessageHeader& header, const void* body, si
     }
     std::memcpy(message.data, body, length);
     if (OvuMfwSendMessage(m_nDaemon, nQelServerMfwMsgId, 0, &message, static_cast<uint32_t>(length)) != 0) {
-        m_tNextLookup = std::min(m_tNextLookup, CClientClock::now() + tLookup);
+        m_tNextLookup = std::min<CClientClock::time_point>(m_tNextLookup, CClientClock::now() + tLookup);
         return 0;
     }
     show(1, message.data, length);

@@ -2,6 +2,7 @@
 #ifndef QEL_CLIENT_CDAEMONLINK_H
 #define QEL_CLIENT_CDAEMONLINK_H
 
+#include "base/CFileDescriptor.h"
 #include "client/CFeatureTable.h"
 #include "client/CPatience.h"
 #include "client/qelclient.h"
@@ -23,10 +24,12 @@
 // thread at a time.
 class CDaemonLink {
 public:
-    // How often the daemon is looked up at most. So a restart of the daemon is noticed within half a second,
-    // but later, up to tLongestLookup, among more than some hundred processes: see lookUp().
+    // How often the daemon is looked up at most where the platform does not tell that it came or went. So a
+    // restart of the daemon is noticed within half a second, but later, up to tLongestLookup, among more than
+    // some hundred processes: see lookUp(). Where the platform tells, a look-up is rare.
     static constexpr std::chrono::milliseconds tLookup{500};
     static constexpr std::chrono::seconds tLongestLookup{10};
+    static constexpr std::chrono::seconds tRareLookup{60};
 
     CDaemonLink(std::string name, qel_trace_fn trace, void* user);
     ~CDaemonLink();
@@ -54,9 +57,16 @@ public:
     uint32_t sendRequest(uint32_t subType);
     uint32_t sendReply(uint32_t subType, uint32_t status, std::string_view text);
 
-    // Waits at most this long for a message, then takes in everything that has arrived. True if anything
-    // came. The trace callback is called from here.
-    bool receive(std::chrono::milliseconds wait);
+    // Waits at most this long for a message, then takes in what has arrived, but no more once `until` has
+    // come. The trace callback is called from here. hasMore(): there may be more, so do not wait.
+    void receive(std::chrono::milliseconds wait,
+                 CClientClock::time_point until = CClientClock::time_point::max());
+    bool hasMore() const { return m_bMore; }
+    // Whether waiting ends when a message comes, the daemon comes or goes, or wake() is called. If not, all
+    // but the first take up to tLookup.
+    bool isWoken() const { return static_cast<bool>(m_oEvents); }
+    int descriptor() const { return m_oEvents.get(); } // readable then; -1: none
+    void wake();                                       // any thread, signal handlers
     // The messages received and not taken yet, the oldest first.
     std::deque<CQelServerMessage>& inbox() { return m_oInbox; }
 
@@ -67,6 +77,8 @@ private:
     uint32_t nextTag();
     CQelMessageHeader header(uint32_t type, uint32_t subType, size_t length);
     uint32_t send(const CQelMessageHeader& header, const void* body, size_t length);
+    void openEvents();
+    bool isWatched();
 
     static CDaemonLink* m_pOpen; // gets the framework's callbacks; null: no link is open
 
@@ -77,6 +89,12 @@ private:
     uint32_t m_nDaemon = nNoHandle;
     uint32_t m_nTag = 0; // given out last; counts up, so a late answer never has the tag awaited
     CClientClock::time_point m_tNextLookup{};
+    CClientClock::time_point m_tSoonestLookup{};
+    CFileDescriptor
+        m_oEvents; // epoll: the framework's descriptor and m_oWakeUp; none: waits in the framework
+    CFileDescriptor m_oWakeUp; // eventfd
+    uint32_t m_nChanges = 0;   // the platform's number
+    bool m_bMore = false;
     std::deque<CQelServerMessage> m_oInbox;
 };
 

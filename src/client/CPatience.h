@@ -7,7 +7,18 @@
 #include <deque>
 #include <random>
 
-using CClientClock = std::chrono::steady_clock;
+// The client's time; that of a test, where one has set it.
+struct CClientClock {
+    using duration = std::chrono::steady_clock::duration;
+    using rep = duration::rep;
+    using period = duration::period;
+    using time_point = std::chrono::steady_clock::time_point;
+    static constexpr bool is_steady = true;
+
+    static time_point now() { return m_fnNow(); }
+    using Source = time_point (*)();
+    static inline constinit Source m_fnNow = std::chrono::steady_clock::now;
+};
 
 // The daemon takes one message in 35 to 55 ms, so when 1,000 components start at once, each answer takes them
 // 35 to 55 seconds. Whoever gives up and asks again makes the queue longer, since the daemon also spends a

@@ -80,6 +80,21 @@ int CQelClient::run(int timeoutMs) {
     return cameUp ? QEL_OK : rc;
 }
 
+// A stop is looked for first, since who waits by itself was woken for it.
+int CQelClient::dispatch(int* nextMs) {
+    m_bWanted = m_bListWanted = m_bMonitorWanted = true;
+    m_nHandled = 0;
+    const int rc = pump([] { return false; }, 0);
+    if (rc != QEL_ENODAEMON && rc != QEL_ETIMEDOUT) {
+        return rc;
+    }
+    if (nextMs != nullptr) {
+        const auto wait = waitTime(CClientClock::time_point::max()).count();
+        *nextMs = m_oLink.hasMore() ? 0 : static_cast<int>(std::clamp<int64_t>(wait, 0, INT_MAX));
+    }
+    return m_nHandled;
+}
+
 // A daemon that has never answered does not know the handle, and would only log the message. The next
 // announcement is a first one again and tells what is held, for the daemon forgets a component that
 // shuts down.
@@ -112,8 +127,9 @@ int CQelClient::state() const {
 // least once in each look-up period.
 int CQelClient::pump(const std::function<bool()>& reached, int timeoutMs) {
     auto deadline = deadlineAfter(timeoutMs);
+    const auto limit = timeoutMs != 0 ? deadline : CClientClock::time_point::max();
     for (bool first = true;; first = false) {
-        act(timeoutMs != 0 ? deadline : CClientClock::time_point::max());
+        act(limit);
         if (m_bStop.exchange(false)) {
             return QEL_ESTOPPED;
         }
@@ -123,7 +139,7 @@ int CQelClient::pump(const std::function<bool()>& reached, int timeoutMs) {
         if (!first && CClientClock::now() >= deadline) {
             return m_oLink.handle() == nNoHandle ? QEL_ENODAEMON : QEL_ETIMEDOUT;
         }
-        m_oLink.receive(waitTime(deadline));
+        m_oLink.receive(waitTime(deadline), limit);
         takeMessages();
         if (m_eAwaited != ERequest::none && CClientClock::now() >= m_oPatience.due()) {
             m_oPatience.giveUp();
@@ -132,12 +148,15 @@ int CQelClient::pump(const std::function<bool()>& reached, int timeoutMs) {
     }
 }
 
-// Never beyond the next look-up, which bounds the time until a restart of the daemon is noticed, and never
-// longer than half a second, which bounds it for a stop from another thread. A moment that has passed gives a
-// negative time, which receive() takes as 0.
+// Never beyond the next look-up, which bounds the time until a restart of the daemon is noticed, and where
+// nothing wakes this up never longer than half a second, which bounds it for a stop from another thread. A
+// moment that has passed gives a negative time, which receive() takes as 0.
 std::chrono::milliseconds CQelClient::waitTime(CClientClock::time_point deadline) const {
     auto now = CClientClock::now();
-    auto until = std::min({deadline, m_oLink.nextLookup(), now + CDaemonLink::tLookup});
+    auto until = std::min(deadline, m_oLink.nextLookup());
+    if (!m_oLink.isWoken()) {
+        until = std::min<CClientClock::time_point>(until, now + CDaemonLink::tLookup);
+    }
     if (m_eAwaited != ERequest::none) {
         until = std::min(until, m_oPatience.due());
     }
@@ -343,7 +362,7 @@ void CQelClient::deliver(SNotification notification) {
     if (notification.m_nType == nQelServerTimeoutMsgType) {
         // Nothing to answer, and nothing changes: it only says that the daemon has stopped waiting.
         const SFeature& feature = notification.m_oFeature;
-        call({QEL_OVERDUE, feature.m_nCode, feature.m_nData, 0, 0}, nullptr);
+        call({sizeof(qel_notification), QEL_OVERDUE, feature.m_nCode, feature.m_nData, 0, 0}, nullptr);
         return;
     }
     std::string text;
@@ -388,7 +407,8 @@ int CQelClient::offer(const SDifference& difference, bool fetched, std::string* 
     const SFeature& feature = before ? *before : *after;
     int kind = !after ? QEL_DISABLE : before ? QEL_MODIFY : QEL_ENABLE;
     uint32_t newData = kind == QEL_MODIFY ? after->m_nData : 0;
-    int result = call({kind, feature.m_nCode, feature.m_nData, newData, fetched}, text);
+    int result =
+        call({sizeof(qel_notification), kind, feature.m_nCode, feature.m_nData, newData, fetched}, text);
     if (result == QEL_OK) {
         if (before) {
             m_oTable.remove(*before);
@@ -413,7 +433,9 @@ int CQelClient::repeat(const SNotification& notification, std::string& text) {
     if (!m_oOptions.notify_unchanged) {
         return QEL_OK;
     }
-    return call({disables ? QEL_DISABLE : QEL_ENABLE, feature.m_nCode, feature.m_nData, 0, 0}, &text);
+    return call({sizeof(qel_notification), disables ? QEL_DISABLE : QEL_ENABLE, feature.m_nCode,
+                 feature.m_nData, 0, 0},
+                &text);
 }
 
 // A callback in C++ may throw, which must not leave by the C interface. Only the end of the thread

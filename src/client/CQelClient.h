@@ -49,9 +49,14 @@ public:
     int monitor(int timeoutMs);
     int wait(int timeoutMs);
     int run(int timeoutMs);
+    int dispatch(int* nextMs);
     int shutdown(const char* text);
 
-    void stop() { m_bStop = true; } // any thread, signal handlers; the next pump() uses it up
+    void stop() { // any thread, signal handlers; the next pump() uses it up
+        m_bStop = true;
+        m_oLink.wake();
+    }
+    int descriptor() const { return m_oLink.descriptor(); }
     int state() const;
     const CFeatureTable& table() const { return m_oTable; }
 

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <string_view>
 
 // The C header's opaque type is the client itself, so no pointer has to be cast.
 struct qel_client : CQelClient {
@@ -49,6 +50,13 @@ bool isName(const char* name) {
     return length >= 1 && length <= nMaxNameLength;
 }
 
+// What a caller that knows more than this library has set must not be passed over in silence.
+bool isKnown(const qel_options& options) {
+    const auto* bytes = reinterpret_cast<const char*>(&options);
+    return options.size >= sizeof options && options.reserved == 0 &&
+           std::all_of(bytes + sizeof options, bytes + options.size, [](char byte) { return byte == 0; });
+}
+
 int openClient(const char* name, const qel_options& options, qel_client** client) {
     auto fresh = std::make_unique<qel_client>(name, options);
     if (!fresh->open()) {
@@ -60,12 +68,14 @@ int openClient(const char* name, const qel_options& options, qel_client** client
 
 } // namespace
 
+static_assert(std::string_view(QEL_VERSION) == QEL_PROJECT_VERSION, "the header's must follow the project's");
+
 // The C header cannot include the wire layouts, so its limits are compared with them here.
 static_assert(QEL_MAX_NAME == nMaxNameLength && QEL_MAX_ANNOUNCED == nMaxKnownPairs &&
               QEL_TEXT_SIZE == nMaxReplyTextLength + 1);
 
 int qel_open(const char* name, const qel_options* options, qel_client** client) {
-    if (!isName(name) || !client) {
+    if (!isName(name) || !client || (options && !isKnown(*options))) {
         return QEL_EINVAL;
     }
     // Claimed before anything is opened, so that of two threads one is refused.
@@ -109,7 +119,18 @@ int qel_run(qel_client* client, int timeout_ms) {
     return enter(client, [&] { return client->run(timeout_ms); });
 }
 
-// A store into an atomic flag and nothing else, so it is safe in a signal handler (signal-safety(7)).
+int qel_dispatch(qel_client* client, int* next_ms) {
+    return enter(client, [&] { return client->dispatch(next_ms); });
+}
+
+int qel_fd(const qel_client* client) {
+    if (!client) {
+        return QEL_EINVAL;
+    }
+    return client->descriptor() >= 0 ? client->descriptor() : QEL_EPLATFORM;
+}
+
+// A store into an atomic flag and a write(2), so it is safe in a signal handler (signal-safety(7)).
 void qel_stop(qel_client* client) {
     if (client) {
         client->stop();
@@ -150,6 +171,10 @@ int qel_state(const qel_client* client) {
     return client ? client->state() : QEL_EINVAL;
 }
 
+const char* qel_version(void) {
+    return QEL_VERSION;
+}
+
 const char* qel_strerror(int error) {
     switch (error) {
     case QEL_EINVAL:
@@ -166,6 +191,8 @@ const char* qel_strerror(int error) {
         return "stopped";
     case QEL_ENOMEM:
         return "out of memory";
+    case QEL_EREPLACED:
+        return "another process has taken the name";
     default:
         return error >= 0 ? "success" : "unknown error";
     }

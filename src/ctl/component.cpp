@@ -149,6 +149,7 @@ int CPromptComponent::run() {
 
 int CPromptComponent::open() {
     qel_options options = {};
+    options.size = sizeof options;
     options.notify = cbNotify;
     options.trace = cbTrace;
     options.user = this;

@@ -74,6 +74,19 @@ int OvuMfwSendMessage(uint32_t handle, uint16_t type, uint32_t userDefinedId, co
  * come stays for the next call, but for a long message that twice finds none. */
 int OvuMfwProcessNextMessage(uint32_t timeoutMs);
 
+/* For programs that wait by themselves. A platform may leave these two out: a program that can do without refers
+ * to them weakly, as libqelclient does.
+ *
+ * OvuMfwGetDescriptor: a descriptor for poll(2), readable when OvuMfwProcessNextMessage may have something to
+ * do. It stays the framework's: it is only waited on, and gone with the clean-up. What a call has taken in
+ * and left for the next one does not show, so call until OVU_MFW_NO_MESSAGE before each wait.
+ *
+ * OvuMfwWatchProcess: *changes is another number than before if, since the last call, a connection has ended
+ * or, unless `processName` is NULL, a process of that name may have come. Both make the descriptor readable.
+ * An error means that coming processes cannot be watched for at present: ask for the name from time to time. */
+int OvuMfwGetDescriptor(int* descriptor);
+int OvuMfwWatchProcess(const char* processName, uint32_t* changes);
+
 #ifdef __cplusplus
 }
 #endif

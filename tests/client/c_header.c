@@ -4,6 +4,6 @@
 int openFromC(qel_client** client);
 
 int openFromC(qel_client** client) {
-    struct qel_options options = {.answer_timeout_ms = 100};
+    struct qel_options options = {.size = sizeof options, .answer_timeout_ms = 100};
     return qel_open("FromC", &options, client);
 }

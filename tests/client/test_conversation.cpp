@@ -305,7 +305,19 @@ TEST_F(CConversation, BadArgumentsAreRefused) {
     for (const char* name : {"", "SeventeenLetters!", static_cast<const char*>(nullptr)}) {
         EXPECT_EQ(qel_open(name, nullptr, &other), QEL_EINVAL);
     }
+    struct {
+        qel_options m_oKnown = {};
+        uint64_t m_nLater = 0;
+    } options;
+    for (const auto& [size, reserved, later] :
+         {std::array<uint32_t, 3>{0, 0, 0}, {sizeof(qel_options), 1, 0}, {sizeof options, 0, 1}}) {
+        options.m_oKnown.size = size;
+        options.m_oKnown.reserved = static_cast<int>(reserved);
+        options.m_nLater = later;
+        EXPECT_EQ(qel_open("Voice", &options.m_oKnown, &other), QEL_EINVAL) << size;
+    }
     EXPECT_EQ(openFromC(&m_pClient), 0);
+    EXPECT_EQ(qel_fd(m_pClient), QEL_EPLATFORM); // the scripted one has none
     EXPECT_EQ(qel_open("Second", nullptr, &other), QEL_EBUSY);
     EXPECT_EQ(other, nullptr);
     EXPECT_EQ(qel_hold(m_pClient, 0, 0), QEL_EINVAL); // ends a list on the wire

@@ -2,6 +2,9 @@
 #include "client/voice.h"
 #include "integration/daemon.h"
 
+#include <poll.h>
+#include <sys/resource.h>
+
 namespace {
 
 class CRealDaemon : public CDaemonTest, protected CVoice {
@@ -47,6 +50,35 @@ TEST_F(CRealDaemon, EveryDifferenceIsToldOnceByNotificationFetchOrRestart) {
     EXPECT_PRED_FORMAT2(::testing::IsSubstring, "; 1 sourced feature is not shown", control("list"));
     EXPECT_EQ(qel_shutdown(m_pClient, "bye"), 0);
     EXPECT_TRUE(eventually([this] { return countInLog(": ShutdownMsgType (1 bye)\n") == 1; }));
+}
+
+// Where its poll loop would sleep for ever, or spin, this fails.
+TEST_F(CRealDaemon, ALoopOfOnesOwnIsWokenForWhatComesAndForNothingElse) {
+    open();
+    rlimit before{}, after{};
+    getrlimit(RLIMIT_NOFILE, &before);
+    int next = 0;
+    int wakes = 0;
+    const auto loopUntil = [&](const std::string& told) {
+        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+        while (m_sTold.size() < told.size() && std::chrono::steady_clock::now() < end) {
+            pollfd wait{qel_fd(m_pClient), POLLIN, 0};
+            poll(&wait, 1, next < 1000 ? next : 30000); // a time that is far off may not be what it waits for
+            ASSERT_GE(qel_dispatch(m_pClient, &next), 0);
+            ++wakes;
+        }
+        EXPECT_EQ(std::exchange(m_sTold, ""), told);
+    };
+    start({{1, 1}});
+    loopUntil("enable 1:1, ");
+    m_oDaemon.reset(); // killed
+    start({{1, 2}});
+    loopUntil("modify 1:1>2, ");
+    EXPECT_LT(wakes, 60) << "about 10 messages each, and the daemon that came and went";
+    getrlimit(RLIMIT_NOFILE, &after);
+    EXPECT_EQ(after.rlim_cur, before.rlim_cur);
+    qel_stop(m_pClient);
+    EXPECT_EQ(qel_dispatch(m_pClient, nullptr), QEL_ESTOPPED);
 }
 
 TEST_F(CRealDaemon, WithoutADaemonToolsSayAtOnceWhatIsWrong) {

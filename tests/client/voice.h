@@ -16,7 +16,7 @@ protected:
     ~CVoice() { qel_close(m_pClient); }
 
     void open(uint32_t answerTimeout = 0) {
-        qel_options options = {cbNotify, nullptr, this, answerTimeout, 0};
+        qel_options options = {sizeof options, answerTimeout, cbNotify, nullptr, this, 0, 0};
         ASSERT_EQ(qel_open("Voice", &options, &m_pClient), 0);
     }
 

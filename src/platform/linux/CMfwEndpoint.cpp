@@ -12,7 +12,8 @@ namespace {
 // What a descriptor in the epoll set means: one of these, or a connection's id.
 constexpr uint64_t nListenerId = 0;
 constexpr uint64_t nWakeupId = 1;
-constexpr uint64_t nFirstConnectionId = 2;
+constexpr uint64_t nNamesId = 2;
+constexpr uint64_t nFirstConnectionId = 3;
 
 constexpr size_t nMaxConnections = 2048;
 constexpr int nMaxConnectionsOfPeer = 16; // it needs two at most, but old ones may still be unread
@@ -205,6 +206,26 @@ int CMfwEndpoint::connectionTo(uint32_t handle, CMfwConnection*& connection) {
     return 0;
 }
 
+// A watch that begins says that something may have come: what came before it, nobody has seen. The directory is
+// the one that has come in the place of ours, if there is one.
+int CMfwEndpoint::watchProcess(const char* processName, uint32_t& changes) {
+    const std::lock_guard<std::mutex> guard(m_oMutex);
+    if (!m_bOpen) {
+        return ENOTCONN;
+    }
+    int error = 0;
+    if (processName == nullptr) {
+        m_oNameWatch.end();
+    } else if (!m_oNameWatch.isOf(processName)) {
+        follow();
+        error = m_oNameWatch.begin(m_oDirectory, processName);
+        error = error != 0 ? error : watch(m_oNameWatch.fd(), nNamesId);
+        ++m_nChanges;
+    }
+    changes = m_nChanges;
+    return error;
+}
+
 // Waits only while there is nothing to deliver, but looks each time: what has come is taken in as it comes.
 int CMfwEndpoint::receive(const CDeadline& deadline, SMfwMessage& message, CMfwRecord& record) {
     bool mayWait = prepareToReceive();
@@ -279,6 +300,9 @@ void CMfwEndpoint::takeIn(uint64_t id) {
         eventfd_read(m_oWakeup.get(), &wakeups);
         break;
     }
+    case nNamesId:
+        m_nChanges += m_oNameWatch.hasCome(m_oDirectory);
+        break;
     default:
         read(id);
     }
@@ -336,6 +360,7 @@ void CMfwEndpoint::read(uint64_t id) {
     const auto place = m_oConnections.find(id);
     if (place != m_oConnections.end() && !readSome(place->second)) {
         m_oConnections.erase(place);
+        ++m_nChanges;
     }
 }
 

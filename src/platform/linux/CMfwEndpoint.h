@@ -14,6 +14,7 @@
 #include "platform/linux/CDeadline.h"
 #include "platform/linux/CMfwConnection.h"
 #include "platform/linux/CMfwInbox.h"
+#include "platform/linux/CMfwNameWatch.h"
 #include "platform/linux/mfw_names.h"
 
 #include <chrono>
@@ -44,6 +45,10 @@ public:
     // call, and only a message for whose record there is no memory twice is lost, so that it cannot stand in
     // the way for ever.
     [[nodiscard]] int receive(const CDeadline& deadline, SMfwMessage& message, CMfwRecord& record);
+
+    // As OvuMfwGetDescriptor() and OvuMfwWatchProcess().
+    int descriptor() const { return m_oEpoll.get(); }
+    [[nodiscard]] int watchProcess(const char* processName, uint32_t& changes);
 
 private:
     using CConnections = std::map<uint64_t, CMfwConnection>; // by their ids, which count up
@@ -92,6 +97,8 @@ private:
     CMfwInbox m_oInbox;
     CMfwFrameReader m_oReader;
     std::optional<SMfwMessage> m_oHeld; // has arrived, and found no memory in the inbox
+    CMfwNameWatch m_oNameWatch;
+    uint32_t m_nChanges = 0; // connections that ended, and times that the name watched for may have come
 };
 
 #endif

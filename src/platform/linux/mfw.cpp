@@ -206,3 +206,22 @@ int OvuMfwProcessNextMessage(uint32_t timeoutMs) {
     }
     return 0;
 }
+
+int OvuMfwGetDescriptor(int* descriptor) {
+    const std::shared_ptr<CMfwEndpoint> endpoint = currentEndpoint();
+    if (endpoint == nullptr || descriptor == nullptr) {
+        return endpoint == nullptr ? ENOTCONN : EINVAL;
+    }
+    *descriptor = endpoint->descriptor();
+    return 0;
+}
+
+int OvuMfwWatchProcess(const char* processName, uint32_t* changes) {
+    return guarded([&] {
+        const std::shared_ptr<CMfwEndpoint> endpoint = currentEndpoint();
+        if (endpoint == nullptr || changes == nullptr) {
+            return endpoint == nullptr ? ENOTCONN : EINVAL;
+        }
+        return endpoint->watchProcess(processName, *changes);
+    });
+}

@@ -22,6 +22,9 @@ std::string nameFile(uint32_t handle) {
 
 // Only the one spelling that nameFile() makes: "name.007" would be another file than that of handle 7.
 std::optional<uint32_t> handleOf(const std::string& file) {
+    if (!file.starts_with(sNamePrefix)) {
+        return std::nullopt;
+    }
     uint32_t handle = 0;
     const char* end = file.data() + file.size();
     const auto parsed = std::from_chars(file.data() + sNamePrefix.size(), end, handle);
@@ -155,4 +158,10 @@ int findProcess(const CRuntimeDirectory& directory, const std::string& name, uin
     }
     handle = *lowest;
     return 0;
+}
+
+bool isNameFileOf(const CRuntimeDirectory& directory, const std::string& file, const std::string& name) {
+    const CFileDescriptor opened =
+        handleOf(file) ? directory.openFile(file, O_RDONLY, S_IFREG) : CFileDescriptor();
+    return opened && readName(opened.get()) == name;
 }

@@ -49,4 +49,8 @@ private:
 // processes have left. Costs about five system calls for each process that has an endpoint. Does not block.
 [[nodiscard]] int findProcess(const CRuntimeDirectory& directory, const std::string& name, uint32_t& handle);
 
+// Whether `file`, of the directory, holds that name.
+[[nodiscard]] bool isNameFileOf(const CRuntimeDirectory& directory, const std::string& file,
+                                const std::string& name);
+
 #endif
