@@ -1,5 +1,5 @@
 /* The service manager. Platform contract: another platform supplies OvuServiceStartService under this name,
- * and may leave OvuServiceReport out. */
+ * and may leave OvuServiceReport and OvuServiceAlive out. */
 #ifndef QEL_PLATFORM_SERVICE_H
 #define QEL_PLATFORM_SERVICE_H
 
@@ -30,6 +30,12 @@ enum { OVU_SERVICE_STARTING = 0, OVU_SERVICE_READY = 1 };
  * Not every manager wants to know, so the reference is weak: without this function the daemon tells
  * nothing. */
 void OvuServiceReport(uint32_t state, const char* text, uint32_t timeMs) __attribute__((weak));
+
+/* The main loop turns: it says so in every turn, always on the same thread. What of this is passed on to a
+ * manager that watches over the service, and how often, is the platform's matter; a call that has nothing to
+ * pass on must cost next to nothing. Does not block, and reports no failure. The reference is weak, too:
+ * without this function nobody notices a loop that hangs. */
+void OvuServiceAlive(void) __attribute__((weak));
 
 #ifdef __cplusplus
 }

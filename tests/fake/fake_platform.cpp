@@ -225,6 +225,10 @@ void OvuServiceReport(uint32_t state, const char* text, uint32_t timeMs) {
     fake().enter("OvuServiceReport", listed(text, state, timeMs));
 }
 
+void OvuServiceAlive() { // of every turn, so it is counted instead of listed
+    ++fake().m_nAlive;
+}
+
 // --- Diagnostics ---
 
 int OvuDiagRegisterModule(const char* name1, const char* name2, const char* name3, const char* logName,

@@ -70,6 +70,7 @@ public:
     std::map<std::string, uint32_t> m_oEvents;    // that exist, by name
     std::vector<uint32_t> m_vWaits;               // milliseconds that osReceiveEvent was given
     std::set<uint32_t> m_oReceiveWaits;           // milliseconds that OvuMfwProcessNextMessage was given
+    int m_nAlive = 0;                             // how often the loop said that it turns
     int m_nProcessState = OS_PROCESS_NOT_RUNNING;
     OvuServiceCallback m_fnNotice = nullptr;
     std::function<bool()> m_fnReceiveEvent = [] { return false; }; // true: the event has come

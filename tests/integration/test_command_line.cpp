@@ -59,6 +59,7 @@ TEST_F(CCommandLineTest, TheServiceManagerHearsOfTheReadingAndThenOfTheFirstTurn
     writeList(list);
     const CFileDescriptor manager = socketAt(file("notify"), SOCK_DGRAM, bind);
     setenv("NOTIFY_SOCKET", file("notify").c_str(), 1);
+    setenv("WATCHDOG_USEC", "3600000000", 1);
     std::string told;
     const auto isTold = [&] { return (told = datagram(manager)) != "none"; };
     const std::string reading = "STATUS=reading the feature list\nEXTEND_TIMEOUT_USEC=600000000";
@@ -67,6 +68,8 @@ TEST_F(CCommandLineTest, TheServiceManagerHearsOfTheReadingAndThenOfTheFirstTurn
     EXPECT_EQ(told, reading);
     EXPECT_TRUE(eventually(isTold));
     EXPECT_EQ(told, "READY=1\nSTATUS=serving");
+    EXPECT_TRUE(eventually(isTold));
+    EXPECT_EQ(told, "WATCHDOG=1");
     EXPECT_TRUE(findDaemon());
     EXPECT_EQ(countInLog("3000 features, handed over"), 1u);
     stopDaemon();
@@ -77,6 +80,7 @@ TEST_F(CCommandLineTest, TheServiceManagerHearsOfTheReadingAndThenOfTheFirstTurn
     EXPECT_EQ(datagram(manager), reading);
     EXPECT_FALSE(isTold()) << told;
     unsetenv("NOTIFY_SOCKET");
+    unsetenv("WATCHDOG_USEC");
 }
 
 TEST_F(CCommandLineTest, AFullLogAPipeWithoutReaderOrAHangupDoNotEndIt) {

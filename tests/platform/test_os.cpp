@@ -167,6 +167,40 @@ TEST_F(CServiceTest, AManagerThatIsGoneOrDoesNotReadHoldsNobodyUp) {
     tellSystemd("READY=1");
 }
 
+// As in sd_watchdog_enabled(3). An interval of an hour has begun when the child ends; one of a microsecond is
+// over again and again.
+TEST_F(CServiceTest, ALoopThatTurnsIsToldToAManagerThatWatchesItAndOnlyWhenDue) {
+    const CFileDescriptor manager = socketAt(file("notify"), SOCK_DGRAM, bind);
+    setenv("NOTIFY_SOCKET", file("notify").c_str(), 1);
+    const auto fedWith = [&](const char* interval, const std::string& process) {
+        CChild service([&](const CLine& line) {
+            setenv("WATCHDOG_USEC", interval, 1);
+            if (!process.empty()) {
+                setenv("WATCHDOG_PID", process == "own" ? std::to_string(getpid()).c_str() : "1", 1);
+            }
+            for (int turn = 0; turn < 5; ++turn) {
+                OvuServiceAlive();
+                usleep(10);
+            }
+            line.tell('d');
+            return pause();
+        });
+        EXPECT_EQ(service.hear(), 'd');
+        int count = 0;
+        for (std::string told; (told = datagram(manager)) != "none"; ++count) {
+            EXPECT_EQ(told, "WATCHDOG=1");
+        }
+        return count;
+    };
+    EXPECT_EQ(fedWith("3600000000", ""), 1);
+    EXPECT_EQ(fedWith("3600000000", "own"), 1);
+    EXPECT_EQ(fedWith("3", "own"), 5);
+    EXPECT_EQ(fedWith("3600000000", "another"), 0);
+    for (const char* interval : {"", "0", "soon", "30s"}) {
+        EXPECT_EQ(fedWith(interval, ""), 0);
+    }
+}
+
 // In the place of systemctl, scripts that answer, do not, or wait for ever.
 TEST_F(CServiceTest, TheManagersAnswerIsReadWholeAndAwaitedInVainNotForEver) {
     const auto says = [this](const std::string& script) {

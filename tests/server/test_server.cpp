@@ -165,6 +165,7 @@ TEST_F(CServerTest, AuditThenTimeoutRunBeforeTheMessageOfEvery214thTurnAndInItsT
     EXPECT_EQ(passes, (CTexts{"214 31107", "214 31115", "428 31107", "428 31115"}));
     EXPECT_EQ(platform().m_vWaits[212], 35u);
     EXPECT_LT(platform().m_vWaits[213], 35u);
+    EXPECT_EQ(platform().m_nAlive, turn);
     EXPECT_EQ(platform().m_oReceiveWaits, std::set<uint32_t>{50});
 }
 

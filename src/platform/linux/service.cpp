@@ -96,3 +96,7 @@ void OvuServiceReport(uint32_t state, const char* text, uint32_t timeMs) {
     }
     tellSystemd(message);
 }
+
+void OvuServiceAlive() {
+    feedWatchdog();
+}

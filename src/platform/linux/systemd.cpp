@@ -3,10 +3,13 @@
 #include "base/CFileDescriptor.h"
 #include "platform/linux/CDeadline.h"
 
+#include <charconv>
 #include <csignal>
 #include <cstddef>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <fcntl.h>
 #include <spawn.h>
 #include <string_view>
@@ -43,6 +46,33 @@ socklen_t fillAddress(const char* name, sockaddr_un& address) {
 bool isRunBySystemd() {
     struct stat status {};
     return lstat(sBootedDirectory, &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+// A number as sd_watchdog_enabled(3) has it in the environment; 0 for anything else.
+uint64_t environmentNumber(const char* variable) {
+    const char* text = std::getenv(variable);
+    if (text == nullptr) {
+        return 0;
+    }
+    uint64_t number = 0;
+    const char* const end = text + std::strlen(text);
+    const auto result = std::from_chars(text, end, number);
+    return result.ec == std::errc() && result.ptr == end ? number : 0;
+}
+
+// Microseconds from one message to the next; 0: nobody watches. $WATCHDOG_PID says whom the interval is
+// meant for, where a process has passed its environment on. A third of the interval, so that one message may
+// be lost.
+uint64_t feedInterval() {
+    const bool isForUs = std::getenv("WATCHDOG_PID") == nullptr ||
+                         environmentNumber("WATCHDOG_PID") == static_cast<uint64_t>(getpid());
+    return isForUs ? environmentNumber("WATCHDOG_USEC") / 3 : 0;
+}
+
+uint64_t monotonicMicroseconds() {
+    timespec time{};
+    clock_gettime(CLOCK_MONOTONIC, &time);
+    return static_cast<uint64_t>(time.tv_sec) * 1000000 + static_cast<uint64_t>(time.tv_nsec) / 1000;
 }
 
 sigset_t noSignals() {
@@ -132,6 +162,19 @@ void tellSystemd(const char* state) {
     const CFileDescriptor socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     sendto(socket.get(), state, std::strlen(state), MSG_DONTWAIT | MSG_NOSIGNAL,
            reinterpret_cast<const sockaddr*>(&address), length);
+}
+
+void feedWatchdog() {
+    static const uint64_t interval = feedInterval();
+    static uint64_t due = 0;
+    if (interval == 0) {
+        return;
+    }
+    const uint64_t now = monotonicMicroseconds();
+    if (now >= due) {
+        due = now + interval;
+        tellSystemd("WATCHDOG=1");
+    }
 }
 
 bool isHostGoingDown() {

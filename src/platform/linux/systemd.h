@@ -8,6 +8,11 @@
 // ($NOTIFY_SOCKET).
 void tellSystemd(const char* state);
 
+// Tells the manager that the caller's loop turns, if it watches over this process (sd_watchdog_enabled(3)).
+// May be called as often as one likes, by one thread: it reads a clock, and makes system calls three times in
+// the manager's interval. Whoever does not call it for a whole interval is taken for hung.
+void feedWatchdog();
+
 // Whether systemd runs the host and is shutting it down. Takes half a second at most; no answer counts as no.
 bool isHostGoingDown();
 

@@ -6,6 +6,7 @@
 #include "messaging/dispatcher/dispatcher.h"
 #include "messaging/endpoint/CMFWServer.h"
 #include "messaging/wire/wire.h"
+#include "platform/service.h"
 #include "server/log/log.h"
 #include "server/log/singleton.h"
 #include "server/loop/names.h"
@@ -24,6 +25,14 @@ namespace {
 // 35, once a second at most, which does no harm.
 uint32_t millisecondOfSecond() {
     return static_cast<uint32_t>(nowTimeOfDay().tv_usec / 1000);
+}
+
+// A service manager that watches over the daemon ends one whose loop hangs, so only the loop may say this.
+// The reference is weak (platform/service.h).
+void reportAlive() {
+    if (!bQelServerDebugFlag && OvuServiceAlive != nullptr) {
+        OvuServiceAlive();
+    }
 }
 
 } // namespace
@@ -127,6 +136,7 @@ void CQelServer::clear() {
 int CQelServer::run() {
     for (uint32_t turn = 1;; ++turn) {
         const uint32_t start = millisecondOfSecond();
+        reportAlive();
         if (turn % nAuditTurns == 0) {
             checkSignal();
         }
