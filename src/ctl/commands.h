@@ -111,5 +111,6 @@ int runCheck(const SCheckOptions& options);
 int runComponent(const SComponentOptions& options);
 int runApply(const SApplyOptions& options);
 int runUndo(const SApplyOptions& options);
+int runSchema();
 
 #endif

@@ -196,6 +196,10 @@ void addUndo(CLI::App& command, SOptions& all) {
     addChange(command, all.m_oUndo);
 }
 
+void addSchema(CLI::App& command, SOptions&) {
+    command.footer("Editors that know it check a list while it is written.");
+}
+
 // A column of the help.
 std::string exitStatuses() {
     std::string text = "Exit status:\n";
@@ -235,6 +239,8 @@ constexpr SCommand aCommands[] = {
      [](const SOptions& options) { return runUndo(options.m_oUndo); }},
     {"component", "Be a component: print every message, answer as told.", addComponent,
      [](const SOptions& options) { return runComponent(options.m_oComponent); }},
+    {"schema", "Print the JSON Schema of the feature list.", addSchema,
+     [](const SOptions&) { return runSchema(); }},
     {"help", "Print this, or the help of a command.", addHelp, nullptr},
 };
 

@@ -3,13 +3,13 @@
 #include "base/SFeature.h"
 #include "messaging/wire/wire.h"
 #include "source/list/list_blocks.h"
+#include "source/list/list_fields.h"
 #include "source/list/list_text.h"
 #include "source/list/whole_file.h"
 
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <limits>
 #include <optional>
 #include <unordered_map>
 
@@ -34,18 +34,23 @@
 
 namespace {
 
-constexpr uint32_t nMaxNumber = std::numeric_limits<uint32_t>::max();
-constexpr std::string_view aTopKeys[] = {"count", "feature"};
-constexpr std::string_view aFeatureKeys[] = {"code", "data", "components", "sourced"};
-constexpr std::string_view aNumberKeys[] = {"count", "code", "data"};
-
-template <size_t N>
-bool isOneOf(std::string_view key, const std::string_view (&keys)[N]) {
-    return std::find(std::begin(keys), std::end(keys), key) != std::end(keys);
+std::string outOfRange(const SListField& field) {
+    return fmt::format("'{}' must be from 0 to {}", field.m_sKey, field.m_nMost);
 }
 
-std::string outOfRange(std::string_view key) {
-    return fmt::format("'{}' must be from 0 to {}", key, nMaxNumber);
+// Null: the key is of no number.
+const SListField* findNumber(std::string_view key) {
+    const SListField* field = key == oCountField.m_sKey ? &oCountField : findFeatureField(key);
+    return field != nullptr && field->isNumber() ? field : nullptr;
+}
+
+// ": did you mean 'data'?" of the keys of a feature.
+std::string suggestFeatureKey(std::string_view key) {
+    std::vector<std::string_view> keys;
+    for (const SListField& field : aFeatureFields) {
+        keys.push_back(field.m_sKey);
+    }
+    return suggestion(key, keys);
 }
 
 std::string_view nthLine(std::string_view text, uint32_t number) {
@@ -162,8 +167,9 @@ private:
         const auto [line, column] = fault.source().begin;
         const uint32_t number = std::min(line, lines);
         const std::string_view wrong = nthLine(text, number);
-        if (isHugeNumber(fault.description()) && isOneOf(keyOf(wrong), aNumberKeys)) {
-            error(lineOf(number), outOfRange(keyOf(wrong)));
+        const SListField* field = findNumber(keyOf(wrong));
+        if (field != nullptr && isHugeNumber(fault.description())) {
+            error(lineOf(number), outOfRange(*field));
         } else {
             error(lineOf(number), syntaxText(fault.description(), column > wrong.size()));
         }
@@ -171,14 +177,17 @@ private:
 
     void checkRoot(const toml::table& root) {
         for (const auto& [key, value] : root) {
-            if (key == "count") {
-                m_oCount = number(value, "count");
+            if (key == oCountField.m_sKey) {
                 m_nCountLine = lineOf(value);
-            } else if (key == "feature") {
+                uint32_t count = 0;
+                if (take(value, oCountField, count)) {
+                    m_oCount = count;
+                }
+            } else if (key == sFeatureKey) {
                 checkFeatures(value);
             } else {
-                error(lineOf(value),
-                      fmt::format("unknown key '{}'{}", shown(key), suggestion(key, aTopKeys)));
+                constexpr std::string_view keys[] = {oCountField.m_sKey, sFeatureKey};
+                error(lineOf(value), fmt::format("unknown key '{}'{}", shown(key), suggestion(key, keys)));
             }
         }
     }
@@ -203,17 +212,16 @@ private:
         SFeatureRecord record;
         record.m_nLine = lineOf(feature);
         for (const auto& [key, value] : feature) {
-            if (!isOneOf(key, aFeatureKeys)) {
+            if (findFeatureField(key) == nullptr) {
                 error(lineOf(value), unknownFeatureKey(key));
             }
         }
-        const auto code = requiredNumber(feature, "code", record.m_nLine);
-        const auto data = requiredNumber(feature, "data", record.m_nLine);
-        takeComponents(feature, record);
-        takeSourced(feature, record);
-        if (code && data) {
-            record.m_nCode = *code;
-            record.m_nData = *data;
+        bool hasPair = true;
+        for (const SListField& field : aFeatureFields) {
+            const bool isGood = takeField(feature, field, record);
+            hasPair = hasPair && (isGood || field.m_eUse != EListUse::pair);
+        }
+        if (hasPair) {
             checkPair(record);
         }
         if (m_oList.isGood()) {
@@ -223,55 +231,69 @@ private:
 
     static std::string unknownFeatureKey(std::string_view key) {
         const std::string place =
-            key == "count" ? ": it belongs above the first [[feature]]" : suggestion(key, aFeatureKeys);
+            key == oCountField.m_sKey ? ": it belongs above the first [[feature]]" : suggestFeatureKey(key);
         return fmt::format("unknown key '{}' in a feature{}", shown(key), place);
     }
 
-    const toml::node* required(const toml::table& feature, std::string_view key, uint32_t line) {
-        const toml::node* value = feature.get(key);
+    // False: the value is wrong, or missing where it must be there.
+    bool takeField(const toml::table& feature, const SListField& field, SFeatureRecord& record) {
+        const toml::node* value = feature.get(field.m_sKey);
         if (value == nullptr) {
-            error(line, fmt::format("'{}' is missing", key));
+            if (field.m_bRequired) {
+                error(record.m_nLine, fmt::format("'{}' is missing", field.m_sKey));
+            }
+            return !field.m_bRequired;
         }
-        return value;
+        const auto takeInto = [&](auto member) {
+            if constexpr (std::is_member_pointer_v<decltype(member)>) {
+                return take(*value, field, record.*member);
+            }
+            return false;
+        };
+        return std::visit(takeInto, field.m_oMember);
     }
 
-    std::optional<uint32_t> requiredNumber(const toml::table& feature, std::string_view key, uint32_t line) {
-        const toml::node* value = required(feature, key, line);
-        return value != nullptr ? number(*value, key) : std::nullopt;
+    bool refuse(const toml::node& value, const SListField& field, std::string_view type) {
+        error(lineOf(value), fmt::format("'{}' must be {}, not {}", field.m_sKey, type, typeOf(value)));
+        return false;
     }
 
-    std::optional<uint32_t> number(const toml::node& value, std::string_view key) {
+    bool take(const toml::node& value, const SListField& field, uint32_t& number) {
         const toml::value<int64_t>* integer = value.as_integer();
         if (integer == nullptr) {
-            error(lineOf(value), fmt::format("'{}' must be an integer, not {}", key, typeOf(value)));
-            return std::nullopt;
+            return refuse(value, field, "an integer");
         }
-        if (integer->get() < 0 || integer->get() > nMaxNumber) {
-            error(lineOf(value), outOfRange(key));
-            return std::nullopt;
+        if (integer->get() < 0 || integer->get() > field.m_nMost) {
+            error(lineOf(value), outOfRange(field));
+            return false;
         }
-        return static_cast<uint32_t>(integer->get());
+        number = static_cast<uint32_t>(integer->get());
+        return true;
     }
 
-    void takeComponents(const toml::table& feature, SFeatureRecord& record) {
-        const toml::node* value = required(feature, "components", record.m_nLine);
-        if (value == nullptr) {
-            return;
+    bool take(const toml::node& value, const SListField& field, bool& flag) {
+        const toml::value<bool>* boolean = value.as_boolean();
+        if (boolean == nullptr) {
+            return refuse(value, field, "true or false");
         }
-        const toml::array* names = value->as_array();
-        if (names == nullptr) {
-            error(lineOf(*value),
-                  fmt::format("'components' must be an array of strings, not {}", typeOf(*value)));
-            return;
+        flag = boolean->get();
+        return true;
+    }
+
+    bool take(const toml::node& value, const SListField& field, std::vector<std::string>& names) {
+        const toml::array* array = value.as_array();
+        if (array == nullptr) {
+            return refuse(value, field, "an array of strings");
         }
-        if (names->size() > nMaxComponents) {
-            error(lineOf(*value), fmt::format("'components' has more than {} names", nMaxComponents));
-            return;
+        if (array->size() > nMaxComponents) {
+            error(lineOf(value), fmt::format("'{}' has more than {} names", field.m_sKey, nMaxComponents));
+            return false;
         }
-        record.m_vComponents.reserve(names->size());
-        for (const toml::node& name : *names) {
-            takeComponent(name, record.m_vComponents);
+        names.reserve(array->size());
+        for (const toml::node& name : *array) {
+            takeComponent(name, names);
         }
+        return true;
     }
 
     void takeComponent(const toml::node& value, std::vector<std::string>& names) {
@@ -294,18 +316,6 @@ private:
             error(lineOf(value), fmt::format("component '{}' is named twice", name));
         } else {
             names.push_back(name);
-        }
-    }
-
-    void takeSourced(const toml::table& feature, SFeatureRecord& record) {
-        const toml::node* value = feature.get("sourced");
-        if (value == nullptr) {
-            return;
-        }
-        if (const toml::value<bool>* flag = value->as_boolean()) {
-            record.m_bSourced = flag->get();
-        } else {
-            error(lineOf(*value), fmt::format("'sourced' must be true or false, not {}", typeOf(*value)));
         }
     }
 

@@ -1,5 +1,7 @@
 #include "source/list/list_changes.h"
 
+#include "source/list/list_fields.h"
+
 #include <fmt/core.h>
 
 #include <algorithm>
@@ -8,12 +10,6 @@ namespace {
 
 uint64_t pairOf(const SFeatureRecord& record) {
     return uint64_t{record.m_nCode} << 32 | record.m_nData;
-}
-
-// The line is left out: a comment or a blank line more makes no new list.
-bool isSameContent(const SFeatureRecord& one, const SFeatureRecord& other) {
-    return pairOf(one) == pairOf(other) && one.m_bSourced == other.m_bSourced &&
-           one.m_vComponents == other.m_vComponents;
 }
 
 // By code, the record that is the only one with it; null where several records have the code.
@@ -51,7 +47,7 @@ const SFeatureRecord* CFeatureMatching::find(const SFeatureRecord& after) const 
 }
 
 bool isSameList(const CFeatureRecords& before, const CFeatureRecords& after) {
-    return std::equal(before.begin(), before.end(), after.begin(), after.end(), isSameContent);
+    return std::equal(before.begin(), before.end(), after.begin(), after.end(), isSameFeature);
 }
 
 // A modification to 0 cannot be told, because pending data of 0 means that none is pending. Only a sourced
