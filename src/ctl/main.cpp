@@ -2,6 +2,7 @@
 #include "client/qelclient.h"
 #include "ctl/CDaemonView.h"
 #include "ctl/commands.h"
+#include "ctl/help.h"
 #include "ctl/terminal.h"
 
 #include <CLI/CLI.hpp>
@@ -46,7 +47,15 @@ struct SOptions {
     SApplyOptions m_oUndo;
     SComponentOptions m_oComponent;
     std::string m_sHelp; // the command that help is asked for; empty: all
+    bool m_bHelpJson = false;
 };
+
+// 0: no limit, and not worth telling.
+void addSeconds(CLI::App& command, const std::string& name, double& seconds, const std::string& meaning) {
+    command.add_option(name, seconds, seconds == 0 ? meaning : fmt::format("{} ({:g})", meaning, seconds))
+        ->check(CLI::Range(0.0, 1e6))
+        ->option_text("SECONDS");
+}
 
 void addCommon(CLI::App& command, SCommonOptions& options) {
     command.add_flag("--json", options.m_bJson, "Print JSON");
@@ -56,9 +65,7 @@ void addCommon(CLI::App& command, SCommonOptions& options) {
 // Of a command that asks the daemon.
 void addAsking(CLI::App& command, SCommonOptions& options) {
     addCommon(command, options);
-    command.add_option("--timeout", options.m_nTimeout, "Seconds to wait for each answer of the daemon")
-        ->check(CLI::Range(0.0, 3600.0))
-        ->capture_default_str();
+    addSeconds(command, "--timeout", options.m_nTimeout, "How long each answer of the daemon may take");
 }
 
 constexpr char sArguments[] = "A feature is CODE, CODE:DATA or its name; a component is its name.";
@@ -92,9 +99,7 @@ void addWatch(CLI::App& command, SOptions& all) {
         .add_option("--since", all.m_oWatch.m_sSince, "Begin after this number; 0: with all that are kept")
         ->check(CLI::TypeValidator<uint64_t>("NUMBER"))
         ->option_text("NUMBER");
-    command.add_option("--for", all.m_oWatch.m_nSeconds, "Stop after so long; 0: at SIGINT or SIGTERM")
-        ->check(CLI::Range(0.0, 1e6))
-        ->option_text("SECONDS");
+    addSeconds(command, "--for", all.m_oWatch.m_nSeconds, "Stop after so long; 0: at SIGINT or SIGTERM");
     command.footer(std::string(sArguments) + "\nExits with 3 if a refusal or a giving up was seen.");
 }
 
@@ -109,9 +114,7 @@ void addWait(CLI::App& command, SOptions& all) {
             "delivered: everybody concerned has it; settled: or has refused it, or was given up")
         ->check(CLI::IsMember({"delivered", "settled"}))
         ->option_text("delivered|settled");
-    command.add_option("--timeout", options.m_nSeconds, "How long to wait at most")
-        ->check(CLI::Range(0.0, 1e6))
-        ->capture_default_str();
+    addSeconds(command, "--timeout", options.m_nSeconds, "How long to wait at most");
     command.footer(std::string(sArguments) + "\nComponents that are dead are waited for only if "
                                              "they are named.");
 }
@@ -161,9 +164,7 @@ void addComponent(CLI::App& command, SOptions& all) {
         ->option_text("CODE:DATA ...");
     command.add_flag("--fetch", options.m_bFetch, "Fetch the list");
     command.add_flag("--monitor", options.m_bMonitor, "Start monitoring, to be notified of changes");
-    command.add_option("--for", options.m_nSeconds, "Stop after so long; 0: at SIGINT or SIGTERM")
-        ->check(CLI::Range(0.0, 1e6))
-        ->option_text("SECONDS");
+    addSeconds(command, "--for", options.m_nSeconds, "Stop after so long; 0: at SIGINT or SIGTERM");
     command.add_flag("--take-over", options.m_bTakeOver, "Even if a process of that name lives");
     command.add_flag("--wait", options.m_bWait, "Wait for a daemon that is not running yet");
     command.add_option("--process", options.m_sProcess, "Name of this process on the message framework")
@@ -179,9 +180,7 @@ void addChange(CLI::App& command, SApplyOptions& options) {
         ->option_text("PATH");
     command.add_flag("--dry-run", options.m_bDryRun, "Show what would change, and change nothing");
     command.add_flag("!--no-wait", options.m_bWait, "Do not wait until it is delivered");
-    command.add_option("--timeout", options.m_nSeconds, "How long to wait at most")
-        ->check(CLI::Range(0.0, 1e6))
-        ->capture_default_str();
+    addSeconds(command, "--timeout", options.m_nSeconds, "How long to wait at most");
     command.footer("The daemon's list is that of QEL_FEATURE_LIST in the environment, else the one compiled "
                    "in.\nThe lists before it are kept beside it, as PATH.1 (the latest) to PATH.5.");
 }
@@ -200,17 +199,9 @@ void addSchema(CLI::App& command, SOptions&) {
     command.footer("Editors that know it check a list while it is written.");
 }
 
-// A column of the help.
-std::string exitStatuses() {
-    std::string text = "Exit status:\n";
-    for (const SExitText& exit : aExitTexts) {
-        text += fmt::format("  {:>2}  {}\n", static_cast<int>(exit.m_eStatus), exit.m_szMeaning);
-    }
-    return text;
-}
-
 void addHelp(CLI::App& command, SOptions& all) {
     command.add_option("COMMAND", all.m_sHelp, "Which command");
+    command.add_flag("--json", all.m_bHelpJson, "Print JSON, of all commands");
 }
 
 struct SCommand {
@@ -262,7 +253,12 @@ int refuseCommand(std::string_view name) {
 }
 
 // `all` is the help of the program.
-int printHelp(const CLI::App& app, const std::string& name, const std::string& all) {
+int printHelp(const CLI::App& app, const SOptions& options, const std::string& all) {
+    if (options.m_bHelpJson) {
+        printHelpAsJson(app);
+        return flushOutput() ? exitOk : exitFailed;
+    }
+    const std::string& name = options.m_sHelp;
     if (!name.empty() && findCommand(name) == nullptr) {
         return refuseCommand(name);
     }
@@ -280,7 +276,7 @@ int run(int argc, char** argv) {
     CLI::App app("Ask the feature daemon, check its list, or act as one of its components.", "qelctl");
     app.set_version_flag("--version", "qelctl " QEL_VERSION);
     app.require_subcommand(1);
-    app.footer(exitStatuses());
+    app.footer(helpFooter());
     // One line, in the form of complain(), instead of the whole help.
     app.failure_message([](const CLI::App*, const CLI::Error& error) {
         return std::string("qelctl: ") + error.what() + " (--help tells more)\n";
@@ -296,7 +292,7 @@ int run(int argc, char** argv) {
         return app.exit(error) == 0 ? exitOk : exitUsage;
     }
     const SCommand* command = findCommand(app.get_subcommands().front()->get_name());
-    return command->m_fnRun ? command->m_fnRun(options) : printHelp(app, options.m_sHelp, help);
+    return command->m_fnRun ? command->m_fnRun(options) : printHelp(app, options, help);
 }
 
 } // namespace
