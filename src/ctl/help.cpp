@@ -33,10 +33,12 @@ CJson describeOption(const CLI::Option& option) {
             {"meaning", option.get_description()}};
 }
 
-// Groups of options have no name of their own.
+// Without --help, which all have. Groups of options have no name of their own.
 void addOptions(const CLI::App& app, CJson& arguments, CJson& options) {
     for (const CLI::Option* option : app.get_options()) {
-        (option->get_positional() ? arguments : options).push_back(describeOption(*option));
+        if (option != app.get_help_ptr()) {
+            (option->get_positional() ? arguments : options).push_back(describeOption(*option));
+        }
     }
     for (const CLI::App* group :
          app.get_subcommands([](const CLI::App* part) { return part->get_name().empty(); })) {
