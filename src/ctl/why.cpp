@@ -39,7 +39,7 @@ bool isOf(const STransitionView& transition, const SPair& pair) {
 // One delivery in sentences.
 class CExplanation {
 public:
-    CExplanation(const SPair& pair, const CDaemonView& view, const SHistory& history);
+    CExplanation(const SPair& pair, const CDaemonView& view) : m_oPair(pair), m_oSummary(view.m_oSummary) {}
 
     std::string now() const;
     std::string next() const;
@@ -57,8 +57,8 @@ private:
         return sends == 0 ? ""
                           : fmt::format(" It was sent {} times of {} without an answer.", sends, nMaxSends);
     }
-    std::string since() const { return timeOfDay(m_oPair.m_pDelivery->m_tSince); }
-    std::string reached() const { return timeOfDay(m_tReached); }
+    std::string told() const { return timeOfDay(m_oPair.m_pDelivery->m_tLast); }
+    std::string reached() const { return timeOfDay(m_oPair.m_pDelivery->m_tSince); }
     std::string_view ruleOf() const {
         const uint32_t state = m_oPair.m_pDelivery ? uint32_t{m_oPair.m_pDelivery->m_nState} : 0;
         return state < aDeliveryStates.size() ? aDeliveryStates[state].m_sNext : "";
@@ -66,20 +66,7 @@ private:
 
     const SPair& m_oPair;
     const SSummaryView& m_oSummary;
-    uint32_t m_tReached; // when it came into its state
 };
-
-// A record's time stamp is also that of messages which left the state as it was; the transition's time is exact,
-// where it is still kept.
-CExplanation::CExplanation(const SPair& pair, const CDaemonView& view, const SHistory& history)
-    : m_oPair(pair), m_oSummary(view.m_oSummary),
-      m_tReached(pair.m_pDelivery ? uint32_t{pair.m_pDelivery->m_tSince} : 0) {
-    for (const STransitionView& step : history.m_vAll) {
-        if (isOf(step, pair) && pair.m_pDelivery && step.m_nTo == pair.m_pDelivery->m_nState) {
-            m_tReached = step.m_tSeconds;
-        }
-    }
-}
 
 std::string CExplanation::failure() const {
     const SDeliveryView& delivery = *m_oPair.m_pDelivery;
@@ -104,13 +91,13 @@ std::string CExplanation::now() const {
         return isIdle() ? "It does not monitor, and has not fetched the feature."
                         : "It has not been told yet.";
     case EDeliveryWord::sent:
-        return fmt::format("It was told at {}.{}", since(), sends());
+        return fmt::format("It was told at {}.{}", told(), sends());
     case EDeliveryWord::delivered:
         return fmt::format("Since {}: {}.", reached(), ruleOf());
     case EDeliveryWord::failed:
         return failure();
     case EDeliveryWord::overdue:
-        return fmt::format("It was told at {} and has not answered within {} s.{}", since(), nReplyTimeout,
+        return fmt::format("It was told at {} and has not answered within {} s.{}", told(), nReplyTimeout,
                            sends());
     }
     return {};
@@ -124,7 +111,7 @@ std::string CExplanation::next() const {
     std::string rule(ruleOf());
     switch (*word) {
     case EDeliveryWord::sent: {
-        const uint32_t until = m_oPair.m_pDelivery->m_tSince + nReplyTimeout;
+        const uint32_t until = m_oPair.m_pDelivery->m_tLast + nReplyTimeout;
         const uint32_t now = m_oSummary.m_tNow;
         return fmt::format("{}, until {}{}", rule, timeOfDay(until),
                            until > now ? fmt::format(" (in {} s)", until - now) : "");
@@ -145,7 +132,7 @@ std::string CExplanation::next() const {
 }
 
 void printPair(const SPair& pair, const CDaemonView& view, const SHistory& history) {
-    const CExplanation explanation(pair, view, history);
+    const CExplanation explanation(pair, view);
     const std::string state = paint(pair.word() ? pair.state() : "not told", colourOf(pair), stdout);
     fmt::print("{} at {}: {}\n", title(*pair.m_pFeature), title(*pair.m_pComponent), state);
     fmt::print("  Now:   {}\n  Next:  {}.\n", explanation.now(), explanation.next());
@@ -165,7 +152,7 @@ void printAsJson(const CDaemonView& view, const SHistory& history) {
     CJson deliveries = CJson::array();
     for (const SPair& pair : view.m_vPairs) {
         CJson delivery = toJson(pair);
-        delivery["next"] = CExplanation(pair, view, history).next();
+        delivery["next"] = CExplanation(pair, view).next();
         CJson steps = CJson::array();
         for (const STransitionView& step : history.m_vAll) {
             if (isOf(step, pair)) {

@@ -29,12 +29,15 @@ struct CCompStatus {
 
     CComponent* m_pComponent = nullptr; // whose record it is; not owned
     // Seconds since the epoch: the last send, reply, fetch or taking in. A time-out and a new list, which
-    // change the state too, leave it.
+    // change the state too, leave it; a reply in the wrong state, which does not, renews it.
     uint32_t m_tStamp = 0;
     ECStatus m_eStatus = csIdle;
     uint32_t m_nEnableTries = 0; // notifications without an answer so far, counted for each phase by itself
     uint32_t m_nDisableTries = 0;
     uint32_t m_nModifyTries = 0;
+    // When the record came into its state, or was taken in. For whoever looks: it decides nothing, and fills
+    // what the compiler would leave empty on 64 bits.
+    uint32_t m_tEntered = 0;
 };
 
 #endif

@@ -310,11 +310,21 @@ const SRow* findRow(EDeliveryEvent event, const CFeatureEntry& entry, CCompStatu
     return nullptr;
 }
 
-// The counter before the state: triesOf() goes by the state. A row without a state of its own (nSame,
-// nByNotify, nGone) leaves the state as it is.
+// The state that the row leads to. A row without one of its own (nSame, nByNotify, nGone) leaves it.
+CCompStatus::ECStatus stateAfter(const SRow& row, const CCompStatus& record) {
+    return row.m_eTo >= csIdle ? row.m_eTo : row.m_eTo == nAgain ? csIdle : record.m_eStatus;
+}
+
+// The counter before the state: triesOf() goes by the state.
 void write(const SRow& row, CCompStatus& record) {
+    const CCompStatus::ECStatus state = stateAfter(row, record);
+    const bool isEntered = state != record.m_eStatus || row.m_eWrites == wrStampAnew;
+    const uint32_t now = isEntered || row.m_eWrites != wrNothing ? nowSeconds() : 0;
     if (row.m_eWrites != wrNothing) {
-        record.m_tStamp = nowSeconds();
+        record.m_tStamp = now;
+    }
+    if (isEntered) {
+        record.m_tEntered = now;
     }
     if (row.m_eWrites == wrStampCount) {
         ++triesOf(record);
@@ -323,11 +333,7 @@ void write(const SRow& row, CCompStatus& record) {
     } else if (row.m_eWrites == wrStampAnew) {
         record.m_nEnableTries = record.m_nDisableTries = record.m_nModifyTries = 0;
     }
-    if (row.m_eTo >= csIdle) {
-        record.m_eStatus = row.m_eTo;
-    } else if (row.m_eTo == nAgain) {
-        record.m_eStatus = csIdle;
-    }
+    record.m_eStatus = state;
 }
 
 void witness(EDeliveryEvent event, const SStep& step) {
@@ -359,8 +365,12 @@ EOutcome deliver(EDeliveryEvent event, const CFeatureEntry& entry, CCompStatus& 
 }
 
 void resetDelivery(const CFeatureEntry& entry, CCompStatus& record, CCompStatus::ECStatus status) {
+    if (record.m_eStatus == status) {
+        return;
+    }
     const SStep step{entry, record, record.m_eStatus};
     record.m_eStatus = status;
+    record.m_tEntered = nowSeconds();
     witness(dvReset, step);
 }
 

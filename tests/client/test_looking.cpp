@@ -56,7 +56,7 @@ SText delivery(uint32_t code, const char* name, uint32_t state, uint32_t why = s
     words.m_nState = state;
     words.m_nWhy = why;
     words.m_nMonitors = 1;
-    words.m_tSince = 1000;
+    words.m_tSince = words.m_tLast = 1000;
     SText(name).copy(words.m_szComponent, nNameFieldSize);
     return record(words, text);
 }
@@ -286,7 +286,7 @@ TEST_F(CLooking, WhyTellsWhatHappenedAndWhatComesNext) {
     };
     EXPECT_EQ(why("161:1", "Door\033"),
               "161:1 at Door? (pid 4711): gave up\n"
-              "  Now:   Door? did not answer; it was given up at 00:16:47 after 3 sends.\n"
+              "  Now:   Door? did not answer; it was given up at 00:16:40 after 3 sends.\n"
               "  Next:  it is not told again before the next list.\n"
               "  Steps: the latest; the daemon no longer keeps what was before\n"
               "    00:16:46.000  queued -> sent (audit)\n"

@@ -60,7 +60,7 @@ protected:
     CCompStatus& at(int state) {
         m_oEntry.addComponent(opRemove, &m_oVoice);
         CCompStatus& status = record(m_oEntry, m_oVoice, state);
-        status.m_tStamp = tBefore;
+        status.m_tStamp = status.m_tEntered = tBefore;
         status.m_nEnableTries = status.m_nDisableTries = status.m_nModifyTries = nOther;
         platform().takeLog();
         return status;
@@ -76,6 +76,7 @@ protected:
         EXPECT_EQ(m_oEntry.addComponent(row.m_eEvent, &m_oVoice), row.m_nResult);
         EXPECT_EQ(status.m_eStatus, row.m_nTo == nSame ? state : row.m_nTo);
         EXPECT_EQ(status.m_tStamp, row.m_bStamped ? 1000000 : tBefore);
+        EXPECT_EQ(status.m_tEntered, status.m_eStatus != state ? 1000000 : tBefore);
         std::string first = row.m_sFirst;
         if (const size_t at = first.find('#'); at != std::string::npos) {
             first.replace(at, 1, std::to_string(state));
@@ -108,6 +109,7 @@ TEST_F(CDeliveryTest, EveryStateTakesEveryEventAsTheTableSays) {
             EXPECT_EQ(m_oEntry.addComponent(opAdd, &m_oVoice), 1);
             EXPECT_EQ(status.m_eStatus, to) << state;
             EXPECT_EQ(status.m_tStamp, 1000000u) << state;
+            EXPECT_EQ(status.m_tEntered, 1000000u) << state;
             EXPECT_EQ(status.m_nEnableTries + status.m_nDisableTries + status.m_nModifyTries, 0);
             EXPECT_EQ(m_oEntry.addComponent(opRemove, &m_oVoice), 1);
             EXPECT_TRUE(m_oEntry.m_vCompStatus.empty());

@@ -199,7 +199,12 @@ TEST_F(CStatusTest, TheRecorderTellsWhatItLost) {
     announce("Gateway", 12, 0x22);
     const uint64_t before = last();
     newList({fresh(1, 11)});
-    EXPECT_EQ(steps(before), CTexts{" 1 10 0>0 new list"}) << "one step for all";
+    EXPECT_EQ(steps(before), CTexts{}) << "they stay idle";
+    for (CCompStatus* record : control().features().m_vItems[0]->m_vCompStatus) {
+        record->m_eStatus = CCompStatus::csEnabled;
+    }
+    newList({fresh(1, 12)});
+    EXPECT_EQ(steps(before), CTexts{" 1 10 2>0 new list"}) << "one step for all";
     EXPECT_EQ(steps(before + 1), CTexts{});
     EXPECT_EQ(steps(before + 9, srGap), steps(0)) << "another daemon's number";
     for (size_t i = 0; i < nKeptTransitions; ++i) {

@@ -156,12 +156,13 @@ struct CStatusDelivery {
     CBigEndian32 m_nFeatureStatus;
     CBigEndian32 m_nState; // CCompStatus::ECStatus
     CBigEndian32 m_nSends; // without an answer, in this phase
-    CBigEndian32 m_tSince; // the last send, answer, fetch or taking in
+    CBigEndian32 m_tSince; // when it came into its state
     CBigEndian32 m_nMonitors;
     CBigEndian32 m_nWhy; // EStatusWhy
     char m_szComponent[nNameFieldSize] = {};
+    CBigEndian32 m_tLast; // the last send, answer, fetch or taking in; an answer is awaited from here on
 };
-static_assert(sizeof(CStatusDelivery) == 64);
+static_assert(sizeof(CStatusDelivery) == 68);
 
 struct CStatusTransition {
     CStatusRecord m_oRecord; // without a text

@@ -337,7 +337,8 @@ bool tellDelivery(const CFeatureEntry& entry, const CCompStatus& record, CPage& 
     told.m_nFeatureStatus = static_cast<uint32_t>(entry.m_eStatus);
     told.m_nState = static_cast<uint32_t>(record.m_eStatus);
     told.m_nSends = record.m_nEnableTries + record.m_nDisableTries + record.m_nModifyTries;
-    told.m_tSince = record.m_tStamp;
+    told.m_tSince = record.m_tEntered;
+    told.m_tLast = record.m_tStamp;
     told.m_nMonitors = record.m_pComponent->m_bMonitor;
     setName(told.m_szComponent, record.m_pComponent->m_szName);
     if (wordOf(record) != EDeliveryWord::failed) {
