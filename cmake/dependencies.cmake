@@ -1,6 +1,7 @@
 # The libraries that several directories link. fmt is taken as headers alone: Debian has no static one, and a shared one
 # would be mapped for as long as the daemon runs.
 find_package(Threads REQUIRED)
+find_package(Python3 REQUIRED COMPONENTS Interpreter) # while building: see src/pages
 
 # toml++ likewise; the target of its own package is the shared library.
 add_library(qel_toml INTERFACE)

@@ -100,6 +100,10 @@ struct SApplyOptions : SCommonOptions {
     double m_nSeconds = 60; // how long at most
 };
 
+struct SExplainOptions : SCommonOptions {
+    std::vector<std::string> m_vWords; // an event's number, or the words of a line
+};
+
 // Each runs on the calling thread until its command is done. They throw only where memory runs out; main()
 // reports that.
 int runList(const SListOptions& options);
@@ -112,5 +116,6 @@ int runComponent(const SComponentOptions& options);
 int runApply(const SApplyOptions& options);
 int runUndo(const SApplyOptions& options);
 int runSchema();
+int runExplain(const SExplainOptions& options);
 
 #endif

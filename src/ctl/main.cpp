@@ -46,6 +46,7 @@ struct SOptions {
     SApplyOptions m_oApply;
     SApplyOptions m_oUndo;
     SComponentOptions m_oComponent;
+    SExplainOptions m_oExplain;
     std::string m_sHelp; // the command that help is asked for; empty: all
     bool m_bHelpJson = false;
 };
@@ -195,6 +196,12 @@ void addUndo(CLI::App& command, SOptions& all) {
     addChange(command, all.m_oUndo);
 }
 
+void addExplain(CLI::App& command, SOptions& all) {
+    addCommon(command, all.m_oExplain);
+    command.add_option("EVENT", all.m_oExplain.m_vWords, "Its number, or a line of the log")->required();
+    command.footer("Asks no daemon. The line may have time, host and program before its text.");
+}
+
 void addSchema(CLI::App& command, SOptions&) {
     command.footer("Editors that know it check a list while it is written.");
 }
@@ -230,6 +237,8 @@ constexpr SCommand aCommands[] = {
      [](const SOptions& options) { return runUndo(options.m_oUndo); }},
     {"component", "Be a component: print every message, answer as told.", addComponent,
      [](const SOptions& options) { return runComponent(options.m_oComponent); }},
+    {"explain", "Tell what an event of the log means, and what to do.", addExplain,
+     [](const SOptions& options) { return runExplain(options.m_oExplain); }},
     {"schema", "Print the JSON Schema of the feature list.", addSchema,
      [](const SOptions&) { return runSchema(); }},
     {"help", "Print this, or the help of a command.", addHelp, nullptr},

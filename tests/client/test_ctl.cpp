@@ -1,5 +1,6 @@
 #include "ctl/COamQuery.h"
 #include "ctl/describe.h"
+#include "ctl/events.h"
 #include "fake/fake_platform.h"
 
 #include <gtest/gtest.h>
@@ -40,4 +41,40 @@ TEST(Describe, HostileBytesAreNeitherPrintedRawNorReadPastTheEnd) {
         CBytes part(announcement.data(), announcement.data() + length);
         EXPECT_FALSE(describeSent(part.data(), length).m_sKind.empty());
     }
+}
+
+// A line as the format prints it, with values that look like parts of a line.
+static std::string printed(std::string_view format) {
+    std::string line;
+    for (size_t i = 0; i < format.size(); ++i) {
+        if (format[i] != '%') {
+            line += format[i];
+            continue;
+        }
+        i = format.find_first_not_of("lz", i + 1);
+        line += format[i] == 's' ? "/a.b: (c 1)" : format[i] == 'd' ? "-12" : "12";
+    }
+    return line;
+}
+
+TEST(Explain, EachLineIsFoundAmongAllWithItsValues) {
+    size_t lines = 0;
+    for (uint32_t number = 31000; number < 31500; ++number) {
+        for (const SEventMatch& event : findEvents(number)) {
+            const std::string line =
+                "Nov 1 10:00:00 host QelServerD.log[1]: " + printed(event.m_pEvent->m_sText);
+            bool isFound = false;
+            for (const SEventMatch& found : findEvents(line)) {
+                isFound = isFound || found.m_pEvent == event.m_pEvent;
+            }
+            EXPECT_TRUE(isFound) << line;
+            ++lines;
+        }
+    }
+    EXPECT_GT(lines, 100u);
+    const auto found = findEvents("feature (7): got reply failed from comp (a: b) 3");
+    ASSERT_EQ(found.size(), 1u);
+    EXPECT_EQ(found[0].m_vValues, (std::vector<std::string_view>{"7", "a: b", "3"}));
+    EXPECT_TRUE(findEvents("hello").empty() && findNearEvents("hello").empty() && findNearEvents(5).empty());
+    EXPECT_EQ(findNearEvents("reply failed").at(0).m_pEvent->m_nNumber, 31130u);
 }
