@@ -235,6 +235,41 @@ TEST_F(CEventTest, AFeatureIsFoundByItsCodeOrByBothInTableOrderEvenIfWithdrawn) 
     EXPECT_EQ(control().findFeatureByCode(8), nullptr);
 }
 
+TEST_F(CEventTest, EmptySlotsHinderNothingAndResultsAreOneForDone) {
+    EXPECT_TRUE(control().addFeature(nullptr));
+    EXPECT_TRUE(control().addComponent(nullptr));
+    CFeatureEntry& seven = feature(7, 70, fsNewAdd, {nullptr, "Voice"});
+    CComponent& comp = component("Voice");
+    EXPECT_EQ(comp.addFeatureEntry(nullptr), 1);
+    EXPECT_EQ(control().auditComp(&comp), 1);
+    EXPECT_EQ(comp.findFeatureEntry(&seven), 1);
+    EXPECT_EQ(comp.auditFeature(), 0);
+    reply(0x21, 1);
+    control().timeout();
+    EXPECT_EQ(newList({nullptr, fresh(7, 71)}), 0);
+    control().audit();
+    platform().advance(11);
+    control().timeout();
+    EXPECT_EQ(told(), (CTexts{"33: 1 7 70 0", "33: 0 7 70 0", "33: 2 7 70 71", "33: 4 7 70 0"}));
+    request(InitListMsgType, 0x21);
+    request(nQelClientGetFeatureMsgType, 0x21);
+    request(nQelClientGetFeatureMsgType, 0x21);
+    EXPECT_EQ(told(), (CTexts{"33: 0 0 0 0", "33: 0 7 71 0", "33: 0 0 0 0"}));
+    control().notifyComponents("text");
+    EXPECT_EQ(comp.delFeatureEntry(nullptr) + control().delComponent(&component("Other")), 1);
+    EXPECT_EQ(comp.delFeatureEntry(&seven), 1);
+    EXPECT_EQ(comp.delFeatureEntry(&seven) + comp.findFeatureEntry(&seven), 0);
+    EXPECT_EQ(comp.auditFeature(), 0);
+    EXPECT_EQ(control().auditComp(&comp), 1) << "it is put back";
+    CComponent& all = component("ALL", 0x22);
+    {
+        const CScarceMemory scarce(1);
+        EXPECT_EQ(seven.addComponent(CFeatureEntry::opAdd, &all), 0);
+    }
+    shutDown(0x21);
+    control().clearFeatureArray();
+}
+
 TEST_F(CEventTest, NumbersOfTheDescriptionFileAreSigned) {
     const std::pair<const char*, int> numbers[] = {
         {"  -12x", -12}, {"+7", 7}, {"4294967295", -1}, {"\t5", 0}, {"", 0}};
