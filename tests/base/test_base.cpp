@@ -1,4 +1,5 @@
 #include "base/CFile.h"
+#include "base/CFileReplacement.h"
 #include "base/CString.h"
 #include "support/files.h"
 
@@ -40,9 +41,10 @@ TEST_F(CFileTest, ReadsNoFurtherThanTheSizeKnown) {
     CFile file(m_sPath.c_str(), CFile::nReadOnly, CFile::nText);
     put(m_sPath, "one\ntwo\nthree-grown");
     char buffer[64] = {};
-    EXPECT_EQ(file.gets(buffer, 3), 1);
-    EXPECT_EQ(file.read(buffer, sizeof buffer), 11u);
-    EXPECT_STREQ(buffer, "e\ntwo\nthree");
+    EXPECT_EQ(file.gets(buffer, 2), 1);
+    EXPECT_EQ(file.getPosition(), 1);
+    EXPECT_EQ(file.read(buffer, sizeof buffer), 12u);
+    EXPECT_STREQ(buffer, "ne\ntwo\nthree");
     EXPECT_EQ(file.read(buffer, sizeof buffer), 0u);
     EXPECT_EQ(file.seek(-1, SEEK_SET), 0);
     EXPECT_EQ(file.seekEnd(), 1);
@@ -86,6 +88,8 @@ TEST_F(CFileTest, OnlyWhatReachedTheFileCountsAsWritten) {
         EXPECT_EQ(file.size(), before + room) << mode;
         EXPECT_EQ(std::filesystem::file_size(m_sPath), 6000u) << mode;
     }
+    EXPECT_EQ(CFileReplacement(m_sPath).write(text, nullptr),
+              "cannot write " + m_oDirectory.file(".file.partial") + ": File too large");
     setrlimit(RLIMIT_FSIZE, &limit);
     std::signal(SIGXFSZ, handler);
 }
@@ -94,7 +98,10 @@ TEST_F(CFileTest, AFailedOpeningClosesItAndAFailedRemovalOpensItAnew) {
     CFile file(m_sPath.c_str(), CFile::nAppend, CFile::nText);
     EXPECT_EQ(file.open("/none/file", CFile::nWrite, CFile::nText), 0);
     char buffer[4] = "abc";
-    EXPECT_EQ(file.isOpen() + file.seekEnd() + file.gets(buffer, 4) + file.close() + file.remove(), 0);
+    EXPECT_EQ(file.isOpen() + file.seekEnd() + file.gets(buffer, 4) + file.close() + file.remove() +
+                  file.setBufferingMode(1),
+              0);
+    EXPECT_EQ(file.getPosition(), 0);
     EXPECT_EQ(file.size() + file.read(buffer, 4) + file.write(buffer, 4), 0u);
     for (const int mode : {1, 2, 3}) {
         put(m_sPath, "text");
@@ -104,6 +111,39 @@ TEST_F(CFileTest, AFailedOpeningClosesItAndAFailedRemovalOpensItAnew) {
         EXPECT_EQ(file.write("new", 3), 3u) << mode << ": it is open again";
         EXPECT_EQ(file.size(), 3u) << mode;
     }
+}
+
+TEST_F(CFileTest, AFileIsReplacedAsAWholeOrNotAtAllAndNothingElseStays) {
+    const mode_t mask = umask(0077);
+    const std::string partial = m_oDirectory.file(".file.partial");
+    struct stat like {};
+    ASSERT_EQ(stat(m_oDirectory.path().c_str(), &like), 0); // of mode 0700
+    put(m_sPath, "old");
+    {
+        CFileReplacement file(m_sPath);
+        EXPECT_EQ(file.write("dropped", nullptr), "");
+    }
+    EXPECT_FALSE(std::filesystem::exists(partial));
+    EXPECT_EQ(contents(m_sPath), "old");
+    for (const struct stat* alike : std::initializer_list<const struct stat*>{nullptr, &like}) {
+        put(partial, "left by a power failure");
+        CFileReplacement file(m_sPath);
+        EXPECT_EQ(file.write("new", alike), "");
+        EXPECT_EQ(file.publish(), "");
+        EXPECT_EQ(contents(m_sPath), "new");
+        struct stat status {};
+        EXPECT_EQ(stat(m_sPath.c_str(), &status), 0);
+        EXPECT_EQ(status.st_mode & 07777, alike != nullptr ? 0700u : 0644u);
+        put(partial, "");
+    }
+    EXPECT_TRUE(std::filesystem::exists(partial)) << "of the next one, who is writing";
+    umask(mask);
+    EXPECT_EQ(CFileReplacement("/none/file").write("", nullptr),
+              "cannot create /none/.file.partial: No such file or directory");
+    EXPECT_EQ(CFileReplacement("/none/file").publish(),
+              "cannot rename a file to /none/file: No such file or directory");
+    EXPECT_EQ(syncDirectory("/none"), "cannot write to the disk /none: No such file or directory");
+    EXPECT_EQ(syncDirectory(m_oDirectory.path()), "");
 }
 
 TEST(CStringTest, TokenizeDropsEmptyTokensAndReturnsTheRestAtDelimitersOnDemand) {

@@ -98,7 +98,7 @@ TEST_F(CLogTest, WithoutMemoryALongLineIsCut) {
         EXPECT_EQ(contents(m_sPath).size() < text.size(), nth == 1);
     }
     const CScarceMemory scarce(1);
-    logEvent(svWarning, 31016, "%s", text.c_str());
+    EXPECT_EQ(logEvent(svWarning, 31016, "%s", text.c_str()), 1);
     EXPECT_TRUE(CScarceMemory::hasFailed());
     EXPECT_EQ(takeLines(), CTexts{"2 31016 " + text.substr(0, 511)});
 }
@@ -122,7 +122,7 @@ TEST_F(CLogTest, LinesOfSeveralThreadsDoNotMix) {
 TEST_F(CLogTest, TextsAreFormattedWholeWhateverTheirLength) {
     for (const size_t length : {0u, 509u, 510u, 511u, 512u, 100000u}) {
         const std::string text(length, 'x');
-        logEvent(svWarning, 31016, "%s|%d", text.c_str(), 5);
+        EXPECT_EQ(logEvent(svWarning, 31016, "%s|%d", text.c_str(), 5), 1);
         EXPECT_EQ(takeLines(), CTexts{"2 31016 " + text + "|5"}) << length;
     }
 }

@@ -98,13 +98,16 @@ TEST_F(CServerTest, LoopTakesOneMessageATurnAndGoesOnWhateverReceivingSays) {
     CQelServer server;
     server.init();
     takeLines();
+    EXPECT_EQ(server.checkSignal() + server.processMessages(), 2);
     platform().fail("OvuMfwProcessNextMessage", 7, 2);
     platform().m_fnReceiveEvent = [] { return platform().m_vWaits.size() == 4; };
     EXPECT_EQ(server.run(), 1) << "the result of the last log call";
-    EXPECT_EQ(platform().callsOf("OvuMfwProcessNextMessage"), 4);
+    EXPECT_EQ(platform().callsOf("OvuMfwProcessNextMessage"), 5);
     EXPECT_EQ(takeLines(),
               (CTexts{"1 31156 OvuMfwProcessNextMessage error = 7", "1 31009 failed to recv MFW message",
                       "4 31010 recv stop event", "4 31120 main thread exited"}));
+    platform().fail("OvuMfwProcessNextMessage", 7);
+    EXPECT_EQ(server.processMessages(), 0);
 }
 
 TEST_F(CServerTest, WhatHasNoCallbackOfItsOwnIsTold) {
