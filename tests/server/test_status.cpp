@@ -8,11 +8,14 @@
 #include "source/CFeatureSource.h"
 #include "source/list/list_digest.h"
 #include "support/files.h"
+#include "support/scarce_memory.h"
 
 #include <algorithm>
+#include <ctime>
 #include <fmt/format.h>
 #include <map>
 #include <random>
+#include <unistd.h>
 
 namespace {
 
@@ -139,23 +142,6 @@ TEST_F(CStatusTest, AConversationIsToldStepByStep) {
     EXPECT_EQ(deliveries(sfOpen), (CTexts{refused, voice}));
     EXPECT_EQ(deliveries(sfOpen | sfCode | sfComponent, 2, "Gateway"), CTexts{});
 
-    const auto tallied = readRecord<CStatusTally>(ask(about(sqTally)).m_vRecords.at(0));
-    EXPECT_EQ(tallied.m_aDeliveries[1] * 100 + tallied.m_aDeliveries[2] * 10 + tallied.m_aDeliveries[3],
-              111u);
-
-    const auto components = ask(about(sqComponents));
-    const auto first = readRecord<CStatusComponent>(components.m_vRecords.at(0));
-    EXPECT_EQ(fieldText(first.m_szName), "Voice");
-    EXPECT_EQ(first.m_nProcessId, 11u);
-    EXPECT_EQ(first.m_nReply, 7u);
-    EXPECT_EQ(summary().m_tNow - first.m_tHeard, 3u);
-    EXPECT_EQ(components.m_vRecords.at(0).m_sText, "no module");
-
-    const auto features = ask(about(sqFeatures, sfCode, 2));
-    EXPECT_EQ(features.m_vRecords.at(0).m_sText, std::string_view("\0Voice\0Gateway", 14));
-    EXPECT_EQ(readRecord<CStatusFeature>(features.m_vRecords.at(0)).m_nSourced, 1u);
-    EXPECT_EQ(summary().m_aFeatures[EFStatus::fsNewAdd], 1u);
-
     const std::pair<const char*, uint64_t> grown[] = {{"received.name", 2},
                                                       {"received.start-monitor", 2},
                                                       {"received.write-reply", 2},
@@ -168,6 +154,71 @@ TEST_F(CStatusTest, AConversationIsToldStepByStep) {
                                                       {"given-up", 0}};
     for (const auto& [name, by] : grown) {
         EXPECT_EQ(counters()[name] - counted[name], by) << name;
+    }
+}
+
+TEST_F(CStatusTest, EachAnswerIsToldToTheByte) {
+    EXPECT_TRUE(control().addFeature(nullptr) && control().addComponent(nullptr)); // empty slots
+    CFeatureEntry& entry = feature(1, 10, EFStatus::fsModify, {"Voice", "X"});
+    entry.m_sName = CString("One");
+    entry.m_nNewData = 11;
+    feature(1, 9, EFStatus::fsDeleted, {});
+    CComponent& voice = component("Voice", 0x21);
+    CCompStatus& delivery = record(entry, voice, CCompStatus::csModifying);
+    delivery.m_nEnableTries = 4;
+    delivery.m_nDisableTries = 2;
+    platform().advance(1);
+    voice.init({0, 0, 1, 5, 5, 0x21}, nullptr, 7, "no");
+    voice.m_nProcessId = static_cast<uint32_t>(getpid());
+    voice.m_tDead = 7;
+    notePass();
+    EXPECT_EQ(voice.m_tDead, 0u);
+    voice.m_nProcessId = 0x7FFFFFFF;
+    platform().m_nMicroseconds += 1000007;
+    deliver(dvRefuse, entry, delivery);
+    delivery.m_nModifyTries = 1;
+    for (int pass = 0; pass < 2; ++pass) { // it stays dead since the first
+        notePass();
+        platform().advance(1);
+    }
+    const std::string page = "00000005 00000000 00000001 00000000 ",
+                      noPage = "00000000 00000000 00000000 00000000 ",
+                      atLeaver = "80000003 00000001 00000009 ffffffff ",
+                      name = "566f6963 65000000 00000000 00000000 00000000 ";
+    const std::string process = toHex(words({static_cast<uint32_t>(getpid())}));
+    const std::pair<EStatusQuestion, std::string> answers[] = {
+        // dots: what no two runs have in common
+        {sqSummary, page + noPage + "00000040 00000005" + process +
+                        "000f4240 000f4244 00000001 00000000 00000001"
+                        "00000000 00000001 00000000 ........ ........ ........ ........ ........ .........."},
+        {sqComponents, page + "00000002 00000021 7fffffff ffffffff 00000034 00000002" + name +
+                           "7fffffff 00000021 00000001 000f4241 000f4242 00000007 6e6f"},
+        {sqFeatures,
+         "00000005 00000000 00000002 00000000" + atLeaver +
+             "00000020 0000000b 00000001 0000000a 0000000b 00000001 00000001 00000000 4f6e6500566f6963650058"
+             "00000020 00000000 00000001 00000009 00000000 00000003 00000001 00000001"},
+        {sqDeliveries, page + atLeaver +
+                           "00000044 00000002 00000001 0000000a 0000000b 00000001 0000000b 00000007"
+                           "000f4242 00000001 00000001" +
+                           name + "000f4242 6e6f"},
+        {sqTransitions, page +
+                            "........ ........ 00000000 00000000 00000040 00000000 ........ ........ 000f4242"
+                            "00000007 00000001 0000000a 00000009 0000000b 00000003" +
+                            name},
+        {sqTally, page + atLeaver +
+                      "0000003c 00000000 00000000 00000000 00000000 00000000 00000000 00000000"
+                      "00000000 00000000 00000000 00000000 00000000 00000001 00000000"}};
+    for (auto [what, answer] : answers) {
+        auto question = about(what);
+        if (what == sqTransitions) {
+            setNumber(question.m_oCursor.m_aWords, last() - 1);
+        }
+        std::string told = toHex(ask(question).m_sBody.substr(8));
+        std::erase(answer, ' ');
+        for (size_t i = answer.find('.'); i < told.size(); i = answer.find('.', i + 1)) {
+            told[i] = '.';
+        }
+        EXPECT_EQ(told, answer) << what;
     }
 }
 
@@ -195,24 +246,101 @@ TEST_F(CStatusTest, AFailureIsToldWithItsReason) {
 
 TEST_F(CStatusTest, TheRecorderTellsWhatItLost) {
     feature(1, 10, EFStatus::fsActive, {"Voice", "Gateway"});
+    feature(1, 20, EFStatus::fsActive);
+    feature(2, 20, EFStatus::fsActive);
     announce("Voice", 11, 0x21);
     announce("Gateway", 12, 0x22);
-    const uint64_t before = last();
-    newList({fresh(1, 11)});
+    uint64_t before = last();
+    newList({fresh(1, 10), fresh(1, 20), fresh(2, 20)});
     EXPECT_EQ(steps(before), CTexts{}) << "they stay idle";
-    for (CCompStatus* record : control().features().m_vItems[0]->m_vCompStatus) {
-        record->m_eStatus = CCompStatus::csEnabled;
+    for (CFeatureEntry* entry : control().features().m_vItems) {
+        for (CCompStatus* record : entry->m_vCompStatus) {
+            record->m_eStatus = CCompStatus::csEnabled;
+        }
     }
-    newList({fresh(1, 12)});
-    EXPECT_EQ(steps(before), CTexts{" 1 10 2>0 new list"}) << "one step for all";
-    EXPECT_EQ(steps(before + 1), CTexts{});
+    newList({});
+    EXPECT_EQ(steps(before), (CTexts{" 1 10 2>0 new list", " 1 20 2>0 new list", " 2 20 2>0 new list"}))
+        << "one step for all";
+    EXPECT_EQ(steps(before + 3), CTexts{});
     EXPECT_EQ(steps(before + 9, srGap), steps(0)) << "another daemon's number";
     for (size_t i = 0; i < nKeptTransitions; ++i) {
         deliver(dvTakeIn, *control().features().m_vItems[0],
                 *control().features().m_vItems[0]->m_vCompStatus[i % 2]);
     }
     EXPECT_EQ(steps(last() - nKeptTransitions).size(), steps(before, srGap).size());
-    EXPECT_EQ(steps(last() - 1), CTexts{"Gateway 1 10 0>0 taken in"});
+    EXPECT_EQ(steps(last() - 1), CTexts{"Gateway 1 10 6>6 taken in"});
+    before = last();
+    const std::unique_ptr<CFeatureEntry> leaver(control().features().m_vItems[0]);
+    control().delFeature(leaver.get());
+    leaver->clear();
+    EXPECT_EQ(steps(before), CTexts{" 1 10 6>6 removed"}) << "one step for all";
+}
+
+// A record costs a look of its own: the page ends before an entry, or in it.
+TEST_F(CStatusTest, APageEndsAfterSoManyLooks) {
+    for (const uint32_t bare : {1u, 4097u}) {
+        empty();
+        CComponent& voice = component("Voice");
+        for (uint32_t code = 1; code <= 4098; ++code) {
+            CFeatureEntry& entry = feature(code, 1, EFStatus::fsActive, {});
+            if (code != bare) {
+                record(entry, voice, CCompStatus::csEnabled);
+            }
+        }
+        const CStatusAnswer answer = ask(about(sqTally)).m_oAnswer;
+        EXPECT_EQ(answer.m_nMore, 1u);
+        EXPECT_EQ(answer.m_oCursor.m_aWords[0], 4096u) << bare;
+    }
+}
+
+// In a process of its own, whose first turn contains the whole start.
+TEST_F(CStatusTest, TheTurnsOfTheLoopAreMeasured) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const auto work = [] {
+        for (const std::clock_t begin = std::clock(); std::clock() - begin < CLOCKS_PER_SEC / 20;) {
+        }
+    };
+    const auto turn = [](int waits) {
+        usleep(static_cast<useconds_t>(waits));
+        noteTurn(10);
+        return summary();
+    };
+    const auto inFreshProcess = [&] {
+        const CStatusSummary before = summary();
+        EXPECT_EQ(before.m_nLatestTurn + before.m_nBusiestTurn + before.m_nNextPass, 0u);
+        work();
+        EXPECT_EQ(turn(0).m_nBusiestTurn, 0u);
+        work();
+        const CStatusSummary busy = turn(0), idle = turn(110000);
+        EXPECT_GE(busy.m_nLatestTurn, 40000u);
+        EXPECT_EQ(busy.m_nBusiestTurn, busy.m_nLatestTurn);
+        EXPECT_LT(idle.m_nLatestTurn, busy.m_nLatestTurn);
+        EXPECT_EQ(idle.m_nBusiestTurn, busy.m_nBusiestTurn);
+        EXPECT_EQ(idle.m_nNextPass, 1000u) << "of a turn that lasted, 100 ms count";
+        std::exit(HasFailure() ? 1 : 0);
+    };
+    EXPECT_EXIT(inFreshProcess(), testing::ExitedWithCode(0), "");
+}
+
+TEST_F(CStatusTest, NumbersOf64BitsAreTwoWordsTheHighOneFirst) {
+    CBigEndian32 words[2];
+    setNumber(words, 0x0123456789ABCDEF);
+    EXPECT_EQ(words[0], 0x01234567u);
+    EXPECT_EQ(words[1], 0x89ABCDEFu);
+    EXPECT_EQ(number(words), 0x0123456789ABCDEFu);
+}
+
+TEST_F(CStatusTest, AnAnswerThatCannotBeMadeOrSentIsNone) {
+    const auto errors = counters()["sent.failed"];
+    platform().fail("OvuMfwSendMessage", 11);
+    const OvuMfwCallback callback = platform().m_oCallbacks.at(nQelStatusMfwMsgId);
+    CFakePlatform::handOver(callback, nQelStatusMfwMsgId, "", nAsker);
+    EXPECT_EQ(counters()["sent.failed"], errors + 1);
+    callback(nQelStatusMfwMsgId, 0, nullptr, 0);
+    const CScarceMemory scarce(1);
+    CFakePlatform::handOver(callback, nQelStatusMfwMsgId, "", nAsker);
+    EXPECT_TRUE(CScarceMemory::hasFailed());
+    EXPECT_EQ(platform().takeSent().size(), 0u);
 }
 
 TEST_F(CStatusTest, WhatIsNotUnderstoodIsSaidSo) {
