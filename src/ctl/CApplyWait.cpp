@@ -1,5 +1,6 @@
 #include "ctl/CApplyWait.h"
 
+#include "ctl/list_errors.h"
 #include "ctl/terminal.h"
 
 #include <algorithm>
@@ -37,24 +38,29 @@ CApplyWait::CApplyWait(double seconds, bool isProgress)
 
 // A daemon that goes meanwhile may be one that is restarted. Without one at the beginning there is nothing to
 // wait for: it takes the list when it starts.
-EExitStatus CApplyWait::run(const std::vector<SFeatureRecord>& list, bool isToldAgain) {
+EExitStatus CApplyWait::run(const SWanted& wanted) {
     const auto start = CClock::now();
     const auto isOver = [&] { return CClock::now() - start >= m_tLimit; };
-    EAsked asked = look(list, isToldAgain);
-    while (!isDone() && m_oBefore && !isOver()) {
+    EAsked asked = look(wanted);
+    while (!isDone() && !isRefused(wanted) && m_oBefore && !isOver()) {
         m_oProgress.show(m_bRead ? progress() : "the daemon is starting");
         std::this_thread::sleep_for(tPoll);
-        asked = look(list, isToldAgain);
+        asked = look(wanted);
     }
     m_nSeconds = std::chrono::duration<double>(CClock::now() - start).count();
     m_oProgress.show("");
     if (asked != EAsked::answered && asked != EAsked::changing) {
         return static_cast<EExitStatus>(reportAsked(asked));
     }
+    if (isRefused(wanted)) {
+        complain("the daemon has refused the list");
+        printErrors(m_oList->path(), m_oList->errors(), m_oList->m_nErrors);
+        return exitRefused;
+    }
     return !m_bTaken || m_oCounts.m_nUnderWay != 0 ? exitNotYet : m_oCounts.exitStatus();
 }
 
-EAsked CApplyWait::look(const std::vector<SFeatureRecord>& list, bool isToldAgain) {
+EAsked CApplyWait::look(const SWanted& wanted) {
     SSummaryView summary;
     EAsked asked = readSummary(m_oQuery, summary);
     if (asked != EAsked::answered || !isDue(summary)) {
@@ -65,15 +71,29 @@ EAsked CApplyWait::look(const std::vector<SFeatureRecord>& list, bool isToldAgai
         asked = m_oView.readPairs(m_oQuery, {}, CDaemonView::EExtent::open);
     }
     if (asked == EAsked::answered) {
+        asked = readListState(m_oQuery, m_oList);
+    }
+    if (asked == EAsked::answered) {
         m_bRead = true;
         m_tRead = CClock::now();
         m_oCounts = countPairs(m_oView.m_vPairs);
-        const bool isMoved =
-            !m_oBefore || m_oBefore->m_tStarted != m_oView.m_oSummary.m_tStarted ||
-            number(m_oBefore->m_aLastTransition) != number(m_oView.m_oSummary.m_aLastTransition);
-        m_bTaken = isInForce(list) && (isMoved || !isToldAgain || m_oView.m_vPairs.empty());
+        m_bTaken = isInForce(wanted.m_vList) && judgeTaken(wanted);
     }
     return asked;
+}
+
+bool CApplyWait::judgeTaken(const SWanted& wanted) const {
+    if (m_oList) {
+        return number(m_oList->m_aDigest) == wanted.m_nDigest &&
+               number(m_oList->m_aReadDigest) == wanted.m_nDigest;
+    }
+    const bool isMoved = !m_oBefore || m_oBefore->m_tStarted != m_oView.m_oSummary.m_tStarted ||
+                         number(m_oBefore->m_aLastTransition) != number(m_oView.m_oSummary.m_aLastTransition);
+    return isMoved || !wanted.m_bToldAgain || m_oView.m_vPairs.empty();
+}
+
+bool CApplyWait::isRefused(const SWanted& wanted) const {
+    return m_oList && m_oList->isRefused() && number(m_oList->m_aReadDigest) == wanted.m_nDigest;
 }
 
 bool CApplyWait::isDue(const SSummaryView& summary) const {

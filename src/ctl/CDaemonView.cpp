@@ -115,14 +115,13 @@ std::string_view featureWord(uint32_t status) {
 
 // --- Features and pairs ---
 
-std::vector<std::string_view> SFeatureView::concerned() const {
-    std::vector<std::string_view> names;
-    std::string_view rest(m_sText);
-    for (size_t end = rest.find('\0'); end != std::string_view::npos; end = rest.find('\0')) {
-        rest.remove_prefix(end + 1);
-        names.push_back(rest.substr(0, rest.find('\0')));
+std::vector<std::string_view> textsBehind(std::string_view text) {
+    std::vector<std::string_view> texts;
+    for (size_t end = text.find('\0'); end != std::string_view::npos; end = text.find('\0')) {
+        text.remove_prefix(end + 1);
+        texts.push_back(text.substr(0, text.find('\0')));
     }
-    return names;
+    return texts;
 }
 
 bool SFeatureView::concerns(const std::vector<std::string_view>& concerned, std::string_view component) {

@@ -17,10 +17,13 @@ using SDeliveryView = TStatus<CStatusDelivery>;
 using STransitionView = TStatus<CStatusTransition>;
 using SCounterView = TStatus<CStatusCounter>;
 
+// Of a record's text that holds several: all but the first.
+std::vector<std::string_view> textsBehind(std::string_view text);
+
 struct SFeatureView : TStatus<CStatusFeature> {
     // Like the names of all others they may hold anything: printable() before they are printed.
     std::string_view name() const { return std::string_view(m_sText).substr(0, m_sText.find('\0')); }
-    std::vector<std::string_view> concerned() const;
+    std::vector<std::string_view> concerned() const { return textsBehind(m_sText); }
     // Anchor and ALL take part in every feature, named or not.
     bool concerns(std::string_view component) const { return concerns(concerned(), component); }
     static bool concerns(const std::vector<std::string_view>& concerned, std::string_view component);

@@ -5,6 +5,7 @@
 #include "ctl/list_errors.h"
 #include "ctl/terminal.h"
 #include "source/list/list_changes.h"
+#include "source/list/list_digest.h"
 #include "source/list/list_paths.h"
 #include "source/list/whole_file.h"
 
@@ -85,7 +86,8 @@ int CListUpdate::wait() {
     if (m_oChange->isNothing()) {
         return exitOk;
     }
-    const int status = m_oWait->run(m_oAfter->m_oList.m_vFeatures, m_oChange->toldAgain() != 0);
+    const int status = m_oWait->run(
+        {m_oAfter->m_oList.m_vFeatures, listDigest(m_oAfter->m_sText), m_oChange->toldAgain() != 0});
     m_oReport.m_pWait = &*m_oWait;
     if (m_oWait->hasAnswered()) {
         tell(m_oWait->text());

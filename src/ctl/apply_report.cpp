@@ -103,11 +103,7 @@ void printApplyJson(const SApplyReport& report) {
     document["list"] = report.m_sList;
     document["result"] = aResultWords[static_cast<size_t>(report.m_eResult)];
     document["error"] = report.m_sError.empty() ? CJson() : CJson(report.m_sError);
-    document["errors"] = CJson::array();
-    for (const SListError& error : report.m_oFaults.m_vErrors) {
-        document["errors"].push_back(
-            {{"line", error.m_nLine == 0 ? CJson() : CJson(error.m_nLine)}, {"text", error.m_sText}});
-    }
+    document["errors"] = toJson(report.m_oFaults.m_vErrors);
     if (const CListChange* change = report.m_pChange; change != nullptr) {
         document["features"] = {{"before", report.m_nBefore},       {"after", report.m_nAfter},
                                 {"added", change->added()},         {"withdrawn", change->withdrawn()},

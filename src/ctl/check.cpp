@@ -80,17 +80,12 @@ void print(const SChecked& checked, bool isQuiet) {
 void printAsJson(const std::vector<SChecked>& all) {
     CJson files = CJson::array();
     for (const SChecked& checked : all) {
-        CJson errors = CJson::array();
-        for (const SListError& error : checked.m_vErrors) {
-            errors.push_back(
-                {{"line", error.m_nLine == 0 ? CJson() : CJson(error.m_nLine)}, {"text", error.m_sText}});
-        }
         files.push_back({{"file", checked.m_sPath},
                          {"kind", checked.m_szKind},
                          {"good", checked.isGood()},
                          {"count", checked.isGood() ? CJson(checked.m_nCount) : CJson()},
                          {"error_count", checked.m_nErrors},
-                         {"errors", std::move(errors)}});
+                         {"errors", toJson(checked.m_vErrors)}});
     }
     CJson document = jsonDocument("check");
     document["files"] = std::move(files);

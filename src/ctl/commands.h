@@ -13,8 +13,8 @@
 enum EExitStatus {
     exitOk = 0,
     exitFailed = 1,   // bad input, or nothing to write to
-    exitNoDaemon = 2, // no daemon, or it does not answer
-    exitRefused = 3,  // a component has refused, or was given up
+    exitNoDaemon = 2, // no daemon, it does not answer, or it has no list
+    exitRefused = 3,  // a component has refused, or was given up; or the daemon has refused its list
     exitNotYet = 4,   // something is still under way
     exitUsage = 64    // EX_USAGE of sysexits.h
 };
@@ -27,8 +27,8 @@ struct SExitText {
 inline constexpr SExitText aExitTexts[] = {
     {exitOk, "yes: done, delivered, good"},
     {exitFailed, "bad input, or the output cannot be written"},
-    {exitNoDaemon, "no daemon answers"},
-    {exitRefused, "a component has refused, or was given up"},
+    {exitNoDaemon, "no daemon answers, or it has no list"},
+    {exitRefused, "a component has refused or was given up, or the daemon has refused its list"},
     {exitNotYet, "not yet: something is under way"},
     {exitUsage, "the command line is wrong"},
 };

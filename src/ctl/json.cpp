@@ -1,5 +1,7 @@
 #include "ctl/json.h"
 
+#include "source/list/list_digest.h"
+
 #include <array>
 #include <fmt/format.h>
 
@@ -105,6 +107,35 @@ CJson toJson(const SPairCounts& counts) {
             {"failed", counts.m_nFailed},
             {"under_way", counts.m_nUnderWay},
             {"idle", counts.m_nIdle}};
+}
+
+CJson toJson(const std::vector<SListError>& errors) {
+    CJson array = CJson::array();
+    for (const SListError& error : errors) {
+        array.push_back(
+            {{"line", error.m_nLine == 0 ? CJson() : CJson(error.m_nLine)}, {"text", error.m_sText}});
+    }
+    return array;
+}
+
+CJson toJson(const SListView& list) {
+    const uint32_t result = list.m_nResult;
+    return {{"path", list.path()},
+            {"in_force", list.m_nInForce != 0},
+            {"since", jsonTime(list.m_tLoaded)},
+            {"kept", list.m_nKept != 0},
+            {"digest", printListDigest(number(list.m_aDigest))},
+            {"size", uint32_t{list.m_nSize}},
+            {"count", uint32_t{list.m_nFeatures}},
+            {"before", uint32_t{list.m_nBefore}},
+            {"withdrawn", uint32_t{list.m_nWithdrawn}},
+            {"much", list.m_nMuch != 0},
+            {"read", jsonTime(list.m_tRead)},
+            {"result", result < aListResultWords.size() ? aListResultWords[result] : "unknown"},
+            {"read_digest", printListDigest(number(list.m_aReadDigest))},
+            {"read_size", uint32_t{list.m_nReadSize}},
+            {"error_count", uint32_t{list.m_nErrors}},
+            {"errors", toJson(list.errors())}};
 }
 
 // JSON is UTF-8 (RFC 8259), names and texts may be anything. What is not UTF-8 is replaced, not thrown.

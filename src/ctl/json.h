@@ -3,6 +3,7 @@
 #define QEL_CTL_JSON_H
 
 #include "ctl/CDaemonView.h"
+#include "ctl/list_state.h"
 #include "ctl/pairs.h"
 
 #include <nlohmann/json.hpp>
@@ -22,6 +23,8 @@ CJson toJson(const SComponentView& component);
 CJson toJson(const SPair& pair);
 CJson toJson(const STransitionView& transition);
 CJson toJson(const SPairCounts& counts);
+CJson toJson(const SListView& list);
+CJson toJson(const std::vector<SListError>& errors);
 // A number of seconds since the epoch; null for never.
 CJson jsonTime(uint32_t seconds);
 // For progress: "queued", "sent", "delivered", "failed", "overdue", or null where nothing is to happen.

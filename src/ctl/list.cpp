@@ -5,6 +5,8 @@
 #include "ctl/CTable.h"
 #include "ctl/commands.h"
 #include "ctl/json.h"
+#include "ctl/list_errors.h"
+#include "ctl/list_state.h"
 #include "ctl/terminal.h"
 
 #include <algorithm>
@@ -76,8 +78,7 @@ void printSummary(const std::vector<SActiveFeature>& features, std::optional<siz
 }
 
 // The list for OAM leaves them out. Nothing, where the daemon is too old to tell.
-std::optional<size_t> countSourced() {
-    CStatusQuery query(std::chrono::seconds(1));
+std::optional<size_t> countSourced(CStatusQuery& query) {
     std::vector<TStatus<CStatusFeature>> features;
     if (query.askAll(makeQuestion(sqFeatures), features) != EAsked::answered) {
         return std::nullopt;
@@ -119,10 +120,18 @@ int runList(const SListOptions& options) {
     if (asked != EAsked::answered) {
         return reportAsked(asked);
     }
+    CStatusQuery query(std::chrono::seconds(1));
+    std::optional<SListView> list;
+    const EAsked looked = readListState(query, list);
+    if (list && list->m_nInForce == 0) {
+        complain("the daemon has no list");
+        printErrors(list->path(), list->errors(), list->m_nErrors);
+        return exitNoDaemon;
+    }
     if (options.m_bQuiet) {
         return exitOk;
     }
-    const std::optional<size_t> sourced = countSourced();
+    const std::optional<size_t> sourced = looked == EAsked::answered ? countSourced(query) : std::nullopt;
     CFeatureNames names = CFeatureNames::load();
     options.m_bJson ? printAsJson(features, names, sourced) : printTable(features, names);
     // A full disk or a closed pipe shows only here. A script must not take half a list for the whole.
@@ -132,6 +141,10 @@ int runList(const SListOptions& options) {
     // JSON has the count in itself.
     if (!options.m_bJson) {
         printSummary(features, sourced);
+        if (list && list->isRefused()) {
+            complain(
+                fmt::format("{} was refused and is not in force; qelctl status tells why", list->path()));
+        }
     }
     return exitOk;
 }

@@ -1,6 +1,7 @@
 #include "ctl/pairs.h"
 
 #include <algorithm>
+#include <fmt/chrono.h>
 #include <fmt/format.h>
 
 namespace {
@@ -47,6 +48,10 @@ std::string SPairCounts::text() const {
 
 EExitStatus SPairCounts::exitStatus() const {
     return m_nFailed != 0 ? exitRefused : m_nUnderWay != 0 ? exitNotYet : exitOk;
+}
+
+EExitStatus worse(EExitStatus one, EExitStatus other) {
+    return one == exitRefused || other == exitOk ? one : other;
 }
 
 SPairCounts countPairs(const std::vector<SPair>& pairs) {
@@ -99,6 +104,14 @@ std::string age(uint32_t since, uint32_t now) {
                               : fmt::format("{} d", seconds / 86400);
 }
 
+std::string moment(uint32_t seconds, uint32_t now) {
+    const auto dateOf = [](uint32_t time) {
+        return fmt::format("{:%Y-%m-%d} ", fmt::localtime(static_cast<time_t>(time)));
+    };
+    const std::string date = dateOf(seconds);
+    return (date == dateOf(now) ? "" : date) + timeOfDay(seconds);
+}
+
 std::string title(const SFeatureView& feature) {
     const std::string name = printable(feature.name());
     return name.empty() ? feature.id() : feature.id() + " " + name;
@@ -110,9 +123,9 @@ std::string title(const SComponentView& component) {
                                        : fmt::format("{} (pid {})", name, uint32_t{component.m_nProcessId});
 }
 
-std::string life(const SComponentView& component) {
+std::string life(const SComponentView& component, uint32_t now) {
     if (component.m_tDead != 0) {
-        return "dead since " + timeOfDay(component.m_tDead);
+        return "dead since " + moment(component.m_tDead, now);
     }
     return component.m_nMonitors != 0 ? "alive, monitoring" : "alive, not monitoring";
 }

@@ -19,6 +19,9 @@ struct SPairCounts {
     EExitStatus exitStatus() const;
 };
 
+// Of two of exitOk, exitNotYet and exitRefused.
+EExitStatus worse(EExitStatus one, EExitStatus other);
+
 SPairCounts countPairs(const std::vector<SPair>& pairs);
 
 inline constexpr uint32_t nMaxSends = 3; // without an answer, of one phase
@@ -31,12 +34,14 @@ std::string describePair(const SPair& pair, uint32_t now);
 EColour colourOf(const SPair& pair);
 // "41 s", "12 min", "5 h", "3 d".
 std::string age(uint32_t since, uint32_t now);
+// "14:02:05", with the date where that is another day.
+std::string moment(uint32_t seconds, uint32_t now);
 // "161:1 Door opener", for people.
 std::string title(const SFeatureView& feature);
 // "Doorphone (pid 4711)"
 std::string title(const SComponentView& component);
 // "dead since 12:03:11", "alive, monitoring"
-std::string life(const SComponentView& component);
+std::string life(const SComponentView& component, uint32_t now);
 
 // Resolves an argument that may be a feature or a component. False: there is no such, which is complained of.
 bool selectOrComplain(const CDaemonView& view, const std::string& argument, SSelection& selection);

@@ -3,6 +3,7 @@
 #include "ctl/CTable.h"
 #include "ctl/commands.h"
 #include "ctl/json.h"
+#include "ctl/list_state.h"
 #include "ctl/pairs.h"
 #include "ctl/terminal.h"
 
@@ -52,7 +53,8 @@ public:
     void printFeatures(const SSelection& selection) const;
     void printComponent(const std::string& name) const;
     void printDaemon(const std::vector<SCounterView>& counters) const;
-    void printAsJson(const SSelection& selection, const std::vector<SCounterView>& counters) const;
+    void printAsJson(const SSelection& selection, const std::optional<SListView>& list,
+                     const std::vector<SCounterView>& counters) const;
 
 private:
     std::vector<SRow> rows() const;
@@ -143,7 +145,8 @@ CTable CStatusReport::lines(const std::vector<SRow>& rows) const {
 std::string CStatusReport::summary() const {
     std::string text = countPairs(m_oView.m_vPairs).text();
     for (const SComponentView& component : m_oView.m_vComponents) {
-        text += component.m_tDead == 0 ? "" : fmt::format("; {} is {}", title(component), life(component));
+        text += component.m_tDead == 0 ? ""
+                                       : fmt::format("; {} is {}", title(component), life(component, m_nNow));
     }
     return text;
 }
@@ -174,8 +177,8 @@ void CStatusReport::printFeatures(const SSelection& selection) const {
                 const uint32_t since = pair.m_pDelivery ? uint32_t{pair.m_pDelivery->m_tSince} : 0;
                 table.add({{printable(fieldText(pair.m_pComponent->m_szName))},
                            {describePair(pair, m_nNow), colourOf(pair)},
-                           {since == 0 ? "-" : timeOfDay(since)},
-                           {life(*pair.m_pComponent)}});
+                           {since == 0 ? "-" : moment(since, m_nNow)},
+                           {life(*pair.m_pComponent, m_nNow)}});
             }
         }
         for (const std::string_view name : feature.concerned()) {
@@ -203,8 +206,8 @@ void CStatusReport::printComponent(const std::string& name) const {
         return;
     }
     const uint32_t reply = component->m_nReply;
-    fmt::print("{}: {}, last heard {}{}\n", title(*component), life(*component),
-               component->m_tHeard == 0 ? "never" : timeOfDay(component->m_tHeard),
+    fmt::print("{}: {}, last heard {}{}\n", title(*component), life(*component, m_nNow),
+               component->m_tHeard == 0 ? "never" : moment(component->m_tHeard, m_nNow),
                reply == nReplyOk ? ", last reply ok" : lastFailure(*component));
     SStatusOptions all = m_oOptions;
     all.m_bAll = true;
@@ -238,10 +241,11 @@ void CStatusReport::printDaemon(const std::vector<SCounterView>& counters) const
     }
 }
 
-void CStatusReport::printAsJson(const SSelection& selection,
+void CStatusReport::printAsJson(const SSelection& selection, const std::optional<SListView>& list,
                                 const std::vector<SCounterView>& counters) const {
     CJson document = jsonDocument("status");
     document["daemon"] = toJson(m_oView.m_oSummary);
+    document["list"] = list ? toJson(*list) : CJson();
     document["counts"] = toJson(countPairs(m_oView.m_vPairs));
     CJson features = CJson::array();
     for (const SFeatureView& feature : m_oView.m_vFeatures) {
@@ -271,19 +275,22 @@ void CStatusReport::printAsJson(const SSelection& selection,
     printJson(document);
 }
 
-void print(const SStatusOptions& options, const CDaemonView& view, const SSelection& selection,
-           const std::vector<SCounterView>& counters) {
+void print(const SStatusOptions& options, const CDaemonView& view, const std::optional<SListView>& list,
+           const SSelection& selection, const std::vector<SCounterView>& counters) {
     const CStatusReport report(options, view);
     if (options.m_bAll && !options.m_bJson) {
         report.printDaemon(counters); // first, so that the last line is always that of the deliveries
     }
     if (options.m_bJson) {
-        report.printAsJson(selection, counters);
+        report.printAsJson(selection, list, counters);
     } else if (!selection.m_sFeature.empty()) {
         report.printFeatures(selection);
     } else if (!selection.m_sComponent.empty()) {
         report.printComponent(selection.m_sComponent);
     } else {
+        if (list) {
+            list->print(view.m_oSummary.m_tNow);
+        }
         report.printMatrix();
     }
 }
@@ -302,9 +309,13 @@ int runStatus(const SStatusOptions& options) {
         return exitFailed;
     }
     std::vector<SCounterView> counters;
+    std::optional<SListView> list;
     const bool isWhole = options.m_bAll || (options.m_bJson && !options.m_bQuiet);
     EAsked asked =
         view.readPairs(query, selection, isWhole ? CDaemonView::EExtent::all : CDaemonView::EExtent::open);
+    if (asked == EAsked::answered && (selection.isAll() || options.m_bJson)) {
+        asked = readListState(query, list);
+    }
     if (asked == EAsked::answered && isWhole) {
         asked = query.askAll(makeQuestion(sqCounters), counters);
     }
@@ -312,7 +323,10 @@ int runStatus(const SStatusOptions& options) {
         return reportAsked(asked);
     }
     if (!options.m_bQuiet) {
-        print(options, view, selection, counters);
+        print(options, view, list, selection, counters);
     }
-    return flushOutput() ? countPairs(view.m_vPairs).exitStatus() : exitFailed;
+    // Of one feature or component, its deliveries alone are asked for.
+    const bool isListMeant = selection.isAll() && list;
+    const EExitStatus ofPairs = countPairs(view.m_vPairs).exitStatus();
+    return flushOutput() ? worse(ofPairs, isListMeant ? list->exitStatus() : exitOk) : exitFailed;
 }

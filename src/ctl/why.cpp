@@ -57,8 +57,13 @@ private:
         return sends == 0 ? ""
                           : fmt::format(" It was sent {} times of {} without an answer.", sends, nMaxSends);
     }
-    std::string told() const { return timeOfDay(m_oPair.m_pDelivery->m_tLast); }
-    std::string reached() const { return timeOfDay(m_oPair.m_pDelivery->m_tSince); }
+    std::string told() const { return moment(lastTold(), m_oSummary.m_tNow); }
+    std::string reached() const { return moment(m_oPair.m_pDelivery->m_tSince, m_oSummary.m_tNow); }
+    // An older daemon does not tell the two apart.
+    uint32_t lastTold() const {
+        const SDeliveryView& delivery = *m_oPair.m_pDelivery;
+        return delivery.m_tLast != 0 ? delivery.m_tLast : delivery.m_tSince;
+    }
     std::string_view ruleOf() const {
         const uint32_t state = m_oPair.m_pDelivery ? uint32_t{m_oPair.m_pDelivery->m_nState} : 0;
         return state < aDeliveryStates.size() ? aDeliveryStates[state].m_sNext : "";
@@ -84,7 +89,8 @@ std::string CExplanation::failure() const {
 std::string CExplanation::now() const {
     const auto word = m_oPair.word();
     if (!word) {
-        return fmt::format("{} is {}.", title(*m_oPair.m_pComponent), life(*m_oPair.m_pComponent));
+        return fmt::format("{} is {}.", title(*m_oPair.m_pComponent),
+                           life(*m_oPair.m_pComponent, m_oSummary.m_tNow));
     }
     switch (*word) {
     case EDeliveryWord::queued:
@@ -111,7 +117,7 @@ std::string CExplanation::next() const {
     std::string rule(ruleOf());
     switch (*word) {
     case EDeliveryWord::sent: {
-        const uint32_t until = m_oPair.m_pDelivery->m_tLast + nReplyTimeout;
+        const uint32_t until = lastTold() + nReplyTimeout;
         const uint32_t now = m_oSummary.m_tNow;
         return fmt::format("{}, until {}{}", rule, timeOfDay(until),
                            until > now ? fmt::format(" (in {} s)", until - now) : "");

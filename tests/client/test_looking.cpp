@@ -29,6 +29,21 @@ SText summary(uint64_t lastTransition) {
     return record(words, "9.9");
 }
 
+SText listState(EListResult result, uint32_t isInForce, const SText& errors = "") {
+    CStatusList words;
+    words.m_nInForce = isInForce;
+    words.m_tLoaded = 1000;
+    words.m_nKept = 1;
+    words.m_nFeatures = 4;
+    words.m_nBefore = 9;
+    words.m_nWithdrawn = 5;
+    words.m_nMuch = isInForce;
+    words.m_tRead = 1020;
+    words.m_nResult = result;
+    words.m_nErrors = 3;
+    return record(words, "a\033.toml" + errors);
+}
+
 SText component(const char* name, uint32_t pid, uint32_t monitors, uint32_t dead = 0) {
     CStatusComponent words;
     SText(name).copy(words.m_szName, nNameFieldSize);
@@ -146,7 +161,8 @@ protected:
         CStatusAnswer head;
         head.m_nQuestion = question.m_nQuestion + (word == "other" ? 1 : 0);
         head.m_nTag = question.m_nTag;
-        head.m_nResult = word == "unknown" ? srUnknown : word == "changed" ? srChanged : srOk;
+        const bool isKnown = word != "unknown" && (!table.empty() || question.m_nQuestion != sqList);
+        head.m_nResult = !isKnown ? srUnknown : word == "changed" ? srChanged : srOk;
         const bool isOfTransitions = question.m_nQuestion == sqTransitions;
         size_t at = isOfTransitions ? 0 : uint32_t{question.m_oCursor.m_aWords[0]};
         const uint64_t after = number(question.m_oCursor.m_aWords);
@@ -277,6 +293,36 @@ TEST_F(CLooking, TheMatrixTellsProblemsFirstAndFitsTheLine) {
     EXPECT_EQ(m_sErrors, "qelctl: no feature and no component is called 'Gat'; did you mean 'Gate'?\n");
 }
 
+TEST_F(CLooking, AListThatIsNotInForceShowsAtOnceAndInTheStatus) {
+    for (auto& [question, table] : m_oTables) {
+        table.resize(question == sqSummary ? 1 : 0);
+    }
+    const SText errors("\0003: no \ncode\0000: bad", 19);
+    const struct {
+        EListResult m_eResult;
+        uint32_t m_nInForce;
+        SText m_sTold;
+    } aCases[] = {
+        {lrTaken, 1, "no problems, 0 delivered\nstatus 0\n"},
+        {lrUnreadable, 1,
+         "-- the file was not readable at 00:17:00; it is going to be read again\n"
+         "a?.toml:3: no ?code\na?.toml: bad\na?.toml: 1 more error\n"
+         "no problems, 0 delivered\nstatus 4\n"},
+        {lrRefused, 1,
+         "-- the file was refused at 00:17:00\na?.toml:3: no ?code\na?.toml: bad\n"
+         "a?.toml: 1 more error\nno problems, 0 delivered\nstatus 3\n"},
+        {lrNone, 0, "no problems, 0 delivered\nstatus 3\n"},
+    };
+    for (const auto& example : aCases) {
+        m_oTables[sqList] = {listState(example.m_eResult, example.m_nInForce, errors)};
+        const SText inForce =
+            "a?.toml: 4 features of the list kept from an earlier run, in force since 00:16:40\n"
+            "-- it withdrew 5 of 9 features, more than a fifth\n";
+        EXPECT_EQ(run(runStatus, SStatusOptions{}),
+                  (example.m_nInForce ? inForce : "a?.toml: no list is in force\n") + example.m_sTold);
+    }
+}
+
 TEST_F(CLooking, WhyTellsWhatHappenedAndWhatComesNext) {
     const auto why = [this](const char* feature, const char* comp) {
         SWhyOptions options;
@@ -398,6 +444,7 @@ TEST_F(CLooking, EachKeyOfJsonIsDocumented) {
     watch.m_sSince = "5";
     watch.m_nSeconds = 0.01;
     wait.m_nSeconds = 0;
+    m_oTables[sqList] = {listState(lrRefused, 1, SText("\0002: bad", 7))};
     status.m_bJson = why.m_bJson = watch.m_bJson = wait.m_bJson = true;
     std::set<SText> keys;
     std::vector<CJson> documents;
