@@ -87,7 +87,7 @@ protected:
         return told;
     }
 
-    // "component code data from>to cause" of each step after the number.
+    // "component code data from>to cause: why text" of each step after the number; why only of failures.
     static CTexts steps(uint64_t after, uint32_t result = srOk) {
         auto question = about(sqTransitions);
         setNumber(question.m_oCursor.m_aWords, after);
@@ -98,7 +98,8 @@ protected:
             const auto step = readRecord<CStatusTransition>(one);
             told.push_back(std::string(fieldText(step.m_szComponent)) + " " + std::to_string(step.m_nCode) +
                            " " + std::to_string(step.m_nData) + " " + std::to_string(step.m_nFrom) + ">" +
-                           std::to_string(step.m_nTo) + " " + std::string(aCauseWords[step.m_nCause]));
+                           std::to_string(step.m_nTo) + " " + std::string(aCauseWords[step.m_nCause]) +
+                           (step.m_nWhy == swNone ? "" : fmt::format(": {} {}", +step.m_nWhy, one.m_sText)));
         }
         return told;
     }
@@ -131,7 +132,7 @@ TEST_F(CStatusTest, AConversationIsToldStepByStep) {
 
     EXPECT_EQ(steps(before),
               (CTexts{"Voice 1 10 0>0 taken in", "Voice 2 20 0>0 taken in", "Gateway 2 20 0>0 taken in",
-                      "Voice 1 10 0>1 told", "Voice 1 10 1>3 refused", "Voice 2 20 0>1 audit",
+                      "Voice 1 10 0>1 told", "Voice 1 10 1>3 refused: 1 no module", "Voice 2 20 0>1 audit",
                       "Gateway 2 20 0>1 audit"}));
     const std::string refused = "1 10 Voice 3 0 1 no module", voice = "2 20 Voice 1 0 0 ",
                       gateway = "2 20 Gateway 1 0 0 ";
@@ -229,6 +230,7 @@ TEST_F(CStatusTest, AFailureIsToldWithItsReason) {
     monitor(0x21);
     reply(0x21, 9); // without a text
     EXPECT_EQ(deliveries(), CTexts{"3 30 Voice 3 0 1 "});
+    const uint64_t refused = last();
     newList({fresh(3, 31)});
     for (int i = 0; i < 10; ++i) { // nobody answers
         control().audit();
@@ -236,12 +238,17 @@ TEST_F(CStatusTest, AFailureIsToldWithItsReason) {
         control().timeout();
     }
     EXPECT_EQ(deliveries(), CTexts{"3 31 Voice 11 0 2 "});
+    EXPECT_EQ(steps(refused - 1).at(0), "Voice 3 30 1>3 refused: 1 ");
     for (uint32_t i = 0; i < nKeptReasons; ++i) {
         CFeatureEntry& other = feature(100 + i, 1, EFStatus::fsActive, {"Voice"});
         record(other, *control().findCompByMFW(0x21), 1);
         EXPECT_EQ(deliver(dvRefuse, other, *other.m_vCompStatus[0]), ocTaken);
     }
     EXPECT_EQ(deliveries(sfCode, 3), CTexts{"3 31 Voice 11 0 3 "}) << "it is not kept any more, and says so";
+    EXPECT_EQ(steps(refused - 1).at(0), "Voice 3 30 1>3 refused: 3 ");
+    const uint64_t failed = last();
+    shutDown(0x21);
+    EXPECT_EQ(steps(failed).at(0), "Voice 3 31 11>11 left") << "no failure of its own";
 }
 
 TEST_F(CStatusTest, TheRecorderTellsWhatItLost) {

@@ -165,7 +165,7 @@ struct CStatusDelivery {
 static_assert(sizeof(CStatusDelivery) == 68);
 
 struct CStatusTransition {
-    CStatusRecord m_oRecord; // without a text
+    CStatusRecord m_oRecord; // text: of the refusal, where it is one and the text is still kept
     CBigEndian32 m_aNumber[2];
     CBigEndian32 m_tSeconds;
     CBigEndian32 m_nMicroseconds;
@@ -173,10 +173,11 @@ struct CStatusTransition {
     CBigEndian32 m_nData;
     CBigEndian32 m_nFrom; // CCompStatus::ECStatus
     CBigEndian32 m_nTo;
-    CBigEndian32 m_nCause; // EDeliveryEvent of features/delivery.h
-    char m_szComponent[nNameFieldSize] = {};
+    CBigEndian32 m_nCause;                   // EDeliveryEvent of features/delivery.h
+    char m_szComponent[nNameFieldSize] = {}; // empty: a step of all that have the feature
+    CBigEndian32 m_nWhy;                     // EStatusWhy, where m_nTo is a failure
 };
-static_assert(sizeof(CStatusTransition) == 64);
+static_assert(sizeof(CStatusTransition) == 68);
 
 // What became of a reading of the list file.
 enum EListResult : uint32_t {

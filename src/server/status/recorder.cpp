@@ -14,7 +14,7 @@ namespace {
 constinit std::array<SRecordedStep, nKeptTransitions> aSteps = {};
 constinit std::array<SRecordedReason, nKeptReasons> aReasons = {};
 constinit uint64_t nLastStep = 0;
-constinit uint64_t nReasons = 0;
+constinit uint32_t nReasons = 0;
 
 bool isOfAll(EDeliveryEvent cause) {
     return cause == dvReset || cause == dvForget;
@@ -50,10 +50,12 @@ void keepStep(const STransition& step) {
     }
 }
 
-// A refusal is recorded while it is handled, so the component's reply text is its own, if it brought one.
+// Of the step that was kept just now. A refusal is recorded while it is handled, so the component's reply
+// text is its own, if it brought one.
 void keepReason(const STransition& step) {
     const CComponent& comp = *step.m_oRecord.m_pComponent;
-    SRecordedReason& kept = aReasons[nReasons++ % nKeptReasons];
+    SRecordedReason& kept = aReasons[++nReasons % nKeptReasons];
+    aSteps[nLastStep % nKeptTransitions].m_nReason = nReasons;
     kept.m_nCode = step.m_oFeature.m_nCode;
     kept.m_nData = step.m_oFeature.m_nData;
     kept.m_nNewData = step.m_oFeature.m_nNewData;
@@ -83,7 +85,7 @@ void record(const STransition& step) {
     }
     keepStep(step);
     countStep(step);
-    if (!isOfAll(step.m_eCause) && isFailure(step.m_eTo)) {
+    if (step.m_eFrom != step.m_eTo && isFailure(step.m_eTo)) { // and not one that leaves after it failed
         keepReason(step);
     }
 }
@@ -106,10 +108,15 @@ const SRecordedStep& recordedStep(uint64_t number) {
     return aSteps[number % nKeptTransitions];
 }
 
+const SRecordedReason* recordedReason(const SRecordedStep& step) {
+    const bool isKept = step.m_nReason != 0 && nReasons - step.m_nReason < nKeptReasons;
+    return isKept ? &aReasons[step.m_nReason % nKeptReasons] : nullptr;
+}
+
 // The latest first: an earlier failure of the pair is another story.
 const SRecordedReason* recordedReason(uint32_t code, uint32_t data, std::string_view component) {
-    for (uint64_t i = nReasons; i > 0 && nReasons - i < nKeptReasons; --i) {
-        const SRecordedReason& kept = aReasons[(i - 1) % nKeptReasons];
+    for (uint32_t i = nReasons; i > 0 && nReasons - i < nKeptReasons; --i) {
+        const SRecordedReason& kept = aReasons[i % nKeptReasons];
         const bool isOfPair = kept.m_nData == data || (kept.m_nNewData != 0 && kept.m_nNewData == data);
         if (kept.m_nCode == code && isOfPair && component == kept.m_szComponent) {
             return &kept;

@@ -24,6 +24,7 @@ struct SRecordedStep {
     uint8_t m_nTo = 0;
     uint8_t m_nCause = 0;                        // EDeliveryEvent
     char m_szComponent[nMaxNameLength + 1] = {}; // empty: all that the feature had
+    uint32_t m_nReason = 0;                      // of a failure: a number for recordedReason()
 };
 
 struct SRecordedReason {
@@ -44,6 +45,8 @@ uint64_t lastStep();
 uint64_t firstStep();
 // One that is kept.
 const SRecordedStep& recordedStep(uint64_t number);
+// Why a step's delivery failed; null if that is not kept, or it did not.
+const SRecordedReason* recordedReason(const SRecordedStep& step);
 // Why the latest delivery of the feature to the component failed; null if that is not kept.
 const SRecordedReason* recordedReason(uint32_t code, uint32_t data, std::string_view component);
 

@@ -375,8 +375,9 @@ void tally(const SQuestion& question, CPage& page) {
     page.add(record);
 }
 
-CStatusTransition transition(uint64_t number) {
+bool addTransition(uint64_t number, CPage& page) {
     const SRecordedStep& step = recordedStep(number);
+    const SRecordedReason* reason = recordedReason(step);
     CStatusTransition record;
     setNumber(record.m_aNumber, number);
     record.m_tSeconds = step.m_tSeconds;
@@ -387,7 +388,8 @@ CStatusTransition transition(uint64_t number) {
     record.m_nTo = step.m_nTo;
     record.m_nCause = step.m_nCause;
     setName(record.m_szComponent, step.m_szComponent);
-    return record;
+    record.m_nWhy = reason != nullptr ? reason->m_eWhy : step.m_nReason != 0 ? swNotKept : swNone;
+    return page.add(record, reason != nullptr ? reason->m_szText : "");
 }
 
 // After a number that is yet to come the asker has seen another daemon's: to it, all that there is is new.
@@ -397,7 +399,7 @@ void tellTransitions(const SQuestion& question, CPage& page) {
         page.m_oAnswer.m_nResult = srGap;
         next = firstStep();
     }
-    while (next <= lastStep() && page.add(transition(next))) {
+    while (next <= lastStep() && addTransition(next, page)) {
         ++next;
     }
     page.m_oAnswer.m_nMore = next <= lastStep() ? 1 : 0;
