@@ -124,6 +124,7 @@ bool CDaemonLink::isWatched() {
     }
     if (std::exchange(m_nChanges, changes) != changes) {
         m_tNextLookup = std::min(m_tNextLookup, m_tSoonestLookup);
+        m_bLookAgain = true;
     }
     return true;
 }
@@ -132,6 +133,9 @@ bool CDaemonLink::isWatched() {
 // process spends a thousandth of a processor on it at most: with many, all that look would leave the daemon
 // no time. Another handle is another process: a daemon that was restarted and does not know this component.
 // What its predecessor sent is void.
+//
+// A process that is killed may be found for a moment after its connections have ended: the kernel closes its
+// files in no order that we could rely on. So what the platform tells is looked up twice.
 CDaemonLink::ELookup CDaemonLink::lookUp() {
     const bool isTold = isWatched();
     auto now = CClientClock::now();
@@ -145,8 +149,9 @@ CDaemonLink::ELookup CDaemonLink::lookUp() {
     }
     const CClientClock::duration pause = 1000 * (processorTime() - before);
     m_tSoonestLookup = now + std::min<CClientClock::duration>(pause, tLongestLookup);
+    const bool isRare = isTold && !std::exchange(m_bLookAgain, false);
     m_tNextLookup =
-        isTold ? now + tRareLookup : now + std::clamp<CClientClock::duration>(pause, tLookup, tLongestLookup);
+        isRare ? now + tRareLookup : now + std::clamp<CClientClock::duration>(pause, tLookup, tLongestLookup);
     if (found == m_nDaemon) {
         return ELookup::same;
     }

@@ -94,6 +94,7 @@ private:
         m_oEvents; // epoll: the framework's descriptor and m_oWakeUp; none: waits in the framework
     CFileDescriptor m_oWakeUp; // eventfd
     uint32_t m_nChanges = 0;   // the platform's number
+    bool m_bLookAgain = false; // the platform has told something, and no look-up has followed yet
     bool m_bMore = false;
     std::deque<CQelServerMessage> m_oInbox;
 };
