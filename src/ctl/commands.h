@@ -90,6 +90,12 @@ struct SComponentOptions : SCommonOptions {
     double m_nSeconds = 0;    // how long to run; 0: until SIGINT or SIGTERM
 };
 
+struct SDaemonOptions : SCommonOptions {
+    std::string m_sScript;
+    std::vector<std::string> m_vCommand; // starts the component; empty: somebody else does
+    double m_nWithin = 5;                // seconds for what the script expects without naming a time
+};
+
 // Of apply and undo.
 struct SApplyOptions : SCommonOptions {
     std::string m_sFile; // the new list; unused by undo
@@ -113,6 +119,7 @@ int runWatch(const SWatchOptions& options);
 int runWait(const SWaitOptions& options);
 int runCheck(const SCheckOptions& options);
 int runComponent(const SComponentOptions& options);
+int runDaemon(const SDaemonOptions& options);
 int runApply(const SApplyOptions& options);
 int runUndo(const SApplyOptions& options);
 int runSchema();

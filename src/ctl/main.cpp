@@ -47,6 +47,7 @@ struct SOptions {
     SApplyOptions m_oUndo;
     SComponentOptions m_oComponent;
     SExplainOptions m_oExplain;
+    SDaemonOptions m_oDaemon;
     std::string m_sHelp; // the command that help is asked for; empty: all
     bool m_bHelpJson = false;
 };
@@ -175,6 +176,27 @@ void addComponent(CLI::App& command, SOptions& all) {
         sNames);
 }
 
+void addDaemon(CLI::App& command, SOptions& all) {
+    SDaemonOptions& options = all.m_oDaemon;
+    addCommon(command, options);
+    command.add_option("--script", options.m_sScript, "What to do and to expect, a step a line")
+        ->required()
+        ->option_text("FILE");
+    command
+        .add_option("--within", options.m_nWithin, "How long to wait for what the script gives no time (5)")
+        ->check(CLI::Range(0.0, 3600.0))
+        ->option_text("SECONDS");
+    command.add_option("COMMAND", options.m_vCommand, "Behind --: starts the component")
+        ->option_text("[ARGUMENT ...]");
+    command.footer("Prints TAP. Steps: list, enable, modify, disable, overdue, expect, wait, silent, die, "
+                   "start, restart,\n"
+                   "and of the component that COMMAND starts: stop, kill, run. Without COMMAND, "
+                   "QEL_RUNTIME_DIR says where\n"
+                   "to play. Exits with 3 if the component did something else than was expected, with 4 if "
+                   "it did not do\n"
+                   "it in time.");
+}
+
 void addChange(CLI::App& command, SApplyOptions& options) {
     addCommon(command, options);
     command.add_option("--list", options.m_sList, "The list in place, if not the daemon's own")
@@ -241,6 +263,8 @@ constexpr SCommand aCommands[] = {
      [](const SOptions& options) { return runExplain(options.m_oExplain); }},
     {"schema", "Print the JSON Schema of the feature list.", addSchema,
      [](const SOptions&) { return runSchema(); }},
+    {"daemon", "Play the daemon by a script, to test a component.", addDaemon,
+     [](const SOptions& options) { return runDaemon(options.m_oDaemon); }},
     {"help", "Print this, or the help of a command.", addHelp, nullptr},
 };
 
