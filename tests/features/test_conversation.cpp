@@ -1,6 +1,8 @@
 // Whole conversations through the dispatcher: bytes in, bytes and log lines out.
 #include "world.h"
 
+#include "features/counters.h"
+
 #include <algorithm>
 #include <fstream>
 #include <functional>
@@ -38,7 +40,7 @@ protected:
 
     // What the daemon logged and sent since the last call. The endpoint logs each send: there the message
     // stands.
-    std::string transcript() const {
+    std::string transcript() {
         std::string text;
         const std::vector<SSent> sent = platform().takeSent();
         auto message = sent.begin();
@@ -51,17 +53,32 @@ protected:
                 noteSeen({textOf(line)});
             }
         }
-        return text;
+        return text + std::exchange(m_sResult, "");
     }
 
 private:
     std::set<uint32_t> m_oLeftOut; // events
+    std::string m_sResult;         // what the last step told besides
+    const decltype(aCounters) m_aCountedBefore = aCounters;
     const std::map<std::string, std::function<void(std::istream&)>> m_oVerbs = {
         {"features", [](auto& pairs) { entriesOf(pairs, [](auto... pair) { return &feature(pair...); }); }},
-        {"list", [](auto& pairs) { newList(entriesOf(pairs, [](auto... pair) { return fresh(pair...); })); }},
+        {"list",
+         [this](auto& pairs) {
+             const CEntries entries = entriesOf(pairs, [](auto... pair) { return fresh(pair...); });
+             m_sResult = "result " + std::to_string(newList(entries)) + "\n";
+         }},
+        {"counters",
+         [this](auto&) {
+             for (size_t i = 0; i < nCounters; ++i) {
+                 m_sResult += std::string(aCounterNames[i]) + " " +
+                              std::to_string(aCounters[i] - m_aCountedBefore[i]) + "\n";
+             }
+         }},
         {"advance", [](auto& words) { platform().advance(*std::istream_iterator<uint32_t>(words)); }},
         {"audit", [](auto&) { control().audit(); }},
         {"timeout", [](auto&) { control().timeout(); }},
+        {"tables", [this](auto&) { m_sResult = tables(); }},
+        {"empty", [](auto&) { empty(), platform().takeLog(); }},
         {"hole", [](auto&) { EXPECT_TRUE(control().addFeature(nullptr)); }},
         {"known", // two of them run; the lock fails, which hinders nothing
          [](auto&) {

@@ -51,26 +51,16 @@ const std::string sTakenIn = "4 31125 adding new compstatus Voice 0 at feature 7
 
 TEST_F(CEventTest, WhatFeatureOrComponentLackIsSuppliedAndToldOnceEvenIfItDoesNotMonitor) {
     constexpr int nNone = -1;
+    const CTexts table = {sTakenIn, sEnables, "4 31107 audit comp Voice not in feature list with (7, 70)"};
+    const CTexts one = {sTakenIn, sEnables, "4 31112 audit comp (Voice) not in feature list with (7, 70)"};
     // Who audits, the state of the record, whether the component's array has the feature; what is logged.
     const std::tuple<EAuditor, int, bool, CTexts> cases[] = {
-        {auTable,
-         nNone,
-         true,
-         {sTakenIn, sEnables, "4 31107 audit comp Voice not in feature list with (7, 70)"}},
-        {auTable,
-         nNone,
-         false,
-         {sTakenIn, sEnables, "4 31107 audit comp Voice not in feature list with (7, 70)"}},
+        {auTable, nNone, true, table},
+        {auTable, nNone, false, table},
         {auTable, 0, false, {sEnables, "4 31108 audit feature not in comp list with (7, 70)"}},
         {auTable, 2, false, {"4 31108 audit feature not in comp list with (7, 70)"}},
-        {auOne,
-         nNone,
-         true,
-         {sTakenIn, sEnables, "4 31112 audit comp (Voice) not in feature list with (7, 70)"}},
-        {auOne,
-         nNone,
-         false,
-         {sTakenIn, sEnables, "4 31112 audit comp (Voice) not in feature list with (7, 70)"}},
+        {auOne, nNone, true, one},
+        {auOne, nNone, false, one},
         {auOne, 0, false, {sEnables, "4 31113 audit feature not in comp list with (7, 70)"}},
         {auOne, 2, false, {"4 31113 audit feature not in comp list with (7, 70)"}},
         {auItself, nNone, true, {sTakenIn, sEnables, "4 31119 audit feature with (7, 70)"}}};
@@ -226,15 +216,6 @@ TEST_F(CEventTest, AComponentBeginsWithNothingAndAWellKnownOneAsIfItHadAnnounced
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "recv: text\n");
 }
 
-TEST_F(CEventTest, AFeatureIsFoundByItsCodeOrByBothInTableOrderEvenIfWithdrawn) {
-    const CFeatureEntry& first = feature(7, 70, fsDeleted);
-    const CFeatureEntry& second = feature(7, 71);
-    EXPECT_EQ(control().findFeatureByCode(7), &first);
-    EXPECT_EQ(control().findFeatureByCodeData(7, 71), &second);
-    EXPECT_EQ(control().findFeatureByCodeData(8, 71), nullptr);
-    EXPECT_EQ(control().findFeatureByCode(8), nullptr);
-}
-
 TEST_F(CEventTest, EmptySlotsHinderNothingAndResultsAreOneForDone) {
     EXPECT_TRUE(control().addFeature(nullptr));
     EXPECT_TRUE(control().addComponent(nullptr));
@@ -261,6 +242,11 @@ TEST_F(CEventTest, EmptySlotsHinderNothingAndResultsAreOneForDone) {
     EXPECT_EQ(comp.delFeatureEntry(&seven) + comp.findFeatureEntry(&seven), 0);
     EXPECT_EQ(comp.auditFeature(), 0);
     EXPECT_EQ(control().auditComp(&comp), 1) << "it is put back";
+    const CFeatureEntry& other = feature(7, 72, fsDeleted);
+    EXPECT_EQ(control().findFeatureByCode(7), &seven);
+    EXPECT_EQ(control().findFeatureByCodeData(7, 72), &other);
+    EXPECT_EQ(control().findFeatureByCode(8), nullptr);
+    EXPECT_EQ(control().findFeatureByCodeData(8, 71), nullptr);
     CComponent& all = component("ALL", 0x22);
     {
         const CScarceMemory scarce(1);

@@ -1,5 +1,5 @@
 // Long random lives of the daemon's heart: held against its invariants after every step, and against lives in
-// which the merge and the periodic passes are walked by hand.
+// which merge and passes have no memory for their indexes, and search.
 //
 // QEL_TEST_STEPS in the environment sets how long the former are.
 #include "world.h"
@@ -15,223 +15,10 @@
 #include <map>
 #include <random>
 #include <set>
-#include <sstream>
-#include <tuple>
 
 namespace {
 
-using enum CFeatureEntry::EFStatus;
-using enum CFeatureEntry::EOperator;
 using enum CCompStatus::ECStatus;
-
-// What starts a phase: the state of the feature, the states of the record, where it goes, what is sent.
-const std::tuple<EFStatus, std::set<int>, CCompStatus::ECStatus, uint32_t> aPushed[] = {
-    {fsNewAdd, {0}, csEnabling, 1},
-    {fsModify, {6, 7}, csModifying, 1},
-    {fsModify, {0, 2, 3}, csModifying, 2},
-    {fsDeleted, {0, 2, 3, 10, 11}, csDisabling, 3}};
-
-const std::map<int, CCompStatus::ECStatus> aOverdue{
-    {1, csEnableTimedOut}, {5, csDisableTimedOut}, {9, csModifyFailed}};
-const std::set<int> aAnswered{2, 3, 4, 6, 7, 8, 10, 11, 12};
-
-// The merge and the passes, looking through everything for everything. Of the log, only what merge and
-// timeout tell of features is written.
-class CPlainWalk {
-public:
-    static CFeatureEntry* withPair(const CEntries& entries, const CFeatureEntry& pair) {
-        return firstOf(entries, [&pair](const CFeatureEntry& entry) {
-            return entry.m_nCode == pair.m_nCode && entry.m_nData == pair.m_nData;
-        });
-    }
-
-    int merge(CList& list) {
-        for (CFeatureEntry* entry : m_vTable) {
-            if (!isMatched(*entry, list.m_vItems) || entry->m_bSourced != 1) {
-                restart(*entry, fsDeleted, "deleted feature");
-                m_nResult = 2;
-            }
-        }
-        for (const CFeatureEntry* listed : list.m_vItems) {
-            CFeatureEntry* entry = withPair(m_vTable, *listed);
-            if (entry != nullptr && entry->m_eStatus != fsDeleted) {
-                entry->m_eStatus = fsExisting;
-                note("existing feature", *entry);
-            }
-        }
-        for (CFeatureEntry*& listed : list.m_vItems) {
-            bringIn(listed);
-        }
-        return m_nResult;
-    }
-
-    void audit() {
-        for (CFeatureEntry* entry : m_vTable) {
-            const bool isOver = entry->m_eStatus == fsDeleted && isAnswered(*entry, aAnswered);
-            bool isSent = false;
-            for (CComponent* comp : m_vComponents) {
-                isSent |= !isOver && entry->findCompName(comp->m_szName) && auditOne(*entry, *comp);
-            }
-            if (isSent) {
-                return;
-            }
-        }
-    }
-
-    void timeout() {
-        for (size_t i = 0; i < m_vTable.size(); ++i) {
-            if (isAnswered(*m_vTable[i], aAnswered)) {
-                settle(m_vTable[i]);
-            }
-            if (i < m_vTable.size()) {
-                resend(*m_vTable[i]); // of the entry that moved up, where one went
-            }
-        }
-    }
-
-private:
-    static void note(const char* what, const CFeatureEntry& entry, const std::string& more = "") {
-        logEvent(svInfo, 31115, "%s %d %d%s", what, entry.m_nCode, entry.m_nData, more.c_str());
-    }
-    static void restart(CFeatureEntry& entry, EFStatus status, const char* what, const char* more = "") {
-        entry.m_eStatus = status;
-        entry.setCompStatus(csIdle);
-        note(what, entry, more);
-    }
-
-    template <typename Test>
-    static CFeatureEntry* firstOf(const CEntries& entries, Test test) {
-        const auto found = std::ranges::find_if(entries, [&](const auto* entry) { return test(*entry); });
-        return found != entries.end() ? *found : nullptr;
-    }
-    static CFeatureEntry* withCodeButNot(const CEntries& entries, uint32_t code, EFStatus status) {
-        return firstOf(entries,
-                       [&](auto& entry) { return entry.m_nCode == code && entry.m_eStatus != status; });
-    }
-    // By every monitored component, with a record in one of these states.
-    static bool isAnswered(const CFeatureEntry& entry, const std::set<int>& by) {
-        return std::ranges::all_of(entry.m_vCompStatus, [&by](const CCompStatus* status) {
-            return status->m_pComponent->m_bMonitor != 1 || by.count(status->m_eStatus) != 0;
-        });
-    }
-
-    static bool isMatched(const CFeatureEntry& entry, const CEntries& list) {
-        CFeatureEntry* match = withPair(list, entry);
-        if (match == nullptr && (match = withCodeButNot(list, entry.m_nCode, fsModify)) != nullptr) {
-            match->m_eStatus = fsModify;
-        }
-        return match != nullptr;
-    }
-
-    void bringIn(CFeatureEntry*& listed) {
-        CFeatureEntry* same = withPair(m_vTable, *listed);
-        if (same != nullptr && same->m_eStatus != fsDeleted) {
-            return;
-        }
-        CFeatureEntry* old = same != nullptr ? same : withCodeButNot(m_vTable, listed->m_nCode, fsExisting);
-        if (old == nullptr) {
-            EXPECT_TRUE(control().addFeature(listed));
-            restart(*listed, fsNewAdd, "newadd feature");
-        } else if (old->m_eStatus == fsDeleted) {
-            old->m_nData = listed->m_nData;
-            restart(*old, fsNewAdd, same ? "reuse newadd feature" : "newadd feature (disable reuse)",
-                    same ? " " : "");
-        } else {
-            modify(*old, listed->m_nData);
-        }
-        if (same == nullptr && (listed->m_nCode == 206 || listed->m_nCode == 306)) {
-            note("found feature", *listed, " in reboot list");
-            m_nResult = 1;
-        }
-        if (old != nullptr) {
-            delete listed;
-        }
-        listed = nullptr;
-    }
-
-    void modify(CFeatureEntry& entry, uint32_t data) {
-        m_nResult = data < entry.m_nData ? 2 : m_nResult;
-        note("modify feature", entry, "  (" + std::to_string(data) + ")");
-        entry.m_eStatus = fsModify;
-        entry.m_nNewData = data;
-        if (entry.setCompStatus(csIdle) == 0) {
-            entry.m_eStatus = fsExisting;
-            entry.m_nData = data;
-            entry.m_nNewData = 0;
-            note("treated as replied feature", entry);
-        }
-    }
-
-    static bool auditOne(CFeatureEntry& entry, CComponent& comp) {
-        CCompStatus* status = entry.findCompByPtr(&comp);
-        const bool isHeld = comp.findFeatureEntry(&entry) != 0;
-        if (status != nullptr && isHeld) {
-            return comp.m_bMonitor == 1 && push(entry, comp, *status);
-        }
-        if (status == nullptr) {
-            entry.addComponent(opAdd, &comp);
-        }
-        entry.addComponent(opNotify, &comp);
-        comp.sendMessage(1, entry.m_nCode, entry.m_nData);
-        if (!isHeld) {
-            comp.addFeatureEntry(&entry);
-        }
-        return true;
-    }
-
-    static bool push(CFeatureEntry& entry, CComponent& comp, CCompStatus& status) {
-        for (const auto& [feature, from, to, type] : aPushed) {
-            if (feature == entry.m_eStatus && from.count(status.m_eStatus) != 0) {
-                status.m_eStatus = to;
-                status.m_tStamp = static_cast<uint32_t>(platform().m_nMicroseconds / 1000000);
-                const uint32_t data = to == csModifying && type == 1 ? entry.m_nNewData : entry.m_nData;
-                comp.sendMessage(type, entry.m_nCode, data, type == 2 ? entry.m_nNewData : 0);
-                return true;
-            }
-        }
-        if ((entry.m_eStatus != fsActive && entry.m_eStatus != fsExisting) ||
-            entry.addComponent(opNotify, &comp) == 0) {
-            return false;
-        }
-        comp.sendMessage(1, entry.m_nCode, entry.m_nData);
-        return true;
-    }
-
-    void settle(CFeatureEntry* entry) {
-        const bool isModified = entry->m_eStatus == fsModify;
-        if (isModified && !isAnswered(*entry, {10, 11, 12})) {
-            note("wrong modify", *entry, " (0)");
-        } else if (entry->m_eStatus == fsDeleted) {
-            note("remove deleted feature", *entry);
-            for (CComponent* comp : m_vComponents) {
-                comp->delFeatureEntry(entry);
-            }
-            control().delFeature(entry);
-            delete entry;
-        } else if (entry->m_eStatus != fsActive) {
-            entry->m_nData = isModified && entry->m_nNewData != 0 ? entry->m_nNewData : entry->m_nData;
-            entry->m_nNewData = isModified ? 0 : entry->m_nNewData;
-            entry->m_eStatus = fsActive;
-            note(isModified ? "modify to active feature" : "newadd or existing to active feature", *entry);
-        }
-    }
-
-    static void resend(CFeatureEntry& entry) {
-        for (CCompStatus* late : entry.m_vCompStatus) {
-            const auto to = aOverdue.find(late->m_eStatus);
-            if (to != aOverdue.end() && platform().m_nMicroseconds / 1000000 - late->m_tStamp > 10) {
-                logEvent(svInfo, 31115, "timeout feature %d for comp %s at state %d", entry.m_nCode,
-                         late->m_pComponent->m_szName, late->m_eStatus);
-                late->m_eStatus = to->second;
-                late->m_pComponent->sendMessage(4, entry.m_nCode, entry.m_nData);
-            }
-        }
-    }
-
-    const CEntries& m_vTable = control().features().m_vItems;
-    const std::vector<CComponent*>& m_vComponents = control().components().m_vItems;
-    int m_nResult = 0;
-};
 
 // The states of all records, as the steps of the delivery tell them.
 class CWitnessed {
@@ -284,17 +71,14 @@ protected:
         m_oRandom.seed(seed);
     }
 
-    // How merge and passes are done: by the daemon, by the daemon without memory for its indexes, by hand.
-    enum EWalk { wkDaemon, wkStarved, wkPlain };
-
-    // Without memory the first or the second allocation fails, both of an index.
+    // The first or the second allocation fails, both of an index.
     template <typename Operation>
-    void starve(EWalk walk, Operation operation) {
-        const CScarceMemory scarce(walk == wkStarved ? 1 + ++m_nStarved % 2 : 0, CScarceMemory::knThrowing);
+    void starve(bool isStarved, Operation operation) {
+        const CScarceMemory scarce(isStarved ? 1 + ++m_nStarved % 2 : 0, CScarceMemory::knThrowing);
         operation();
     }
 
-    void step(EWalk walk = wkDaemon) {
+    void step(bool isStarved = false) {
         const uint32_t handle = 1 + below(6);
         const std::function<void()> steps[] = {
             [&] { announceSome(handle); },
@@ -303,9 +87,9 @@ protected:
             [&] { request(nQelClientStartMonitorMsgType, handle, below(16) == 0 ? name() : ""); },
             [&] { reply(handle, below(4) == 0 ? below(3) : 1); },
             [&] { receive(hostileBody()); },
-            [&] { walk == wkPlain ? CPlainWalk().audit() : starve(walk, [] { control().audit(); }); },
-            [&] { walk == wkPlain ? CPlainWalk().timeout() : starve(walk, [] { control().timeout(); }); },
-            [&] { below(4) == 0 ? shutDown(handle) : drawSome(walk); },
+            [&] { starve(isStarved, [] { control().audit(); }); },
+            [&] { starve(isStarved, [] { control().timeout(); }); },
+            [&] { below(4) == 0 ? shutDown(handle) : drawSome(isStarved); },
             [&] { somethingRare(handle); },
         };
         steps[below(std::size(steps))]();
@@ -348,28 +132,6 @@ protected:
         return "";
     }
 
-    // All that control, features and components hold.
-    static std::string tables() {
-        std::ostringstream text;
-        for (const CFeatureEntry* entry : control().features().m_vItems) {
-            text << "\nfeature " << entry->m_nCode << ' ' << entry->m_nData << ' ' << entry->m_nNewData << ' '
-                 << entry->m_eStatus << ' ' << int{entry->m_bSourced} << ':';
-            for (const CCompStatus* record : entry->m_vCompStatus) {
-                text << ' ' << record->m_pComponent->m_szName << ' ' << record->m_eStatus << ' '
-                     << record->m_tStamp << ' ' << record->m_nEnableTries << record->m_nDisableTries
-                     << record->m_nModifyTries;
-            }
-        }
-        for (const CComponent* comp : control().components().m_vItems) {
-            text << "\ncomponent " << comp->m_szName << ' ' << comp->m_nNextFeature << ' '
-                 << comp->m_nKnownCount << ' ' << int{comp->m_bMonitor} << ':';
-            for (const CFeatureEntry* entry : comp->m_aFeatures.m_vItems) {
-                text << ' ' << entry->m_nCode << '/' << entry->m_nData;
-            }
-        }
-        return text.str();
-    }
-
     uint32_t below(size_t limit) { return static_cast<uint32_t>(m_oRandom() % limit); }
 
     // What the lives have seen, so that those which never get anywhere do not pass.
@@ -403,25 +165,21 @@ private:
     }
 
     // A new list, or an entry that the source itself places into the table.
-    void drawSome(EWalk walk) {
+    void drawSome(bool isStarved) {
         const CEntries& table = control().features().m_vItems;
         const bool isList = below(3) == 0;
         CEntries list;
         for (uint32_t i = isList ? below(9) : 1; i > 0; --i) {
             CFeatureEntry* entry = draw();
-            !isList&& CPlainWalk::withPair(table, *entry) ? delete entry : list.push_back(entry);
+            const bool stands =
+                std::ranges::any_of(table, [&](auto* other) { return other->id() == entry->id(); });
+            !isList&& stands ? delete entry : list.push_back(entry);
         }
         if (isList) {
-            int result = 0;
-            const CMerge byHand = [](CList& merged) { return CPlainWalk().merge(merged); };
-            if (walk == wkPlain) {
-                result = newList(list, byHand);
-            } else {
-                CList merged{list};
-                starve(walk, [&] { result = control().addFeatureList(merged); });
-                std::ranges::for_each(merged.m_vItems, [](CFeatureEntry* entry) { delete entry; });
-            }
-            logEvent(svInfo, 31115, "result %d", result);
+            CList merged{list};
+            starve(isStarved,
+                   [&] { logEvent(svInfo, 31115, "result %d", control().addFeatureList(merged)); });
+            std::ranges::for_each(merged.m_vItems, [](CFeatureEntry* entry) { delete entry; });
         } else if (!list.empty()) {
             list[0]->m_bSourced = 1;
             EXPECT_TRUE(control().addFeature(list[0]));
@@ -463,12 +221,12 @@ TEST_F(CRandomLivesTest, InvariantsHoldThroughoutLongLives) {
     EXPECT_TRUE(m_bInTwoSlots);
 }
 
-TEST_F(CRandomLivesTest, MergeAndPassesDoWhatThePlainWalksDo) {
-    const auto life = [this](uint32_t seed, EWalk walk) {
+TEST_F(CRandomLivesTest, MergeAndPassesDoTheSameWithoutTheirIndexes) {
+    const auto life = [this](uint32_t seed, bool isStarved) {
         CTexts steps;
         start(seed);
         for (int i = 0; i < 400; ++i) {
-            step(walk);
+            step(isStarved);
             const CEntries& table = control().features().m_vItems;
             if (below(4) == 0 && !table.empty()) { // states that a life seldom or never comes to
                 table[below(table.size())]->setCompStatus(static_cast<CCompStatus::ECStatus>(below(14)));
@@ -479,15 +237,12 @@ TEST_F(CRandomLivesTest, MergeAndPassesDoWhatThePlainWalksDo) {
         return steps;
     };
     for (uint32_t seed = 0; seed < 300; ++seed) {
-        const CTexts plain = life(seed, wkPlain);
-        for (const EWalk walk : {wkDaemon, wkStarved}) {
-            const CTexts ours = life(seed, walk);
-            const auto [here, there] = std::ranges::mismatch(ours, plain);
-            ASSERT_TRUE(here == ours.end())
-                << "seed " << seed << " step " << here - ours.begin() << " walk " << walk << ":\n"
-                << *here << "\ninstead of:\n"
-                << *there;
-        }
+        const CTexts usual = life(seed, false);
+        const CTexts starved = life(seed, true);
+        const auto [here, there] = std::ranges::mismatch(usual, starved);
+        ASSERT_TRUE(here == usual.end()) << "seed " << seed << " step " << here - usual.begin() << ":\n"
+                                         << *here << "\nwithout memory:\n"
+                                         << *there;
     }
 }
 

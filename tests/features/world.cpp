@@ -7,6 +7,7 @@
 #include <fstream>
 #include <iterator>
 #include <memory>
+#include <sstream>
 
 CFeatureEntry* fresh(uint32_t code, uint32_t data, const CNames& names) {
     auto* entry = new CFeatureEntry(nullptr);
@@ -51,11 +52,34 @@ void empty() {
     }
 }
 
-int newList(const CEntries& entries, CMerge merge) {
+int newList(const CEntries& entries) {
     CList list{entries};
-    const int result = merge(list);
+    const int result = control().addFeatureList(list);
     std::ranges::for_each(list.m_vItems, [](CFeatureEntry* entry) { delete entry; });
     return result;
+}
+
+std::string tables() {
+    std::ostringstream text;
+    for (const CFeatureEntry* entry : control().features().m_vItems) {
+        text << "feature " << entry->m_nCode << ' ' << entry->m_nData << ' ' << entry->m_nNewData << ' '
+             << entry->m_eStatus << ' ' << int{entry->m_bSourced} << ':';
+        for (const CCompStatus* record : entry->m_vCompStatus) {
+            text << ' ' << record->m_pComponent->m_szName << ' ' << record->m_eStatus << ' '
+                 << record->m_tStamp << ' ' << record->m_nEnableTries << record->m_nDisableTries
+                 << record->m_nModifyTries;
+        }
+        text << '\n';
+    }
+    for (const CComponent* comp : control().components().m_vItems) {
+        text << "component " << comp->m_szName << ' ' << comp->m_nNextFeature << ' ' << comp->m_nKnownCount
+             << ' ' << int{comp->m_bMonitor} << ':';
+        for (const CFeatureEntry* entry : comp->m_aFeatures.m_vItems) {
+            text << ' ' << entry->m_nCode << '/' << entry->m_nData;
+        }
+        text << '\n';
+    }
+    return text.str();
 }
 
 std::string textOf(const SLogged& line) {

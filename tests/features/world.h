@@ -19,7 +19,6 @@ using CNames = std::vector<const char*>; // the strings must outlive the entries
 using CTexts = std::vector<std::string>;
 using CEntries = std::vector<CFeatureEntry*>;
 using CList = CArray<CFeatureEntry*>;
-using CMerge = int (*)(CList&);
 using EFStatus = CFeatureEntry::EFStatus;
 
 inline CFakePlatform& platform() {
@@ -40,8 +39,10 @@ CCompStatus& record(CFeatureEntry& entry, CComponent& comp, int status);
 // Deletes all that the control holds.
 void empty();
 // Merges a list; what is left of it is deleted.
-int newList(
-    const CEntries& entries, CMerge merge = [](CList& list) { return control().addFeatureList(list); });
+int newList(const CEntries& entries);
+
+// All that the control holds, a line for each feature and component.
+std::string tables();
 
 // A line of the log as "severity event text"; those since the last call.
 std::string textOf(const SLogged& line);
