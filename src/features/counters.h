@@ -22,13 +22,15 @@ enum ECounter : uint8_t {
     coModifications,
     coDisables,
     coTimeouts,
-    coLists,      // for OAM
+    coLists, // for OAM
+    coStatusAnswers,
     coSendErrors, // of all these
     coWithheld,   // notifications of what the component holds already
     coAccepted,   // deliveries
     coRefused,
+    coNotAwaited, // replies that no delivery awaited
     coOverdue,
-    coGivenUp,
+    coGivenUp,    // overdue modifications too
     coMerges,     // lists handed over
     coListsTaken, // readings of the list's file
     coListsRefused,
@@ -52,10 +54,12 @@ inline constexpr std::array<std::string_view, nCounters> aCounterNames = {
     "sent.disable",
     "sent.timeout",
     "sent.active-features",
+    "sent.status",
     "sent.failed",
     "withheld",
     "accepted",
     "refused",
+    "not-awaited",
     "overdue",
     "given-up",
     "lists.handed-over",

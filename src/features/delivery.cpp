@@ -284,7 +284,8 @@ void tell(const SLine& line, const SStep& step) {
 constinit DeliveryWitness pWitness = nullptr;
 
 // The counter of the phase that the record is in. Idle, and a number that is no state, belong to enabling.
-uint32_t& triesOf(CCompStatus& record) {
+template <typename T> // a record, constant or not
+auto& triesOf(T& record) {
     if (record.m_eStatus >= csDisabling && record.m_eStatus <= csDisableTimedOut) {
         return record.m_nDisableTries;
     }
@@ -372,6 +373,10 @@ void resetDelivery(const CFeatureEntry& entry, CCompStatus& record, CCompStatus:
     record.m_eStatus = status;
     record.m_tEntered = nowSeconds();
     witness(dvReset, step);
+}
+
+uint32_t sendsOf(const CCompStatus& record) {
+    return triesOf(record);
 }
 
 bool isWaiting(CCompStatus::ECStatus status) {

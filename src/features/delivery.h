@@ -86,6 +86,9 @@ bool isModificationAnswered(CCompStatus::ECStatus status);
 // The record is waiting, and its stamp is more than nReplyTimeout whole seconds old.
 bool isOverdue(const CCompStatus& record);
 
+// Sends without an answer so far, in the phase that the record is in: nMaxTries at most.
+uint32_t sendsOf(const CCompStatus& record);
+
 inline constexpr uint32_t nReplyTimeout = 10; // seconds
 inline constexpr uint32_t nMaxTries = 3;      // sends that a phase allows
 

@@ -4,6 +4,7 @@
 #include "features/world.h"
 #include "messaging/endpoint/CMFWServer.h"
 #include "messaging/wire/status.h"
+#include "server/status/recorder.h"
 #include "server/status/status.h"
 #include "source/CFeatureSource.h"
 #include "source/list/list_digest.h"
@@ -143,8 +144,11 @@ TEST_F(CStatusTest, AConversationIsToldStepByStep) {
     EXPECT_EQ(deliveries(sfOpen), (CTexts{refused, voice}));
     EXPECT_EQ(deliveries(sfOpen | sfCode | sfComponent, 2, "Gateway"), CTexts{});
 
+    reply(0x22, 1);
+    receive(header(99, 1, 0x22));
     const std::pair<const char*, uint64_t> grown[] = {
-        {"refused", 1}, {"accepted", 1}, {"overdue", 0}, {"given-up", 0}};
+        {"refused", 1},        {"accepted", 1},    {"overdue", 0},    {"given-up", 0},
+        {"received.other", 1}, {"not-awaited", 1}, {"sent.failed", 0}};
     for (const auto& [name, by] : grown) {
         EXPECT_EQ(counters()[name] - counted[name], by) << name;
     }
@@ -191,13 +195,13 @@ TEST_F(CStatusTest, EachAnswerIsToldToTheByte) {
              "00000020 0000000b 00000001 0000000a 0000000b 00000001 00000001 00000000 4f6e6500566f6963650058"
              "00000020 00000000 00000001 00000009 00000000 00000003 00000001 00000001"},
         {sqDeliveries, page + atLeaver +
-                           "00000044 00000002 00000001 0000000a 0000000b 00000001 0000000b 00000007"
+                           "00000044 00000002 00000001 0000000a 0000000b 00000001 0000000b 00000000"
                            "000f4242 00000001 00000001" +
                            name + "000f4242 6e6f"},
         {sqTransitions, page +
-                            "........ ........ 00000000 00000000 00000040 00000000 ........ ........ 000f4242"
+                            "........ ........ 00000000 00000000 00000044 00000002 ........ ........ 000f4242"
                             "00000007 00000001 0000000a 00000009 0000000b 00000003" +
-                            name},
+                            name + "00000001 6e6f"},
         {sqTally, page + atLeaver +
                       "0000003c 00000000 00000000 00000000 00000000 00000000 00000000 00000000"
                       "00000000 00000000 00000000 00000000 00000000 00000001 00000000"}};
@@ -217,6 +221,7 @@ TEST_F(CStatusTest, EachAnswerIsToldToTheByte) {
 
 // Why a delivery failed is told with the words of this refusal, not of an earlier one.
 TEST_F(CStatusTest, AFailureIsToldWithItsReason) {
+    uint64_t givenUp = counters()["given-up"];
     feature(3, 30, EFStatus::fsActive, {"Voice"});
     announce("Voice", 11, 0x21);
     monitor(0x21);
@@ -230,6 +235,16 @@ TEST_F(CStatusTest, AFailureIsToldWithItsReason) {
         control().timeout();
     }
     EXPECT_EQ(deliveries(), CTexts{"3 31 Voice 11 0 2 "});
+    EXPECT_EQ(counters()["given-up"], givenUp + 1);
+    CFeatureEntry& silent = feature(4, 40, EFStatus::fsActive, {"Voice"});
+    record(silent, *control().findCompByMFW(0x21), 0).m_nDisableTries = 1;
+    for (uint32_t sends : {1, 2, 3}) {
+        control().audit();
+        EXPECT_EQ(deliveries(sfCode, 4), CTexts{fmt::format("4 40 Voice 1 {} 0 ", sends)});
+    }
+    control().audit();
+    EXPECT_EQ(deliveries(sfCode, 4), CTexts{"4 40 Voice 3 3 2 "}) << "three sends were not answered";
+    EXPECT_EQ(counters()["given-up"], givenUp + 2);
     EXPECT_EQ(steps(refused - 1).at(0), "Voice 3 30 1>3 refused: 1 ");
     for (uint32_t i = 0; i < nKeptReasons; ++i) {
         CFeatureEntry& other = feature(100 + i, 1, EFStatus::fsActive, {"Voice"});
@@ -258,9 +273,9 @@ TEST_F(CStatusTest, TheRecorderTellsWhatItLost) {
         }
     }
     newList({});
-    EXPECT_EQ(steps(before), (CTexts{" 1 10 2>0 new list", " 1 20 2>0 new list", " 2 20 2>0 new list"}))
-        << "one step for all";
-    EXPECT_EQ(steps(before + 3), CTexts{});
+    EXPECT_EQ(steps(before), (CTexts{"Voice 1 10 2>0 new list", "Gateway 1 10 2>0 new list",
+                                     "Voice 1 20 2>0 new list", "Voice 2 20 2>0 new list"}));
+    EXPECT_EQ(steps(before + 4), CTexts{});
     EXPECT_EQ(steps(before + 9, srGap), steps(0)) << "another daemon's number";
     for (size_t i = 0; i < nKeptTransitions; ++i) {
         deliver(dvTakeIn, *control().features().m_vItems[0],
@@ -268,11 +283,21 @@ TEST_F(CStatusTest, TheRecorderTellsWhatItLost) {
     }
     EXPECT_EQ(steps(last() - nKeptTransitions).size(), steps(before, srGap).size());
     EXPECT_EQ(steps(last() - 1), CTexts{"Gateway 1 10 6>6 taken in"});
+    const uint64_t all = last();
+    for (size_t i = 0; i < nMaxResets + 9; ++i) { // two records each
+        for (CCompStatus* record : control().features().m_vItems[0]->m_vCompStatus) {
+            record->m_eStatus = CCompStatus::csEnabled;
+        }
+        ++control().features().m_vItems[0]->m_nCode;
+        control().features().m_vItems[0]->setCompStatus(CCompStatus::csIdle);
+    }
+    EXPECT_EQ(last() - all, nMaxResets + nMaxResets / 2 + 9) << "of a long list one step for each feature";
+    EXPECT_TRUE(steps(last() - 1).at(0).starts_with(" "));
     before = last();
     const std::unique_ptr<CFeatureEntry> leaver(control().features().m_vItems[0]);
     control().delFeature(leaver.get());
     leaver->clear();
-    EXPECT_EQ(steps(before), CTexts{" 1 10 6>6 removed"}) << "one step for all";
+    EXPECT_EQ(steps(before).size(), 1u) << "one step for all";
 }
 
 // A record costs a look of its own: the page ends before an entry, or in it.

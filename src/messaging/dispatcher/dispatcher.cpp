@@ -219,6 +219,7 @@ void writeReply(SRequest& request) {
         logEvent(svInfo, 31032, "sendMessage with (%d, %d)", entry->m_nCode, entry->m_nData);
         comp.sendMessage(nQelServerReplyMsgType, entry->m_nCode, entry->m_nData);
     } else {
+        count(coNotAwaited);
         answer(comp);
     }
     comp.auditFeature();
@@ -397,6 +398,7 @@ void dispatchRequest(uint16_t type, uint32_t id, const sOvuMfwMessage* message, 
         answerOAM(*control, request.m_oHeader);
         return;
     default:
+        count(coOthers);
         logEvent(svWarning, 31043, "cbQelServer recv unknown");
         return;
     }

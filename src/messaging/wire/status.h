@@ -155,7 +155,7 @@ struct CStatusDelivery {
     CBigEndian32 m_nNewData;
     CBigEndian32 m_nFeatureStatus;
     CBigEndian32 m_nState; // CCompStatus::ECStatus
-    CBigEndian32 m_nSends; // without an answer, in this phase
+    CBigEndian32 m_nSends; // without an answer, in this phase; where it was given up, how many there were
     CBigEndian32 m_tSince; // when it came into its state
     CBigEndian32 m_nMonitors;
     CBigEndian32 m_nWhy; // EStatusWhy

@@ -15,14 +15,21 @@ constinit std::array<SRecordedStep, nKeptTransitions> aSteps = {};
 constinit std::array<SRecordedReason, nKeptReasons> aReasons = {};
 constinit uint64_t nLastStep = 0;
 constinit uint32_t nReasons = 0;
+constinit size_t nResets = 0; // that were recorded one by one, in a row
 
+// Is recorded without a component. That of a forgotten record may be gone.
 bool isOfAll(EDeliveryEvent cause) {
-    return cause == dvReset || cause == dvForget;
+    return cause == dvForget || (cause == dvReset && nResets >= nMaxResets);
 }
 
 bool isFailure(CCompStatus::ECStatus status) {
     return status == CCompStatus::csEnableFailed || status == CCompStatus::csDisableFailed ||
            status == CCompStatus::csModifyFailed;
+}
+
+// It has failed by this step, and is not just leaving after it failed.
+bool isFailed(const STransition& step) {
+    return step.m_eFrom != step.m_eTo && isFailure(step.m_eTo);
 }
 
 // The step before this one told the same of the feature, by another of its records.
@@ -31,8 +38,8 @@ bool isTold(const STransition& step) {
         return false;
     }
     const SRecordedStep& last = recordedStep(nLastStep);
-    return last.m_nCause == step.m_eCause && last.m_nCode == step.m_oFeature.m_nCode &&
-           last.m_nData == step.m_oFeature.m_nData;
+    return last.m_szComponent[0] == '\0' && last.m_nCause == step.m_eCause &&
+           last.m_nCode == step.m_oFeature.m_nCode && last.m_nData == step.m_oFeature.m_nData;
 }
 
 void keepStep(const STransition& step) {
@@ -45,7 +52,7 @@ void keepStep(const STransition& step) {
             static_cast<uint8_t>(step.m_eFrom),
             static_cast<uint8_t>(step.m_eTo),
             step.m_eCause};
-    if (!isOfAll(step.m_eCause)) { // whose component may be gone
+    if (!isOfAll(step.m_eCause)) {
         std::memcpy(kept.m_szComponent, step.m_oRecord.m_pComponent->m_szName, sizeof kept.m_szComponent);
     }
 }
@@ -61,6 +68,7 @@ void keepReason(const STransition& step) {
     kept.m_nNewData = step.m_oFeature.m_nNewData;
     std::memcpy(kept.m_szComponent, comp.m_szName, sizeof kept.m_szComponent);
     kept.m_eWhy = step.m_eCause == dvRefuse ? swRefused : swNoAnswer;
+    kept.m_nSends = step.m_eCause == dvNotify ? nMaxTries : sendsOf(step.m_oRecord);
     kept.m_szText[0] = '\0';
     if (kept.m_eWhy == swRefused && comp.m_bReplyText != 0) {
         std::memcpy(kept.m_szText, comp.m_szReplyText, sizeof kept.m_szText);
@@ -74,7 +82,8 @@ void countStep(const STransition& step) {
         count(coRefused);
     } else if (step.m_eCause == dvOverdue) {
         count(coOverdue);
-    } else if (step.m_eCause == dvNotify && isFailure(step.m_eTo)) {
+    }
+    if (isFailed(step) && step.m_eCause != dvRefuse) {
         count(coGivenUp);
     }
 }
@@ -84,8 +93,9 @@ void record(const STransition& step) {
         return;
     }
     keepStep(step);
+    nResets = step.m_eCause == dvReset ? nResets + 1 : 0;
     countStep(step);
-    if (step.m_eFrom != step.m_eTo && isFailure(step.m_eTo)) { // and not one that leaves after it failed
+    if (isFailed(step)) {
         keepReason(step);
     }
 }

@@ -11,9 +11,10 @@
 // Its memory is part of the program (some 300 KB of zeros, of which only what is used becomes real), so
 // recording cannot fail. On the main loop's thread only.
 //
-// A list resets every delivery of a feature, and a feature that leaves takes all its records along. Each is
-// one step here, of the feature as a whole and without a component: a step for each would drive everything
-// else out of the recorder.
+// A feature that leaves takes all its records along, which is one step here, of the feature as a whole and
+// without a component. A list resets every delivery of a feature: a step each, but after nMaxResets in a row
+// one for each feature likewise, as a long list would drive everything else out of the recorder.
+inline constexpr size_t nMaxResets = nKeptTransitions / 4;
 
 struct SRecordedStep {
     uint32_t m_tSeconds = 0;
@@ -33,6 +34,7 @@ struct SRecordedReason {
     uint32_t m_nNewData = 0; // of the modification that failed, which may be in force by now
     char m_szComponent[nMaxNameLength + 1] = {};
     EStatusWhy m_eWhy = swNone; // swNone: this slot was never used
+    uint32_t m_nSends = 0;      // that nobody answered; pushes are not counted
     char m_szText[nMaxReplyTextLength + 1] = {};
 };
 

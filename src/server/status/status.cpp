@@ -85,6 +85,7 @@ public:
         }
         std::memcpy(body(), &m_oAnswer, sizeof m_oAnswer);
         const auto* message = reinterpret_cast<const sOvuMfwMessage*>(m_pBytes.get());
+        count(coStatusAnswers);
         if (OvuMfwSendMessage(handle, nQelStatusMfwMsgId, 0, message, static_cast<uint32_t>(m_nLength)) !=
             0) {
             count(coSendErrors);
@@ -336,7 +337,7 @@ bool tellDelivery(const CFeatureEntry& entry, const CCompStatus& record, CPage& 
     told.m_nNewData = entry.m_nNewData;
     told.m_nFeatureStatus = static_cast<uint32_t>(entry.m_eStatus);
     told.m_nState = static_cast<uint32_t>(record.m_eStatus);
-    told.m_nSends = record.m_nEnableTries + record.m_nDisableTries + record.m_nModifyTries;
+    told.m_nSends = sendsOf(record);
     told.m_tSince = record.m_tEntered;
     told.m_tLast = record.m_tStamp;
     told.m_nMonitors = record.m_pComponent->m_bMonitor;
@@ -346,6 +347,7 @@ bool tellDelivery(const CFeatureEntry& entry, const CCompStatus& record, CPage& 
     }
     const auto* reason = recordedReason(entry.m_nCode, entry.m_nData, record.m_pComponent->m_szName);
     told.m_nWhy = reason != nullptr ? reason->m_eWhy : swNotKept;
+    told.m_nSends = reason != nullptr ? reason->m_nSends : 0;
     return page.add(told, reason != nullptr ? reason->m_szText : "");
 }
 
