@@ -4,6 +4,7 @@
 #define QEL_FEATURES_COUNTERS_H
 
 #include <array>
+#include <chrono>
 #include <cstdint>
 #include <string_view>
 
@@ -73,6 +74,14 @@ inline std::array<uint64_t, nCounters> aCounters = {};
 
 inline void count(ECounter counter) {
     ++aCounters[counter];
+}
+
+// When the work in hand began, by the steady clock, which costs no system call; the epoch: none is. What
+// handles a message says so first, for the wait before it is no work. server/status takes the time.
+inline std::chrono::steady_clock::time_point oWorkBegan = {};
+
+inline void beginWork() {
+    oWorkBegan = std::chrono::steady_clock::now();
 }
 
 #endif

@@ -84,7 +84,10 @@ void CFeatureSource::startWatching() {
         return;
     }
     pWatching = this;
-    const auto callback = [](uint16_t, uint32_t, const sOvuMfwMessage*, uint32_t) { pWatching->takeMail(); };
+    const auto callback = [](uint16_t, uint32_t, const sOvuMfwMessage*, uint32_t) {
+        beginWork();
+        pWatching->takeMail();
+    };
     if (const int error = OvuMfwRegisterCallback(nQelSourceMfwMsgId, callback)) {
         logEvent(svError, evTrouble, "feature list: changes cannot be handed over, no callback: error %d",
                  error);

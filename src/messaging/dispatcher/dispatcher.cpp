@@ -366,6 +366,7 @@ void dispatchRequest(uint16_t type, uint32_t id, const sOvuMfwMessage* message, 
     if (message == nullptr) {
         return;
     }
+    beginWork();
     // For the log only: what decides is the handle in the message's own header.
     const uint32_t sender = readBody<CBigEndian32>(message->sender, sizeof message->sender);
     logEvent(svInfo, 31011,

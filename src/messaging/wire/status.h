@@ -103,9 +103,9 @@ struct CStatusSummary {
     CBigEndian32 m_nComponents;
     CBigEndian32 m_aFeatures[nFeatureStatuses]; // by their status
     CBigEndian32 m_aLastTransition[2];          // its number; 0: there was none
-    CBigEndian32 m_nLatestTurn;                 // microseconds of processor time
-    CBigEndian32 m_nBusiestTurn;                // of all since the start
-    CBigEndian32 m_nNextPass;                   // milliseconds until the next audit, about
+    CBigEndian32 m_nLatestTurn;  // microseconds of work: the passes and the message, without waits
+    CBigEndian32 m_nBusiestTurn; // of all since the start
+    CBigEndian32 m_nNextPass;    // milliseconds until the next audit, about
 };
 static_assert(sizeof(CStatusSummary) == 64);
 

@@ -3,6 +3,7 @@
 #include "base/clock.h"
 #include "features/CFeatureSupply.h"
 #include "features/CQelControl.h"
+#include "features/counters.h"
 #include "messaging/dispatcher/dispatcher.h"
 #include "messaging/endpoint/CMFWServer.h"
 #include "messaging/wire/wire.h"
@@ -180,6 +181,7 @@ int CQelServer::checkSignal() {
         logEvent(svWarning, 31004, "failed to find control object.");
         return 0;
     }
+    beginWork();
     // Audit first: what the timeout pass declares overdue is then not sent again in the same turn.
     control->audit();
     control->timeout();

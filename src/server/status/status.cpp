@@ -18,7 +18,6 @@
 #include <chrono>
 #include <csignal>
 #include <cstring>
-#include <ctime>
 #include <memory>
 #include <new>
 #include <string>
@@ -50,8 +49,7 @@ constexpr milliseconds nLongestTurn(100); // that says anything about the next t
 
 struct SLoop {
     uint32_t m_tStarted = 0;
-    uint64_t m_nTurns = 0;
-    microseconds m_oProcessor{0}; // of the loop's thread until the latest turn
+    microseconds m_oWork{0}; // of the turn in hand
     microseconds m_oLatest{0};
     microseconds m_oBusiest{0};
     std::chrono::steady_clock::time_point m_oLastTurn;
@@ -473,6 +471,7 @@ void cbStatus(uint16_t, uint32_t, const sOvuMfwMessage* message, uint32_t length
     if (message == nullptr || control == nullptr) {
         return;
     }
+    beginWork();
     count(coStatusQuestions);
     const SQuestion question{readBody<CStatusQuestion>(message->data, length), *control};
     CPage page;
@@ -489,6 +488,12 @@ void cbStatus(uint16_t, uint32_t, const sOvuMfwMessage* message, uint32_t length
     page.send(readBody<CBigEndian32>(message->sender, sizeof message->sender));
 }
 
+void endWork(std::chrono::steady_clock::time_point now) {
+    if (const auto began = std::exchange(oWorkBegan, {}); began != decltype(began){}) {
+        oLoop.m_oWork += duration_cast<microseconds>(now - began);
+    }
+}
+
 } // namespace
 
 void startAnswering(CMFWServer& endpoint, const CFeatureSupply* supply) {
@@ -502,16 +507,14 @@ void startAnswering(CMFWServer& endpoint, const CFeatureSupply* supply) {
     }
 }
 
-// Work is the processor time of the loop's thread since the turn before: its waits cost none. The time until
-// the next audit goes by the length of the latest turn, waits included.
+// Work is the passes and the message; a turn without them has none. Where the system gives the processor to
+// others meanwhile, that counts too: whoever waits for the loop waits for it as well. The time until the next
+// audit goes by the length of the latest turn, waits included.
 void noteTurn(uint32_t turnsLeft) {
-    timespec used{};
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &used);
-    const auto processor =
-        microseconds(std::chrono::seconds(used.tv_sec)) + microseconds(used.tv_nsec / 1000);
     const auto now = std::chrono::steady_clock::now();
-    oLoop.m_oLatest = processor - std::exchange(oLoop.m_oProcessor, processor);
-    oLoop.m_oBusiest = oLoop.m_nTurns++ == 0 ? microseconds(0) : std::max(oLoop.m_oBusiest, oLoop.m_oLatest);
+    endWork(now);
+    oLoop.m_oLatest = std::exchange(oLoop.m_oWork, microseconds(0));
+    oLoop.m_oBusiest = std::max(oLoop.m_oBusiest, oLoop.m_oLatest);
     const auto length = duration_cast<milliseconds>(now - std::exchange(oLoop.m_oLastTurn, now));
     oLoop.m_oUntilPass = std::min(length, nLongestTurn) * turnsLeft;
 }
@@ -534,4 +537,5 @@ void notePass() {
             comp->m_tDead = nowSeconds();
         }
     }
+    endWork(std::chrono::steady_clock::now());
 }
