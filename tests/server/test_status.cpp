@@ -378,9 +378,19 @@ TEST_F(CStatusTest, ANameTooLongForAPageDoesNotStopThePaging) {
 
 TEST_F(CStatusTest, APageAfterALostCursorIsEmpty) {
     feature(1, 10, EFStatus::fsActive, {});
+    announce("Voice", 11, 0x21);
+    announce("Gateway", 12, 0x22);
     for (const EStatusQuestion what : {sqComponents, sqFeatures, sqDeliveries, sqTally}) {
         auto question = about(what);
-        question.m_oCursor = {{1, 99, 99, 0}};
+        const auto ends = {+[] { newList({}); },
+                           +[] { shutDown(0x22); }}; // entries and records may have moved
+        for (const auto end : ends) {
+            question.m_oCursor = ask(about(what)).m_oAnswer.m_oCursor;
+            EXPECT_EQ(ask(question).m_oAnswer.m_nResult, srOk) << what;
+            end();
+            EXPECT_EQ(ask(question).m_oAnswer.m_nResult, srChanged) << what;
+        }
+        question.m_oCursor.m_aWords[1] = 99;
         const SPage page = ask(question);
         EXPECT_EQ(page.m_oAnswer.m_nResult, srChanged) << what;
         EXPECT_EQ(page.m_vRecords.size(), 0u) << what;

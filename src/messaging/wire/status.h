@@ -71,7 +71,9 @@ static_assert(sizeof(CStatusQuestion) == 56);
 enum EStatusResult : uint32_t {
     srOk = 0,
     srUnknown = 1, // a version or a question that this daemon does not know; no records
-    srChanged = 2, // the entry at the cursor is gone: what was read is out of date, so begin anew; no records
+    srChanged =
+        2,    // what was read is out of date, so begin anew; no records. The entry at the cursor is gone, or
+              // a list came into force or a component left since the page before
     srGap = 3 // transitions after the cursor are no longer kept; the records begin with the oldest that is
 };
 

@@ -121,13 +121,23 @@ struct SIdentity {
 };
 
 constexpr uint32_t nLeavingMark = 1U << 31;
+constexpr uint32_t nOrderShift = 24;
+constexpr uint32_t nPositions = (1U << nOrderShift) - 1; // far more than any table has
+
+// Changes with what can move entries, or records within one: a list puts those that leave behind the others,
+// and a component that goes takes its records along.
+uint32_t orderOfTables() {
+    return static_cast<uint32_t>(aCounters[coMerges] + aCounters[coShutdowns]) << nOrderShift &
+           ~(nLeavingMark | nPositions);
+}
 
 // A walk over a table that may change from one page to the next. The cursor names the entry that was told
-// last, by its position and what it is. Entries keep their order, and new ones come at the end; so that entry
-// is found at its position or before it, and what follows it has not been told yet.
+// last, by its position and what it is. Entries keep their order, and new ones come at the end, until the
+// order of the tables is another; so that entry is found at its position or before it, and what follows it
+// has not been told yet.
 //
 // Words of the cursor: position + 1 (0: begin), two of identity, and how many parts of the entry were told.
-// The top bit of the position is identity, too.
+// The top bit of the position is identity, too, and the seven below it are the order of the tables.
 template <typename T>
 class CWalk {
 public:
@@ -138,7 +148,10 @@ public:
         if (cursor.m_aWords[0] == 0) {
             return;
         }
-        m_nNext = std::min<size_t>(cursor.m_aWords[0] & ~nLeavingMark, m_vEntries.size());
+        m_nNext = std::min<size_t>(cursor.m_aWords[0] & nPositions, m_vEntries.size());
+        if ((cursor.m_aWords[0] & ~(nLeavingMark | nPositions)) != orderOfTables()) {
+            m_nNext = 0;
+        }
         while (m_nNext > 0 && !isAt(m_nNext - 1)) {
             --m_nNext;
         }
@@ -165,7 +178,7 @@ public:
     // Of the entry that next() returned last, so many parts have been told; nWhole: all.
     void told(const T& entry, uint32_t parts) {
         const auto [words, isLeaving] = m_fnIdentity(entry);
-        const uint32_t mark = isLeaving ? nLeavingMark : 0;
+        const uint32_t mark = orderOfTables() | (isLeaving ? nLeavingMark : 0);
         m_oCursor = {{static_cast<uint32_t>(m_nNext) | mark, words.m_nCode, words.m_nData, parts}};
     }
 
@@ -464,9 +477,17 @@ constexpr SRow aQuestions[] = {
     {sqList, tellList},
 };
 
+void endWork(std::chrono::steady_clock::time_point now) {
+    if (const auto began = std::exchange(oWorkBegan, {}); began != decltype(began){}) {
+        oLoop.m_oWork += duration_cast<microseconds>(now - began);
+    }
+}
+
+} // namespace
+
 // The answer goes to the sender that the framework names, so nobody can have it sent to another. A peer that
 // does not take it loses it; it asks again if it wants to.
-void cbStatus(uint16_t, uint32_t, const sOvuMfwMessage* message, uint32_t length) {
+void answerStatus(uint16_t, uint32_t, const sOvuMfwMessage* message, uint32_t length) {
     const CQelControl* control = CQelControl::instance();
     if (message == nullptr || control == nullptr) {
         return;
@@ -488,21 +509,13 @@ void cbStatus(uint16_t, uint32_t, const sOvuMfwMessage* message, uint32_t length
     page.send(readBody<CBigEndian32>(message->sender, sizeof message->sender));
 }
 
-void endWork(std::chrono::steady_clock::time_point now) {
-    if (const auto began = std::exchange(oWorkBegan, {}); began != decltype(began){}) {
-        oLoop.m_oWork += duration_cast<microseconds>(now - began);
-    }
-}
-
-} // namespace
-
 void startAnswering(CMFWServer& endpoint, const CFeatureSupply* supply) {
     pSupply = supply;
     if (oLoop.m_tStarted == 0) {
         oLoop.m_tStarted = nowSeconds();
     }
     startRecording();
-    if (endpoint.addCallback(nQelStatusMfwMsgId, cbStatus) != 0) {
+    if (endpoint.addCallback(nQelStatusMfwMsgId, answerStatus) != 0) {
         logEvent(svWarning, 31002, "failed to add message Callback.");
     }
 }
