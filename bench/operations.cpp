@@ -114,6 +114,16 @@ void prepareOverdue(CWorld& world) {
     world.putAll(CFeatureEntry::fsActive, CCompStatus::csEnabling, 0);
 }
 
+// Questions look at one page: the longest search, where no delivery is open, and the fullest page, where all
+// have failed and no reason is kept.
+void prepareAllFailed(CWorld& world) {
+    world.putAll(CFeatureEntry::fsActive, CCompStatus::csEnableFailed, 0);
+}
+
+void askForOpen(CWorld& world) {
+    world.question(sqDeliveries, sfOpen);
+}
+
 void prepareRemoval(CWorld& world) {
     world.refill();
     world.putAll(CFeatureEntry::fsDeleted, CCompStatus::csDisabled, 0);
@@ -149,6 +159,9 @@ constexpr SOperation aOperations[] = {
     {"timeout/all-overdue", grPairs, prepareOverdue, timeOut},
     {"timeout/all-removed", grPairs, prepareRemoval, timeOut},
     {"packing", grFeatures, nullptr, pack},
+    {"question/none-open", grNothing, nullptr, askForOpen},
+    {"question/all-failed", grNothing, prepareAllFailed, askForOpen},
+    {"question/tally", grNothing, nullptr, [](CWorld& world) { world.question(sqTally, 0); }},
 };
 
 } // namespace

@@ -8,8 +8,12 @@
 #include "features/CFeatureEntry.h"
 #include "features/CQelControl.h"
 #include "messaging/dispatcher/dispatcher.h"
+#include "messaging/wire/status.h"
 #include "messaging/wire/wire.h"
+#include "server/status/recorder.h"
+#include "server/status/status.h"
 
+#include <cstdlib>
 #include <cstring>
 #include <deque>
 #include <string>
@@ -24,6 +28,7 @@ public:
     }
 
     void dispatch() const { dispatchRequest(nQelServerMfwMsgId, 0, &m_oRecord, m_nLength); }
+    void ask() const { answerStatus(nQelStatusMfwMsgId, 0, &m_oRecord, m_nLength); }
 
 private:
     sOvuMfwMessage m_oRecord = {};
@@ -55,6 +60,9 @@ public:
         : m_oControl(*CQelControl::instance()), m_nFeatures(static_cast<size_t>(features)) {
         for (int64_t i = 0; i < components; ++i) {
             m_vNames.push_back("component" + std::to_string(i));
+        }
+        if (std::getenv("QEL_BENCH_UNRECORDED") == nullptr) { // to tell what the recorder costs
+            startRecording();
         }
         refill();
     }
@@ -123,6 +131,12 @@ public:
         nameMessage(nQelClientRequestMsgType, subType, lastHandle(), m_vNames.back(), processId).dispatch();
     }
     void reply(uint32_t subType) { replyMessage(subType, lastHandle()).dispatch(); }
+    static void question(EStatusQuestion what, uint32_t filter) {
+        CStatusQuestion question;
+        question.m_nQuestion = what;
+        question.m_nFilter = filter;
+        CRecord(question).ask();
+    }
     static void ask(uint32_t type) { CRecord(CQelMessageHeader{0, 24, type, 0, 7, 1}).dispatch(); }
 
     CQelControl& m_oControl;
