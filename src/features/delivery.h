@@ -102,8 +102,9 @@ struct STransition {
 };
 
 // Sees every step, after it was taken and logged; it must not cause another. An event that meets no row, or
-// whose row keeps the state, is no step; nor is a reset of what is in that state already. setDeliveryWitness() returns the witness that was set before; null
-// means none. Set it only on the main loop's thread.
+// whose row keeps the state, is no step; nor is a reset of what is in that state already.
+// setDeliveryWitness() returns the witness that was set before; null means none. Set it only on the main
+// loop's thread.
 using DeliveryWitness = void (*)(const STransition& transition);
 DeliveryWitness setDeliveryWitness(DeliveryWitness witness);
 

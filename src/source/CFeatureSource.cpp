@@ -277,8 +277,8 @@ void CFeatureSource::deliver(CMail mail) {
     }
 }
 
-// False: nothing has changed, and the list is as it was. The audit of the well-known components comes last, so
-// that those that it finds running are registered with the new list in the table.
+// False: nothing has changed, and the list is as it was. The audit of the well-known components comes last,
+// so that those that it finds running are registered with the new list in the table.
 bool CFeatureSource::handOver(SMail& mail) {
     const size_t count = mail.m_vList.size();
     const std::optional<CHandOver::SResult> result = m_oHandOver->apply(mail.m_vList);
