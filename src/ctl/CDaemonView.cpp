@@ -1,5 +1,7 @@
 #include "ctl/CDaemonView.h"
 
+#include "ctl/terminal.h"
+
 #include <algorithm>
 #include <array>
 #include <charconv>
@@ -103,6 +105,14 @@ std::string stateBefore(const STransitionView& transition) {
 std::string stepText(const STransitionView& transition) {
     const bool isOfAll = fieldText(transition.m_szComponent).empty();
     return (isOfAll ? "" : stateBefore(transition) + " ") + "-> " + stateAfter(transition);
+}
+
+std::string causeText(const STransitionView& transition) {
+    const std::string words =
+        transition.m_nWhy == swNotKept && isRefusal(transition) ? ", its words are not kept any more" : "";
+    return fmt::format("({}{}){}", causeWord(transition.m_nCause), words,
+                       transition.m_sText.empty() ? ""
+                                                  : fmt::format(" \"{}\"", printable(transition.m_sText)));
 }
 
 std::string_view causeWord(uint32_t cause) {

@@ -53,6 +53,8 @@ std::string stateAfter(const STransitionView& transition);
 std::string stateBefore(const STransitionView& transition);
 // "sent -> refused"; of a step of all that have the feature, the state alone that all are in now.
 std::string stepText(const STransitionView& transition);
+// "(refused) "no module"": the cause, and the component's words where it refused.
+std::string causeText(const STransitionView& transition);
 std::string_view causeWord(uint32_t cause);
 std::string_view featureWord(uint32_t status);
 

@@ -67,6 +67,7 @@ int CWatch::run() {
     if (const int status = begin(); status != exitOk) {
         return status;
     }
+    bSignalled = false;
     struct sigaction action = {};
     action.sa_handler = cbSignal;
     sigaction(SIGINT, &action, nullptr);
@@ -195,12 +196,10 @@ void CWatch::print(const STransitionView& transition) {
     const std::string component = printable(fieldText(transition.m_szComponent));
     const std::string feature =
         fmt::format("{}:{}", uint32_t{transition.m_nCode}, uint32_t{transition.m_nData});
-    fmt::print("{}  {:>9}  {:<16}  {} ({}){}{}\n",
-               timeOfDay(transition.m_tSeconds, transition.m_nMicroseconds), feature,
-               component.empty() ? "(all)" : component,
+    fmt::print("{}  {:>9}  {:<16}  {} {}{}\n", timeOfDay(transition.m_tSeconds, transition.m_nMicroseconds),
+               feature, component.empty() ? "(all)" : component,
                paint(stepText(transition), isFailure ? EColour::red : EColour::none, stdout),
-               causeWord(transition.m_nCause),
-               transition.m_sText.empty() ? "" : fmt::format(" \"{}\"", printable(transition.m_sText)),
+               causeText(transition),
                name.empty() ? "" : paint("  " + printable(name), EColour::dim, stdout));
 }
 

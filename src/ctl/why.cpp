@@ -6,6 +6,7 @@
 #include "ctl/pairs.h"
 #include "ctl/terminal.h"
 
+#include <algorithm>
 #include <fmt/format.h>
 
 namespace {
@@ -55,7 +56,7 @@ private:
     std::string sends() const {
         const uint32_t sends = m_oPair.m_pDelivery->m_nSends;
         return sends == 0 ? ""
-                          : fmt::format(" It was sent {} times of {} without an answer.", sends, nMaxSends);
+                          : fmt::format(" It was sent {} of {} times without an answer.", sends, nMaxSends);
     }
     std::string told() const { return moment(lastTold(), m_oSummary.m_tNow); }
     std::string reached() const { return moment(m_oPair.m_pDelivery->m_tSince, m_oSummary.m_tNow); }
@@ -144,11 +145,14 @@ void printPair(const SPair& pair, const CDaemonView& view, const SHistory& histo
     fmt::print("  Now:   {}\n  Next:  {}.\n", explanation.now(), explanation.next());
     fmt::print("  Steps: {}\n", history.m_bWhole ? "all since the daemon's start"
                                                  : "the latest; the daemon no longer keeps what was before");
-    for (const STransitionView& step : history.m_vAll) {
+    const auto& all = history.m_vAll;
+    if (std::none_of(all.begin(), all.end(), [&](const auto& step) { return isOf(step, pair); })) {
+        fmt::print("    none\n");
+    }
+    for (const STransitionView& step : all) {
         if (isOf(step, pair)) {
-            fmt::print("    {}  {} ({}){}\n", timeOfDay(step.m_tSeconds, step.m_nMicroseconds),
-                       stepText(step), causeWord(step.m_nCause),
-                       step.m_sText.empty() ? "" : fmt::format(" \"{}\"", printable(step.m_sText)));
+            fmt::print("    {}  {} {}\n", timeOfDay(step.m_tSeconds, step.m_nMicroseconds), stepText(step),
+                       causeText(step));
         }
     }
 }
@@ -191,8 +195,12 @@ int explainAbsence(const CDaemonView& view, const SSelection& selection) {
 
 bool isKnown(const CDaemonView& view, const SSelection& selection) {
     SSelection found;
+    if (!view.hasFeature(selection) && selectOrComplain(view, selection.m_sFeature, found)) {
+        complain(
+            fmt::format("'{}' is a component; the feature comes first", printable(selection.m_sFeature)));
+    }
     if (!view.hasFeature(selection)) {
-        return selectOrComplain(view, selection.m_sFeature, found) && !found.m_sFeature.empty();
+        return false;
     }
     return view.hasComponent(selection.m_sComponent) || selectOrComplain(view, selection.m_sComponent, found);
 }

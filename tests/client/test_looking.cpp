@@ -5,6 +5,7 @@
 #include "fake/fake_platform.h"
 #include "support/files.h"
 
+#include <csignal>
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <set>
@@ -76,7 +77,8 @@ SText delivery(uint32_t code, const char* name, uint32_t state, uint32_t why = s
     return record(words, text);
 }
 
-SText transition(uint64_t number, uint32_t from, uint32_t to, uint32_t cause) {
+SText transition(uint64_t number, uint32_t from, uint32_t to, uint32_t cause, uint32_t why = 0,
+                 const SText& text = "") {
     CStatusTransition words;
     setNumber(words.m_aNumber, number);
     words.m_tSeconds = 1000 + static_cast<uint32_t>(number);
@@ -85,8 +87,9 @@ SText transition(uint64_t number, uint32_t from, uint32_t to, uint32_t cause) {
     words.m_nFrom = from;
     words.m_nTo = to;
     words.m_nCause = cause;
+    words.m_nWhy = why;
     SText("Door\033").copy(words.m_szComponent, nNameFieldSize);
-    return record(words);
+    return record(words, text);
 }
 
 // Door is hostile and silent, Gate refuses 202, Tape is dead, Mute alive and does not monitor.
@@ -353,6 +356,7 @@ TEST_F(CLooking, WhyTellsWhatHappenedAndWhatComesNext) {
         {"202", "Away", "Away has not announced itself", "status 4\n"},
         {"102", "Mute", "feature 102 does not concern Mute", "status 1\n"},
         {"999", "Mute", "no feature and no component is called '999'", "status 1\n"},
+        {"Gate", "102", "'Gate' is a component; the feature comes first\n", "status 1\n"},
     };
     for (const auto& example : aCases) {
         const SText output = why(example.m_szFeature, example.m_szComponent);
@@ -369,21 +373,70 @@ TEST_F(CLooking, WatchLosesNothingAndTellsGapsAndRestarts) {
     m_rPlatform.m_fnOnReceive = [this] {
         if (m_oAsked[sqTransitions] == 3) { // everything was read; another daemon comes
             m_nFirst = 1;
-            m_oTables[sqTransitions] = {transition(1, 9, 11, 3)};
+            m_oTables[sqTransitions] = {transition(1, 9, 11, 3, swRefused, "no \033module"),
+                                        transition(2, 9, 11, 3, swNotKept)};
         }
         answer();
     };
-    EXPECT_EQ(run(runWatch, options),
-              "-- gap: 2 transitions no longer kept\n"
-              "00:16:46.000      161:1  Door?             queued -> sent (audit)\n"
-              "00:16:47.000      161:1  Door?             sent -> gave up (told)\n"
-              "-- the daemon was restarted (pid 77); its transitions begin anew\n"
-              "00:16:41.000      161:1  Door?             modifying -> modify refused (refused)\n"
-              "status 3\n");
+    EXPECT_EQ(
+        run(runWatch, options),
+        "-- gap: 2 transitions no longer kept\n"
+        "00:16:46.000      161:1  Door?             queued -> sent (audit)\n"
+        "00:16:47.000      161:1  Door?             sent -> gave up (told)\n"
+        "-- the daemon was restarted (pid 77); its transitions begin anew\n"
+        "00:16:41.000      161:1  Door?             modifying -> modify refused (refused) \"no ?module\"\n"
+        "00:16:42.000      161:1  Door?             modifying -> modify refused (refused, its words are not "
+        "kept any more)\n"
+        "status 3\n");
     options.m_sArgument = "Mute"; // has no transitions
     options.m_sSince = "0";
     options.m_nSeconds = 0.1;
     EXPECT_EQ(run(runWatch, options), "status 0\n");
+}
+
+// Ten thousand steps, as fast as they are read; then more at once than the daemon keeps.
+TEST_F(CLooking, WatchKeepsUpWithAFullPaceAndCountsWhatABurstCosts) {
+    constexpr uint64_t nSteps = 10000, nBurst = 6000;
+    std::vector<SText>& kept = m_oTables[sqTransitions];
+    kept.clear();
+    m_nFirst = 1;
+    m_nPage = 1000;
+    uint64_t last = 0;
+    const auto happen = [&](uint64_t count) {
+        for (const uint64_t end = last + count; last < end;) {
+            kept.push_back(transition(++last, 0, 1, 6));
+        }
+        const size_t dropped = kept.size() - std::min(kept.size(), nKeptTransitions);
+        kept.erase(kept.begin(), kept.begin() + static_cast<ptrdiff_t>(dropped));
+        m_nFirst += dropped;
+    };
+    happen(3000);
+    m_rPlatform.m_fnOnReceive = [&] {
+        const SText sent = m_nTaken < m_rPlatform.m_vSent.size() ? m_rPlatform.m_vSent[m_nTaken].m_sBody : "";
+        const auto question =
+            readBody<CStatusQuestion>(reinterpret_cast<const uint8_t*>(sent.data()), sent.size());
+        const bool isAllTold = number(question.m_oCursor.m_aWords) == last;
+        if (question.m_nQuestion == sqTransitions && last < nSteps) {
+            happen(m_nPage);
+        } else if (question.m_nQuestion == sqTransitions && isAllTold) {
+            last == nSteps ? happen(nBurst) : static_cast<void>(raise(SIGTERM));
+        }
+        answer();
+    };
+    SText expected;
+    for (uint64_t step = 1; step <= nSteps + nBurst; ++step) {
+        if (step == nSteps + 1) {
+            step += nBurst - nKeptTransitions;
+            expected += "-- gap: 1904 transitions no longer kept\n";
+        }
+        const uint64_t second = 1000 + step;
+        expected +=
+            fmt::format("{:02}:{:02}:{:02}.000      161:1  Door?             queued -> sent (audit)\n",
+                        second / 3600, second / 60 % 60, second % 60);
+    }
+    SWatchOptions options;
+    options.m_sSince = "0";
+    EXPECT_TRUE(run(runWatch, options) == expected + "status 0\n");
 }
 
 TEST_F(CLooking, WaitCountsNoRefusalAsDelivered) {
