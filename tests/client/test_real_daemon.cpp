@@ -38,16 +38,27 @@ TEST_F(CRealDaemon, EveryDifferenceIsToldOnceByNotificationFetchOrRestart) {
     EXPECT_PRED_FORMAT2(::testing::IsSubstring, "\"count\": 4", control("list --json"));
     EXPECT_PRED_FORMAT2(::testing::IsSubstring, "4 features", control("component Anchor --fetch --for 0.7"));
     EXPECT_TRUE(isLike(control("wait 4 Voice"), "delivered after *: no problems, 1 delivered\nstatus 0\n"));
+    EXPECT_TRUE(isLike(control("status Voice"), "Voice (pid *): alive, monitoring, *\n   4     1  -     ok\n"
+                                                "no problems, 4 delivered\nstatus 0\n"));
+    EXPECT_TRUE(isLike(control("why 2 Voice"),
+                       "2:1 at Voice (pid *): ok\n*Steps: all since the daemon's start\n"
+                       "*sent -> ok (accepted)\n*status 0\n"));
+    EXPECT_TRUE(
+        isLike(control("watch --since 0 --for 0.3"), "*  2:1  Voice  * sent -> ok (accepted)\n*status 0\n"));
     EXPECT_TRUE(
         isLike(control("component Voice --for 1"), "*Voice is the name of a process that lives*status 1\n"));
     m_oDaemon.reset(); // killed
     start({{1, 1}, {2, 2}, {4, 1}, {5, 1}});
     expectTold("enable 5:1, modify 2:1>2, disable 3:1, ");
     EXPECT_EQ(qel_monitor(m_pClient, nLong), 0);
-    writeList(feature(1, 1, "Voice") + feature(2, 2, "Voice") + feature(6, 1, "Voice") +
-              feature(7, 1, "Nobody", "sourced = true"));
+    put(file("new"), feature(1, 1, "Voice") + feature(2, 2, "Voice") + feature(6, 1, "Voice") +
+                         feature(7, 1, "Nobody", "sourced = true"));
+    EXPECT_PRED_FORMAT2(::testing::IsSubstring, "\n2 added, 2 withdrawn, 0 changed: ",
+                        control("apply --force --no-wait " + file("new")));
     expectTold("disable 4:1, disable 5:1, enable 6:1, "); // by the daemon's audits
     EXPECT_PRED_FORMAT2(::testing::IsSubstring, "; 1 sourced feature is not shown", control("list"));
+    EXPECT_PRED_FORMAT2(::testing::IsSubstring, "features.toml: 4 features, in force since ",
+                        control("status"));
     EXPECT_EQ(qel_shutdown(m_pClient, "bye"), 0);
     EXPECT_TRUE(eventually([this] { return countInLog(": ShutdownMsgType (1 bye)\n") == 1; }));
 }
