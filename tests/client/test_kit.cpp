@@ -1,4 +1,5 @@
 // qelctl daemon, with qelctl component as the component under test.
+#include "client/qelclient.hpp"
 #include "ctl/CPlayedDaemon.h"
 #include "support/files.h"
 
@@ -150,6 +151,31 @@ TEST_F(CKit, AScriptIsCheckedWholeBeforeAnythingRuns) {
         "script:14: '-1' is not a code of 0 to 4294967295\n"
         "script:15: 'x' is too much\nstatus 1\n");
     EXPECT_EQ(play("# nothing\n"), "script: there is no step in it\nstatus 1\n");
+}
+
+// The C++ header, without a daemon; examples/voice has the rest.
+TEST_F(CKit, ClientOwnsWhatItOpensAndHandsItOn) {
+    setenv("QEL_RUNTIME_DIR", m_oDirectory.file("run").c_str(), 1);
+    qel::Client first;
+    EXPECT_EQ(first.run(qel::Time(0)), QEL_EINVAL);
+    EXPECT_FALSE(first.features());
+    EXPECT_EQ(first.open("Voice", {nullptr, nullptr, qel::Time(-2), false}), QEL_EINVAL);
+    ASSERT_EQ(first.open("Voice"), 0);
+    EXPECT_EQ(first.open("Voice"), QEL_EBUSY);
+    EXPECT_EQ(first.hold(3, 7), 0);
+    qel::Client second(std::move(first));
+    EXPECT_EQ(first.hold(3, 8), QEL_EINVAL);
+    EXPECT_EQ(first.open("Other"), QEL_EBUSY) << "one in a process";
+    EXPECT_EQ(second.features()->at(0).data, 7u);
+    second.stop();
+    EXPECT_EQ(second.run(qel::Time(int64_t{1} << 31)), QEL_ESTOPPED);
+    qel::Time next(-1);
+    EXPECT_EQ(second.dispatch(next), 0);
+    EXPECT_GE(next.count(), 0);
+    first = std::move(second);
+    EXPECT_EQ(first.state(), qel::State::seeking);
+    first.close();
+    EXPECT_EQ(second.open("Voice"), 0);
 }
 
 TEST_F(CKit, TakesNobodysPlace) {
