@@ -13,6 +13,7 @@
 
 namespace {
 
+constexpr const char* sSystemDirectory = "/run/qel";
 constexpr mode_t nDirectoryMode = 0700;
 constexpr mode_t nFileMode = 0666;
 constexpr size_t nMaxNamePart = 200; // leaves room for the prefixes within NAME_MAX
@@ -28,12 +29,19 @@ const char* environment(const char* variable) {
     return value != nullptr && *value != '\0' ? value : nullptr;
 }
 
+// For the rights of the process as it runs, as open(2) would answer.
+bool isOpenToUs(const char* directory) {
+    return faccessat(AT_FDCWD, directory, W_OK | X_OK, AT_EACCESS) == 0;
+}
+
+// Whoever may take part in the host's own takes part, without a word in the environment; a user's own
+// directory is for hosts that have none, or do not let the user in.
 SLocation runtimeLocation() {
     if (const char* own = environment("QEL_RUNTIME_DIR")) {
         return {own, false};
     }
-    if (geteuid() == 0) {
-        return {"/run/qel", false};
+    if (geteuid() == 0 || isOpenToUs(sSystemDirectory)) {
+        return {sSystemDirectory, false};
     }
     if (const char* session = environment("XDG_RUNTIME_DIR")) {
         return {std::string(session) + "/qel", false};
