@@ -35,8 +35,8 @@ void cbReceive(uint16_t, uint32_t, const sOvuMfwMessage* message, uint32_t lengt
 
 int open() {
     setenv("QEL_PROCESS_NAME", szProcess, 1);
-    const int error = OvuMfwRegisterCallback(nQelServerMfwMsgId, cbReceive);
-    return error != 0 ? error : OvuMfwInitialize();
+    const int error = OvuMfwInitialize();
+    return error != 0 ? error : OvuMfwRegisterCallback(nQelServerMfwMsgId, cbReceive);
 }
 
 int carryOut(const SOrder& order, size_t length) {

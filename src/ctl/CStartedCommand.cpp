@@ -20,6 +20,7 @@ constexpr std::chrono::seconds tToEnd{5}; // what it has for an orderly end
 
 [[noreturn]] void execute(const std::vector<std::string>& words) {
     std::vector<char*> arguments;
+    arguments.reserve(words.size() + 1);
     for (const std::string& word : words) {
         arguments.push_back(const_cast<char*>(word.c_str()));
     }

@@ -7,6 +7,7 @@
 #include <cctype>
 #include <charconv>
 #include <fmt/format.h>
+#include <iterator>
 #include <limits>
 
 namespace {
@@ -252,6 +253,7 @@ void readExpect(CScriptLine& line, SStep& step) {
                                      [&](const SExpected& row) { return word(row.m_eDeed) == what; });
     if (found == std::end(aExpected)) {
         std::vector<std::string_view> words;
+        words.reserve(std::size(aExpected));
         for (const SExpected& row : aExpected) {
             words.push_back(word(row.m_eDeed));
         }
@@ -338,6 +340,7 @@ void CScriptReader::read(CScriptLine& line, SStep& step) const {
     const SVerb* verb = findVerb(word);
     if (verb == nullptr) {
         std::vector<std::string_view> words;
+        words.reserve(std::size(aVerbs));
         for (const SVerb& known : aVerbs) {
             words.emplace_back(known.m_szWord);
         }
