@@ -12,9 +12,9 @@
 #include <sys/types.h>
 #include <vector>
 
-// A process of its own, because a process keeps its handle: only another one is to components a daemon that was
-// restarted, and only a process that is killed dies as a daemon does. Nothing waits in it: what it can hand on
-// to nobody stays in the framework's queue, as with a daemon that hangs.
+// A process of its own, because a process keeps its handle: only another one is to components a daemon that
+// was restarted, and only a process that is killed dies as a daemon does. Nothing waits in it: what it can
+// hand on to nobody stays in the framework's queue, as with a daemon that hangs.
 //
 // To be used by one thread, in a process that has no other thread where start() is called.
 class CDaemonProcess {

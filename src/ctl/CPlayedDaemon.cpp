@@ -187,9 +187,9 @@ CQelServerMessage CPlayedDaemon::message(uint32_t type, const SFeature& feature,
     return message;
 }
 
-// A list may have a code several times. What is withdrawn or modified is the very feature if it is there, else
-// whatever has its code: a type 3 may name other data than the component holds. What comes takes the place in the
-// order of what goes.
+// A list may have a code several times. What is withdrawn or modified is the very feature if it is there,
+// else whatever has its code: a type 3 may name other data than the component holds. What comes takes the
+// place in the order of what goes.
 void CPlayedDaemon::follow(uint32_t type, const SFeature& feature, uint32_t newData) {
     const bool isExact = type != nQelServerNotifyMsgType &&
                          std::find(m_vList.begin(), m_vList.end(), feature) != m_vList.end();

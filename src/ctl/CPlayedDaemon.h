@@ -1,5 +1,5 @@
-// The conversation as the daemon leads it, for qelctl daemon: answers requests, keeps what awaits a reply, and
-// tells what the component does in the words of a script.
+// The conversation as the daemon leads it, for qelctl daemon: answers requests, keeps what awaits a reply,
+// and tells what the component does in the words of a script.
 #ifndef QEL_CTL_CPLAYEDDAEMON_H
 #define QEL_CTL_CPLAYEDDAEMON_H
 
@@ -13,8 +13,8 @@
 #include <string_view>
 #include <vector>
 
-// What a component does, or its process. A page is a request that was answered with a feature, `fetch` the one
-// that was answered with the end of the list; `stray` is a reply that nothing awaited.
+// What a component does, or its process. A page is a request that was answered with a feature, `fetch` the
+// one that was answered with the end of the list; `stray` is a reply that nothing awaited.
 enum class EDeed { announce, rewind, page, fetch, monitor, accept, refuse, stray, shutdown, end, nothing };
 
 std::string_view word(EDeed deed);
@@ -49,8 +49,9 @@ struct SExpectation {
 std::string describe(const SDeed& deed);
 
 // One component at a time converses: the one that announced itself last. Messages from other handles are not
-// answered, as the daemon does not answer who is unknown to it. Replies are credited in the order in which the
-// notifications were sent. What an announcement says is held keeps nothing back: a script sends what it says.
+// answered, as the daemon does not answer who is unknown to it. Replies are credited in the order in which
+// the notifications were sent. What an announcement says is held keeps nothing back: a script sends what it
+// says.
 class CPlayedDaemon {
 public:
     // Puts another list in force. Tells nobody, and leaves the component's page where it was.

@@ -74,8 +74,8 @@ void CScriptLine::split(std::string_view text) {
     }
 }
 
-// From behind the opening quotation mark; returns where the line goes on. A backslash takes the next character
-// as it is.
+// From behind the opening quotation mark; returns where the line goes on. A backslash takes the next
+// character as it is.
 size_t CScriptLine::quote(std::string_view text, size_t at) {
     SWord word{"", true};
     for (; at < text.size() && text[at] != '"'; ++at) {
