@@ -276,7 +276,12 @@ void tell(const SLine& line, const SStep& step) {
         }
     }
     *at = '\0';
-    logEntry(svInfo, line.m_nEvent, text);
+    const bool isNamed = line.m_sFill.find('n') != line.m_sFill.npos; // else the component may be gone
+    logEntry(svInfo, line.m_nEvent, text,
+             {isNamed ? step.m_oRecord.m_pComponent->m_szName : "",
+              step.m_oEntry.m_nCode,
+              step.m_oEntry.m_nData,
+              {}});
 }
 
 // --- The engine ---

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <span>
 
 namespace {
 
@@ -231,6 +232,8 @@ void OvuServiceAlive() { // of every turn, so it is counted instead of listed
 
 // --- Diagnostics ---
 
+static thread_local std::span<const OvuDiagField> oNextFields;
+
 int OvuDiagRegisterModule(const char* name1, const char* name2, const char* name3, const char* logName,
                           uint32_t* handle) {
     const CPlentyOfMemory plenty;
@@ -247,8 +250,16 @@ int OvuDiagAddLogEntry(uint32_t handle, uint32_t kind, uint16_t severity, uint32
     }
     if (fake().m_bKeepLog) {
         fake().m_vLog.push_back({severity, event, text});
+        fake().m_sFields.clear();
+        for (const OvuDiagField& field : oNextFields) {
+            fake().m_sFields.append(field.name).append("=").append(field.value, field.length).append(" ");
+        }
     }
     return 1;
+}
+
+void OvuDiagSetFields(const OvuDiagField* fields, size_t count) {
+    oNextFields = {fields, count};
 }
 
 // --- Message framework ---

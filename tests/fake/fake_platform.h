@@ -6,6 +6,7 @@
 #define QEL_TESTS_FAKE_PLATFORM_H
 
 #include "platform/diag.h"
+#include "platform/diag_fields.h"
 #include "platform/mfw.h"
 #include "platform/os.h"
 #include "platform/service.h"
@@ -63,6 +64,7 @@ public:
     bool m_bKeepSent = true;
     std::vector<SSent> m_vSent;
     std::vector<SLogged> m_vLog;
+    std::string m_sFields;             // of the last line, each as "NAME=value "
     std::vector<std::string> m_vCalls; // "function argument", in order; not of each function
     std::map<uint16_t, OvuMfwCallback> m_oCallbacks;
     std::map<std::string, uint32_t> m_oProcesses; // name to handle, for look-ups

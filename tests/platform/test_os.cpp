@@ -2,6 +2,8 @@
 // plays.
 #include "base/mutex/COswLightweightMutex.h"
 #include "platform/diag.h"
+#include "platform/diag_fields.h"
+#include "platform/linux/message_id.h"
 #include "platform/linux/systemd.h"
 #include "platform/service.h"
 #include "processes.h"
@@ -243,12 +245,18 @@ TEST_F(CDiagTest, LinesReachTheJournalAndAFullOneDoesNotBlock) {
     EXPECT_NE(OvuDiagRegisterModule("a", "b", "c", "log", &handle), 0);
     const CFileDescriptor journal = socketAt(file("journal"), SOCK_DGRAM, bind);
     ASSERT_EQ(OvuDiagRegisterModule("a", "b", "c", "log", &handle), 0); // it came later than we did
+    const OvuDiagField field = {"QEL_CODE", "7\0", 2};
+    OvuDiagSetFields(&field, 1);
     EXPECT_EQ(OvuDiagAddLogEntry(handle, 2, 1, 31001, "plain"), 0);
-    EXPECT_EQ(datagram(journal), "MESSAGE=plain\nPRIORITY=3\nSYSLOG_IDENTIFIER=log\nQEL_EVENT=31001\n"
-                                 "QEL_MODULE=a\nQEL_MODULE=b\nQEL_MODULE=c\n");
+    const std::string id = std::string(sMessageIdLead) + "00031001";
+    const std::string modules = "QEL_MODULE=a\nQEL_MODULE=b\nQEL_MODULE=c\n";
+    EXPECT_EQ(datagram(journal), "MESSAGE=plain\nPRIORITY=3\nSYSLOG_IDENTIFIER=log\nMESSAGE_ID=" + id +
+                                     "\nQEL_EVENT=31001\nQEL_CODE=7" + std::string(1, '\0') + "\n" + modules);
     EXPECT_EQ(OvuDiagAddLogEntry(handle, 2, 2, 31002, "two\nlines"), 0);
     const std::string lengthFirst("MESSAGE\n\x09\0\0\0\0\0\0\0two\nlines\nPRIORITY=4\n", 37);
-    EXPECT_EQ(datagram(journal).substr(0, lengthFirst.size()), lengthFirst);
+    const std::string second = datagram(journal);
+    EXPECT_EQ(second.substr(0, lengthFirst.size()), lengthFirst);
+    EXPECT_NE(second.find("QEL_EVENT=31002\n" + modules), second.npos) << "the fields were the first line's";
     int result = 0;
     for (int i = 0; i < 100000 && result == 0; ++i) {
         result = OvuDiagAddLogEntry(handle, 2, 4, 31003, "nobody reads this");

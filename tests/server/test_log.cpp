@@ -127,4 +127,18 @@ TEST_F(CLogTest, TextsAreFormattedWholeWhateverTheirLength) {
     }
 }
 
+TEST_F(CLogTest, FieldsAreTakenFromTheArgumentsOfTheirOwnLineOnly) {
+    CQelServer::LogFile(4, 31010, "registers the module");
+    const auto* reply = "no room and more";
+    logEvent(svInfo, 31030, "WriteReplyMsgType (%d %.*s)", 0, 7, reply);
+    EXPECT_EQ(platform().m_sFields, "QEL_REASON=no room ");
+    logEvent(svInfo, 31107, "audit comp %s%s%s not in feature list with (%d, %d)", "(", "Voice", ")", 1, 2);
+    EXPECT_EQ(platform().m_sFields, "QEL_COMPONENT=Voice QEL_CODE=1 QEL_DATA=2 ");
+    logEvent(svInfo, 31108, "already has feature (%d, %d, %d) at comp %s", 1, -1, 0, "Gate");
+    EXPECT_EQ(platform().m_sFields, "QEL_COMPONENT=Gate QEL_CODE=4294967295 QEL_DATA=0 ");
+    CQelServer::LogFile(4, 31010, "of nobody");
+    EXPECT_EQ(platform().m_sFields, "");
+    takeLines();
+}
+
 } // namespace

@@ -4,8 +4,11 @@
 #include "platform/diag.h"
 
 #include "base/CFileDescriptor.h"
+#include "platform/diag_fields.h"
 #include "platform/linux/errors.h"
+#include "platform/linux/message_id.h"
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
@@ -13,6 +16,7 @@
 #include <string_view>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -45,6 +49,13 @@ SModules& modules() {
     static SModules& instance = *new SModules;
     return instance;
 }
+
+// Of the next line that this thread adds.
+struct SFields {
+    const OvuDiagField* m_pFirst = nullptr;
+    size_t m_nCount = 0;
+};
+constinit thread_local SFields oNextFields;
 
 // The address of the journal's socket, or of another one that QEL_DIAG names. False: no diagnostics are
 // wanted (QEL_DIAG=off), or the path does not fit into an address with its NUL.
@@ -109,7 +120,8 @@ int priority(uint16_t severity) {
 
 // Field names that begin with an underscore are reserved for the journal (systemd.journal-fields(7)), hence
 // QEL_. A field may occur several times, once for each of the module's names.
-int addLine(const SModule& module, uint16_t severity, uint32_t event, const char* text) {
+int addLine(const SModule& module, uint16_t severity, uint32_t event, const char* text,
+            const SFields& fields) {
     CFileDescriptor journal;
     if (const int error = openJournal(journal)) {
         return error;
@@ -120,7 +132,13 @@ int addLine(const SModule& module, uint16_t severity, uint32_t event, const char
     addField(entry, "MESSAGE", text);
     addField(entry, "PRIORITY", std::to_string(priority(severity)));
     addField(entry, "SYSLOG_IDENTIFIER", module.m_sLogName);
+    char id[sizeof sMessageIdLead + 10];
+    std::snprintf(id, sizeof id, "%s%08u", sMessageIdLead, event);
+    addField(entry, "MESSAGE_ID", id);
     addField(entry, "QEL_EVENT", std::to_string(event));
+    for (size_t i = 0; i < fields.m_nCount; ++i) {
+        addField(entry, fields.m_pFirst[i].name, {fields.m_pFirst[i].value, fields.m_pFirst[i].length});
+    }
     for (const std::string& name : module.m_asNames) {
         addField(entry, "QEL_MODULE", name);
     }
@@ -187,8 +205,13 @@ int OvuDiagAddLogEntry(uint32_t handle, uint32_t /*kind*/, uint16_t severity, ui
     if (text == nullptr) {
         return EINVAL;
     }
+    const SFields fields = std::exchange(oNextFields, {});
     return guarded([&] {
         SModule module;
-        return findModule(handle, module) ? addLine(module, severity, event, text) : EBADF;
+        return findModule(handle, module) ? addLine(module, severity, event, text, fields) : EBADF;
     });
+}
+
+void OvuDiagSetFields(const OvuDiagField* fields, size_t count) {
+    oNextFields = {fields, count};
 }

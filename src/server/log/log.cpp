@@ -3,9 +3,11 @@
 #include "base/CFileDescriptor.h"
 #include "base/clock.h"
 #include "platform/diag.h"
+#include "platform/diag_fields.h"
 
 #include <algorithm>
 #include <atomic>
+#include <charconv>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -157,6 +159,46 @@ bool appendToTextLog(const CLine& line) {
     return file && writeWhole(file.get(), line);
 }
 
+// Whether the line goes where fields are kept. Not the first one: nothing is registered yet.
+bool hasFields() {
+    return OvuDiagSetFields != nullptr && m_nOvuDiagHandler != 0 && !bQelServerDebugFlag;
+}
+
+// The fields of a line for as long as it is logged.
+class CDiagFields {
+public:
+    explicit CDiagFields(const SLineFields& fields) {
+        add("QEL_COMPONENT", fields.m_sComponent);
+        add("QEL_CODE", fields.m_oCode, m_szCode);
+        add("QEL_DATA", fields.m_oData, m_szData);
+        add("QEL_REASON", fields.m_sReason);
+        OvuDiagSetFields(m_aFields, m_nFields);
+    }
+    CDiagFields(const CDiagFields&) = delete;
+    CDiagFields& operator=(const CDiagFields&) = delete;
+    ~CDiagFields() { OvuDiagSetFields(nullptr, 0); }
+
+private:
+    using CNumber = char[16];
+
+    void add(const char* name, std::string_view value) {
+        if (!value.empty()) {
+            m_aFields[m_nFields++] = {name, value.data(), value.size()};
+        }
+    }
+    void add(const char* name, std::optional<uint32_t> number, CNumber& room) {
+        if (number) {
+            const char* end = std::to_chars(room, room + sizeof room, *number).ptr;
+            add(name, {room, static_cast<size_t>(end - room)});
+        }
+    }
+
+    CNumber m_szCode;
+    CNumber m_szData;
+    OvuDiagField m_aFields[4];
+    size_t m_nFields = 0;
+};
+
 } // namespace
 
 // Until a registration succeeds, it is tried again for each line: so the daemon finds a journal that starts
@@ -176,6 +218,14 @@ int logEntry(uint16_t severity, uint32_t event, const char* text) {
     return logLine(text);
 }
 
+int logEntry(uint16_t severity, uint32_t event, const char* text, const SLineFields& fields) {
+    if (!hasFields()) {
+        return logEntry(severity, event, text);
+    }
+    const CDiagFields told(fields);
+    return logEntry(severity, event, text);
+}
+
 // When debugging, whoever watches through a pipe sees each line at once, and the last line before a crash is
 // not lost. What was printed before comes first, hence the flush.
 int logLine(const char* text) {
@@ -193,19 +243,25 @@ int logLine(const char* text) {
 int logEvent(ESeverity severity, uint32_t event, const char* format, ...) {
     char text[512];
     va_list arguments;
+    SLineFields fields;
+    if (hasFields()) {
+        va_start(arguments, format);
+        fields = fieldsOf(event, format, arguments);
+        va_end(arguments);
+    }
     va_start(arguments, format);
     const int length = std::vsnprintf(text, sizeof text, format, arguments);
     va_end(arguments);
     if (length < static_cast<int>(sizeof text)) {
-        return logEntry(severity, event, text);
+        return logEntry(severity, event, text, fields);
     }
     const size_t size = static_cast<size_t>(length) + 1;
     const std::unique_ptr<char[]> longText(new (std::nothrow) char[size]);
     if (longText == nullptr) {
-        return logEntry(severity, event, text); // its beginning is better than nothing
+        return logEntry(severity, event, text, fields); // its beginning is better than nothing
     }
     va_start(arguments, format);
     std::vsnprintf(longText.get(), size, format, arguments);
     va_end(arguments);
-    return logEntry(severity, event, longText.get());
+    return logEntry(severity, event, longText.get(), fields);
 }
