@@ -23,7 +23,9 @@ constexpr std::chrono::seconds tReread{2};
 
 class CWait {
 public:
-    explicit CWait(const SWaitOptions& options) : m_oOptions(options), m_oQuery(answerTime(options)) {}
+    explicit CWait(const SWaitOptions& options)
+        : m_oOptions(options), m_oQuery(answerTime(options)),
+          m_oProgress(!options.m_bQuiet && !options.m_bJson) {}
 
     int run();
 
@@ -32,6 +34,8 @@ private:
     bool isDue(const SSummaryView& summary) const;
     bool isTransient(EAsked asked) const;
     std::string findMissing();
+    std::string progress() const { return m_oCounts.text() + missing(); }
+    std::string missing() const;
     std::optional<EExitStatus> judge() const;
     int tell(EAsked asked, double seconds) const;
     void print(EExitStatus status, double seconds) const;
@@ -39,6 +43,7 @@ private:
     const SWaitOptions& m_oOptions;
     CStatusQuery m_oQuery;
     CDaemonView m_oView;
+    CProgressLine m_oProgress;
     SSelection m_oSelection;
     SPairCounts m_oCounts;
     std::string m_sMissing; // what was asked for and is not there
@@ -52,9 +57,11 @@ int CWait::run() {
                                  std::chrono::duration<double>(m_oOptions.m_nSeconds));
     EAsked asked = look();
     while (!m_oDone && isTransient(asked) && CClock::now() < end) {
+        m_oProgress.show(progress());
         std::this_thread::sleep_for(std::min<CClock::duration>(tPoll, end - CClock::now()));
         asked = look();
     }
+    m_oProgress.show("");
     return tell(asked, std::chrono::duration<double>(CClock::now() - start).count());
 }
 
@@ -136,12 +143,19 @@ int CWait::tell(EAsked asked, double seconds) const {
     return flushOutput() ? status : exitFailed;
 }
 
+// Of two arguments the first is the feature.
+std::string CWait::missing() const {
+    const char* kind = m_oOptions.m_sSecond.empty()         ? ""
+                       : m_sMissing == m_oOptions.m_sSecond ? "component "
+                                                            : "feature ";
+    return m_sMissing.empty() ? "" : fmt::format("; there is no {}'{}'", kind, printable(m_sMissing));
+}
+
 void CWait::print(EExitStatus status, double seconds) const {
     const char* until = m_oOptions.m_bDelivered ? "delivered" : "settled";
     if (!m_oOptions.m_bJson) {
         fmt::print("{} after {:.1f} s: {}{}\n", m_oDone == exitOk ? until : fmt::format("not {}", until),
-                   seconds, m_oCounts.text(),
-                   m_sMissing.empty() ? "" : fmt::format("; there is no '{}'", printable(m_sMissing)));
+                   seconds, m_oCounts.text(), missing());
         return;
     }
     CJson document = jsonDocument("wait");
