@@ -285,6 +285,17 @@ int refuseCommand(std::string_view name) {
     return exitUsage;
 }
 
+// A value that a script left empty must not stand for everything, or for nothing to be done.
+void refuseEmpty(CLI::App& command) {
+    const auto hasValue = [](const CLI::Option* option) { return option->get_items_expected_max() > 0; };
+    for (CLI::Option* option : command.get_options(hasValue)) {
+        option->check([](const std::string& text) { return text.empty() ? "must not be empty" : ""; });
+    }
+    for (CLI::App* group : command.get_subcommands({})) {
+        refuseEmpty(*group);
+    }
+}
+
 // `all` is the help of the program.
 int printHelp(const CLI::App& app, const SOptions& options, const std::string& all) {
     if (options.m_bHelpJson) {
@@ -315,7 +326,9 @@ int run(int argc, char** argv) {
         return std::string("qelctl: ") + error.what() + " (--help tells more)\n";
     });
     for (const SCommand& command : aCommands) {
-        command.m_fnAdd(*app.add_subcommand(command.m_szName, command.m_szSummary), options);
+        CLI::App& added = *app.add_subcommand(command.m_szName, command.m_szSummary);
+        command.m_fnAdd(added, options);
+        refuseEmpty(added);
     }
     const std::string help = app.help(); // now: when a command was parsed, it would be that command's
     try {

@@ -103,6 +103,9 @@ TEST_F(CRealDaemon, WithoutADaemonToolsSayAtOnceWhatIsWrong) {
     kill(m_oDaemon->process(), SIGSTOP);
     EXPECT_TRUE(
         isLike(control("component Voice --for 0.5"), "*the daemon did not answer in time\nstatus 2\n"));
+    for (const char* command : {"wait ''", "check ''", "component Voice --process ''"}) {
+        EXPECT_TRUE(isLike(control(command), "*must not be empty*status 64\n"));
+    }
     EXPECT_TRUE(isLike(control("stauts"), "*did you mean 'status'?*status 64\n"));
     writeList("[[feature]]\ncode = -1\ndata = 1\ncomponents = []\nname = 5\n");
     EXPECT_TRUE(isLike(control("check " + file("features.toml")), "*.toml:2: *.toml:5: *status 1\n"));
