@@ -67,11 +67,10 @@ const SRow aRows[] = {
     {R"(\w+: -> shutdown)", mnPlain, "says good-bye"},
     {R"(\w+: enable # with #)", mnBurst, "takes up $1:$2"},
     {R"(\w+: .*: \d+: (exec: .*))", mnBad, "$1"}, // cannot be executed
-    {"operator: starts", mnGood, "adds 134:1, changes 102 from 64 to 96, withdraws 115:1"},
     {R"(\w+: (starts as .*))", mnPlain, "$1"},
     {R"((?:daemon|[A-Z]\w+): (ended, status 0))", mnPlain, "$1"},
-    {R"(\w+: (ended(?!, status 0).*))", mnBad, "$1"},
-    {"(?:before|after):(?! ended)(.*)", mnPlain, "$1"},
+    {R"((?:daemon|stop|[A-Z]\w+): (ended(?!, status 0).*))", mnBad, "$1"},
+    {"(?:before|after|wait|status|why|watch|apply|undo):(.*)", mnPlain, "$1"},
     {R"(\.\.\.: (.*))", mnBad, "$1"},
 };
 
@@ -121,7 +120,7 @@ void CChronicle::hear(int64_t time, const std::string& who, const std::string& w
         heard->m_eManner = row->m_eManner == mnBurst && groups.str(1) == sSingle ? mnGood : row->m_eManner;
         heard->m_sTelling = heard->m_eManner == mnBurst ? row->m_sTelling : groups.format(row->m_sTelling);
         heard->m_vFeatures = {groups.format(sFeature)};
-        m_nLast = time;
+        m_nLast = std::max(m_nLast, time); // what qelctl watch tells is older
     }
 }
 

@@ -23,9 +23,9 @@ the list, with one feature more, for the door phone:
 the daemon, the components (each ends with Ctrl-C), the features in force:
   {players}{programs}/qelctl list
 another list, at any time; what came of it; and the end:
-  sed -i '/^code = 102$/,/^data/ s/^data.*/data = 96/' $QEL_FEATURE_LIST
-  {programs}/qelctl check $QEL_FEATURE_LIST
-  tail $QEL_LOG_FILE
+  sed '/^code = 102$/,/^data/ s/^data.*/data = 96/' $QEL_FEATURE_LIST > /tmp/qel/new
+  {programs}/qelctl apply /tmp/qel/new
+  {programs}/qelctl status
   {programs}/qelserver -stop
 
 The demonstration uses a directory of its own. Its copy of the list has, besides the door phone's, a feature
@@ -61,8 +61,13 @@ inline constexpr SPart aParts[] = {
     {"Tracing", "{}/qelctl component Tracing --process tracing --monitor --hold 401:1 403:1", true},
     {"Doorphone", "{}/qelctl component Doorphone --process doorphone --monitor --answer none", true},
     {"before", "{}/qelctl list", false},
-    {"operator", R"(mv "$QEL_FEATURE_LIST.changed" "$QEL_FEATURE_LIST")", false},
+    {"apply", R"({}/qelctl apply --no-wait "$QEL_FEATURE_LIST.changed")", false},
     {"after", "{}/qelctl list", false},
+    {"wait", "{}/qelctl wait 134 --timeout 5", false},
+    {"status", "{}/qelctl status", false},
+    {"why", "{}/qelctl why 202 Gateway", false},
+    {"watch", "{}/qelctl watch Doorphone --since 0 --for 0.3", false},
+    {"undo", "{}/qelctl undo --no-wait", false},
     {"stop", "{}/qelserver -stop", false},
 };
 
@@ -87,7 +92,7 @@ inline constexpr SStep aSteps[] = {
     {"Gateway", "Gateway to answer about all its features", "Gateway: <- notify code {} data {} -> reply"},
     {"Voice", "Voice to take up its features", "Voice: enable {} with {}"},
     {"Tracing", "the daemon to pass over what Tracing holds", "daemon: already has .* at comp Tracing"},
-    {"operator", "the daemon to take in the list", "daemon: newadd feature 134 1", "The list changes"},
+    {"apply", "the daemon to take in the list", "daemon: newadd feature 134 1", "The list changes"},
     // Enters when the list has changed, as the change begins the delivery of each feature anew, and before
     // the next audit pass, which takes a feature that nobody waits for as settled.
     {"Doorphone", "the door phone to get its feature", "Doorphone: <- notify code 161"},
@@ -98,10 +103,15 @@ inline constexpr SStep aSteps[] = {
 
 // Whatever went before. No pattern: the components are asked to end, and have done so.
 inline constexpr SStep aEnding[] = {
-    {"after", "the list to be shown", "after: ended", "The end"},
-    {"", "the components to end", ""},
+    {"after", "the list to be shown", "after: ended", "The operator asks"},
+    {"wait", "the new feature to be delivered", "wait: ended"},
+    {"status", "an answer", "status: ended"},
+    {"why", "an answer", "why: ended"},
+    {"watch", "an answer", "watch: ended"},
+    {"", "the components to end", "", "The end"},
     {"stop", "qelserver -stop to end", "stop: ended"},
     {"", "the daemon to end", "daemon: ended"},
+    {"undo", "the list before to be put back", "undo: ended"},
 };
 
 struct SLines {
@@ -132,17 +142,16 @@ inline const SExpectation aExpectations[] = {
     {"Telephony fetched the {} features that concern it", {{"Telephony: -> fetch .* code {} data {}"}}},
     {"Voice took up the {} features that concern it", {{"Voice: enable {} with {}"}}},
     {"Gateway was notified of the {} features that concern it", {{"Gateway: <- notify code {} data {}"}}},
-    {"Tracing holds 401:1, and was not sent it",
-     {{R"(daemon: already has .*, 401, 1\) at comp Tracing)"}, {"Tracing: <- notify code 401", 0}}},
-    {"Tracing holds 403:1, and was not sent it",
-     {{R"(daemon: already has .*, 403, 1\) at comp Tracing)"}, {"Tracing: <- notify code 403", 0}}},
-    {"134:1 came: Telephony took it up", {{"Telephony: <- notify code 134 data 1 -> reply ok"}}},
-    {"134:1 came: Voice took it up",
-     {{"Voice: enable 134 with 1"}, {R"(daemon: feature \(134\): got reply ok from comp \(Voice\))"}}},
-    {"102 changed from 64 to 96: Telephony was told, and changed it",
-     {{"Telephony: <- modify code 102 data 64 new data 96 -> reply ok"}}},
-    {"102 changed from 64 to 96: Gateway was told, and changed it",
-     {{"Gateway: <- modify code 102 data 64 new data 96 -> reply ok"}}},
+    {"Tracing holds 401:1 and 403:1, and was sent neither",
+     {{R"(daemon: already has .*, 401, 1\) at comp Tracing)"},
+      {R"(daemon: already has .*, 403, 1\) at comp Tracing)"},
+      {"Tracing: <- notify code 40[13]", 0}}},
+    {"134:1 came: Telephony and Voice took it up",
+     {{"Telephony: <- notify code 134 data 1 -> reply ok"},
+      {"Voice: enable 134 with 1"},
+      {"wait: delivered after"}}},
+    {"102 changed from 64 to 96: Telephony and Gateway were told, and changed it",
+     {{"(?:Telephony|Gateway): <- modify code 102 data 64 new data 96 -> reply ok", 2}}},
     {"115 went: Telephony was told, and gave it up", {{"Telephony: <- disable code 115 .* -> reply ok"}}},
     {"115 has left the daemon's table", {{"daemon: remove deleted feature 115"}}},
     {"every notification that Telephony got was answered ok", answered("Telephony", "(?=.*Telephony).*")},
@@ -159,6 +168,14 @@ inline const SExpectation aExpectations[] = {
      {{R"(daemon: feature: check comp Doorphone \d+ at feature 161)", 3},
       {"Doorphone: <- notify code 161", 4},
       {R"(daemon: feature: failed comp Doorphone \d+ at feature 161)", 1}}},
+    {"qelctl shows the refusal and the giving up, and no other problem",
+     {{"status: 161 1 .* GAVE UP 3 sends"},
+      {"status: 202 1 .* REFUSED \"refused at the prompt\""},
+      {"status: 2 problems,.* delivered"},
+      {"status: ended, status 3"},
+      {"why: Now: Gateway refused"},
+      {"watch: 161:1 Doorphone sent -> gave up"}}},
+    {"qelctl undo put the first list back", {{"undo: .* is now what"}, {"undo: ended, status 0"}}},
     {"no process ended before its time", {oNobodyDead}},
     {"nothing had to be waited for in vain", {{R"(\.\.\.: no longer)", 0}}},
     {"each component ended with exit status 0", {{R"([A-Z]\w+: ended, status 0)", 5}}},
