@@ -396,6 +396,12 @@ bool isModificationAnswered(CCompStatus::ECStatus status) {
     return (bit(status) & nModificationAnswered) != 0;
 }
 
+bool isPending(const CFeatureEntry& entry, const CCompStatus& record) {
+    CCompStatus looked = record; // which is only looked at
+    const SRow* row = findRow(dvAudit, entry, looked);
+    return row != nullptr && (row->m_eTo != nByNotify || findRow(dvNotify, entry, looked) != nullptr);
+}
+
 // Stamps are whole seconds, so a reply is overdue from 10 to 11 seconds after the send; the next timeout
 // pass, up to 12 seconds later, finds it.
 bool isOverdue(const CCompStatus& record) {

@@ -83,6 +83,9 @@ bool isWaiting(CCompStatus::ECStatus status);
 bool isAnswered(CCompStatus::ECStatus status);
 // The same, in the modifying phase only: 10, 11, 12.
 bool isModificationAnswered(CCompStatus::ECStatus status);
+// The next audit that comes to the record sends something, or gives up sending. It says nothing of whether
+// the component monitors.
+bool isPending(const CFeatureEntry& entry, const CCompStatus& record);
 // The record is waiting, and its stamp is more than nReplyTimeout whole seconds old.
 bool isOverdue(const CCompStatus& record);
 

@@ -10,6 +10,7 @@
 #include "messaging/endpoint/CMFWServer.h"
 #include "messaging/wire/status.h"
 #include "server/log/log.h"
+#include "server/status/holdings.h"
 #include "server/status/recorder.h"
 
 #include <algorithm>
@@ -475,6 +476,8 @@ constexpr SRow aQuestions[] = {
     {sqCounters, tellCounters},
     {sqTally, tally},
     {sqList, tellList},
+    {sqHoldings, tellHoldings},
+    {sqHeld, tellHoldings},
 };
 
 void endWork(std::chrono::steady_clock::time_point now) {
