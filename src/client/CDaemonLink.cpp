@@ -76,6 +76,7 @@ CDaemonLink::~CDaemonLink() {
     // Clean-up closes the endpoint of the whole process, so only the link that opened it may ask for that.
     if (m_pOpen == this) {
         OvuMfwDeregisterCallback(nQelServerMfwMsgId);
+        OvuMfwDeregisterCallback(nQelStatusMfwMsgId);
         OvuMfwCleanup();
         m_pOpen = nullptr;
     }
@@ -91,7 +92,8 @@ bool CDaemonLink::open() {
     m_pOpen = this;
     openEvents();
     return OvuMfwGetProcessHandle(nullptr, &m_nOwnHandle) == 0 &&
-           OvuMfwRegisterCallback(nQelServerMfwMsgId, cbReceive) == 0;
+           OvuMfwRegisterCallback(nQelServerMfwMsgId, cbReceive) == 0 &&
+           OvuMfwRegisterCallback(nQelStatusMfwMsgId, cbAnswer) == 0;
 }
 
 // Without them the client still works, but wakes up twice a second.
@@ -124,6 +126,7 @@ bool CDaemonLink::isWatched() {
     }
     if (std::exchange(m_nChanges, changes) != changes) {
         m_tNextLookup = std::min(m_tNextLookup, m_tSoonestLookup);
+        m_bRare = false;
         m_bLookAgain = true;
     }
     return true;
@@ -149,9 +152,9 @@ CDaemonLink::ELookup CDaemonLink::lookUp() {
     }
     const CClientClock::duration pause = 1000 * (processorTime() - before);
     m_tSoonestLookup = now + std::min<CClientClock::duration>(pause, tLongestLookup);
-    const bool isRare = isTold && !std::exchange(m_bLookAgain, false);
-    m_tNextLookup =
-        isRare ? now + tRareLookup : now + std::clamp<CClientClock::duration>(pause, tLookup, tLongestLookup);
+    m_bRare = isTold && !std::exchange(m_bLookAgain, false);
+    m_tNextLookup = m_bRare ? now + tRareLookup
+                            : now + std::clamp<CClientClock::duration>(pause, tLookup, tLongestLookup);
     if (found == m_nDaemon) {
         return ELookup::same;
     }
@@ -201,7 +204,8 @@ uint32_t CDaemonLink::sendReply(uint32_t subType, uint32_t status, std::string_v
 }
 
 // Any error of the framework ends this like an empty queue. It cannot make the caller spin: where there are
-// events they are waited for, and where there are none the framework reports errors only after the time is up.
+// events they are waited for, and where there are none the framework reports errors only after the time is
+// up.
 void CDaemonLink::receive(std::chrono::milliseconds wait, CClientClock::time_point until) {
     const auto limit = static_cast<int>(std::clamp<int64_t>(m_bMore ? 0 : wait.count(), 0, INT_MAX));
     auto timeout = static_cast<uint32_t>(limit);
@@ -231,11 +235,21 @@ void CDaemonLink::cbReceive(uint16_t, uint32_t, const sOvuMfwMessage* message, u
 void CDaemonLink::take(const sOvuMfwMessage& message, uint32_t length) {
     // Traced before it is judged: somebody who debugs a conversation wants to see the strays as well.
     show(0, message.data, length);
-    // The sender's handle is filled in by the framework, not by the sender, so nobody can pose as the daemon.
-    bool fromDaemon = m_nDaemon != nNoHandle && bigEndianWord(message.sender) == m_nDaemon;
-    if (fromDaemon && length >= sizeof(CQelServerMessage)) {
+    if (isFromDaemon(message) && length >= sizeof(CQelServerMessage)) {
         m_oInbox.push_back(readBody<CQelServerMessage>(message.data, length));
     }
+}
+
+void CDaemonLink::cbAnswer(uint16_t, uint32_t, const sOvuMfwMessage* message, uint32_t length) {
+    if (message && m_pOpen && m_pOpen->isFromDaemon(*message)) {
+        const auto* body = reinterpret_cast<const uint8_t*>(message) + OVU_MFW_DATA_OFFSET;
+        m_pOpen->m_vAnswer.assign(body, body + length);
+    }
+}
+
+// The sender's handle is filled in by the framework, not by the sender, so nobody can pose as the daemon.
+bool CDaemonLink::isFromDaemon(const sOvuMfwMessage& message) const {
+    return m_nDaemon != nNoHandle && bigEndianWord(message.sender) == m_nDaemon;
 }
 
 // What a callback in C++ throws must leave neither by the framework nor by the C interface.
@@ -267,20 +281,36 @@ CQelMessageHeader CDaemonLink::header(uint32_t type, uint32_t subType, size_t le
     return header;
 }
 
-// A daemon that has gone and one whose queue is full both make sending fail. The next look-up, which is soon
-// then, tells which it is.
 uint32_t CDaemonLink::send(const CQelMessageHeader& header, const void* body, size_t length) {
     sOvuMfwMessage message = {};
     static_assert(sizeof(CQelNameMessage) + nMaxKnownPairs * sizeof(CQelPair) <= sizeof message.data);
     static_assert(sizeof(CQelReplyMessage) <= sizeof message.data);
-    if (m_nDaemon == nNoHandle) {
-        return 0;
-    }
     std::memcpy(message.data, body, length);
-    if (OvuMfwSendMessage(m_nDaemon, nQelServerMfwMsgId, 0, &message, static_cast<uint32_t>(length)) != 0) {
-        m_tNextLookup = std::min<CClientClock::time_point>(m_tNextLookup, CClientClock::now() + tLookup);
+    if (!sendBody(nQelServerMfwMsgId, message, length)) {
         return 0;
     }
     show(1, message.data, length);
     return header.m_nTag;
+}
+
+uint32_t CDaemonLink::sendQuestion(CStatusQuestion question) {
+    sOvuMfwMessage message = {};
+    const uint32_t tag = nextTag();
+    question.m_nTag = tag;
+    std::memcpy(message.data, &question, sizeof question);
+    return sendBody(nQelStatusMfwMsgId, message, sizeof question) ? tag : 0;
+}
+
+// A daemon that has gone and one whose queue is full both make sending fail. The next look-up, which is soon
+// then, tells which it is.
+bool CDaemonLink::sendBody(uint16_t type, sOvuMfwMessage& message, size_t length) {
+    if (m_nDaemon == nNoHandle) {
+        return false;
+    }
+    if (OvuMfwSendMessage(m_nDaemon, type, 0, &message, static_cast<uint32_t>(length)) != 0) {
+        m_tNextLookup = std::min<CClientClock::time_point>(m_tNextLookup, CClientClock::now() + tLookup);
+        m_bRare = false;
+        return false;
+    }
+    return true;
 }

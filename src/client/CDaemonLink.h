@@ -6,6 +6,7 @@
 #include "client/CFeatureTable.h"
 #include "client/CPatience.h"
 #include "client/qelclient.h"
+#include "messaging/wire/status.h"
 #include "messaging/wire/wire.h"
 #include "platform/mfw.h"
 
@@ -15,6 +16,7 @@
 #include <deque>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 // Knows nothing of the conversation: it sends what it is asked to send, and keeps what came from the daemon,
@@ -39,6 +41,8 @@ public:
     // Opens the process's endpoint. False: the framework refuses, and the link is of no use. Call it once,
     // before anything else.
     [[nodiscard]] bool open();
+    // The framework's callbacks go to the link that was opened last; from now on to this one.
+    void takeCallbacks() { m_pOpen = this; }
 
     enum class ELookup {
         notDue,
@@ -50,12 +54,16 @@ public:
     ELookup lookUp();
     uint32_t handle() const { return m_nDaemon; }
     CClientClock::time_point nextLookup() const { return m_tNextLookup; }
+    // The platform tells when one is needed: it may as well wait for the next occasion.
+    bool isLookupRare() const { return m_bRare; }
+    uint32_t ownHandle() const { return m_nOwnHandle; }
 
     // These return the tag that the answer will carry, or 0 if the message could not be sent. An announcement
     // takes the first nMaxKnownPairs of `held`; a text is cut at nMaxReplyTextLength bytes.
     uint32_t sendAnnouncement(const std::vector<SFeature>& held);
     uint32_t sendRequest(uint32_t subType);
     uint32_t sendReply(uint32_t subType, uint32_t status, std::string_view text);
+    uint32_t sendQuestion(CStatusQuestion question);
 
     // Waits at most this long for a message, then takes in what has arrived, but no more once `until` has
     // come. The trace callback is called from here. hasMore(): there may be more, so do not wait.
@@ -69,14 +77,19 @@ public:
     void wake();                                       // any thread, signal handlers
     // The messages received and not taken yet, the oldest first.
     std::deque<CQelServerMessage>& inbox() { return m_oInbox; }
+    // Of the answers to questions only the latest is kept: one is asked at a time.
+    std::vector<uint8_t> takeAnswer() { return std::exchange(m_vAnswer, {}); }
 
 private:
     static void cbReceive(uint16_t type, uint32_t id, const sOvuMfwMessage* message, uint32_t length);
+    static void cbAnswer(uint16_t type, uint32_t id, const sOvuMfwMessage* message, uint32_t length);
+    bool isFromDaemon(const sOvuMfwMessage& message) const;
     void take(const sOvuMfwMessage& message, uint32_t length);
     void show(int sent, const uint8_t* body, size_t length) const;
     uint32_t nextTag();
     CQelMessageHeader header(uint32_t type, uint32_t subType, size_t length);
     uint32_t send(const CQelMessageHeader& header, const void* body, size_t length);
+    bool sendBody(uint16_t type, sOvuMfwMessage& message, size_t length);
     void openEvents();
     bool isWatched();
 
@@ -96,6 +109,8 @@ private:
     uint32_t m_nChanges = 0;   // the platform's number
     bool m_bLookAgain = false; // the platform has told something, and no look-up has followed yet
     bool m_bMore = false;
+    bool m_bRare = false;
+    std::vector<uint8_t> m_vAnswer;
     std::deque<CQelServerMessage> m_oInbox;
 };
 

@@ -1,5 +1,8 @@
 #include "client/CFeatureTable.h"
 
+#include "messaging/wire/holdings.h"
+
+#include <algorithm>
 #include <utility>
 
 std::optional<SFeature> CFeatureTable::findHeld(const SFeature& feature) const {
@@ -12,6 +15,41 @@ std::optional<SFeature> CFeatureTable::findHeld(const SFeature& feature) const {
         return std::nullopt;
     }
     return it->first;
+}
+
+std::optional<SFeature> CFeatureTable::findOutdated(uint32_t code, const std::set<SFeature>& inForce) const {
+    const auto isKept = [&](const SFeature& feature) {
+        return std::any_of(m_oRefused.begin(), m_oRefused.end(), [&](const auto& refused) {
+            return refused.second == feature && inForce.count(refused.first);
+        });
+    };
+    for (auto it = m_oHeld.lower_bound({code, 0}); it != m_oHeld.end() && it->first.m_nCode == code; ++it) {
+        if (!inForce.count(it->first) && !isKept(it->first)) {
+            return it->first;
+        }
+    }
+    return std::nullopt;
+}
+
+// What is kept instead of something refused is a matter between the component and itself: in the daemon's
+// eyes it has gone.
+uint64_t CFeatureTable::digest() const {
+    uint64_t sum = 0;
+    std::set<SFeature> spared;
+    for (const auto& [feature, old] : m_oRefused) {
+        sum += digestOf(feature, heRefused);
+        if (old) {
+            spared.insert(*old);
+        }
+    }
+    for (const auto& [feature, seen] : m_oHeld) {
+        sum += spared.count(feature) ? 0 : digestOf(feature, heHeld);
+    }
+    return sum;
+}
+
+void CFeatureTable::forgetRefusals(const std::set<SFeature>& inForce) {
+    std::erase_if(m_oRefused, [&](const auto& refused) { return !inForce.count(refused.first); });
 }
 
 std::vector<SFeature> CFeatureTable::list(size_t limit) const {
@@ -38,7 +76,10 @@ bool CFeatureTable::see(const SFeature& feature) {
         it->second = true;
         return false;
     }
-    if (m_oRefused.count(feature)) {
+    if (auto it = m_oRefused.find(feature); it != m_oRefused.end()) {
+        if (auto old = it->second ? m_oHeld.find(*it->second) : m_oHeld.end(); old != m_oHeld.end()) {
+            old->second = true; // and so is what is kept instead
+        }
         return false;
     }
     // The list has not shown the pair that is held under this code. Either it still comes, and both are in

@@ -27,8 +27,17 @@ public:
     // At most `limit` features, by code, then data.
     std::vector<SFeature> list(size_t limit) const;
 
+    // The lowest pair held with this code that `inForce` lacks, but for one that is kept instead of what is
+    // in force and refused.
+    std::optional<SFeature> findOutdated(uint32_t code, const std::set<SFeature>& inForce) const;
+    // As the daemon computes it (messaging/wire/holdings.h), over what is held and refused.
+    uint64_t digest() const;
+
     // A feature that is added while a fetch is under way counts as seen in it.
-    void add(const SFeature& feature) { m_oHeld[feature] = true; }
+    void add(const SFeature& feature) {
+        m_oHeld[feature] = true;
+        m_oRefused.erase(feature);
+    }
     void remove(const SFeature& feature) { m_oHeld.erase(feature); }
 
     // A fetch is beginFetch(), then see() for each pair, then gone() or takeChanges() and gone(). It may
@@ -37,7 +46,12 @@ public:
     void beginFetch(bool anew);
     // True for a pair that is to be offered to the component now: neither held, nor set aside, nor refused.
     [[nodiscard]] bool see(const SFeature& feature);
-    void refuse(const SFeature& feature) { m_oRefused.insert(feature); }
+    // What the component does not want to have, and what it keeps instead, if anything.
+    void refuse(const SFeature& feature, const std::optional<SFeature>& kept) { m_oRefused[feature] = kept; }
+    // It is offered again, or not in force any more.
+    void forgetRefusal(const SFeature& feature) { m_oRefused.erase(feature); }
+    // Of all that is refused, only what is in force still is.
+    void forgetRefusals(const std::set<SFeature>& inForce);
     // A notification about this code is newer than what the fetch set aside, so that is dropped.
     void forgetSetAside(uint32_t code);
 
@@ -55,7 +69,7 @@ private:
 
     std::map<SFeature, bool> m_oHeld; // true: seen in the latest fetch, or added since it began
     std::set<SFeature> m_oSetAside;
-    std::set<SFeature> m_oRefused;
+    std::map<SFeature, std::optional<SFeature>> m_oRefused; // each with what is kept instead
 };
 
 #endif

@@ -8,6 +8,11 @@
 
 namespace {
 
+constexpr size_t nMaxHandled = 256; // notifications in one go
+
+constexpr std::chrono::seconds tSoon{2};   // after a doubt: what is under way should be over
+constexpr std::chrono::seconds tProbe{45}; // after which a request without an answer is asked about
+
 CClientClock::duration patience(const qel_options& options) {
     const std::chrono::milliseconds wanted(options.answer_timeout_ms);
     return wanted.count() != 0 ? wanted : std::chrono::milliseconds(CPatience::tDefault);
@@ -29,7 +34,7 @@ CClientClock::time_point deadlineAfter(int timeoutMs) {
 
 CQelClient::CQelClient(const char* name, const qel_options& options)
     : m_oOptions(options), m_oLink(name, options.trace, options.user),
-      m_oPatience(patience(options), chance()) {}
+      m_oPatience(patience(options), chance()), m_oAsking(name), m_oChance(chance()) {}
 
 int CQelClient::hold(const SFeature& feature) {
     m_oTable.add(feature);
@@ -40,6 +45,9 @@ int CQelClient::hold(const SFeature& feature) {
 // restart of the daemon.
 int CQelClient::announce(int timeoutMs) {
     m_bWanted = true;
+    if (std::exchange(m_bReplaced, false)) {
+        startOver();
+    }
     return pump([this] { return m_bAnnounced; }, timeoutMs);
 }
 
@@ -77,7 +85,7 @@ int CQelClient::run(int timeoutMs) {
             return false;
         },
         timeoutMs);
-    return cameUp ? QEL_OK : rc;
+    return cameUp && rc != QEL_EREPLACED ? QEL_OK : rc;
 }
 
 // A stop is looked for first, since who waits by itself was woken for it.
@@ -99,7 +107,8 @@ int CQelClient::dispatch(int* nextMs) {
 // announcement is a first one again and tells what is held, for the daemon forgets a component that
 // shuts down.
 int CQelClient::shutdown(const char* text) {
-    bool sent = isKnown() && m_oLink.sendReply(ShutdownMsgType, nReplyOk, text ? text : "") != 0;
+    bool sent = !std::exchange(m_bReplaced, false) && isKnown() &&
+                m_oLink.sendReply(ShutdownMsgType, nReplyOk, text ? text : "") != 0;
     startOver();
     m_oNotifications.clear();
     m_nKnownTo = nNoHandle;
@@ -133,6 +142,9 @@ int CQelClient::pump(const std::function<bool()>& reached, int timeoutMs) {
         if (m_bStop.exchange(false)) {
             return QEL_ESTOPPED;
         }
+        if (m_bReplaced) {
+            return QEL_EREPLACED;
+        }
         if (reached()) {
             return QEL_OK;
         }
@@ -141,6 +153,7 @@ int CQelClient::pump(const std::function<bool()>& reached, int timeoutMs) {
         }
         m_oLink.receive(waitTime(deadline), limit);
         takeMessages();
+        takeAnswerToQuestion();
         if (m_eAwaited != ERequest::none && CClientClock::now() >= m_oPatience.due()) {
             m_oPatience.giveUp();
             startOver();
@@ -153,14 +166,35 @@ int CQelClient::pump(const std::function<bool()>& reached, int timeoutMs) {
 // moment that has passed gives a negative time, which receive() takes as 0.
 std::chrono::milliseconds CQelClient::waitTime(CClientClock::time_point deadline) const {
     auto now = CClientClock::now();
-    auto until = std::min(deadline, m_oLink.nextLookup());
+    if (m_bUnfinished) {
+        return {};
+    }
+    auto until = std::min(deadline, nextAct());
+    // The next wake-up looks the daemon up, too, if the platform tells when that is needed before.
+    if (!m_oLink.isLookupRare() || until == CClientClock::time_point::max()) {
+        until = std::min(until, m_oLink.nextLookup());
+    }
     if (!m_oLink.isWoken()) {
         until = std::min<CClientClock::time_point>(until, now + CDaemonLink::tLookup);
     }
-    if (m_eAwaited != ERequest::none) {
-        until = std::min(until, m_oPatience.due());
-    }
     return std::chrono::ceil<std::chrono::milliseconds>(until - now);
+}
+
+// The next thing that is due by time alone.
+CClientClock::time_point CQelClient::nextAct() const {
+    auto next = CClientClock::time_point::max();
+    if (m_oLink.handle() == nNoHandle || m_bReplaced) {
+        return next;
+    }
+    if (m_eAwaited != ERequest::none) {
+        next = m_bCannotAsk ? m_oPatience.due() : std::min(m_oPatience.due(), m_tProbe);
+    } else if (m_tRetry > CClientClock::now()) {
+        next = m_tRetry;
+    }
+    if (m_oAsking.what() != CAsking::nothing) {
+        return std::min(next, m_oAsking.due());
+    }
+    return isIdle() ? std::min(next, m_tCompare) : next;
 }
 
 void CQelClient::followDaemon() {
@@ -170,6 +204,8 @@ void CQelClient::followDaemon() {
         // not to it.
         m_oNotifications.clear();
         m_oPatience.forget();
+        m_oSettled.reset();
+        m_bCannotAsk = false;
         m_tRetry = {};
     }
 }
@@ -179,28 +215,45 @@ void CQelClient::startOver() {
     m_eAwaited = ERequest::none;
     m_bAnnounced = m_bRewound = m_bListed = m_bMonitored = m_bConfirming = false;
     m_oReply.reset();
+    m_oAsking.end();
+    m_bReconciled = false;
+    m_tCompare = CClientClock::time_point::max();
 }
 
 // Runs until an answer is awaited, or until there is nothing to do. Notifications go before requests, because
 // the daemon allows 10 seconds for a reply, while a request can wait. Those that need no reply do not end
 // this, so there the deadline is looked at: after the first one, which a call may always handle, and not
-// before the reply to the last one is out.
+// before the reply to the last one is out. Their number is limited, too, so that a flood does not keep a
+// caller here that does not wait at all.
 void CQelClient::act(CClientClock::time_point deadline) {
     followDaemon();
+    size_t left = nMaxHandled;
+    m_bUnfinished = false;
     bool mayEnd = false;
-    while (m_bWanted && m_oLink.handle() != nNoHandle && m_eAwaited == ERequest::none &&
+    while (m_bWanted && !m_bReplaced && m_oLink.handle() != nNoHandle && m_eAwaited == ERequest::none &&
            CClientClock::now() >= m_tRetry && !m_bStop) {
         if (!m_oReply && !m_oNotifications.empty()) {
-            if (std::exchange(mayEnd, true) && CClientClock::now() >= deadline) {
+            if (std::exchange(mayEnd, true) && (CClientClock::now() >= deadline || left == 0)) {
+                m_bUnfinished = true;
                 return;
+            }
+            --left;
+            if (mustAsk(m_oNotifications.front())) {
+                if (m_oAsking.what() != CAsking::heldOfCode) {
+                    ask(CAsking::heldOfCode, m_oNotifications.front().m_oFeature.m_nCode);
+                }
+                break;
             }
             // Out of the queue first: deliver() takes in messages, which may change the queue.
             SNotification next = m_oNotifications.front();
             m_oNotifications.pop_front();
             deliver(next);
         } else if (!sendNext()) {
-            return;
+            break;
         }
+    }
+    if (m_bWanted && !m_bReplaced && m_oLink.handle() != nNoHandle && !m_bStop) {
+        askWhatIsDue();
     }
 }
 
@@ -212,7 +265,7 @@ bool CQelClient::sendNext() {
         if (!expect(ERequest::writeReply, tag)) {
             return false;
         }
-        m_oReply.reset();
+        m_oReplied = *std::exchange(m_oReply, std::nullopt);
         return true;
     }
     // From here on, the first goal that is not reached yet.
@@ -235,8 +288,14 @@ bool CQelClient::expect(ERequest request, uint32_t tag) {
         m_tRetry = m_oLink.nextLookup();
         return false;
     }
+    const auto now = CClientClock::now();
     m_eAwaited = request;
-    m_oPatience.ask(tag, CClientClock::now());
+    m_nRequest = tag;
+    ++m_nEvents;
+    m_oPatience.ask(tag, now);
+    m_tProbe =
+        now + std::min<CClientClock::duration>((m_oPatience.due() - now) / 4 * 3,
+                                               tProbe + std::chrono::milliseconds(m_oChance() % 10000));
     return true;
 }
 
@@ -264,6 +323,7 @@ void CQelClient::takeMessages() {
 void CQelClient::take(const CQelServerMessage& message) {
     SFeature feature{message.m_nCode, message.m_nData};
     uint32_t type = message.m_oHeader.m_nType;
+    ++m_nEvents;
     if (type == nQelServerReplyMsgType) {
         // Even a late answer proves that this daemon has had an announcement of this process.
         m_nKnownTo = m_oLink.handle();
@@ -282,13 +342,14 @@ void CQelClient::take(const CQelServerMessage& message) {
 void CQelClient::takeNotification(const SNotification& notification) {
     uint32_t code = notification.m_oFeature.m_nCode;
     if (notification.m_nType == nQelServerTimeoutMsgType) {
+        doubt(tSoon); // the message may never have come, and a disable does not come again
         for (SNotification& waiting : m_oNotifications) {
             waiting.m_bOverdue = waiting.m_bOverdue || waiting.m_oFeature.m_nCode == code;
         }
         if (m_pDelivering && m_pDelivering->m_oFeature.m_nCode == code) {
             m_pDelivering->m_bOverdue = true;
         }
-        if (m_oReply && m_oReply->m_nCode == code) {
+        if (m_oReply && m_oReply->m_oFeature.m_nCode == code) {
             m_oReply.reset();
         }
     }
@@ -312,11 +373,25 @@ void CQelClient::takeAnswer(const SFeature& feature) {
         }
         break;
     case ERequest::startMonitor:
+        // What the daemon withdrew between its page and this it had nobody to tell. Those who start together
+        // do not ask together.
         m_bMonitored = true;
+        doubt(tSoon + std::chrono::milliseconds(m_oChance() % 3000));
         break;
-    case ERequest::writeReply: // names the feature that the reply was credited to; nothing depends on it
+    case ERequest::writeReply:
+        takeCredit(feature);
+        break;
     case ERequest::none:
         break;
+    }
+}
+
+// If the answer names another feature, or none, then some feature counts as accepted, or refused, of which
+// this side has not told it.
+void CQelClient::takeCredit(const SFeature& feature) {
+    const SFeature& replied = m_oReplied.m_oFeature;
+    if (feature != replied && feature != SFeature{replied.m_nCode, m_oReplied.m_nNewData}) {
+        doubt(tSoon);
     }
 }
 
@@ -327,8 +402,8 @@ void CQelClient::takePage(const SFeature& feature) {
         return waiting.m_oFeature.m_nCode == feature.m_nCode && waiting.m_nType != nQelServerTimeoutMsgType;
     });
     // Without a text, for the daemon awaits no reply to a page.
-    if (m_oTable.see(feature) && offer({std::nullopt, feature}, true) != QEL_OK) {
-        m_oTable.refuse(feature);
+    if (m_oTable.see(feature)) {
+        offer({std::nullopt, feature}, true);
     }
 }
 
@@ -346,8 +421,7 @@ void CQelClient::endOfList() {
 }
 
 // Changes first: taking them marks the pairs that are replaced, which gone() must not report as withdrawn.
-// What is withdrawn is dropped whatever the component answers, for the daemon no longer knows it. A change
-// that is refused remains a difference, so the next fetch offers it again.
+// What is withdrawn is dropped whatever the component answers, for the daemon no longer knows it.
 void CQelClient::reportFetched() {
     for (const auto& change : m_oTable.takeChanges()) {
         offer({change.m_oOld, change.m_oNew}, true);
@@ -370,6 +444,9 @@ void CQelClient::deliver(SNotification notification) {
     const CMarked delivering(m_pDelivering, notification);
     // No page about this code has come since: takePage() would have dropped the notification.
     m_oTable.forgetSetAside(notification.m_oFeature.m_nCode);
+    if (notification.m_bAsked && !notification.m_oInForce) {
+        doubt(tSoon);
+    }
     bool changes = difference.m_oOld != difference.m_oNew;
     int result = changes ? offer(difference, false, &text) : repeat(notification, text);
     if (result == QEL_NO_REPLY) {
@@ -381,7 +458,7 @@ void CQelClient::deliver(SNotification notification) {
     takeMessages();
     if (!notification.m_bOverdue) {
         // 1 is the only status that means success; every other one is a refusal.
-        m_oReply = {notification.m_oFeature.m_nCode, result == QEL_OK ? nReplyOk : 0, text};
+        m_oReply = {notification.m_oFeature, notification.m_nNewData, result == QEL_OK ? nReplyOk : 0, text};
     }
 }
 
@@ -390,23 +467,31 @@ void CQelClient::deliver(SNotification notification) {
 // something that is not held. The same pair twice: it is held already.
 CQelClient::SDifference CQelClient::compare(const SNotification& notification) const {
     const SFeature& feature = notification.m_oFeature;
+    auto old = m_oTable.findHeld(feature);
+    if (notification.m_bAsked && old != feature) {
+        old = notification.m_oInForce ? m_oTable.findOutdated(feature.m_nCode, *notification.m_oInForce)
+                                      : std::nullopt;
+    }
     if (notification.m_nType == nQelServerDisableMsgType) {
-        return {m_oTable.findHeld(feature), std::nullopt};
+        return {old, std::nullopt};
     }
     bool modifies = notification.m_nType == nQelServerModifyMsgType;
     SFeature target{feature.m_nCode, modifies ? notification.m_nNewData : feature.m_nData};
     if (m_oTable.holds(target)) {
         return {target, target};
     }
-    return {m_oTable.findHeld(feature), target};
+    return {old, target};
 }
 
-// Tells the component of a difference. The table follows only if the component accepts.
+// Tells the component of a difference. The table follows only if the component accepts. A refusal is noted,
+// so that no comparison with the daemon offers it again. Who gives no answer to a notification is told again
+// by the daemon.
 int CQelClient::offer(const SDifference& difference, bool fetched, std::string* text) {
     const auto& [before, after] = difference;
     const SFeature& feature = before ? *before : *after;
     int kind = !after ? QEL_DISABLE : before ? QEL_MODIFY : QEL_ENABLE;
     uint32_t newData = kind == QEL_MODIFY ? after->m_nData : 0;
+    m_oTable.forgetRefusal(after ? *after : feature);
     int result =
         call({sizeof(qel_notification), kind, feature.m_nCode, feature.m_nData, newData, fetched}, text);
     if (result == QEL_OK) {
@@ -416,6 +501,8 @@ int CQelClient::offer(const SDifference& difference, bool fetched, std::string* 
         if (after) {
             m_oTable.add(*after);
         }
+    } else if (after && (fetched || result != QEL_NO_REPLY)) {
+        m_oTable.refuse(*after, before);
     }
     return result;
 }
@@ -427,7 +514,9 @@ int CQelClient::repeat(const SNotification& notification, std::string& text) {
     bool modifies = notification.m_nType == nQelServerModifyMsgType;
     SFeature feature = notification.m_oFeature;
     feature.m_nData = modifies ? notification.m_nNewData : feature.m_nData;
-    if (!disables) {
+    if (disables) {
+        m_oTable.forgetRefusal(feature);
+    } else {
         m_oTable.add(feature); // marks it as seen if a fetch is under way
     }
     if (!m_oOptions.notify_unchanged) {

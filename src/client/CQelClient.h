@@ -2,6 +2,7 @@
 #ifndef QEL_CLIENT_CQELCLIENT_H
 #define QEL_CLIENT_CQELCLIENT_H
 
+#include "client/CAsking.h"
 #include "client/CDaemonLink.h"
 #include "client/CFeatureTable.h"
 #include "client/CPatience.h"
@@ -12,7 +13,10 @@
 #include <deque>
 #include <functional>
 #include <optional>
+#include <random>
+#include <set>
 #include <string>
+#include <utility>
 
 // The conversation has three goals, in this order: announced, listed (if wanted), monitored (if wanted).
 // After that the client answers what comes. It always asks next for the first goal not reached. So when
@@ -34,6 +38,17 @@
 //   after an announcement that names nothing. For when a withdrawn feature leaves the daemon's table during
 //   the paging, the page after it is skipped.
 // - A notification that has become overdue gets no reply: the daemon would credit it to another feature.
+// - A notification about a code that is held with other data may bring a change, or one more value: nothing
+//   is dropped before the daemon has said which values are in force. If it does not say, nothing is dropped.
+// - Messages get lost, and replies are credited to the wrong features. So once a minute while monitoring, and
+//   after whatever looks odd (doubt()), the digest of what is held and refused is compared with the daemon's.
+//   On a difference the component is told what differs from the values in force. While anything is under way
+//   on either side this says nothing, and is put off.
+// - A difference that remains, say because the daemon takes for accepted what the component has refused, is
+//   settled: it counts as none until either side changes.
+// - The daemon answers in order. So the answer to a question that was asked after a request proves that the
+//   request or its answer was lost.
+// - Where the name is registered for another living process, this one leaves the daemon alone.
 //
 // Used by one thread at a time, which m_bBusy ensures; only stop() may be called by others.
 class CQelClient {
@@ -59,6 +74,7 @@ public:
     int descriptor() const { return m_oLink.descriptor(); }
     int state() const;
     const CFeatureTable& table() const { return m_oTable; }
+    CDaemonLink& link() { return m_oLink; }
 
     // Set while somebody is inside the client. The C interface sets it, so that other threads and
     // callbacks stay out.
@@ -72,6 +88,8 @@ private:
         SFeature m_oFeature;
         uint32_t m_nNewData = 0;
         bool m_bOverdue = false; // the daemon no longer awaits a reply
+        bool m_bAsked = false;   // which values are in force: those, or none if there was no answer
+        std::optional<std::set<SFeature>> m_oInForce = {};
     };
 
     // What the component holds differs from what the daemon says.
@@ -93,7 +111,8 @@ private:
     };
 
     struct SReply {
-        uint32_t m_nCode = 0;
+        SFeature m_oFeature; // and its data afterwards
+        uint32_t m_nNewData = 0;
         uint32_t m_nStatus = 0;
         std::string m_sText;
     };
@@ -102,6 +121,7 @@ private:
     // stop() was called.
     int pump(const std::function<bool()>& reached, int timeoutMs);
     std::chrono::milliseconds waitTime(CClientClock::time_point deadline) const;
+    CClientClock::time_point nextAct() const;
     void followDaemon();
     void startOver();
 
@@ -117,9 +137,24 @@ private:
     void take(const CQelServerMessage& message);
     void takeNotification(const SNotification& notification);
     void takeAnswer(const SFeature& feature);
+    void takeCredit(const SFeature& feature);
     void takePage(const SFeature& feature);
     void endOfList();
     void reportFetched();
+
+    // Asking the daemon what it believes (CQelClientCompare.cpp).
+    void doubt(CClientClock::duration delay);
+    bool isIdle() const;
+    bool mustAsk(const SNotification& notification) const;
+    void askWhatIsDue();
+    void ask(CAsking::EWhat what, uint32_t code = 0);
+    bool sendQuestion();
+    void giveUpQuestion();
+    void takeAnswerToQuestion();
+    void takeInForce();
+    void takeHoldings(const CStatusHoldings& sum);
+    void compareDigests(const CStatusHoldings& sum);
+    void reconcile();
 
     // What the component is told.
     void deliver(SNotification notification);
@@ -151,7 +186,23 @@ private:
     std::deque<SNotification> m_oNotifications; // the component has yet to hear of these
     SNotification* m_pDelivering = nullptr;     // the component is hearing of this one now
     std::optional<SReply> m_oReply;             // to be sent before anything else
-    int m_nHandled = 0;                         // differences and notifications told, since wait() began
+    SReply m_oReplied;                          // sent last
+
+    CAsking m_oAsking;
+    bool m_bCannotAsk = false; // an older daemon
+    bool m_bReplaced = false;
+    CClientClock::time_point m_tCompare = CClientClock::time_point::max();
+    CClientClock::time_point m_tAsked{};
+    CClientClock::time_point m_tProbe{}; // of the request that is under way
+    uint32_t m_nRequest = 0;             // its tag
+    uint32_t m_nProbed = 0;     // the tag of the request that was under way when the question was asked
+    uint64_t m_nEvents = 0;     // messages of the conversation, either way
+    uint64_t m_nAskedAt = 0;    // m_nEvents when the question was asked
+    bool m_bReconciled = false; // a difference that is left now is settled
+    std::optional<std::pair<uint64_t, uint64_t>> m_oSettled; // the daemon's digest and ours
+    std::minstd_rand m_oChance;
+    bool m_bUnfinished = false; // act() has left notifications for the next time
+    int m_nHandled = 0;         // differences and notifications told, since wait() began
 };
 
 #endif

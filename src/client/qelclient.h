@@ -24,9 +24,10 @@
  * Results: 0 or a positive count is success; a negative number is one of QEL_E..., which
  * qel_strerror() puts in words.
  *
- * Times are in milliseconds. 0: handle what is there, do not wait. QEL_FOREVER: no limit. No call takes
- * longer than it was asked to, except for the callback that is running when the time is up, and for those
- * that tell the differences at the end of a fetch or of a comparison, which belong together.
+ * Times are in milliseconds. 0: handle what is there, some hundred notifications at most, and do not wait.
+ * QEL_FOREVER: no limit. No call takes longer than it was asked to, except for the callback that is running
+ * when the time is up, and for those that tell the differences at the end of a fetch or of a comparison,
+ * which belong together.
  *
  * Threads: there is one client in a process, since the message framework gives a process one endpoint. It
  * belongs to the client from qel_open to qel_close. One thread at a time uses the client. Only qel_stop may
@@ -133,8 +134,8 @@ struct qel_notification {
  * waits no longer for an answer. */
 typedef int (*qel_notify_fn)(void* user, const struct qel_notification* notification, char* text);
 
-/* Sees every message as it is sent (`sent` 1) or received (0), also those that the library then ignores.
- * `body` is valid during the call. */
+/* Sees every message of the conversation, though not the questions of comparisons, as it is sent (`sent` 1) or
+ * received (0), also those that the library then ignores. `body` is valid during the call. */
 typedef void (*qel_trace_fn)(void* user, int sent, const uint8_t* body, size_t length);
 
 struct qel_options {

@@ -278,7 +278,7 @@ int OvuMfwCleanup(void) {
 int OvuMfwGetProcessHandle(const char* processName, uint32_t* handle) {
     const CPlentyOfMemory plenty;
     if (processName == nullptr) {
-        *handle = 1;
+        *handle = fake().m_nOwnHandle;
         return fake().enter("OvuMfwGetProcessHandle");
     }
     fake().m_fnOnLookup();

@@ -68,6 +68,7 @@ public:
     std::vector<std::string> m_vCalls; // "function argument", in order; not of each function
     std::map<uint16_t, OvuMfwCallback> m_oCallbacks;
     std::map<std::string, uint32_t> m_oProcesses; // name to handle, for look-ups
+    uint32_t m_nOwnHandle = 1;                    // of the process that asks
     std::set<uint32_t> m_oDead;                   // sends to these handles fail with 111
     std::map<std::string, uint32_t> m_oEvents;    // that exist, by name
     std::vector<uint32_t> m_vWaits;               // milliseconds that osReceiveEvent was given

@@ -54,12 +54,13 @@ CHoldingsWalk::CHoldingsWalk(const CStatusQuestion& question, const CQelControl&
         m_oSum.m_nGone = isGone(*m_pComponent);
         m_oSum.m_nMonitors = m_pComponent->m_bMonitor;
     }
-    const auto& [position, code, data, rest] = question.m_oCursor.m_aWords;
+    const uint32_t position = question.m_oCursor.m_aWords[0];
+    const SFeature pair{question.m_oCursor.m_aWords[1], question.m_oCursor.m_aWords[2]};
     const auto& entries = control.features().m_vItems;
-    const auto isAt = [&, &leaving = position](size_t at) {
+    const auto isAt = [&](size_t at) {
         const CFeatureEntry* entry = entries[at];
-        return entry != nullptr && entry->m_nCode == code && entry->m_nData == data &&
-               entry->isLeaving() == ((leaving & nLeavingMark) != 0);
+        return entry != nullptr && entry->id() == pair &&
+               entry->isLeaving() == ((position & nLeavingMark) != 0);
     };
     m_nNext = std::min<size_t>(position & ~nLeavingMark, entries.size());
     while (m_nNext > 0 && !isAt(m_nNext - 1)) {
