@@ -253,7 +253,9 @@ TEST_F(CEventTest, EmptySlotsHinderNothingAndResultsAreOneForDone) {
         EXPECT_EQ(seven.addComponent(CFeatureEntry::opAdd, &all), 0);
     }
     shutDown(0x21);
+    const CEntries left = control().features().m_vItems;
     control().clearFeatureArray();
+    std::ranges::for_each(left, [](CFeatureEntry* entry) { delete entry; });
 }
 
 TEST_F(CEventTest, NumbersOfTheDescriptionFileAreSigned) {

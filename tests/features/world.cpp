@@ -9,8 +9,19 @@
 #include <memory>
 #include <sstream>
 
+namespace {
+
+int nEntries = 0; // of the tests, that have not been deleted yet
+
+struct CCountedEntry final : CFeatureEntry {
+    CCountedEntry() : CFeatureEntry(nullptr) { ++nEntries; }
+    ~CCountedEntry() override { --nEntries; }
+};
+
+} // namespace
+
 CFeatureEntry* fresh(uint32_t code, uint32_t data, const CNames& names) {
-    auto* entry = new CFeatureEntry(nullptr);
+    auto* entry = new CCountedEntry;
     entry->m_nCode = code;
     entry->m_nData = data;
     entry->m_vCompNames = names;
@@ -50,6 +61,7 @@ void empty() {
         const std::unique_ptr<CFeatureEntry> entry(control().features().m_vItems.back());
         EXPECT_EQ(control().delFeature(entry.get()), 1);
     }
+    EXPECT_EQ(nEntries, 0) << "an entry is nobody's";
 }
 
 int newList(const CEntries& entries) {

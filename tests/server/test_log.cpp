@@ -62,6 +62,12 @@ TEST_F(CLogTest, EachLineHasItsStampAndOpensTheLogAnew) {
     }
 }
 
+TEST_F(CLogTest, AThreadsFirstLineIsStampedEvenAtTheEpoch) {
+    platform().m_nMicroseconds = 0;
+    std::jthread([] { CQelServer::LogFile("early"); }).join();
+    EXPECT_EQ(contents(m_sPath), "1970-01-01 00:00:00.000: early\n");
+}
+
 TEST_F(CLogTest, ALineThatDoesNotFitOnTheDiskLeavesNothingBehind) {
     std::signal(SIGXFSZ, SIG_IGN);
     rlimit limit{};

@@ -81,10 +81,10 @@ protected:
         CTexts told;
         for (const SStatusRecord& one : ask(about(sqDeliveries, filter, code, component)).m_vRecords) {
             const auto record = readRecord<CStatusDelivery>(one);
-            told.push_back(std::to_string(record.m_nCode) + " " + std::to_string(record.m_nData) + " " +
-                           std::string(fieldText(record.m_szComponent)) + " " +
-                           std::to_string(record.m_nState) + " " + std::to_string(record.m_nSends) + " " +
-                           std::to_string(record.m_nWhy) + " " + std::string(one.m_sText));
+            told.push_back(fmt::format("{} {} {} {} {} {} {}", uint32_t{record.m_nCode},
+                                       uint32_t{record.m_nData}, fieldText(record.m_szComponent),
+                                       uint32_t{record.m_nState}, uint32_t{record.m_nSends},
+                                       uint32_t{record.m_nWhy}, one.m_sText));
         }
         return told;
     }
@@ -98,10 +98,11 @@ protected:
         CTexts told;
         for (const SStatusRecord& one : page.m_vRecords) {
             const auto step = readRecord<CStatusTransition>(one);
-            told.push_back(std::string(fieldText(step.m_szComponent)) + " " + std::to_string(step.m_nCode) +
-                           " " + std::to_string(step.m_nData) + " " + std::to_string(step.m_nFrom) + ">" +
-                           std::to_string(step.m_nTo) + " " + std::string(aCauseWords[step.m_nCause]) +
-                           (step.m_nWhy == swNone ? "" : fmt::format(": {} {}", +step.m_nWhy, one.m_sText)));
+            told.push_back(fmt::format(
+                "{} {} {} {}>{} {}{}", fieldText(step.m_szComponent), uint32_t{step.m_nCode},
+                uint32_t{step.m_nData}, uint32_t{step.m_nFrom}, uint32_t{step.m_nTo},
+                aCauseWords[step.m_nCause],
+                step.m_nWhy == swNone ? "" : fmt::format(": {} {}", uint32_t{step.m_nWhy}, one.m_sText)));
         }
         return told;
     }
@@ -413,11 +414,12 @@ TEST_F(CStatusTest, TheEntryInForceIsNotTakenForTheOneThatLeft) {
 // asker is told to begin anew, and that only where the entry at the cursor went.
 TEST_F(CStatusTest, PagesTellEachThatStaysOnce) {
     std::mt19937 random(1);
-    for (const char* name : {"A", "B", "C", "D", "E", "F", "G", "H"}) {
-        component(name, static_cast<uint32_t>(*name));
-    }
     int rounds[2] = {};
     for (int round = 0; round < 60; ++round) {
+        empty();
+        for (const char* name : {"A", "B", "C", "D", "E", "F", "G", "H"}) {
+            component(name, static_cast<uint32_t>(*name));
+        }
         const auto grow = [&](uint32_t code) {
             CFeatureEntry& entry = feature(code, 1, EFStatus::fsActive, {});
             for (CComponent* comp : control().components().m_vItems) {
@@ -440,11 +442,10 @@ TEST_F(CStatusTest, PagesTellEachThatStaysOnce) {
             }
             question.m_oCursor = page.m_oAnswer.m_oCursor;
             for (int i = 0; i < 8; ++i) {
-                CFeatureEntry* entry =
-                    control().features().m_vItems[random() % control().features().m_vItems.size()];
+                const auto& table = control().features().m_vItems;
+                const std::unique_ptr<CFeatureEntry> entry(table[random() % table.size()]);
                 gone.insert(entry->m_nCode);
-                control().delFeature(entry);
-                delete entry;
+                control().delFeature(entry.get());
             }
             grow(1000 + static_cast<uint32_t>(told.size()));
         } while (page.m_oAnswer.m_nMore == 1);
@@ -454,14 +455,6 @@ TEST_F(CStatusTest, PagesTellEachThatStaysOnce) {
         for (uint32_t code = 1; code <= 400 && !isChanged; ++code) {
             EXPECT_TRUE(gone.contains(code) || told[code] == (round % 3 == 0 ? 1 : 8))
                 << round << " " << code;
-        }
-        for (CComponent* comp : control().components().m_vItems) {
-            comp->clearFeatureArray();
-        }
-        while (!control().features().m_vItems.empty()) {
-            CFeatureEntry* entry = control().features().m_vItems.back();
-            control().delFeature(entry);
-            delete entry;
         }
     }
     EXPECT_GT(rounds[0], 20);
