@@ -242,6 +242,7 @@ TEST_F(CEventTest, EmptySlotsHinderNothingAndResultsAreOneForDone) {
     EXPECT_EQ(comp.delFeatureEntry(&seven) + comp.findFeatureEntry(&seven), 0);
     EXPECT_EQ(comp.auditFeature(), 0);
     EXPECT_EQ(control().auditComp(&comp), 1) << "it is put back";
+    EXPECT_EQ(seven.findCompName(nullptr) + seven.addComponent(CFeatureEntry::opAdd, nullptr), 0);
     const CFeatureEntry& other = feature(7, 72, fsDeleted);
     EXPECT_EQ(control().findFeatureByCode(7), &seven);
     EXPECT_EQ(control().findFeatureByCodeData(7, 72), &other);
