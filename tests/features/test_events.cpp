@@ -249,9 +249,9 @@ TEST_F(CEventTest, EmptySlotsHinderNothingAndResultsAreOneForDone) {
     EXPECT_EQ(control().findFeatureByCode(8), nullptr);
     EXPECT_EQ(control().findFeatureByCodeData(8, 71), nullptr);
     CComponent& all = component("ALL", 0x22);
-    {
+    for (const bool isRecord : {true, false}) {
         const CScarceMemory scarce(1);
-        EXPECT_EQ(seven.addComponent(CFeatureEntry::opAdd, &all), 0);
+        EXPECT_EQ(isRecord ? seven.addComponent(CFeatureEntry::opAdd, &all) : all.addFeatureEntry(&seven), 0);
     }
     shutDown(0x21);
     const CEntries left = control().features().m_vItems;
