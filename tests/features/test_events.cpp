@@ -7,6 +7,8 @@
 #include "server/status/status.h"
 #include "support/scarce_memory.h"
 
+#include <memory>
+
 namespace {
 
 using enum CFeatureEntry::EFStatus;
@@ -237,7 +239,8 @@ TEST_F(CEventTest, EmptySlotsHinderNothingAndResultsAreOneForDone) {
     request(nQelClientGetFeatureMsgType, 0x21);
     EXPECT_EQ(told(), (CTexts{"33: 0 0 0 0", "33: 0 7 71 0", "33: 0 0 0 0"}));
     control().notifyComponents("text");
-    EXPECT_EQ(comp.delFeatureEntry(nullptr) + control().delComponent(&component("Other")), 1);
+    const std::unique_ptr<CComponent> gone(&component("Other"));
+    EXPECT_EQ(comp.delFeatureEntry(nullptr) + control().delComponent(gone.get()), 1);
     EXPECT_EQ(comp.delFeatureEntry(&seven), 1);
     EXPECT_EQ(comp.delFeatureEntry(&seven) + comp.findFeatureEntry(&seven), 0);
     EXPECT_EQ(comp.auditFeature(), 0);
