@@ -95,6 +95,7 @@ protected:
         setNumber(question.m_oCursor.m_aWords, after);
         const SPage page = ask(question);
         EXPECT_EQ(page.m_oAnswer.m_nResult, result);
+        EXPECT_TRUE(page.m_oAnswer.m_nMore == 1 || number(page.m_oAnswer.m_oCursor.m_aWords) == last());
         CTexts told;
         for (const SStatusRecord& one : page.m_vRecords) {
             const auto step = readRecord<CStatusTransition>(one);
