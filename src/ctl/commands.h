@@ -110,6 +110,11 @@ struct SExplainOptions : SCommonOptions {
     std::vector<std::string> m_vWords; // an event's number, or the words of a line
 };
 
+struct SMetricsOptions : SCommonOptions {
+    std::string m_sOutput;     // path; empty: standard output
+    bool m_bOldFormat = false; // the one before OpenMetrics
+};
+
 // Each runs on the calling thread until its command is done. They throw only where memory runs out; main()
 // reports that.
 int runList(const SListOptions& options);
@@ -124,5 +129,6 @@ int runApply(const SApplyOptions& options);
 int runUndo(const SApplyOptions& options);
 int runSchema();
 int runExplain(const SExplainOptions& options);
+int runMetrics(const SMetricsOptions& options);
 
 #endif

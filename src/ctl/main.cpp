@@ -48,6 +48,7 @@ struct SOptions {
     SComponentOptions m_oComponent;
     SExplainOptions m_oExplain;
     SDaemonOptions m_oDaemon;
+    SMetricsOptions m_oMetrics;
     std::string m_sHelp; // the command that help is asked for; empty: all
     bool m_bHelpJson = false;
 };
@@ -224,6 +225,22 @@ void addExplain(CLI::App& command, SOptions& all) {
     command.footer("Asks no daemon. The line may have time, host and program before its text.");
 }
 
+void addOutput(CLI::App& command, SCommonOptions& common, std::string& path) {
+    command.add_option("-o,--output", path, "Write this file, in one step")->option_text("FILE");
+    addSeconds(command, "--timeout", common.m_nTimeout, "How long each answer of the daemon may take");
+}
+
+void addMetrics(CLI::App& command, SOptions& all) {
+    addOutput(command, all.m_oMetrics, all.m_oMetrics.m_sOutput);
+    command
+        .add_option_function<std::string>(
+            "--format", [&all](const std::string& word) { all.m_oMetrics.m_bOldFormat = word == "text"; },
+            "OpenMetrics, or the text format before it")
+        ->check(CLI::IsMember({"openmetrics", "text"}))
+        ->option_text("openmetrics|text");
+    command.footer("Where no daemon answers, it prints qel_up 0 and exits with 2.");
+}
+
 void addSchema(CLI::App& command, SOptions&) {
     command.footer("Editors that know it check a list while it is written.");
 }
@@ -261,6 +278,8 @@ constexpr SCommand aCommands[] = {
      [](const SOptions& options) { return runComponent(options.m_oComponent); }},
     {"explain", "Tell what an event of the log means, and what to do.", addExplain,
      [](const SOptions& options) { return runExplain(options.m_oExplain); }},
+    {"metrics", "Print what there is to count and measure, for those who keep graphs.", addMetrics,
+     [](const SOptions& options) { return runMetrics(options.m_oMetrics); }},
     {"schema", "Print the JSON Schema of the feature list.", addSchema,
      [](const SOptions&) { return runSchema(); }},
     {"daemon", "Play the daemon by a script, to test a component.", addDaemon,

@@ -521,4 +521,42 @@ TEST_F(CLooking, EachKeyOfJsonIsDocumented) {
     EXPECT_EQ(documents[2]["cause"], "audit");
 }
 
+TEST_F(CLooking, MetricsCountEachStateAndNoNameBreaksThem) {
+    m_oTables[sqComponents].push_back(component("a\\\"\n\xff", 15, 1));
+    m_oTables[sqComponents].push_back(component("a\\\"\n\xfe", 16, 1)); // the same, as UTF-8
+    CStatusCounter counter;
+    setNumber(counter.m_aValue, uint64_t{1} << 40);
+    m_oTables[sqCounters] = {record(counter, "sent.failed"), record(counter, "sent.active-features"),
+                             record(counter, "accepted"), record(counter, "of-tomorrow")};
+    const SText text = run(runMetrics, SMetricsOptions{});
+    for (const char* line :
+         {"qel_up 1", "qel_deliveries{component=\"Gate\",state=\"refused\"} 1",
+          "qel_deliveries{component=\"Gate\",state=\"gave_up\"} 0",
+          "qel_deliveries{component=\"Door\033\",state=\"gave_up\"} 1",
+          "qel_deliveries{component=\"Tape\",state=\"idle\"} 1", "qel_component_alive{component=\"Tape\"} 0",
+          "qel_component_alive{component=\"a\\\\\\\"\\n\xEF\xBF\xBD\"} 1", "qel_next_audit_seconds 3.5",
+          "qel_send_errors_total 1099511627776", "# TYPE qel_send_errors counter",
+          "qel_messages_sent_total{kind=\"active_features\"} 1099511627776",
+          "qel_delivery_outcomes_total{outcome=\"accepted\"} 1099511627776",
+          "qel_other_events_total{event=\"of_tomorrow\"} 1099511627776"}) {
+        const SText whole = SText("\n") + line + "\n";
+        const size_t at = text.find(whole);
+        EXPECT_NE(at, SText::npos) << line << " is missing in\n" << text;
+        EXPECT_EQ(text.find(whole, at + 1), SText::npos) << line;
+    }
+    EXPECT_TRUE(text.ends_with("\n# EOF\nstatus 0\n"));
+    const CTestDirectory directory;
+    SMetricsOptions options;
+    options.m_sOutput = directory.file("qel.prom");
+    put(options.m_sOutput, "before");
+    m_oScript = std::istringstream("cut"); // a daemon that is there, and cannot be understood
+    EXPECT_EQ(run(runMetrics, options), "status 1\n");
+    EXPECT_EQ(contents(options.m_sOutput), "before");
+    m_rPlatform.m_oProcesses.clear();
+    EXPECT_EQ(run(runMetrics, options), "status 2\n");
+    EXPECT_TRUE(contents(options.m_sOutput).ends_with("\nqel_up 0\n# EOF\n"));
+    options.m_sOutput = directory.path(); // in place of a directory or a device it writes nothing
+    EXPECT_EQ(run(runMetrics, options), "status 1\n");
+}
+
 } // namespace
