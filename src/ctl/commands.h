@@ -115,6 +115,10 @@ struct SMetricsOptions : SCommonOptions {
     bool m_bOldFormat = false; // the one before OpenMetrics
 };
 
+struct SPageOptions : SCommonOptions {
+    std::string m_sOutput; // path; empty: standard output
+};
+
 // Each runs on the calling thread until its command is done. They throw only where memory runs out; main()
 // reports that.
 int runList(const SListOptions& options);
@@ -130,5 +134,6 @@ int runUndo(const SApplyOptions& options);
 int runSchema();
 int runExplain(const SExplainOptions& options);
 int runMetrics(const SMetricsOptions& options);
+int runPage(const SPageOptions& options);
 
 #endif

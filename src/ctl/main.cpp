@@ -49,6 +49,7 @@ struct SOptions {
     SExplainOptions m_oExplain;
     SDaemonOptions m_oDaemon;
     SMetricsOptions m_oMetrics;
+    SPageOptions m_oPage;
     std::string m_sHelp; // the command that help is asked for; empty: all
     bool m_bHelpJson = false;
 };
@@ -241,6 +242,11 @@ void addMetrics(CLI::App& command, SOptions& all) {
     command.footer("Where no daemon answers, it prints qel_up 0 and exits with 2.");
 }
 
+void addPage(CLI::App& command, SOptions& all) {
+    addOutput(command, all.m_oPage, all.m_oPage.m_sOutput);
+    command.footer("HTML that needs nothing else: to be looked at in a browser, or to go with a ticket.");
+}
+
 void addSchema(CLI::App& command, SOptions&) {
     command.footer("Editors that know it check a list while it is written.");
 }
@@ -280,6 +286,8 @@ constexpr SCommand aCommands[] = {
      [](const SOptions& options) { return runExplain(options.m_oExplain); }},
     {"metrics", "Print what there is to count and measure, for those who keep graphs.", addMetrics,
      [](const SOptions& options) { return runMetrics(options.m_oMetrics); }},
+    {"page", "Print all that the daemon tells as a page for a browser.", addPage,
+     [](const SOptions& options) { return runPage(options.m_oPage); }},
     {"schema", "Print the JSON Schema of the feature list.", addSchema,
      [](const SOptions&) { return runSchema(); }},
     {"daemon", "Play the daemon by a script, to test a component.", addDaemon,

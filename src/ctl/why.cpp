@@ -1,7 +1,7 @@
 // qelctl why
 #include "ctl/CDaemonView.h"
-#include "ctl/CTransitions.h"
 #include "ctl/commands.h"
+#include "ctl/history.h"
 #include "ctl/json.h"
 #include "ctl/pairs.h"
 #include "ctl/terminal.h"
@@ -12,23 +12,6 @@
 namespace {
 
 constexpr uint32_t nReplyTimeout = 10; // seconds that the daemon awaits an answer
-
-struct SHistory {
-    std::vector<STransitionView> m_vAll; // as they are kept
-    bool m_bWhole = true;                // none was dropped before them
-};
-
-EAsked readHistory(CStatusQuery& query, SHistory& history) {
-    CTransitions transitions(0);
-    do {
-        if (const EAsked asked = transitions.read(query); asked != EAsked::answered) {
-            return asked;
-        }
-        history.m_bWhole = history.m_bWhole && transitions.lost() == 0;
-        history.m_vAll.insert(history.m_vAll.end(), transitions.page().begin(), transitions.page().end());
-    } while (transitions.hasMore());
-    return EAsked::answered;
-}
 
 // A list resets a feature for all that have it; that step names no component.
 bool isOf(const STransitionView& transition, const SPair& pair) {

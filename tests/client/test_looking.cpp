@@ -559,4 +559,22 @@ TEST_F(CLooking, MetricsCountEachStateAndNoNameBreaksThem) {
     EXPECT_EQ(run(runMetrics, options), "status 1\n");
 }
 
+TEST_F(CLooking, NothingOfATextIsMarkupOfThePage) {
+    const SText hostile = "</script><!--<script>&";
+    m_oTables[sqFeatures].push_back(feature(9, 1, hostile, "Gate,</script>"));
+    m_oTables[sqDeliveries].push_back(delivery(9, "Gate", 3, swRefused, hostile));
+    const SText page = run(runPage, SPageOptions{});
+    const SText begin = "<script type=\"application/json\" id=\"data\">";
+    const size_t from = page.find(begin) + begin.size();
+    const SText data = page.substr(from, page.find('<', from) - from);
+    EXPECT_TRUE(SText(page, from + data.size()).starts_with("</script>\n<script>\n'use strict'"));
+    const CJson read = CJson::parse(data);
+    EXPECT_EQ(read["features"].back()["name"], hostile);
+    EXPECT_EQ(read["features"].back()["absent"], CJson::array({"</script>"}));
+    const CJson& row = read["deliveries"]["rows"].back();
+    EXPECT_EQ(row.back(), hostile);
+    EXPECT_EQ(read["components"][row[1].get<size_t>()]["name"], "Gate");
+    EXPECT_EQ(read["states"][row[2].get<size_t>()]["word"], "refused");
+}
+
 } // namespace
