@@ -15,7 +15,8 @@ struct SEnvironmentText {
 
 inline constexpr SEnvironmentText aEnvironmentTexts[] = {
     {"QEL_RUNTIME_DIR", true, true, "where the processes meet; all but its last part must exist",
-     "/run/qel as root, else $XDG_RUNTIME_DIR/qel, else /tmp/qel-<uid>"},
+     "/run/qel for root and who may enter it and write there, else $XDG_RUNTIME_DIR/qel, else "
+     "/tmp/qel-<uid>"},
     {"QEL_FEATURE_LIST", true, true, "the feature list", "compiled in"},
     {"QEL_STATE_DIR", true, true, "where the daemon keeps the list taken last; empty: nowhere",
      "compiled in; nowhere if QEL_FEATURE_LIST is set"},
