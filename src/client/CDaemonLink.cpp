@@ -153,8 +153,9 @@ CDaemonLink::ELookup CDaemonLink::lookUp() {
     const CClientClock::duration pause = 1000 * (processorTime() - before);
     m_tSoonestLookup = now + std::min<CClientClock::duration>(pause, tLongestLookup);
     m_bRare = isTold && !std::exchange(m_bLookAgain, false);
-    m_tNextLookup = m_bRare ? now + tRareLookup
-                            : now + std::clamp<CClientClock::duration>(pause, tLookup, tLongestLookup);
+    const CClientClock::duration rest = found == nNoHandle ? tAbsentLookup : tRareLookup;
+    m_tNextLookup =
+        now + (m_bRare ? rest : std::clamp<CClientClock::duration>(pause, tLookup, tLongestLookup));
     if (found == m_nDaemon) {
         return ELookup::same;
     }

@@ -32,6 +32,9 @@ public:
     static constexpr std::chrono::milliseconds tLookup{500};
     static constexpr std::chrono::seconds tLongestLookup{10};
     static constexpr std::chrono::seconds tRareLookup{60};
+    // But not while there is no daemon: nothing tells that the directory has been made anew, since a process
+    // that holds the old one open keeps its end from being told (inotify(7), IN_DELETE_SELF).
+    static constexpr std::chrono::seconds tAbsentLookup{2};
 
     CDaemonLink(std::string name, qel_trace_fn trace, void* user);
     ~CDaemonLink();

@@ -48,7 +48,7 @@ EExitStatus CApplyWait::run(const SWanted& wanted) {
         asked = look(wanted);
     }
     m_nSeconds = std::chrono::duration<double>(CClock::now() - start).count();
-    m_oProgress.show("");
+    m_oProgress.clear();
     if (asked != EAsked::answered && asked != EAsked::changing) {
         return static_cast<EExitStatus>(reportAsked(asked));
     }

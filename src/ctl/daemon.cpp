@@ -89,8 +89,8 @@ bool CMeetingPlace::open(bool mayMake) {
 class CPlay {
 public:
     CPlay(const SDaemonOptions& options, const SScript& script)
-        : m_oOptions(options), m_oScript(script), m_oReport(options, script.m_vSteps.size()),
-          m_oCommand(options.m_vCommand), m_tWithin(static_cast<int64_t>(options.m_nWithin * 1000)) {}
+        : m_oScript(script), m_oReport(options, script.m_vSteps.size()), m_oCommand(options.m_vCommand),
+          m_tWithin(static_cast<int64_t>(options.m_nWithin * 1000)) {}
 
     int run();
 
@@ -114,7 +114,6 @@ private:
     std::string whatCame() const;
     bool hasEndedByItself() { return m_oCommand.isGiven() && !m_bEnded && !m_oCommand.isRunning(); }
 
-    const SDaemonOptions& m_oOptions;
     const SScript& m_oScript;
     CPlayReport m_oReport;
     CDaemonProcess m_oProcess;

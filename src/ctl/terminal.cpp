@@ -6,8 +6,11 @@
 #include <fmt/format.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
+#include <utility>
 
 namespace {
+
+constexpr char sEraseLine[] = "\r\033[K";
 
 std::string_view environment(const char* name) {
     const char* value = std::getenv(name);
@@ -84,12 +87,20 @@ CProgressLine::CProgressLine(bool isWanted) : m_bWanted(isWanted && isCapable(st
 
 // What was printed on standard output before comes out before.
 void CProgressLine::show(std::string_view text) {
-    if (m_bWanted && (m_bShown || !text.empty())) {
+    if (m_bWanted) {
         std::fflush(stdout);
         const size_t width = lineWidth(stderr);
-        fmt::print(stderr, "\r\033[K{}", cut(text, width == 0 ? 0 : width - 1));
+        fmt::print(stderr, "{}{}", sEraseLine, cut(text, width == 0 ? 0 : width - 1));
         std::fflush(stderr);
-        m_bShown = !text.empty();
+        m_bShown = true;
+    }
+}
+
+void CProgressLine::clear() noexcept {
+    if (std::exchange(m_bShown, false)) {
+        std::fflush(stdout);
+        std::fputs(sEraseLine, stderr);
+        std::fflush(stderr);
     }
 }
 

@@ -10,7 +10,8 @@
 enum class EColour { none, red, green, yellow, dim };
 
 // The text in that colour if `stream` is a terminal that shows colours, else as it is: escape sequences have
-// no business in a file. NO_COLOR in the environment, if it is not empty, and a TERM that is dumb, unknown or empty say that it shows none.
+// no business in a file. NO_COLOR in the environment, if it is not empty, and a TERM that is dumb, unknown or
+// empty say that it shows none.
 std::string paint(std::string_view text, EColour colour, FILE* stream);
 
 // The text with every control character replaced by a question mark. Names and texts come from other
@@ -35,11 +36,12 @@ std::string cut(std::string_view text, size_t columns);
 class CProgressLine {
 public:
     explicit CProgressLine(bool isWanted = true);
-    ~CProgressLine() { show(""); }
+    ~CProgressLine() { clear(); }
     CProgressLine(const CProgressLine&) = delete;
     CProgressLine& operator=(const CProgressLine&) = delete;
 
-    void show(std::string_view text); // empty: none
+    void show(std::string_view text);
+    void clear() noexcept;
 
 private:
     bool m_bWanted;

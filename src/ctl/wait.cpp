@@ -61,7 +61,7 @@ int CWait::run() {
         std::this_thread::sleep_for(std::min<CClock::duration>(tPoll, end - CClock::now()));
         asked = look();
     }
-    m_oProgress.show("");
+    m_oProgress.clear();
     return tell(asked, std::chrono::duration<double>(CClock::now() - start).count());
 }
 

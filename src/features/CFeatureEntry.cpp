@@ -1,6 +1,7 @@
 #include "features/CFeatureEntry.h"
 
 #include "features/CComponent.h"
+#include "features/counters.h"
 #include "features/delivery.h"
 #include "features/description.h"
 #include "server/log/log.h"
@@ -180,6 +181,7 @@ void CFeatureEntry::commitNewData() {
 // All slots of the record go, not only the first: a second one would point at freed memory.
 int CFeatureEntry::remove(CCompStatus& record) {
     deliver(dvRemove, *this, record);
+    ++nTableMoves;
     std::erase(m_vCompStatus, &record);
     delete &record;
     return 1;

@@ -18,6 +18,7 @@ constexpr uint32_t nRebootFeatureList[] = {206, 306, 0};
 
 int CQelControl::addFeatureList(CArray<CFeatureEntry*>& list) {
     count(coMerges);
+    ++nTableMoves;
     return CFeatureMerge(m_aFeatures, list).run();
 }
 

@@ -2,6 +2,7 @@
 
 #include "features/CComponent.h"
 #include "features/CFeatureEntry.h"
+#include "features/counters.h"
 #include "server/log/singleton.h"
 
 #include <algorithm>
@@ -78,6 +79,7 @@ int CQelControl::delComponent(CComponent* comp) {
             entry->addComponent(CFeatureEntry::opRemove, comp);
         }
     }
+    ++nTableMoves;
     return m_aComponents.del(comp);
 }
 

@@ -76,6 +76,10 @@ inline void count(ECounter counter) {
     ++aCounters[counter];
 }
 
+// Changes with whatever may move entries or components in their tables, or records within an entry. A walk over
+// a table that takes several turns goes by it.
+inline uint32_t nTableMoves = 0;
+
 // When the work in hand began, by the steady clock, which costs no system call; the epoch: none is. What
 // handles a message says so first, for the wait before it is no work. server/status takes the time.
 inline std::chrono::steady_clock::time_point oWorkBegan = {};

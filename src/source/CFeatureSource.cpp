@@ -245,7 +245,7 @@ void CFeatureSource::takeMail() {
         m_pMail.swap(mail);
         std::swap(m_oNews, news);
     }
-    takeNotice(std::move(news));
+    takeNotice(std::move(news), mail != nullptr ? mail->m_oReading : m_oState.m_oInForce);
     if (mail != nullptr) {
         deliver(std::move(mail));
     } else if (m_bWaiting) {
@@ -253,8 +253,9 @@ void CFeatureSource::takeMail() {
     }
 }
 
-// A file that says the same as the kept list stands for it from then on.
-void CFeatureSource::takeNotice(SNews news) {
+// A file that says the same as the kept list stands for it from then on. It was compared with the list accepted
+// last, which may still be in the mail.
+void CFeatureSource::takeNotice(SNews news, SListReading& accepted) {
     if (news.m_oLatest.m_eResult == lrNone) {
         return;
     }
@@ -262,7 +263,7 @@ void CFeatureSource::takeNotice(SNews news) {
     aCounters[coListsRefused] += news.m_nRefused;
     m_oState.m_oLatest = std::move(news.m_oLatest);
     if (m_oState.m_oLatest.m_eResult == lrUnchanged) {
-        m_oState.m_oInForce.m_bKept = false;
+        accepted.m_bKept = false;
     }
 }
 

@@ -82,7 +82,7 @@ private:
     void sendNote();
 
     bool isInForce() const { return m_oState.m_oInForce.m_eResult != lrNone; }
-    void takeNotice(SNews news);
+    void takeNotice(SNews news, SListReading& accepted);
     void deliver(CMail mail);
     bool handOver(SMail& mail);
     void carryOn();

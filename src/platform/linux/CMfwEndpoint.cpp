@@ -206,8 +206,8 @@ int CMfwEndpoint::connectionTo(uint32_t handle, CMfwConnection*& connection) {
     return 0;
 }
 
-// A watch that begins says that something may have come: what came before it, nobody has seen. The directory is
-// the one that has come in the place of ours, if there is one.
+// A watch that begins says that something may have come: what came before it, nobody has seen. The directory
+// is the one that has come in the place of ours, if there is one.
 int CMfwEndpoint::watchProcess(const char* processName, uint32_t& changes) {
     const std::lock_guard<std::mutex> guard(m_oMutex);
     if (!m_bOpen) {
@@ -220,6 +220,9 @@ int CMfwEndpoint::watchProcess(const char* processName, uint32_t& changes) {
         follow();
         error = m_oNameWatch.begin(m_oDirectory, processName);
         error = error != 0 ? error : watch(m_oNameWatch.fd(), nNamesId);
+        if (error != 0) {
+            m_oNameWatch.end();
+        }
         ++m_nChanges;
     }
     changes = m_nChanges;

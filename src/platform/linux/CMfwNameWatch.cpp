@@ -3,6 +3,7 @@
 #include "platform/linux/errors.h"
 #include "platform/linux/mfw_names.h"
 
+#include <new>
 #include <sys/inotify.h>
 
 namespace {
@@ -23,25 +24,23 @@ int CMfwNameWatch::begin(const CRuntimeDirectory& directory, const char* process
     return 0;
 }
 
-// The buffer has room for an event of the longest name, without which read(2) would fail with EINVAL.
-bool CMfwNameWatch::hasCome(const CRuntimeDirectory& directory) {
+// One reading: who writes faster than this reads must not keep the endpoint, and what is left shows again. The
+// buffer has room for an event of the longest name, without which read(2) would fail with EINVAL.
+bool CMfwNameWatch::hasCome(const CRuntimeDirectory& directory) try {
     alignas(inotify_event) char buffer[4096];
+    const ssize_t size = m_oEvents ? read(m_oEvents.get(), buffer, sizeof buffer) : 0;
     bool found = false;
-    ssize_t size = 0;
-    while (m_oEvents && (size = read(m_oEvents.get(), buffer, sizeof buffer)) > 0) {
-        for (ssize_t at = 0; at < size;) {
-            const auto* event = reinterpret_cast<const inotify_event*>(buffer + at);
-            at += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
-            if ((event->mask & (nGone | IN_Q_OVERFLOW)) != 0) {
-                found = true;
-                if ((event->mask & nGone) != 0) {
-                    end();
-                    break;
-                }
-            } else {
-                found = found || (event->len != 0 && isNameFileOf(directory, event->name, m_sName));
-            }
+    for (ssize_t at = 0; at < size;) {
+        const auto* event = reinterpret_cast<const inotify_event*>(buffer + at);
+        at += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
+        if ((event->mask & nGone) != 0) {
+            end();
+            return true;
         }
+        found = found || (event->mask & IN_Q_OVERFLOW) != 0 ||
+                (event->len != 0 && isNameFileOf(directory, event->name, m_sName));
     }
     return found;
+} catch (const std::bad_alloc&) {
+    return true; // it may have
 }

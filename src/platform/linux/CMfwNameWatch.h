@@ -17,8 +17,8 @@ public:
     void end() { m_oEvents.close(); }
     bool isOf(const char* processName) const { return m_oEvents && m_sName == processName; }
 
-    // Takes the events that are there. Whether the process may have come: its name was written, or events were
-    // lost, or the directory has gone.
+    // Takes some of the events that are there. Whether the process may have come: its name was written, or
+    // events were lost, or the directory has gone, or there was no memory to look.
     [[nodiscard]] bool hasCome(const CRuntimeDirectory& directory);
 
     int fd() const { return m_oEvents.get(); }

@@ -17,8 +17,9 @@
 class CRuntimeDirectory {
 public:
     // Opens the directory that the environment names at this moment: QEL_RUNTIME_DIR, else /run/qel for root
-    // and whoever else may enter it and write there, else $XDG_RUNTIME_DIR/qel, else /tmp/qel-<uid>. If it is missing, it is created with mode 0700; its
-    // parents are not. EACCES: the one in /tmp is not the user's own, or anybody may write to it.
+    // and whoever else may enter it and write there, else $XDG_RUNTIME_DIR/qel, else /tmp/qel-<uid>. If it is
+    // missing, it is created with mode 0700; its parents are not. EACCES: the one in /tmp is not the user's
+    // own, or anybody may write to it.
     [[nodiscard]] int open();
 
     // The same, but ENOENT if it is missing.

@@ -11,8 +11,9 @@ class CFeatureEntry;
 class CQelControl;
 
 // A walk over the table from the question's cursor on, for one page. The table may change between two pages.
-// Entries keep their order, and new ones come at the end, so the entry at the cursor is found at its position
-// or before it; where it is gone, or has other data, the asker must begin anew.
+// Entries in force keep their order, and new ones come at the end, so the entry at the cursor is found at its
+// place or before it; where it is gone, or has other data, the asker must begin anew. Those that leave move: of
+// them some may be counted twice as under way, after which the asker asks again anyway.
 //
 // Looks at so much as takes a fraction of a turn. Logs nothing, takes no memory, does not throw. On the main
 // loop's thread, within one message.

@@ -125,11 +125,9 @@ constexpr uint32_t nLeavingMark = 1U << 31;
 constexpr uint32_t nOrderShift = 24;
 constexpr uint32_t nPositions = (1U << nOrderShift) - 1; // far more than any table has
 
-// Changes with what can move entries, or records within one: a list puts those that leave behind the others,
-// and a component that goes takes its records along.
+// A list puts the entries that leave behind the others, and a component that goes takes its records along.
 uint32_t orderOfTables() {
-    return static_cast<uint32_t>(aCounters[coMerges] + aCounters[coShutdowns]) << nOrderShift &
-           ~(nLeavingMark | nPositions);
+    return nTableMoves << nOrderShift & ~(nLeavingMark | nPositions);
 }
 
 // A walk over a table that may change from one page to the next. The cursor names the entry that was told
