@@ -245,10 +245,13 @@ void CFeatureSource::takeMail() {
         m_pMail.swap(mail);
         std::swap(m_oNews, news);
     }
-    takeNotice(std::move(news), mail != nullptr ? mail->m_oReading : m_oState.m_oInForce);
     if (mail != nullptr) {
+        takeNotice(std::move(news), mail->m_oReading);
         deliver(std::move(mail));
-    } else if (m_bWaiting) {
+        return;
+    }
+    takeNotice(std::move(news), m_oState.m_oInForce);
+    if (m_bWaiting) {
         carryOn();
     }
 }

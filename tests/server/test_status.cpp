@@ -243,7 +243,7 @@ TEST_F(CStatusTest, AFailureIsToldWithItsReason) {
     EXPECT_EQ(counters()["given-up"], givenUp + 1);
     CFeatureEntry& silent = feature(4, 40, EFStatus::fsActive, {"Voice"});
     record(silent, *control().findCompByMFW(0x21), 0).m_nDisableTries = 1;
-    for (uint32_t sends : {1, 2, 3}) {
+    for (uint32_t sends : {1U, 2U, 3U}) {
         control().audit();
         EXPECT_EQ(deliveries(sfCode, 4), CTexts{fmt::format("4 40 Voice 1 {} 0 ", sends)});
     }
