@@ -124,9 +124,10 @@ void addDaemon(CMetricsText& text, const SSummaryView& summary) {
     text.sample(uint32_t{summary.m_tStarted});
     text.gauge("qel_clock_timestamp_seconds", "What the daemon's clock showed, since the epoch.", "seconds");
     text.sample(uint32_t{summary.m_tNow});
-    text.gauge("qel_turn_latest_seconds", "Processor time of the main loop's latest turn.", "seconds");
+    text.gauge("qel_turn_latest_seconds", "Work of the main loop's latest turn, without its waits.",
+               "seconds");
     text.sample(summary.m_nLatestTurn * nMicro);
-    text.gauge("qel_turn_busiest_seconds", "Processor time of its busiest turn since the start.", "seconds");
+    text.gauge("qel_turn_busiest_seconds", "Work of its busiest turn since the start.", "seconds");
     text.sample(summary.m_nBusiestTurn * nMicro);
     text.gauge("qel_next_audit_seconds", "Time until the next audit, about.", "seconds");
     text.sample(summary.m_nNextPass * nMilli);
