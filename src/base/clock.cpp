@@ -9,7 +9,7 @@ uint32_t systemSeconds() {
     return static_cast<uint32_t>(std::time(nullptr));
 }
 
-timeval systemTimeOfDay() {
+[[gnu::hot]] timeval systemTimeOfDay() {
     timeval now{};
     gettimeofday(&now, nullptr);
     return now;
@@ -28,7 +28,7 @@ uint32_t nowSeconds() {
     return pClock->m_fnSeconds();
 }
 
-timeval nowTimeOfDay() {
+[[gnu::hot]] timeval nowTimeOfDay() {
     return pClock->m_fnTimeOfDay();
 }
 

@@ -11,7 +11,7 @@
 
 constinit std::atomic<CMFWServer*> CMFWServer::m_pInstance = nullptr;
 
-CMFWServer* CMFWServer::instance() {
+[[gnu::hot]] CMFWServer* CMFWServer::instance() {
     return singleton(m_pInstance, [] { return new (std::nothrow) CMFWServer; });
 }
 
@@ -99,7 +99,7 @@ int CMFWServer::sendMessage(uint32_t handle, uint32_t userDefinedId, sOvuMfwMess
     return error;
 }
 
-int CMFWServer::recvMessage(uint32_t timeoutMs) {
+[[gnu::hot]] int CMFWServer::recvMessage(uint32_t timeoutMs) {
     const int result = OvuMfwProcessNextMessage(timeoutMs);
     if (result != 0 && result != OVU_MFW_NO_MESSAGE) {
         logEvent(svError, 31156, "OvuMfwProcessNextMessage error = %ld", long{result});

@@ -110,7 +110,7 @@ bool CMfwEndpoint::follow() {
     return isSettled;
 }
 
-void CMfwEndpoint::followWhenDue() {
+[[gnu::hot]] void CMfwEndpoint::followWhenDue() {
     const auto now = std::chrono::steady_clock::now();
     if (now >= m_tNextLook) {
         m_tNextLook = now + std::chrono::milliseconds(nLookMs);
@@ -230,7 +230,7 @@ int CMfwEndpoint::watchProcess(const char* processName, uint32_t& changes) {
 }
 
 // Waits only while there is nothing to deliver, but looks each time: what has come is taken in as it comes.
-int CMfwEndpoint::receive(const CDeadline& deadline, SMfwMessage& message, CMfwRecord& record) {
+[[gnu::hot]] int CMfwEndpoint::receive(const CDeadline& deadline, SMfwMessage& message, CMfwRecord& record) {
     bool mayWait = prepareToReceive();
     for (;;) {
         epoll_event ready[nMaxReady];
@@ -262,7 +262,7 @@ int CMfwEndpoint::receive(const CDeadline& deadline, SMfwMessage& message, CMfwR
 }
 
 // False: a message is here already.
-bool CMfwEndpoint::prepareToReceive() {
+[[gnu::hot]] bool CMfwEndpoint::prepareToReceive() {
     const std::lock_guard<std::mutex> guard(m_oMutex);
     if (m_bOpen) {
         followWhenDue();
@@ -284,7 +284,7 @@ int CMfwEndpoint::takeOut(SMfwMessage& message, CMfwRecord& record) {
     return error;
 }
 
-void CMfwEndpoint::takeInHeld() {
+[[gnu::hot]] void CMfwEndpoint::takeInHeld() {
     if (m_oHeld) {
         m_oInbox.add(*m_oHeld);
         m_oHeld.reset();
@@ -347,7 +347,7 @@ bool CMfwEndpoint::mayJoin(const CMfwConnection& connection) const {
            std::count_if(m_oConnections.begin(), m_oConnections.end(), ofSamePeer) <= nMaxConnectionsOfPeer;
 }
 
-void CMfwEndpoint::setListening(bool listening) {
+[[gnu::hot]] void CMfwEndpoint::setListening(bool listening) {
     if (m_bListening == listening || !m_oListener) {
         return;
     }

@@ -26,14 +26,14 @@ struct SFramework {
     std::unordered_map<uint16_t, OvuMfwCallback> m_oCallbacks;
 };
 
-SFramework& framework() {
+[[gnu::hot]] SFramework& framework() {
     static SFramework& instance = *new SFramework;
     return instance;
 }
 
 // The caller shares ownership: if another thread cleans up meanwhile, the endpoint is closed at once, but
 // destroyed only when the last operation has left it.
-std::shared_ptr<CMfwEndpoint> currentEndpoint() {
+[[gnu::hot]] std::shared_ptr<CMfwEndpoint> currentEndpoint() {
     const std::lock_guard<std::mutex> guard(framework().m_oMutex);
     return framework().m_pEndpoint;
 }
@@ -190,7 +190,7 @@ int OvuMfwSendMessage(uint32_t handle, uint16_t type, uint32_t userDefinedId, co
 // The callback runs without any lock, so it may call every function of the framework, a clean-up included.
 // Message and record are on this stack, hence the contract's rule that a record is valid during the call
 // only.
-int OvuMfwProcessNextMessage(uint32_t timeoutMs) {
+[[gnu::hot]] int OvuMfwProcessNextMessage(uint32_t timeoutMs) {
     SMfwMessage message;
     CMfwRecord record;
     if (const int error = guarded([&] { return receiveRecord(timeoutMs, message, record); })) {

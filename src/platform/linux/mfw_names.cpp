@@ -108,7 +108,7 @@ int CMfwNameClaim::publish(const std::string& name) const {
 
 // By its path, so that it does not matter whether the file was removed, the directory, or one above it. Where
 // the question fails, say for want of memory, nothing is known to have changed.
-bool CMfwNameClaim::isInPlace() const {
+[[gnu::hot]] bool CMfwNameClaim::isInPlace() const {
     struct stat found {};
     if (!m_oLocked) {
         return false;

@@ -168,7 +168,7 @@ private:
     uint32_t m_nNext = 1;
 };
 
-CEventTable& events() {
+[[gnu::hot]] CEventTable& events() {
     static CEventTable& instance = *new CEventTable;
     return instance;
 }
@@ -211,7 +211,7 @@ int osSendEvent(uint32_t handle) {
 
 // The deadline stands before the look-up, because a failure has to wait out the time: a loop around this call
 // has no pause of its own.
-int osReceiveEvent(uint32_t handle, uint32_t waitMs) {
+[[gnu::hot]] int osReceiveEvent(uint32_t handle, uint32_t waitMs) {
     return guarded([&] {
         const CDeadline deadline(waitMs);
         const auto event = events().find(handle);

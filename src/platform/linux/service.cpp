@@ -97,6 +97,6 @@ void OvuServiceReport(uint32_t state, const char* text, uint32_t timeMs) {
     tellSystemd(message);
 }
 
-void OvuServiceAlive() {
+[[gnu::hot]] void OvuServiceAlive() {
     feedWatchdog();
 }

@@ -164,7 +164,7 @@ void tellSystemd(const char* state) {
            reinterpret_cast<const sockaddr*>(&address), length);
 }
 
-void feedWatchdog() {
+[[gnu::hot]] void feedWatchdog() {
     static const uint64_t interval = feedInterval();
     static uint64_t due = 0;
     if (interval == 0) {

@@ -134,7 +134,11 @@ void CQelServer::clear() {
 
 // One thread does everything in turn: the passes, one message, the wait. So the tables need no lock, and a
 // message never sees a pass half done.
-int CQelServer::run() {
+//
+// Whatever a turn calls that has nothing to do is marked hot, from here to the platform: the linker then puts it side by
+// side. A turn begins after 50 ms of sleep with cold caches, and what it costs is the pages that it touches, not its
+// thousand instructions.
+[[gnu::hot]] int CQelServer::run() {
     for (uint32_t turn = 1;; ++turn) {
         const uint32_t start = millisecondOfSecond();
         reportAlive();
@@ -161,7 +165,7 @@ uint32_t CQelServer::waitAfter(uint32_t elapsed) {
 
 // The message is handled inside the call, by cbQelServer() or by the feature source's callback. No message
 // within the time is the normal case of an idle daemon.
-int CQelServer::processMessages() {
+[[gnu::hot]] int CQelServer::processMessages() {
     CMFWServer* endpoint = CMFWServer::instance();
     if (endpoint == nullptr) {
         logEvent(svError, 31122, "cannot get message framework");
