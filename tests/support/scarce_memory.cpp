@@ -7,6 +7,7 @@
 namespace {
 
 thread_local size_t nLeft = 0; // allocations up to the one that fails; 0: none does
+thread_local size_t nHeld = 0;
 thread_local bool bFailed = false;
 thread_local CScarceMemory::EKind eKind = CScarceMemory::knAny;
 
@@ -15,7 +16,13 @@ void* allocate(size_t size, CScarceMemory::EKind kind) noexcept {
         bFailed = true;
         return nullptr;
     }
+    ++nHeld;
     return std::malloc(size != 0 ? size : 1);
+}
+
+void release(void* memory) noexcept {
+    nHeld -= memory != nullptr ? 1 : 0;
+    std::free(memory);
 }
 
 } // namespace
@@ -32,6 +39,10 @@ CScarceMemory::~CScarceMemory() {
 
 bool CScarceMemory::hasFailed() {
     return bFailed;
+}
+
+size_t CScarceMemory::held() {
+    return nHeld;
 }
 
 CPlentyOfMemory::CPlentyOfMemory() : m_nBefore(std::exchange(nLeft, 0)) {}
@@ -62,17 +73,17 @@ void* operator new[](size_t size, const std::nothrow_t&) noexcept {
 }
 
 void operator delete(void* memory) noexcept {
-    std::free(memory);
+    release(memory);
 }
 
 void operator delete[](void* memory) noexcept {
-    std::free(memory);
+    release(memory);
 }
 
 void operator delete(void* memory, size_t) noexcept {
-    std::free(memory);
+    release(memory);
 }
 
 void operator delete[](void* memory, size_t) noexcept {
-    std::free(memory);
+    release(memory);
 }

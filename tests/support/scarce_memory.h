@@ -16,6 +16,8 @@ public:
 
     // Whether it has come to that.
     static bool hasFailed();
+    // How many allocations this thread has made and not given back.
+    static size_t held();
 };
 
 // What is allocated while this lives is not the daemon's: it neither counts nor fails.
