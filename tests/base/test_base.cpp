@@ -9,7 +9,16 @@
 
 namespace {
 
+int nextDescriptor() {
+    const int next = dup(STDIN_FILENO);
+    close(next);
+    return next;
+}
+
 struct CFileTest : testing::Test {
+    ~CFileTest() override { EXPECT_EQ(nextDescriptor(), m_nNext) << "a file stays open"; }
+
+    const int m_nNext = nextDescriptor();
     const CTestDirectory m_oDirectory;
     const std::string m_sPath = m_oDirectory.file("file");
 };
@@ -138,6 +147,14 @@ TEST_F(CFileTest, AFileIsReplacedAsAWholeOrNotAtAllAndNothingElseStays) {
     }
     EXPECT_TRUE(std::filesystem::exists(partial)) << "of the next one, who is writing";
     umask(mask);
+    ++like.st_uid; // only the owner differs
+    CFileReplacement given(m_sPath);
+    const bool isRoot = geteuid() == 0; // who may give it away
+    EXPECT_EQ(given.write("", &like),
+              isRoot ? "" : "cannot give owner and mode to " + partial + ": Operation not permitted");
+    struct stat status {};
+    EXPECT_EQ(stat(partial.c_str(), &status), 0);
+    EXPECT_EQ(status.st_uid, isRoot ? like.st_uid : geteuid());
     EXPECT_EQ(CFileReplacement("/none/file").write("", nullptr),
               "cannot create /none/.file.partial: No such file or directory");
     EXPECT_EQ(CFileReplacement("/none/file").publish(),

@@ -138,6 +138,11 @@ TEST_F(CEventTest, AModificationEndsWhenAllHaveAnsweredToItOrNobodyIsThere) {
         EXPECT_EQ(entry().m_nNewData, state == 4 ? pending : 0);
         EXPECT_EQ(entry().m_eStatus, state == 4 ? fsModify : fsActive);
     }
+    CComponent& comp = voice(fsModify);
+    record(entry(), comp, 9);
+    record(entry(), component("Other", 0x22), 2);
+    reply(0x21, 1);
+    EXPECT_EQ(entry().m_eStatus, fsModify) << "the other was not told yet";
     voice(fsActive);
     EXPECT_EQ(newList({fresh(7, 71)}), 0);
     EXPECT_EQ(lines(),
@@ -207,6 +212,7 @@ TEST_F(CEventTest, AComponentBeginsWithNothingAndAWellKnownOneAsIfItHadAnnounced
     CComponent& voice = *control().findCompByName("Voice");
     const auto bytes = bytesOf(voice.m_oHeader);
     EXPECT_EQ(toHex({bytes.data(), bytes.size()}), "000000000000001100000000000000000000000100000052");
+    EXPECT_EQ(control().notifyFeatures(nullptr, &voice), 0) << "there is no feature";
     EXPECT_EQ(voice.m_nProcessId, 0u);
     EXPECT_EQ(voice.m_nReplyStatus + voice.m_bMonitor, 2u);
     voice.m_nNextFeature = 3;
@@ -330,6 +336,12 @@ TEST_F(CEventTest, OnlyAMessageThatIsLongerThanARecordTakesMemoryAndNoMessageAtA
         EXPECT_FALSE(CScarceMemory::hasFailed());
     }
     EXPECT_EQ(told(), CTexts{"33: 1 7 70 0"});
+    for (const size_t more : {0, 1}) {
+        const std::string body(sizeof sOvuMfwMessage::data + more, 'x');
+        const CScarceMemory scarce(1);
+        EXPECT_EQ(endpoint.sendBody(0x21, body), more != 0 ? CMFWServer::nErrorNoMemory : 0);
+    }
+    platform().takeSent();
     for (uint32_t code = 1; code <= 100; ++code) {
         feature(code, code + 1).m_bSourced = 0;
     }
@@ -372,6 +384,8 @@ TEST_F(CEventTest, WithoutMemoryForControlOrEndpointAMessageIsDroppedAndTold) {
         starved(1, [&] { return receive(fromOam), 0; });
         EXPECT_EQ(last(lines()), (CTexts{sNoMemory, "2 31037 OAMFeautreList packing error."}));
         EXPECT_EQ(CMFWServer::existing(), nullptr);
+        delete CMFWServer::instance();
+        EXPECT_EQ(platform().m_vCalls.back(), "OvuMfwCleanup");
         std::exit(HasFailure() ? 1 : 0);
     };
     EXPECT_EXIT(inFreshProcess(), testing::ExitedWithCode(0), "");

@@ -4,7 +4,9 @@
 #include "features/delivery.h"
 #include "features/world.h"
 #include "messaging/endpoint/CMFWServer.h"
+#include "messaging/wire/holdings.h"
 #include "messaging/wire/status.h"
+#include "server/loop/CQelServer.h"
 #include "server/status/recorder.h"
 #include "server/status/status.h"
 #include "source/CFeatureSource.h"
@@ -105,6 +107,22 @@ protected:
                 uint32_t{step.m_nData}, uint32_t{step.m_nFrom}, uint32_t{step.m_nTo},
                 aCauseWords[step.m_nCause],
                 step.m_nWhy == swNone ? "" : fmt::format(": {} {}", uint32_t{step.m_nWhy}, one.m_sText)));
+        }
+        return told;
+    }
+
+    // "code data held under-way" of each pair in force, from all pages.
+    static CTexts held(CStatusQuestion question) {
+        CTexts told;
+        for (uint32_t more = 1; more == 1;) {
+            const SPage page = ask(question);
+            for (const SStatusRecord& one : page.m_vRecords) {
+                const auto pair = readRecord<CStatusHeld>(one);
+                told.push_back(fmt::format("{} {} {} {}", +pair.m_nCode, +pair.m_nData, +pair.m_nHeld,
+                                           +pair.m_nUnderWay));
+            }
+            question.m_oCursor = page.m_oAnswer.m_oCursor;
+            more = page.m_oAnswer.m_nMore;
         }
         return told;
     }
@@ -251,10 +269,14 @@ TEST_F(CStatusTest, AFailureIsToldWithItsReason) {
     EXPECT_EQ(deliveries(sfCode, 4), CTexts{"4 40 Voice 3 3 2 "}) << "three sends were not answered";
     EXPECT_EQ(counters()["given-up"], givenUp + 2);
     EXPECT_EQ(steps(refused - 1).at(0), "Voice 3 30 1>3 refused: 1 ");
-    for (uint32_t i = 0; i < nKeptReasons; ++i) {
-        CFeatureEntry& other = feature(100 + i, 1, EFStatus::fsActive, {"Voice"});
-        record(other, *control().findCompByMFW(0x21), 1);
-        EXPECT_EQ(deliver(dvRefuse, other, *other.m_vCompStatus[0]), ocTaken);
+    CComponent& voice = *control().findCompByMFW(0x21);
+    for (const char* text : {"old", ""}) { // in each place that there is
+        voice.init(voice.m_oHeader, nullptr, 7, text);
+        for (uint32_t i = 0; i < nKeptReasons; ++i) {
+            CFeatureEntry& other = feature(100 + i, *text == '\0' ? 2 : 1, EFStatus::fsActive, {"Voice"});
+            EXPECT_EQ(deliver(dvRefuse, other, record(other, voice, 1)), ocTaken);
+        }
+        EXPECT_TRUE(deliveries(sfCode, 100).back().ends_with(fmt::format("Voice 3 0 1 {}", text)));
     }
     EXPECT_EQ(deliveries(sfCode, 3), CTexts{"3 31 Voice 11 0 3 "}) << "it is not kept any more, and says so";
     EXPECT_EQ(steps(refused - 1).at(0), "Voice 3 30 1>3 refused: 3 ");
@@ -280,6 +302,7 @@ TEST_F(CStatusTest, TheRecorderTellsWhatItLost) {
     newList({});
     EXPECT_EQ(steps(before), (CTexts{"Voice 1 10 2>0 new list", "Gateway 1 10 2>0 new list",
                                      "Voice 1 20 2>0 new list", "Voice 2 20 2>0 new list"}));
+    newList({});
     EXPECT_EQ(steps(before + 4), CTexts{});
     EXPECT_EQ(steps(before + 9, srGap), steps(0)) << "another daemon's number";
     for (size_t i = 0; i < nKeptTransitions; ++i) {
@@ -320,6 +343,79 @@ TEST_F(CStatusTest, APageEndsAfterSoManyLooks) {
         EXPECT_EQ(answer.m_nMore, 1u);
         EXPECT_EQ(answer.m_oCursor.m_aWords[0] & 0xFFFFFFu, 4096u) << bare;
     }
+    for (uint32_t code = 4099; code <= 8193; ++code) { // one look each, whatever is asked for
+        feature(code, 1, EFStatus::fsActive, {});
+    }
+    EXPECT_EQ(ask(about(sqFeatures, sfCode, 9000)).m_oAnswer.m_oCursor.m_aWords[1], 8192u);
+}
+
+TEST_F(CStatusTest, WhatAComponentHoldsIsToldPairByPairAndInSum) {
+    CComponent& voice = component("Voice");
+    // The feature's status, pending data and the record's state (-1: none). What is told: data (0: nothing, as
+    // it is not in force), whether it is held, and whether something is under way where changes are told or not.
+    const std::tuple<EFStatus, uint32_t, int, uint32_t, EHeld, bool, bool> rows[] = {
+        {EFStatus::fsActive, 0, 2, 10, heHeld, false, false},
+        {EFStatus::fsActive, 0, 3, 10, heRefused, false, false},
+        {EFStatus::fsModify, 11, 10, 11, heHeld, false, false},
+        {EFStatus::fsModify, 0, 11, 10, heRefused, false, false},
+        {EFStatus::fsActive, 11, 1, 10, heNeither, true, true},
+        {EFStatus::fsModify, 11, 2, 11, heHeld, true, false},
+        {EFStatus::fsActive, 0, -1, 10, heNeither, true, true},
+        {EFStatus::fsExisting, 0, 4, 10, heNeither, true, false},
+        {EFStatus::fsActive, 0, 6, 10, heNeither, false, false},
+        {EFStatus::fsDeleted, 0, 5, 0, heNeither, true, true},
+        {EFStatus::fsDeleted, 0, -1, 0, heNeither, false, false}};
+    CTexts pairs[2];
+    uint32_t code = 0, underWay[2] = {};
+    uint64_t digest = 0;
+    for (const auto& [status, newData, state, data, kind, isTold, isQuiet] : rows) {
+        CFeatureEntry& entry = feature(++code, 10, status);
+        entry.m_nNewData = newData;
+        if (state >= 0) {
+            record(entry, voice, state);
+        }
+        digest += digestOf({code, data}, kind);
+        for (const bool isMonitored : {false, true}) {
+            const bool isUnderWay = isMonitored ? isTold : isQuiet;
+            underWay[isMonitored] += isUnderWay;
+            if (data != 0) {
+                pairs[isMonitored].push_back(fmt::format("{} {} {:d} {:d}", code, data, kind, isUnderWay));
+            }
+        }
+    }
+    feature(++code, 10, EFStatus::fsActive, {"Gateway"});
+    const auto sum = [](std::string_view name) {
+        const auto told = readRecord<CStatusHoldings>(ask(about(sqHoldings, 0, 0, name)).m_vRecords.at(0));
+        return fmt::format("{} {} {} {} {} {} {}", +told.m_nHandle, +told.m_nProcessId, +told.m_nGone,
+                           +told.m_nMonitors, +told.m_nInForce, +told.m_nUnderWay, number(told.m_aDigest));
+    };
+    for (const auto& [monitor, process, isGone] : {std::tuple{1U, 0x7FFFFFFF, 1}, {0U, getpid(), 0}}) {
+        voice.m_bMonitor = static_cast<uint8_t>(monitor);
+        voice.m_nProcessId = static_cast<uint32_t>(process);
+        EXPECT_EQ(sum("Voice"),
+                  fmt::format("33 {} {} {} 9 {} {}", process, isGone, monitor, underWay[monitor], digest));
+        EXPECT_EQ(held(about(sqHeld, 0, 0, "Voice")), pairs[monitor]);
+    }
+    EXPECT_EQ(held(about(sqHeld, sfCode, 3, "Voice")), CTexts{"3 11 1 0"});
+    EXPECT_EQ(sum("Nobody") + sum(""), "0 0 0 0 0 0 00 0 0 0 0 0 0");
+}
+
+// Each of these features counts as two looks, and more pairs than fit into a page.
+TEST_F(CStatusTest, HoldingsArePagedByRoomAndByLooks) {
+    CComponent& voice = component("Voice");
+    CTexts pairs;
+    for (uint32_t code = 1; code <= 8193; ++code) {
+        record(feature(code, 1, EFStatus::fsActive, {"Voice", "X", "Y"}), voice, CCompStatus::csEnabled);
+        pairs.push_back(fmt::format("{} 1 1 0", code));
+    }
+    EXPECT_EQ(held(about(sqHeld, 0, 0, "Voice")), pairs);
+    auto question = about(sqHoldings, 0, 0, "Voice");
+    for (const uint32_t last : {8192, 8193}) {
+        const CStatusAnswer answer = ask(question).m_oAnswer;
+        question.m_oCursor = answer.m_oCursor;
+        EXPECT_EQ(answer.m_oCursor.m_aWords[0], last);
+        EXPECT_EQ(answer.m_nMore, last == 8192 ? 1u : 0u);
+    }
 }
 
 TEST_F(CStatusTest, NumbersOf64BitsAreTwoWordsTheHighOneFirst) {
@@ -355,9 +451,21 @@ TEST_F(CStatusTest, AWaitIsNoWork) {
     noteTurn(1);
     EXPECT_EQ(summary().m_nLatestTurn, 0u);
     EXPECT_GE(summary().m_nBusiestTurn, 2000u);
-    std::this_thread::sleep_for(CPause(101));
-    noteTurn(10);
-    EXPECT_EQ(summary().m_nNextPass, 1000u) << "of a turn that lasted, 100 ms count";
+    CQelServer server;
+    server.init();
+    std::map<uint32_t, uint32_t> untilPass; // at turns after one that lasted, of which 100 ms count
+    uint32_t turn = 0;
+    platform().m_fnReceiveEvent = [&] {
+        if (++turn == 2 || turn == 213 || turn == 215) {
+            untilPass[turn] = summary().m_nNextPass;
+        }
+        if (turn == 1 || turn == 212 || turn == 214) {
+            std::this_thread::sleep_for(CPause(101));
+        }
+        return turn == 215;
+    };
+    server.run();
+    EXPECT_EQ(untilPass, (std::map<uint32_t, uint32_t>{{2, 21200}, {213, 100}, {215, 21300}}));
 }
 
 TEST_F(CStatusTest, WhatIsNotUnderstoodIsSaidSo) {
@@ -403,15 +511,23 @@ TEST_F(CStatusTest, APageAfterALostCursorIsEmpty) {
 }
 
 TEST_F(CStatusTest, TheEntryInForceIsNotTakenForTheOneThatLeft) {
-    feature(1, 1, EFStatus::fsActive, {});
-    CFeatureEntry& leaver = feature(1, 1, EFStatus::fsDeleted, {"Voice"});
+    feature(0, 1, EFStatus::fsActive, {});
+    CFeatureEntry& leaver = feature(0, 1, EFStatus::fsDeleted, {"Voice"});
     leaver.m_bSourced = 1;
-    auto question = about(sqFeatures);
-    question.m_oCursor = ask(question).m_oAnswer.m_oCursor;
-    EXPECT_EQ(ask(question).m_oAnswer.m_nResult, srOk);
+    component("Voice");
+    std::vector<CStatusQuestion> questions;
+    for (const auto what : {sqFeatures, sqHoldings, sqHeld}) {
+        CStatusQuestion& question = questions.emplace_back(about(what, 0, 0, "Voice"));
+        question.m_oCursor = ask(question).m_oAnswer.m_oCursor;
+        EXPECT_EQ(ask(question).m_oAnswer.m_nResult, srOk) << what;
+    }
     control().delFeature(&leaver);
     delete &leaver;
-    EXPECT_EQ(ask(question).m_oAnswer.m_nResult, srChanged);
+    for (const CStatusQuestion& question : questions) {
+        const SPage page = ask(question);
+        EXPECT_EQ(page.m_oAnswer.m_nResult, srChanged);
+        EXPECT_EQ(page.m_vRecords.size(), 0u);
+    }
 }
 
 // Features come and go between the pages. Each delivery that stands all the while is told once, unless the
@@ -528,8 +644,22 @@ TEST_F(CStatusTest, TheListIsToldWithWhatBecameOfItsFile) {
     EXPECT_EQ(counters()["lists.refused"] - before.at("lists.refused"), 2u);
     start();
     EXPECT_EQ(look(), "1 1 3 0 0 0; refused 1");
-    startAnswering(*CMFWServer::instance(), nullptr);
-    EXPECT_EQ(look(), "0 0 0 0 0 0; none 0");
+    for (const std::string first : {"k", "kk"}) { // of the errors' 4,095 and 4,096 bytes as many as fit
+        std::string file = std::string(99, '\n') + first;
+        for (int line = 100; line < 228; ++line) {
+            file += fmt::format("{:012} = 1\n", line);
+        }
+        put(path, file);
+        start();
+        look();
+        EXPECT_EQ(text.size() - path.size(), first == "k" ? 4097u : 4066u);
+    }
+    source.emplace(path, "", std::chrono::milliseconds(5)); // has read nothing
+    for (const CFeatureSource* supply : {&*source, static_cast<CFeatureSource*>(nullptr)}) {
+        startAnswering(*CMFWServer::instance(), supply);
+        EXPECT_EQ(look(), "0 0 0 0 0 0; none 0");
+        EXPECT_EQ(told.m_tRead, 0u);
+    }
 }
 
 } // namespace

@@ -34,11 +34,8 @@ bool isFailed(const STransition& step) {
 
 // The step before this one told the same of the feature, by another of its records.
 bool isTold(const STransition& step) {
-    if (!isOfAll(step.m_eCause) || nLastStep == 0) {
-        return false;
-    }
     const SRecordedStep& last = recordedStep(nLastStep);
-    return last.m_szComponent[0] == '\0' && last.m_nCause == step.m_eCause &&
+    return isOfAll(step.m_eCause) && last.m_szComponent[0] == '\0' && last.m_nCause == step.m_eCause &&
            last.m_nCode == step.m_oFeature.m_nCode && last.m_nData == step.m_oFeature.m_nData;
 }
 
