@@ -54,17 +54,13 @@ protected:
         return {{fresh(1, 10), fresh(2, 12), fresh(5, 50), fresh(206, 1)}};
     }
 
-    // What is wrong with the tables; empty if nothing is.
-    static std::string violation() {
-        const auto& components = control().components().m_vItems;
-        for (const CFeatureEntry* entry : control().features().m_vItems) {
-            for (const CCompStatus* record : entry->m_vCompStatus) {
-                if (std::ranges::count(components, record->m_pComponent) != 1) {
-                    return "a record of a component that is not in the table";
-                }
-            }
-        }
-        return "";
+    static bool areAllRecordsOfTheTable() {
+        const auto isOfTheTable = [](const CCompStatus* record) {
+            return std::ranges::count(control().components().m_vItems, record->m_pComponent) == 1;
+        };
+        return std::ranges::all_of(control().features().m_vItems, [&](const CFeatureEntry* entry) {
+            return std::ranges::all_of(entry->m_vCompStatus, isOfTheTable);
+        });
     }
 
     static void poll() {
@@ -124,7 +120,7 @@ TEST_F(CMemoryTest, AfterAnyFailedAllocationTheTablesHoldAndThePassesRepair) {
                 ASSERT_NO_THROW(message.empty() ? run() : receive(message));
                 hasFailed = CScarceMemory::hasFailed();
             }
-            EXPECT_EQ(violation(), "");
+            EXPECT_TRUE(areAllRecordsOfTheTable());
             const bool hasTold = std::ranges::count(takeLines(), "1 31124 failed to new obj") != 0;
             EXPECT_EQ(isTold && hasFailed, isTold && hasTold);
             for (uint32_t i = 0; i < nPolls && !isSettled(); ++i) {
