@@ -344,7 +344,7 @@ void write(const SRow& row, CCompStatus& record) {
 
 void witness(EDeliveryEvent event, const SStep& step) {
     if (pWitness != nullptr) {
-        pWitness({step.m_oEntry, step.m_oRecord, step.m_eFrom, step.m_oRecord.m_eStatus, event});
+        pWitness(event, step.m_oEntry, step.m_oRecord, step.m_eFrom);
     }
 }
 

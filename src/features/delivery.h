@@ -95,20 +95,15 @@ uint32_t sendsOf(const CCompStatus& record);
 inline constexpr uint32_t nReplyTimeout = 10; // seconds
 inline constexpr uint32_t nMaxTries = 3;      // sends that a phase allows
 
-// One step of a delivery that has just been taken.
-struct STransition {
-    const CFeatureEntry& m_oFeature;
-    const CCompStatus& m_oRecord; // as it is now; with dvForget its component may be gone already
-    CCompStatus::ECStatus m_eFrom;
-    CCompStatus::ECStatus m_eTo; // the same as m_eFrom where a message is sent again
-    EDeliveryEvent m_eCause;     // dvRemove, dvForget: the record goes; from and to are its last state
-};
-
 // Sees every step, after it was taken and logged; it must not cause another. An event that meets no row, or
-// whose row keeps the state, is no step; nor is a reset of what is in that state already.
+// whose row keeps the state, is no step; nor is a reset of what is in that state already. The record is as it
+// is now, `from` its state before: the same where a message is sent again. With dvRemove and dvForget the record
+// goes, and has its last state; with dvForget its component may be gone already. Single arguments, since they
+// cost a message less than a struct of them.
 // setDeliveryWitness() returns the witness that was set before; null means none. Set it only on the main
 // loop's thread.
-using DeliveryWitness = void (*)(const STransition& transition);
+using DeliveryWitness = void (*)(EDeliveryEvent cause, const CFeatureEntry& entry, const CCompStatus& record,
+                                 CCompStatus::ECStatus from);
 DeliveryWitness setDeliveryWitness(DeliveryWitness witness);
 
 #endif

@@ -23,13 +23,14 @@ using enum CCompStatus::ECStatus;
 // The states of all records, as the steps of the delivery tell them.
 class CWitnessed {
 public:
-    static void see(const STransition& step) {
+    static void see(EDeliveryEvent cause, const CFeatureEntry&, const CCompStatus& record,
+                    CCompStatus::ECStatus from) {
         const CPlentyOfMemory plenty;
         auto& states = get().m_oStates;
-        const auto known = states.try_emplace(&step.m_oRecord, csIdle).first;
-        get().m_bContinuous &= known->second == step.m_eFrom;
-        known->second = step.m_eTo;
-        if (step.m_eCause == dvRemove || step.m_eCause == dvForget) {
+        const auto known = states.try_emplace(&record, csIdle).first;
+        get().m_bContinuous &= known->second == from;
+        known->second = record.m_eStatus;
+        if (cause == dvRemove || cause == dvForget) {
             states.erase(known);
         }
     }

@@ -16,9 +16,13 @@
 // one for each feature likewise, as a long list would drive everything else out of the recorder.
 inline constexpr size_t nMaxResets = nKeptTransitions / 4;
 
+struct SRecordedTime {
+    uint32_t m_tSeconds;
+    uint32_t m_nMicroseconds;
+};
+
 struct SRecordedStep {
-    uint32_t m_tSeconds = 0;
-    uint32_t m_nMicroseconds = 0;
+    SRecordedTime m_oTime = {};
     uint32_t m_nCode = 0;
     uint32_t m_nData = 0;
     uint8_t m_nFrom = 0;

@@ -303,8 +303,8 @@ bool addTransition(uint64_t number, CPage& page) {
     const SRecordedReason* reason = recordedReason(step);
     CStatusTransition record;
     setNumber(record.m_aNumber, number);
-    record.m_tSeconds = step.m_tSeconds;
-    record.m_nMicroseconds = step.m_nMicroseconds;
+    record.m_tSeconds = step.m_oTime.m_tSeconds;
+    record.m_nMicroseconds = step.m_oTime.m_nMicroseconds;
     record.m_nCode = step.m_nCode;
     record.m_nData = step.m_nData;
     record.m_nFrom = step.m_nFrom;
