@@ -1,7 +1,11 @@
 // A platform that takes everything and does nothing, so that a benchmark measures the daemon alone.
+#include "null_platform.h"
+
 #include "platform/diag.h"
 #include "platform/mfw.h"
 #include "platform/os.h"
+
+#include <cstring>
 
 int osInitializeLwtMutex(osLwtMutex_t*) {
     return 0;
@@ -53,7 +57,13 @@ int OvuMfwDeregisterCallback(uint16_t) {
     return 0;
 }
 
-int OvuMfwSendMessage(uint32_t, uint16_t, uint32_t, const sOvuMfwMessage*, uint32_t) {
+// But it remembers the head of the latest answer, for whoever asks for the next page.
+CStatusAnswer oLatestAnswer;
+
+int OvuMfwSendMessage(uint32_t, uint16_t type, uint32_t, const sOvuMfwMessage* message, uint32_t length) {
+    if (type == nQelStatusMfwMsgId && length >= sizeof oLatestAnswer) {
+        std::memcpy(&oLatestAnswer, message->data, sizeof oLatestAnswer);
+    }
     return 0;
 }
 

@@ -1,5 +1,6 @@
 #include "operations.h"
 
+#include "messaging/wire/holdings.h"
 #include "source/CHandOver.h"
 
 namespace {
@@ -25,6 +26,13 @@ void monitorLast(CWorld& world) {
 void announceAndMonitor(CWorld& world) {
     announceLast(world);
     monitorLast(world);
+}
+
+// What makes a step of a delivery.
+template <CCompStatus::ECStatus eStatus>
+void prepareFirst(CWorld& world) {
+    world.putFirst(eStatus);
+    world.last().rewindFeatureList();
 }
 
 void rewindLast(CWorld& world) {
@@ -115,13 +123,31 @@ void prepareOverdue(CWorld& world) {
 }
 
 // Questions look at one page: the longest search, where no delivery is open, and the fullest page, where all
-// have failed and no reason is kept.
+// have failed; of these no reason is kept, but as many of others as there is room for.
 void prepareAllFailed(CWorld& world) {
+    const CCompStatus& record = *world.m_oControl.features().m_vItems.front()->m_vCompStatus.front();
+    if (record.m_eStatus == CCompStatus::csEnableFailed) {
+        return; // a question changes nothing
+    }
+    for (size_t i = 0; i < nKeptReasons; ++i) {
+        world.refuseFirst();
+    }
     world.putAll(CFeatureEntry::fsActive, CCompStatus::csEnableFailed, 0);
 }
 
 void askForOpen(CWorld& world) {
     world.question(sqDeliveries, sfOpen);
+}
+
+template <uint32_t nWhat>
+void askForAll(CWorld& world) {
+    world.question(nWhat, 0);
+}
+
+// About the last component, the longest way to go.
+template <uint32_t nWhat>
+void askForLast(CWorld& world) {
+    world.question(nWhat, sfComponent);
 }
 
 void prepareRemoval(CWorld& world) {
@@ -141,6 +167,11 @@ constexpr SOperation aOperations[] = {
     {"message/shutdown", grPairs, announceAndMonitor, shutDownLast},
     {"message/init-list", grNothing, nullptr, [](CWorld& world) { world.say(InitListMsgType); }},
     {"message/get-feature", grNothing, nullptr, getFeature},
+    {"message/first-page", grNothing, prepareFirst<CCompStatus::csIdle>, getFeature},
+    {"message/accepted", grFeatures, prepareFirst<CCompStatus::csEnabling>,
+     [](CWorld& world) { world.reply(WriteReplyMsgType); }},
+    {"message/start-monitor-notified", grNothing, prepareFirst<CCompStatus::csIdle>,
+     [](CWorld& world) { world.say(nQelClientStartMonitorMsgType); }},
     {"message/start-monitor", grFeatures, nullptr,
      [](CWorld& world) { world.say(nQelClientStartMonitorMsgType); }},
     {"message/write-reply", grFeatures, nullptr, [](CWorld& world) { world.reply(WriteReplyMsgType); }},
@@ -161,7 +192,14 @@ constexpr SOperation aOperations[] = {
     {"packing", grFeatures, nullptr, pack},
     {"question/none-open", grNothing, nullptr, askForOpen},
     {"question/all-failed", grNothing, prepareAllFailed, askForOpen},
-    {"question/tally", grNothing, nullptr, [](CWorld& world) { world.question(sqTally, 0); }},
+    {"question/one-component", grNothing, nullptr, askForLast<sqDeliveries>},
+    {"question/tally", grNothing, nullptr, askForAll<sqTally>},
+    {"question/summary", grFeatures, nullptr, askForAll<sqSummary>},
+    {"question/components", grNothing, nullptr, askForAll<sqComponents>},
+    {"question/features", grNothing, nullptr, askForAll<sqFeatures>},
+    {"question/transitions", grNothing, prepareAllFailed, askForAll<sqTransitions>},
+    {"question/holdings", grNothing, nullptr, askForLast<sqHoldings>},
+    {"question/held", grNothing, nullptr, askForLast<sqHeld>},
 };
 
 } // namespace

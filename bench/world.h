@@ -3,6 +3,8 @@
 #ifndef QEL_BENCH_WORLD_H
 #define QEL_BENCH_WORLD_H
 
+#include "null_platform.h"
+
 #include "base/clock.h"
 #include "features/CComponent.h"
 #include "features/CFeatureEntry.h"
@@ -44,10 +46,10 @@ inline CRecord nameMessage(uint32_t type, uint32_t subType, uint32_t handle, con
     return CRecord(message);
 }
 
-inline CRecord replyMessage(uint32_t subType, uint32_t handle) {
+inline CRecord replyMessage(uint32_t subType, uint32_t handle, uint32_t status = nReplyOk) {
     CQelReplyMessage message;
     message.m_oHeader = {0, sizeof message, nQelClientReplyMsgType, subType, 7, handle};
-    message.m_nStatus = nReplyOk;
+    message.m_nStatus = status;
     return CRecord(message);
 }
 
@@ -131,10 +133,26 @@ public:
         nameMessage(nQelClientRequestMsgType, subType, lastHandle(), m_vNames.back(), processId).dispatch();
     }
     void reply(uint32_t subType) { replyMessage(subType, lastHandle()).dispatch(); }
-    static void question(EStatusQuestion what, uint32_t filter) {
+    // The first feature of the last component's table.
+    void putFirst(CCompStatus::ECStatus status) {
+        CComponent& comp = last();
+        CCompStatus* record = comp.m_aFeatures.m_vItems.front()->findCompByPtr(&comp);
+        record->m_eStatus = status;
+        record->m_nEnableTries = 0;
+    }
+    void refuseFirst() {
+        putFirst(CCompStatus::csEnabling);
+        replyMessage(WriteReplyMsgType, lastHandle(), nReplyOk + 1).dispatch();
+    }
+    // Page by page, and then from the start again: each run is another part of the table.
+    void question(uint32_t what, uint32_t filter) const {
         CStatusQuestion question;
+        if (oLatestAnswer.m_nQuestion == what && oLatestAnswer.m_nMore != 0) {
+            question.m_oCursor = oLatestAnswer.m_oCursor;
+        }
         question.m_nQuestion = what;
         question.m_nFilter = filter;
+        m_vNames.back().copy(question.m_szComponent, sizeof question.m_szComponent);
         CRecord(question).ask();
     }
     static void ask(uint32_t type) { CRecord(CQelMessageHeader{0, 24, type, 0, 7, 1}).dispatch(); }
