@@ -255,6 +255,15 @@ EAsked CDaemonView::readPairs(CStatusQuery& query, const SSelection& selection, 
     return asked;
 }
 
+EAsked CDaemonView::readFailed(CStatusQuery& query) {
+    CStatusQuestion question = makeQuestion(sqDeliveries);
+    question.m_nFilter = sfOpen | sfFailed;
+    const EAsked asked = query.askAll(question, m_vDeliveries);
+    makePairs({});
+    std::erase_if(m_vPairs, [](const SPair& pair) { return pair.word() != EDeliveryWord::failed; });
+    return asked;
+}
+
 // The tally counts the records. Where those that were not told are as many as the pairs without one, these are
 // delivered; else a component waits to be taken in somewhere, and only the whole table shows where.
 EAsked CDaemonView::readOpen(CStatusQuery& query, bool& isWhole) {

@@ -80,6 +80,8 @@ public:
     // avoided; of a large table they are most of it.
     enum class EExtent { all, open };
     EAsked readPairs(CStatusQuery& query, const SSelection& selection, EExtent extent = EExtent::all);
+    // Or those alone that have failed.
+    EAsked readFailed(CStatusQuery& query);
 
     // Tells which of the two a single argument means, where it may be either: a number is a feature, else a
     // component's name goes before a feature's. False if there is no such, and `nearest` is what comes

@@ -1,6 +1,7 @@
 // qelctl status
 #include "ctl/CDaemonView.h"
 #include "ctl/CTable.h"
+#include "ctl/brief.h"
 #include "ctl/commands.h"
 #include "ctl/json.h"
 #include "ctl/list_state.h"
@@ -50,6 +51,7 @@ public:
         : m_oOptions(options), m_oView(view), m_nNow(view.m_oSummary.m_tNow) {}
 
     void printMatrix() const;
+    void printBrief(const SPairCounts& counts) const;
     void printFeatures(const SSelection& selection) const;
     void printComponent(const std::string& name) const;
     void printDaemon(const std::vector<SCounterView>& counters) const;
@@ -61,7 +63,7 @@ private:
     std::string cell(const SRow& row, const SComponentView& component, EColour& colour) const;
     CTable matrix(const std::vector<SRow>& rows) const;
     CTable lines(const std::vector<SRow>& rows) const;
-    std::string summary() const;
+    std::string summary(const SPairCounts& counts) const;
 
     const SStatusOptions& m_oOptions;
     const CDaemonView& m_oView;
@@ -142,8 +144,8 @@ CTable CStatusReport::lines(const std::vector<SRow>& rows) const {
     return table;
 }
 
-std::string CStatusReport::summary() const {
-    std::string text = countPairs(m_oView.m_vPairs).text();
+std::string CStatusReport::summary(const SPairCounts& counts) const {
+    std::string text = counts.text();
     for (const SComponentView& component : m_oView.m_vComponents) {
         text += component.m_tDead == 0 ? ""
                                        : fmt::format("; {} is {}", title(component), life(component, m_nNow));
@@ -158,7 +160,16 @@ void CStatusReport::printMatrix() const {
         const CTable wide = matrix(shown);
         (wide.fits(width) ? wide : lines(shown)).print(stdout, width);
     }
-    fmt::print("{}\n", summary());
+    fmt::print("{}\n", summary(countPairs(m_oView.m_vPairs)));
+}
+
+// The pairs are those that have failed.
+void CStatusReport::printBrief(const SPairCounts& counts) const {
+    const std::vector<SRow> shown = rows();
+    if (!shown.empty()) {
+        lines(shown).print(stdout, lineWidth(stdout));
+    }
+    fmt::print("what is under way is too much for a line each; --all shows it\n{}\n", summary(counts));
 }
 
 // Of each feature, who is to have it and how far that is.
@@ -295,6 +306,22 @@ void print(const SStatusOptions& options, const CDaemonView& view, const std::op
     }
 }
 
+// Of what is being done about a large table.
+int reportBrief(const SStatusOptions& options, CStatusQuery& query, const CDaemonView& view,
+                const SPairCounts& counts) {
+    std::optional<SListView> list;
+    if (const EAsked asked = readListState(query, list); asked != EAsked::answered) {
+        return reportAsked(asked);
+    }
+    if (!options.m_bQuiet) {
+        if (list) {
+            list->print(view.m_oSummary.m_tNow);
+        }
+        CStatusReport(options, view).printBrief(counts);
+    }
+    return flushOutput() ? worse(counts.exitStatus(), list ? list->exitStatus() : exitOk) : exitFailed;
+}
+
 } // namespace
 
 int runStatus(const SStatusOptions& options) {
@@ -302,6 +329,16 @@ int runStatus(const SStatusOptions& options) {
     CStatusQuery query(answerTime(options));
     CDaemonView view;
     SSelection selection;
+    const bool isWhole = options.m_bAll || (options.m_bJson && !options.m_bQuiet);
+    if (options.m_sArgument.empty() && !isWhole) {
+        std::optional<SPairCounts> counts;
+        if (const EAsked asked = readBrief(query, view, counts); asked != EAsked::answered) {
+            return reportAsked(asked);
+        }
+        if (counts) {
+            return reportBrief(options, query, view, *counts);
+        }
+    }
     if (const EAsked asked = view.read(query); asked != EAsked::answered) {
         return reportAsked(asked);
     }
@@ -310,7 +347,6 @@ int runStatus(const SStatusOptions& options) {
     }
     std::vector<SCounterView> counters;
     std::optional<SListView> list;
-    const bool isWhole = options.m_bAll || (options.m_bJson && !options.m_bQuiet);
     EAsked asked =
         view.readPairs(query, selection, isWhole ? CDaemonView::EExtent::all : CDaemonView::EExtent::open);
     if (asked == EAsked::answered && (selection.isAll() || options.m_bJson)) {

@@ -153,11 +153,17 @@ protected:
         auto table = m_oTables[question.m_nQuestion];
         if (question.m_nQuestion == sqTally) {
             CStatusTally tally;
-            tally.m_aDeliveries[0] = static_cast<uint32_t>(m_oTables[sqDeliveries].size());
+            const bool isOfOne = (question.m_nFilter & sfComponent) != 0;
+            tally.m_aDeliveries[0] =
+                m_bMany ? (isOfOne ? 40 : 5000) : static_cast<uint32_t>(m_oTables[sqDeliveries].size());
+            tally.m_aDeliveries[3] = m_bMany ? 2 : 0;
             table = {record(tally)};
         }
         if (question.m_nQuestion == sqDeliveries && (question.m_nFilter & sfOpen) != 0) {
-            std::erase_if(table, [](const SText& one) { return one[27] == 2; }); // the state
+            const bool isFailed = (question.m_nFilter & sfFailed) != 0;
+            std::erase_if(table, [isFailed](const SText& one) { // by the state
+                return one[27] == 2 || (isFailed && one[27] != 3);
+            });
         } else {
             m_bWhole = m_bWhole || question.m_nQuestion == sqDeliveries;
         }
@@ -218,6 +224,7 @@ protected:
     size_t m_nTaken = 0;
     std::map<uint32_t, size_t> m_oAsked; // how often each question was
     size_t m_oAskedBefore = 0;
+    bool m_bMany = false;  // are under way, by the tally
     bool m_bWhole = false; // deliveries were asked for whatever their state
     SText m_sErrors;
 };
@@ -294,6 +301,21 @@ TEST_F(CLooking, TheMatrixTellsProblemsFirstAndFitsTheLine) {
     one.m_sArgument = "Gat";
     EXPECT_EQ(run(runStatus, one), "status 1\n");
     EXPECT_EQ(m_sErrors, "qelctl: no feature and no component is called 'Gat'; did you mean 'Gate'?\n");
+    m_bMany = true;
+    CStatusSummary large;
+    large.m_aFeatures[2] = 10000;
+    large.m_nComponents = 4;
+    m_oTables[sqSummary] = {record(large, "9.9")};
+    m_bWhole = false;
+    const SText counted = "2 problems, 4960 under way, 0 delivered; Tape (pid 13) is dead since 00:15:00\n"
+                          "status 3\n";
+    EXPECT_EQ(run(runStatus, SStatusOptions{}),
+              "CODE  DATA  NAME     COMPONENT  STATE\n"
+              " 161     1  -        Door?      GAVE UP 3 sends, 0 s\n"
+              " 202     1  Trunks?  Gate       REFUSED \"no ?module\"\n"
+              "what is under way is too much for a line each; --all shows it\n" +
+                  counted);
+    EXPECT_FALSE(m_bWhole);
 }
 
 TEST_F(CLooking, AListThatIsNotInForceShowsAtOnceAndInTheStatus) {

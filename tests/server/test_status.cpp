@@ -164,6 +164,7 @@ TEST_F(CStatusTest, AConversationIsToldStepByStep) {
     EXPECT_EQ(deliveries(sfComponent, 0, "Voice"), (CTexts{refused, voice}));
     reply(0x22, 1);
     EXPECT_EQ(deliveries(sfOpen), (CTexts{refused, voice}));
+    EXPECT_EQ(deliveries(sfOpen | sfFailed), CTexts{refused});
     EXPECT_EQ(deliveries(sfOpen | sfCode | sfComponent, 2, "Gateway"), CTexts{});
 
     reply(0x22, 1);

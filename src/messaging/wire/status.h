@@ -48,7 +48,8 @@ enum EStatusQuestion : uint32_t {
 enum EStatusFilter : uint32_t {
     sfCode = 1,      // of this code
     sfComponent = 2, // of the component of this name
-    sfOpen = 4       // that are not delivered (EDeliveryWord)
+    sfOpen = 4,      // that are not delivered (EDeliveryWord)
+    sfFailed = 8     // that have failed; a daemon that does not know it tells the others as well
 };
 
 // Where the next page begins. To begin, all zero; afterwards what the last answer had, unread, except for

@@ -134,7 +134,8 @@ struct SQuestion {
         return !has(sfCode) || entry.m_nCode == m_oWords.m_nCode;
     }
     bool isMeant(const CCompStatus& record) const {
-        if (has(sfOpen) && wordOf(record) == EDeliveryWord::delivered) {
+        if ((has(sfOpen) && wordOf(record) == EDeliveryWord::delivered) ||
+            (has(sfFailed) && wordOf(record) != EDeliveryWord::failed)) {
             return false;
         }
         return !has(sfComponent) || record.m_pComponent->m_szName == fieldText(m_oWords.m_szComponent);
