@@ -214,13 +214,18 @@ EAsked CDaemonView::read(CStatusQuery& query) {
     if (asked == EAsked::answered) {
         asked = query.askAll(makeQuestion(sqFeatures), features);
     }
+    setFeatures(std::move(features));
+    return asked;
+}
+
+void CDaemonView::setFeatures(std::vector<TStatus<CStatusFeature>> features) {
+    m_vPairs.clear();
     m_vFeatures.clear();
     m_oPlaces.clear();
     for (auto& feature : features) {
         m_oPlaces[placeOf(feature.m_nCode, feature.m_nData)] = m_vFeatures.size();
         m_vFeatures.push_back({std::move(feature)});
     }
-    return asked;
 }
 
 bool CDaemonView::isOutdated(const SSummaryView& now) const {

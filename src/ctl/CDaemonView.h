@@ -83,6 +83,11 @@ public:
     // Or those alone that have failed.
     EAsked readFailed(CStatusQuery& query);
 
+    // For whoever reads piece by piece. Features and what they are found by; the pairs are void from here on,
+    // as they are where m_vComponents or m_vDeliveries is changed, until makePairs() has made them anew.
+    void setFeatures(std::vector<TStatus<CStatusFeature>> features);
+    void makePairs(const SSelection& selection);
+
     // Tells which of the two a single argument means, where it may be either: a number is a feature, else a
     // component's name goes before a feature's. False if there is no such, and `nearest` is what comes
     // closest to it, or empty.
@@ -101,7 +106,6 @@ public:
 
 private:
     EAsked readOpen(CStatusQuery& query, bool& isWhole);
-    void makePairs(const SSelection& selection);
     std::string nearestTo(std::string_view text) const;
 
     std::unordered_map<uint64_t, size_t> m_oPlaces; // in m_vFeatures, by code and data

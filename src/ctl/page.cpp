@@ -17,5 +17,6 @@ int runPage(const SPageOptions& options) {
     if (asked != EAsked::answered) {
         return reportAsked(asked);
     }
-    return putOutput(options.m_sOutput, pageWith(pageData(snapshot, history))) ? exitOk : exitFailed;
+    CPageStates states;
+    return putOutput(options.m_sOutput, pageWith(pageData(snapshot, history, states))) ? exitOk : exitFailed;
 }

@@ -3,33 +3,9 @@
 #include "ctl/pairs.h"
 #include "web/page_bytes.h"
 
-#include <algorithm>
-#include <map>
-#include <unordered_map>
 #include <utility>
 
 namespace {
-
-// The states that occur. The tables name them by their place here.
-class CStates {
-public:
-    size_t place(const SPair& pair) {
-        const uint32_t state = pair.m_pDelivery == nullptr ? 0 : uint32_t{pair.m_pDelivery->m_nState};
-        const auto [found, isNew] = m_oPlaces.try_emplace({pair.state(), state}, m_oStates.size());
-        if (isNew) {
-            m_oStates.push_back(
-                {{"word", pair.state()},
-                 {"progress", jsonProgress(pair)},
-                 {"next", state < aDeliveryStates.size() ? aDeliveryStates[state].m_sNext : ""}});
-        }
-        return found->second;
-    }
-    CJson take() { return std::move(m_oStates); }
-
-private:
-    std::map<std::pair<std::string, uint32_t>, size_t> m_oPlaces;
-    CJson m_oStates = CJson::array();
-};
 
 CJson deliveryRow(const SPair& pair, size_t feature, size_t component, size_t state) {
     CJson row = {feature, component, state};
@@ -44,17 +20,6 @@ CJson deliveryRow(const SPair& pair, size_t feature, size_t component, size_t st
     return row;
 }
 
-CJson deliveryTable(const CDaemonView& view, CStates& states) {
-    CJson rows = CJson::array();
-    for (const SPair& pair : view.m_vPairs) {
-        const auto feature = static_cast<size_t>(pair.m_pFeature - view.m_vFeatures.data());
-        const auto component = static_cast<size_t>(pair.m_pComponent - view.m_vComponents.data());
-        rows.push_back(deliveryRow(pair, feature, component, states.place(pair)));
-    }
-    return {{"columns", {"feature", "component", "state", "since", "asked", "sends", "reason"}},
-            {"rows", std::move(rows)}};
-}
-
 // Of a transition, as far as the page needs it for a colour.
 CJson progressAfter(const STransitionView& transition) {
     static constexpr const char* aProgress[] = {"queued", "sent", "delivered", "failed", "overdue"};
@@ -62,25 +27,6 @@ CJson progressAfter(const STransitionView& transition) {
     return state < aDeliveryStates.size()
                ? CJson(aProgress[static_cast<size_t>(aDeliveryStates[state].m_eWord)])
                : CJson();
-}
-
-CJson transitionTable(const SHistory& history) {
-    CJson columns = CJson::array();
-    CJson rows = CJson::array();
-    for (const STransitionView& transition : history.m_vAll) {
-        CJson whole = toJson(transition);
-        whole["progress"] = progressAfter(transition);
-        CJson row = CJson::array();
-        const bool isFirst = columns.empty();
-        for (auto& [key, value] : whole.items()) {
-            if (isFirst) {
-                columns.push_back(key);
-            }
-            row.push_back(std::move(value));
-        }
-        rows.push_back(std::move(row));
-    }
-    return {{"columns", std::move(columns)}, {"rows", std::move(rows)}};
 }
 
 // Whom the list names is in the deliveries, where it has announced itself.
@@ -99,32 +45,93 @@ CJson featureRecord(const SFeatureView& feature, const CDaemonView& view) {
 
 } // namespace
 
-CJson pageData(const SSnapshot& snapshot, const SHistory& history) {
-    const CDaemonView& view = snapshot.m_oView;
-    CJson document = jsonDocument("page");
-    document["daemon"] = toJson(view.m_oSummary);
-    document["list"] = snapshot.m_oList ? toJson(*snapshot.m_oList) : CJson();
+// --- The parts ---
+
+size_t CPageStates::place(const SPair& pair) {
+    const uint32_t state = pair.m_pDelivery == nullptr ? 0 : uint32_t{pair.m_pDelivery->m_nState};
+    const auto [found, isNew] = m_oPlaces.try_emplace({pair.state(), state}, m_oStates.size());
+    if (isNew) {
+        m_oStates.push_back({{"word", pair.state()},
+                             {"progress", jsonProgress(pair)},
+                             {"next", state < aDeliveryStates.size() ? aDeliveryStates[state].m_sNext : ""}});
+    }
+    return found->second;
+}
+
+CJson pageFeatures(const CDaemonView& view) {
     CJson features = CJson::array();
     for (const SFeatureView& feature : view.m_vFeatures) {
         features.push_back(featureRecord(feature, view));
     }
+    return features;
+}
+
+CJson pageComponents(const CDaemonView& view) {
     CJson components = CJson::array();
     for (const SComponentView& component : view.m_vComponents) {
         components.push_back(toJson(component));
     }
+    return components;
+}
+
+CJson pageCounters(const std::vector<SCounterView>& all) {
     CJson counters = CJson::object();
-    for (const SCounterView& counter : snapshot.m_vCounters) {
+    for (const SCounterView& counter : all) {
         counters[counter.m_sText] = number(counter.m_aValue);
     }
-    CStates states;
-    CJson deliveries = deliveryTable(view, states);
-    document["features"] = std::move(features);
-    document["components"] = std::move(components);
-    document["states"] = states.take();
+    return counters;
+}
+
+CJson pageDeliveries(const CDaemonView& view, CPageStates& states,
+                     const std::function<bool(size_t pair)>& wants) {
+    CJson rows = CJson::array();
+    for (size_t i = 0; i < view.m_vPairs.size(); ++i) {
+        if (wants && !wants(i)) {
+            continue;
+        }
+        const SPair& pair = view.m_vPairs[i];
+        const auto feature = static_cast<size_t>(pair.m_pFeature - view.m_vFeatures.data());
+        const auto component = static_cast<size_t>(pair.m_pComponent - view.m_vComponents.data());
+        rows.push_back(deliveryRow(pair, feature, component, states.place(pair)));
+    }
+    return {{"columns", {"feature", "component", "state", "since", "asked", "sends", "reason"}},
+            {"rows", std::move(rows)}};
+}
+
+CJson pageTransitions(std::span<const STransitionView> transitions) {
+    CJson columns = CJson::array();
+    CJson rows = CJson::array();
+    for (const STransitionView& transition : transitions) {
+        CJson whole = toJson(transition);
+        whole["progress"] = progressAfter(transition);
+        CJson row = CJson::array();
+        const bool isFirst = columns.empty();
+        for (auto& [key, value] : whole.items()) {
+            if (isFirst) {
+                columns.push_back(key);
+            }
+            row.push_back(std::move(value));
+        }
+        rows.push_back(std::move(row));
+    }
+    return {{"columns", std::move(columns)}, {"rows", std::move(rows)}};
+}
+
+// --- The whole ---
+
+CJson pageData(const SSnapshot& snapshot, const SHistory& history, CPageStates& states) {
+    const CDaemonView& view = snapshot.m_oView;
+    CJson document = jsonDocument("page");
+    document["daemon"] = toJson(view.m_oSummary);
+    document["list"] = snapshot.m_oList ? toJson(*snapshot.m_oList) : CJson();
+    document["features"] = pageFeatures(view);
+    document["components"] = pageComponents(view);
+    CJson deliveries = pageDeliveries(view, states);
+    document["states"] = states.all();
     document["deliveries"] = std::move(deliveries);
-    document["transitions"] = transitionTable(history);
+    document["transitions"] = pageTransitions(history.m_vAll);
     document["transitions_whole"] = history.m_bWhole;
-    document["counters"] = std::move(counters);
+    document["counters"] = pageCounters(snapshot.m_vCounters);
     return document;
 }
 

@@ -12,6 +12,8 @@ namespace {
 
 constexpr char sEraseLine[] = "\r\033[K";
 
+const char* szProgram = "qelctl";
+
 std::string_view environment(const char* name) {
     const char* value = std::getenv(name);
     return value ? value : "";
@@ -117,8 +119,12 @@ bool flushOutput() {
     return false;
 }
 
+void setProgram(const char* name) {
+    szProgram = name;
+}
+
 void complain(std::string_view text) {
-    fmt::print(stderr, "qelctl: {}\n", text);
+    fmt::print(stderr, "{}: {}\n", szProgram, text);
 }
 
 void setProcessName(const std::string& name) {
@@ -127,6 +133,6 @@ void setProcessName(const std::string& name) {
     if (!name.empty()) {
         setenv("QEL_PROCESS_NAME", name.c_str(), 1);
     } else {
-        setenv("QEL_PROCESS_NAME", fmt::format("qelctl.{}", getpid()).c_str(), 0);
+        setenv("QEL_PROCESS_NAME", fmt::format("{}.{}", szProgram, getpid()).c_str(), 0);
     }
 }

@@ -54,6 +54,10 @@ std::string timeOfDay(int64_t seconds, int64_t microseconds = -1);
 // Writes out what was printed. False: the disk is full or the pipe is closed, which is complained of.
 [[nodiscard]] bool flushOutput();
 
+// What this program is called where it complains, and in its name on the message framework: "qelctl", unless
+// this is called first. The name lives as long as the program.
+void setProgram(const char* name);
+
 // One line on stderr, after the program's name.
 void complain(std::string_view text);
 
