@@ -13,6 +13,8 @@ if(NOT CMAKE_CROSSCOMPILING)
   find_package(CLI11 REQUIRED)
   find_package(nlohmann_json REQUIRED)
   find_package(OpenSSL 3.0 REQUIRED COMPONENTS Crypto)
+  find_package(PkgConfig REQUIRED) # the HTTP library has no other description; its classes depend on its definitions
+  pkg_check_modules(httplib REQUIRED IMPORTED_TARGET cpp-httplib)
   if(QEL_TESTS)
     find_package(GTest REQUIRED)
   endif()

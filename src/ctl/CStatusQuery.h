@@ -74,6 +74,8 @@ public:
 
     // The daemon; nNoHandle if none is known. Another number is another process.
     uint32_t handle() const { return m_nDaemon; }
+    // How many questions were put so far.
+    uint32_t asked() const { return m_nTag; }
 
 private:
     static constexpr std::chrono::milliseconds tLookup{500};

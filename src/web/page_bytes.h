@@ -9,5 +9,7 @@ inline constexpr std::string_view sPagePlace = "@DATA@"; // once in the page
 
 // Lives as long as the program.
 std::string_view pageBytes();
+// That policy, as it stands in the page.
+std::string_view pagePolicy();
 
 #endif

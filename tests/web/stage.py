@@ -40,9 +40,14 @@ class Stage:
             file.write(text)
         os.rename(self.file(name) + ".new", self.file(name))
 
-    def start(self, *command):
-        self.started.append(subprocess.Popen(command, stdout=subprocess.DEVNULL))
+    def start(self, *command, **how):
+        self.started.append(subprocess.Popen(command, **{"stdout": subprocess.DEVNULL, **how}))
         return self.started[-1]
+
+    def look(self, qelweb, listen="127.0.0.1:0"):
+        """A qelweb, and its address without the slash at the end."""
+        process = self.start(qelweb, "--listen", listen, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        return process, process.stdout.readline().decode().split()[1].rstrip("/")
 
     def tell(self, *words):
         return subprocess.run([self.qelctl, *words], stdout=subprocess.PIPE, stderr=subprocess.PIPE)
@@ -54,9 +59,12 @@ class Stage:
                 raise RuntimeError("it did not come to it: " + what)
             time.sleep(0.2)
 
-    def begin(self):
-        self.start(self.qelserver, "-run")
+    def begin_daemon(self):
+        self.daemon = self.start(self.qelserver, "-run")
         self.until(lambda: self.tell("list", "-q").returncode == 0, "the daemon answers")
+
+    def begin(self):
+        self.begin_daemon()
         component = [self.qelctl, "component", "-q", "--fetch", "--monitor"]
         self.start(*component, "Gateway", "--refuse", "161")
         self.start(*component, b"a\\b\n\xff\xfe")

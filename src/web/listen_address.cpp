@@ -1,0 +1,119 @@
+#include "web/listen_address.h"
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+#include <fmt/format.h>
+#include <netinet/in.h>
+
+namespace {
+
+constexpr int nBacklog = 64;
+
+template <typename T>
+T as(const sockaddr_storage& storage) {
+    T address;
+    std::memcpy(&address, &storage, sizeof address);
+    return address;
+}
+
+std::optional<uint16_t> readPort(std::string_view text) {
+    uint16_t port = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), port);
+    return error == std::errc() && end == text.data() + text.size() ? std::optional(port) : std::nullopt;
+}
+
+std::string failure(const SListenAddress& address, int error) {
+    const std::string what = fmt::format("cannot listen at {}: {}", address.text(), std::strerror(error));
+    switch (error) {
+    case EADDRINUSE:
+        return what + "; another qelweb may run: look there, or choose another port with --listen";
+    case EADDRNOTAVAIL:
+        return what + "; name an address of this machine";
+    case EACCES:
+        return what + "; ports below 1024 are root's: choose another with --listen";
+    default:
+        return what;
+    }
+}
+
+} // namespace
+
+bool SListenAddress::isLoopback() const {
+    if (m_oAddress.ss_family == AF_INET) {
+        return ntohl(as<sockaddr_in>(m_oAddress).sin_addr.s_addr) >> 24 == IN_LOOPBACKNET;
+    }
+    const auto address = as<sockaddr_in6>(m_oAddress);
+    return IN6_IS_ADDR_LOOPBACK(&address.sin6_addr) != 0;
+}
+
+std::string SListenAddress::text() const {
+    char text[INET6_ADDRSTRLEN] = "";
+    if (m_oAddress.ss_family == AF_INET) {
+        const auto address = as<sockaddr_in>(m_oAddress);
+        inet_ntop(AF_INET, &address.sin_addr, text, sizeof text);
+        return fmt::format("{}:{}", text, ntohs(address.sin_port));
+    }
+    const auto address = as<sockaddr_in6>(m_oAddress);
+    inet_ntop(AF_INET6, &address.sin6_addr, text, sizeof text);
+    return fmt::format("[{}]:{}", text, ntohs(address.sin6_port));
+}
+
+std::optional<SListenAddress> parseListenAddress(const std::string& text) {
+    const size_t colon = text.rfind(':');
+    const auto port = readPort(colon == std::string::npos ? "" : std::string_view(text).substr(colon + 1));
+    if (!port) {
+        return std::nullopt;
+    }
+    SListenAddress address;
+    const std::string host = text.substr(0, colon);
+    sockaddr_in four = {};
+    sockaddr_in6 six = {};
+    if (inet_pton(AF_INET, host.c_str(), &four.sin_addr) == 1) {
+        four.sin_family = AF_INET;
+        four.sin_port = htons(*port);
+        address.m_nSize = sizeof four;
+        std::memcpy(&address.m_oAddress, &four, sizeof four);
+        return address;
+    }
+    if (host.size() < 2 || host.front() != '[' || host.back() != ']' ||
+        inet_pton(AF_INET6, host.substr(1, host.size() - 2).c_str(), &six.sin6_addr) != 1) {
+        return std::nullopt;
+    }
+    six.sin6_family = AF_INET6;
+    six.sin6_port = htons(*port);
+    address.m_nSize = sizeof six;
+    std::memcpy(&address.m_oAddress, &six, sizeof six);
+    return address;
+}
+
+// The port of a qelweb that has just ended can be had at once, that of one that runs not at all.
+CFileDescriptor listenAt(SListenAddress& address, std::string& error) {
+    auto* where = reinterpret_cast<sockaddr*>(&address.m_oAddress);
+    const int type = SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK;
+    CFileDescriptor listening(::socket(address.m_oAddress.ss_family, type, 0));
+    const int on = 1;
+    if (!listening || ::setsockopt(listening.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
+        ::bind(listening.get(), where, address.m_nSize) != 0 || ::listen(listening.get(), nBacklog) != 0 ||
+        ::getsockname(listening.get(), where, &address.m_nSize) != 0) {
+        error = failure(address, errno);
+        listening = CFileDescriptor();
+    }
+    return listening;
+}
+
+bool isLoopbackHost(std::string_view host) {
+    const size_t end = host.starts_with('[') ? host.find(']') : host.find(':');
+    std::string name(host.substr(0, end));
+    std::transform(name.begin(), name.end(), name.begin(),
+                   [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
+    if (host.starts_with('[')) {
+        const std::string_view rest = end == std::string_view::npos ? "?" : host.substr(end + 1);
+        return name == "[::1" && (rest.empty() || rest.starts_with(':'));
+    }
+    in_addr address;
+    const bool isNumber = inet_pton(AF_INET, name.c_str(), &address) == 1;
+    return name == "localhost" || (isNumber && ntohl(address.s_addr) >> 24 == IN_LOOPBACKNET);
+}
