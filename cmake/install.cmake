@@ -33,6 +33,12 @@ install(FILES packaging/qelserver.logrotate DESTINATION ${CMAKE_INSTALL_SYSCONFD
 install(FILES examples/features.toml examples/descriptions.csv DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples
         COMPONENT qelserver)
 
+# The page for a browser, where it can be built.
+if(TARGET qelweb)
+  install(TARGETS qelweb RUNTIME COMPONENT qelweb)
+  install_filled(packaging/qelweb.service.in qelweb.service ${QEL_UNIT_DIR} qelweb)
+endif()
+
 # The library. The static one is a file to us: its target differs with the platform and the sanitizers.
 set(archive qelclient_static)
 if(TARGET qelclient_archive)

@@ -64,7 +64,8 @@ CJson describeEnvironment() {
                              {"meaning", variable.m_sMeaning},
                              {"otherwise", variable.m_sOtherwise},
                              {"daemon", variable.m_bDaemon},
-                             {"qelctl", variable.m_bCtl}});
+                             {"qelctl", variable.m_bCtl},
+                             {"qelweb", variable.m_bWeb}});
     }
     return variables;
 }
