@@ -2,7 +2,6 @@
 #include "ctl/commands.h"
 #include "ctl/json.h"
 #include "ctl/terminal.h"
-#include "messaging/wire/wire.h"
 #include "source/list/list_fields.h"
 
 #include <algorithm>
@@ -15,17 +14,25 @@ struct SLimits {
 
     CJson operator()(std::monostate) const { return number(); }
     CJson operator()(uint32_t SFeatureRecord::*) const { return number(); }
+    CJson operator()(uint64_t SListHead::*) const { return number(); }
+    CJson operator()(std::string SListHead::*) const {
+        return {{"type", "string"}, {"format", "date-time"}, {"pattern", "Z$"}};
+    }
     CJson operator()(bool SFeatureRecord::*) const { return {{"type", "boolean"}}; }
     // A schema counts characters where the list counts bytes.
-    CJson operator()(std::vector<std::string> SFeatureRecord::*) const {
+    CJson operator()(std::vector<std::string> SFeatureRecord::*) const { return names(); }
+    CJson operator()(std::vector<std::string> SListHead::*) const { return names(); }
+
+private:
+    CJson number() const {
+        return {{"type", "integer"}, {"minimum", m_oField.m_nLeast}, {"maximum", m_oField.m_nMost}};
+    }
+    CJson names() const {
         return {{"type", "array"},
                 {"maxItems", nMaxComponents},
                 {"uniqueItems", true},
-                {"items", {{"type", "string"}, {"minLength", 1}, {"maxLength", nMaxNameLength}}}};
+                {"items", {{"type", "string"}, {"minLength", 1}, {"maxLength", m_oField.m_nMost}}}};
     }
-
-private:
-    CJson number() const { return {{"type", "integer"}, {"minimum", 0}, {"maximum", m_oField.m_nMost}}; }
 };
 
 CJson describeField(const SListField& field) {
@@ -53,8 +60,10 @@ CJson describeFeature() {
 
 // Draft 7 is what editors know.
 int runSchema() {
-    CJson properties = {{oCountField.m_sKey, describeField(oCountField)},
-                        {sFeatureKey, {{"type", "array"}, {"items", describeFeature()}}}};
+    CJson properties = {{sFeatureKey, {{"type", "array"}, {"items", describeFeature()}}}};
+    for (const SListField& field : aHeadFields) {
+        properties[field.m_sKey] = describeField(field);
+    }
     const CJson either = {{{"required", {oCountField.m_sKey}}}, {{"required", {sFeatureKey}}}};
     printJson({{"$schema", "http://json-schema.org/draft-07/schema#"},
                {"title", "The feature list of qelserver"},

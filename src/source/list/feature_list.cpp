@@ -11,6 +11,8 @@
 
 #include <algorithm>
 #include <optional>
+#include <span>
+#include <type_traits>
 #include <unordered_map>
 
 // The parser's complaints come back as results, so that an exception is what it seems: no memory. Nor does it
@@ -35,19 +37,19 @@
 namespace {
 
 std::string outOfRange(const SListField& field) {
-    return fmt::format("'{}' must be from 0 to {}", field.m_sKey, field.m_nMost);
+    return fmt::format("'{}' must be from {} to {}", field.m_sKey, field.m_nLeast, field.m_nMost);
 }
 
 // Null: the key is of no number.
 const SListField* findNumber(std::string_view key) {
-    const SListField* field = key == oCountField.m_sKey ? &oCountField : findFeatureField(key);
+    const SListField* field = findHeadField(key) != nullptr ? findHeadField(key) : findFeatureField(key);
     return field != nullptr && field->isNumber() ? field : nullptr;
 }
 
-// ": did you mean 'data'?" of the keys of a feature.
-std::string suggestFeatureKey(std::string_view key) {
-    std::vector<std::string_view> keys;
-    for (const SListField& field : aFeatureFields) {
+// ": did you mean 'data'?" of the keys of the fields, and those given.
+std::string suggestKey(std::string_view key, std::span<const SListField> fields,
+                       std::vector<std::string_view> keys = {}) {
+    for (const SListField& field : fields) {
         keys.push_back(field.m_sKey);
     }
     return suggestion(key, keys);
@@ -130,6 +132,14 @@ public:
         return std::move(m_oList);
     }
 
+    SFeatureList runHead(std::string_view text) {
+        const std::optional<SListBlock> block = CListBlocks(text).next();
+        if (block && !block->m_bFeature) {
+            checkBlock(*block);
+        }
+        return std::move(m_oList);
+    }
+
 private:
     void error(uint32_t line, std::string text) { m_oList.add({line, std::move(text)}); }
 
@@ -179,15 +189,17 @@ private:
         for (const auto& [key, value] : root) {
             if (key == oCountField.m_sKey) {
                 m_nCountLine = lineOf(value);
-                uint32_t count = 0;
+                uint64_t count = 0;
                 if (take(value, oCountField, count)) {
                     m_oCount = count;
                 }
+            } else if (const SListField* field = findHeadField(key)) {
+                takeInto(value, *field, m_oList.m_oHead);
             } else if (key == sFeatureKey) {
                 checkFeatures(value);
             } else {
-                constexpr std::string_view keys[] = {oCountField.m_sKey, sFeatureKey};
-                error(lineOf(value), fmt::format("unknown key '{}'{}", shown(key), suggestion(key, keys)));
+                error(lineOf(value), fmt::format("unknown key '{}'{}", shown(key),
+                                                 suggestKey(key, aHeadFields, {sFeatureKey})));
             }
         }
     }
@@ -230,8 +242,8 @@ private:
     }
 
     static std::string unknownFeatureKey(std::string_view key) {
-        const std::string place =
-            key == oCountField.m_sKey ? ": it belongs above the first [[feature]]" : suggestFeatureKey(key);
+        const std::string place = findHeadField(key) != nullptr ? ": it belongs above the first [[feature]]"
+                                                                : suggestKey(key, aFeatureFields);
         return fmt::format("unknown key '{}' in a feature{}", shown(key), place);
     }
 
@@ -244,13 +256,18 @@ private:
             }
             return !field.m_bRequired;
         }
-        const auto takeInto = [&](auto member) {
-            if constexpr (std::is_member_pointer_v<decltype(member)>) {
-                return take(*value, field, record.*member);
+        return takeInto(*value, field, record);
+    }
+
+    template <typename T>
+    bool takeInto(const toml::node& value, const SListField& field, T& record) {
+        const auto takeMember = [&](auto member) {
+            if constexpr (std::is_invocable_v<decltype(member), T&>) {
+                return take(value, field, record.*member);
             }
             return false;
         };
-        return std::visit(takeInto, field.m_oMember);
+        return std::visit(takeMember, field.m_oMember);
     }
 
     bool refuse(const toml::node& value, const SListField& field, std::string_view type) {
@@ -258,16 +275,39 @@ private:
         return false;
     }
 
-    bool take(const toml::node& value, const SListField& field, uint32_t& number) {
+    bool take(const toml::node& value, const SListField& field, uint64_t& number) {
         const toml::value<int64_t>* integer = value.as_integer();
         if (integer == nullptr) {
             return refuse(value, field, "an integer");
         }
-        if (integer->get() < 0 || integer->get() > field.m_nMost) {
+        const auto taken = static_cast<uint64_t>(integer->get()); // a negative one is beyond any limit
+        if (taken < field.m_nLeast || taken > field.m_nMost) {
             error(lineOf(value), outOfRange(field));
             return false;
         }
-        number = static_cast<uint32_t>(integer->get());
+        number = taken;
+        return true;
+    }
+
+    bool take(const toml::node& value, const SListField& field, uint32_t& number) {
+        uint64_t taken = 0;
+        if (!take(value, field, taken)) {
+            return false;
+        }
+        number = static_cast<uint32_t>(taken); // nMaxListNumber at most
+        return true;
+    }
+
+    // A moment, without doubt about its zone.
+    bool take(const toml::node& value, const SListField& field, std::string& moment) {
+        const toml::value<toml::date_time>* time = value.as_date_time();
+        if (time == nullptr || time->get().offset != toml::time_offset{}) {
+            return refuse(value, field, "a date and time in UTC, such as 2024-03-14T13:04:05Z");
+        }
+        const toml::date& day = time->get().date;
+        const toml::time& hour = time->get().time;
+        moment = fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}Z", day.year, day.month, day.day, hour.hour,
+                             hour.minute, hour.second);
         return true;
     }
 
@@ -289,11 +329,30 @@ private:
             error(lineOf(value), fmt::format("'{}' has more than {} names", field.m_sKey, nMaxComponents));
             return false;
         }
+        const bool isScope = &names == &m_oList.m_oHead.m_vScope;
+        if (isScope && array->empty()) {
+            error(lineOf(value), "'scope' is empty: the list would be for nobody");
+        }
         names.reserve(array->size());
         for (const toml::node& name : *array) {
-            takeComponent(name, names);
+            isScope ? takeScope(name, names) : takeComponent(name, names);
         }
         return true;
+    }
+
+    void takeScope(const toml::node& value, std::vector<std::string>& names) {
+        const toml::value<std::string>* text = value.as_string();
+        if (text == nullptr || !isApplianceName(text->get())) {
+            error(lineOf(value),
+                  fmt::format(
+                      "'{}' in the scope is no name of an appliance or a group: 1 to {} letters, digits, "
+                      "'.', '_' or '-'",
+                      text != nullptr ? shown(text->get()) : typeOf(value), nMaxApplianceName));
+        } else if (std::find(names.begin(), names.end(), text->get()) != names.end()) {
+            error(lineOf(value), fmt::format("'{}' is named twice in the scope", text->get()));
+        } else {
+            names.push_back(text->get());
+        }
     }
 
     void takeComponent(const toml::node& value, std::vector<std::string>& names) {
@@ -347,7 +406,7 @@ private:
     SFeatureList m_oList;
     uint32_t m_nBlockLine = 1; // of the block being checked
     uint32_t m_nFeatures = 0;  // tables seen, bad ones included
-    std::optional<uint32_t> m_oCount;
+    std::optional<uint64_t> m_oCount;
     uint32_t m_nCountLine = 0;                       // 0: no count given
     std::unordered_map<SFeature, uint32_t> m_oPairs; // line of each pair's first appearance
 };
@@ -380,18 +439,37 @@ SFeatureList readFeatureList(const std::string& path, std::string* text) {
     return list;
 }
 
+namespace {
+
 // The bytes are checked first: the parser shall see nothing but text.
-SFeatureList parseFeatureList(std::string_view text) {
+SFeatureList check(std::string_view text, SFeatureList (CFeatureListCheck::*run)(std::string_view)) {
     constexpr std::string_view byteOrderMark = "\xEF\xBB\xBF";
     text.remove_prefix(text.starts_with(byteOrderMark) ? byteOrderMark.size() : 0);
     const std::optional<SBadByte> bad = findBadByte(text);
     if (!bad) {
-        return CFeatureListCheck().run(text);
+        CFeatureListCheck checker;
+        return (checker.*run)(text);
     }
     SFeatureList list;
     list.add({bad->m_nLine, fmt::format("column {}: byte 0x{:02X} is not {}: save the file as UTF-8",
                                         bad->m_nColumn, bad->m_nByte, bad->m_nByte == 0 ? "text" : "UTF-8")});
     return list;
+}
+
+} // namespace
+
+SFeatureList parseFeatureList(std::string_view text) {
+    return check(text, &CFeatureListCheck::run);
+}
+
+SFeatureList parseListHead(std::string_view text) {
+    return check(text, &CFeatureListCheck::runHead);
+}
+
+bool isApplianceName(std::string_view name) {
+    constexpr char letters[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789._-";
+    return !name.empty() && name.size() <= nMaxApplianceName &&
+           name.find_first_not_of(letters) == name.npos && name.find_first_of("._-") != 0;
 }
 
 std::string printListError(const std::string& path, const SListError& error) {
