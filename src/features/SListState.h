@@ -9,6 +9,14 @@
 #include <cstdint>
 #include <string>
 
+// Who made a list, and its number.
+struct SListSeal {
+    bool m_bVerified = false; // it is signed by a trusted key; else there is no key and no signer
+    uint64_t m_nSerial = 0;   // 0: it has none
+    char m_szKeyId[nKeyIdField] = {};
+    char m_szSigner[nSignerField] = {}; // cut to it
+};
+
 // What became of one reading of the list file.
 struct SListReading {
     EListResult m_eResult = lrNone;
@@ -20,6 +28,7 @@ struct SListReading {
     uint32_t m_nWithdrawn = 0; // how many of those it lacks
     bool m_bMuch = false;      // that is more than a fifth, which is logged as a warning
     bool m_bKept = false;      // it is the list kept from an earlier run
+    SListSeal m_oSeal;         // of a list that is good
     uint32_t m_nErrors = 0;    // all there are
     std::string m_sErrors;     // the first of them, "LINE: text" each, a NUL in between
 };

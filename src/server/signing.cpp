@@ -1,9 +1,9 @@
 #include "server/signing.h"
 
+#include "tools/module/load_module.h"
 #include "tools/sign_module.h"
 
 #include <cstdio>
-#include <dlfcn.h>
 
 namespace {
 
@@ -20,15 +20,10 @@ int fail(const char* reason) {
 
 } // namespace
 
-// The name has no slash, so dlopen(3) searches this executable's run path, $ORIGIN/../lib/qel, and the module
-// is found wherever the tree is installed. RTLD_NOW reports a missing symbol here, as an error, instead of
-// ending the process in the middle of a signature. The module stays loaded, because libcrypto cleans up when
-// the process ends, by code that must still be there.
 int runSigningTool(int argc, char** argv) {
-    void* const module = ::dlopen(sSignModule, RTLD_NOW | RTLD_LOCAL);
-    void* const entry = module != nullptr ? ::dlsym(module, sSignEntry) : nullptr;
-    if (entry == nullptr) {
-        return fail(::dlerror());
+    const SModuleEntry entry = moduleEntry(sSignEntry);
+    if (entry.m_pFunction == nullptr) {
+        return fail(entry.m_szReason);
     }
-    return reinterpret_cast<decltype(&qelSignMain)>(entry)(argc, argv);
+    return reinterpret_cast<decltype(&qelSignMain)>(entry.m_pFunction)(argc, argv);
 }

@@ -21,6 +21,15 @@ SListReading readingOf(std::string_view text) {
     return reading;
 }
 
+SListSeal sealOf(const SSealedList& sealed) {
+    SListSeal seal;
+    seal.m_bVerified = sealed.m_bVerified;
+    seal.m_nSerial = sealed.m_oList.m_oHead.m_nSerial;
+    sealed.m_oProof.m_sKeyId.copy(seal.m_szKeyId, sizeof seal.m_szKeyId);
+    sealed.m_oProof.m_sSigner.copy(seal.m_szSigner, sizeof seal.m_szSigner);
+    return seal;
+}
+
 // Notes that the list is no good, with the first errors.
 void noteErrors(const SFeatureList& list, SListReading& reading) {
     reading.m_eResult = list.m_bPassing ? lrUnreadable : lrRefused;
@@ -41,7 +50,10 @@ void noteErrors(const SFeatureList& list, SListReading& reading) {
 // order is another list.
 SLoaded CFeatureLoader::load(CMediator& mediator) {
     SLoaded loaded;
-    SFeatureList list = readFeatureList(m_sPath, &loaded.m_sText);
+    m_oTrustBefore = SFingerprint::of(m_oTrust.directory().c_str());
+    SSealedList sealed = read(loaded);
+    judgeSerial(sealed);
+    SFeatureList& list = sealed.m_oList;
     SListReading& reading = loaded.m_oReading = readingOf(loaded.m_sText);
     if (list.isGood()) {
         findUndeliverable(m_vAccepted, list);
@@ -58,8 +70,11 @@ SLoaded CFeatureLoader::load(CMediator& mediator) {
         return loaded;
     }
     reading.m_nFeatures = static_cast<uint32_t>(list.m_vFeatures.size());
+    reading.m_oSeal = sealOf(sealed);
+    loaded.m_bKeptFirst = sealed.m_bVerified;
     if (m_bAccepted && isSameList(m_vAccepted, list.m_vFeatures)) {
         reading.m_eResult = lrUnchanged;
+        m_oFloor = sealed.m_oFloor;
         logEvent(svInfo, evListUnchanged, "feature list %s: unchanged, %zu features", m_sPath.c_str(),
                  m_vAccepted.size());
         return loaded;
@@ -67,6 +82,7 @@ SLoaded CFeatureLoader::load(CMediator& mediator) {
     const size_t before = m_vAccepted.size();
     const size_t withdrawn = m_bAccepted ? countWithdrawn(m_vAccepted, list.m_vFeatures) : 0;
     accept(list, mediator, loaded);
+    m_oFloor = sealed.m_oFloor;
     reading.m_nBefore = static_cast<uint32_t>(before);
     reading.m_nWithdrawn = static_cast<uint32_t>(withdrawn);
     reading.m_bMuch = isMuch(withdrawn, before);
@@ -77,19 +93,53 @@ SLoaded CFeatureLoader::load(CMediator& mediator) {
     return loaded;
 }
 
-SLoaded CFeatureLoader::loadKept(const std::string& path, CMediator& mediator) {
+SLoaded CFeatureLoader::loadKept(CMediator& mediator) {
     SLoaded loaded;
-    std::string text;
-    SFeatureList list = readFeatureList(path, &text);
+    const SWholeFile file = readWholeFile(m_sKeptPath, nMaxListFileSize);
+    SSealedList sealed = judgeList(file, m_oTrust, CListTrust::ever);
+    SFeatureList& list = sealed.m_oList;
     if (list.isGood()) {
-        loaded.m_oReading = readingOf(text);
+        loaded.m_oReading = readingOf(file.m_sText);
         loaded.m_oReading.m_bKept = true;
         loaded.m_oReading.m_nFeatures = static_cast<uint32_t>(list.m_vFeatures.size());
+        loaded.m_oReading.m_oSeal = sealOf(sealed);
         accept(list, mediator, loaded);
+        m_oFloor = sealed.m_oFloor;
     } else {
-        loaded.m_sFailure = printListError(path, list.m_vErrors.at(0));
+        loaded.m_sFailure = printListError(m_sKeptPath, list.m_vErrors.at(0));
     }
     return loaded;
+}
+
+// A certificate that cannot be used is told once, though all goes well: the next list may be signed with its key.
+SSealedList CFeatureLoader::read(SLoaded& loaded) {
+    SWholeFile file = readWholeFile(m_sPath, nMaxListFileSize);
+    SSealedList sealed = judgeList(file, m_oTrust, CListTrust::now);
+    loaded.m_sText = std::move(file.m_sText);
+    const std::string& warning = sealed.m_oProof.m_sWarning;
+    if (!warning.empty() && warning != m_sWarned) {
+        logEvent(svWarning, evTrouble, "feature list: a certificate is left out: %s", warning.c_str());
+    }
+    m_sWarned = warning;
+    return sealed;
+}
+
+// Before a list was verified in this run, the one kept from an earlier run says what was in force. Where it cannot
+// be read now, no list can be told from a lower one.
+void CFeatureLoader::judgeSerial(SSealedList& sealed) {
+    if (!sealed.m_bVerified) {
+        return;
+    }
+    if (m_oFloor.m_nSerial == 0 && !m_sKeptPath.empty()) {
+        const std::optional<SSerialFloor> kept = floorOf(m_sKeptPath, m_oTrust);
+        if (!kept) {
+            sealed.m_oList.add({0, "cannot be compared with the list taken last, " + m_sKeptPath});
+            sealed.m_oList.m_bPassing = true;
+            return;
+        }
+        m_oFloor = *kept;
+    }
+    checkSerial(sealed, m_oFloor);
 }
 
 void CFeatureLoader::accept(SFeatureList& list, CMediator& mediator, SLoaded& loaded) {

@@ -56,8 +56,8 @@ CFeatureSource& CFeatureSource::instance() {
 }
 
 CFeatureSource::CFeatureSource(std::string path, std::string stateDirectory, std::chrono::milliseconds period)
-    : m_oLoader(path), m_oKept(std::move(stateDirectory)), m_oWatch(path), m_nPeriod(period),
-      m_oReading(period) {
+    : m_oLoader(path, stateDirectory.empty() ? "" : keptListPath(stateDirectory)),
+      m_oKept(std::move(stateDirectory)), m_oWatch(path), m_nPeriod(period), m_oReading(period) {
     m_oState.m_sPath = std::move(path);
 }
 
@@ -130,7 +130,7 @@ void CFeatureSource::turn() {
     const bool isBusy = m_bNoted || m_oReading.isFailing() || !m_oWatch.isAtRest();
     const bool isChanged = m_oWatch.wait(isBusy ? m_nPeriod : nRestPeriods * m_nPeriod);
     const bool isDue = m_oReading.isDue(std::chrono::steady_clock::now()) && !m_oWatch.isChanging();
-    if (isChanged || isDue) {
+    if (isChanged || isDue || m_oLoader.isTrustChanged()) {
         readList();
     }
     m_bNoted = isWorkLeft();
@@ -158,9 +158,14 @@ void CFeatureSource::readList() {
     tellReading(loaded.m_sFailure);
     if (loaded.m_bNew) {
         *mail = {std::move(loaded.m_vList), loaded.m_oReading};
-        m_oKept.take(std::move(loaded.m_sText));
     } else {
         mail.reset();
+    }
+    if (loaded.m_bNew || loaded.m_bKeptFirst) {
+        m_oKept.take(std::move(loaded.m_sText));
+    }
+    if (loaded.m_bKeptFirst) {
+        m_oKept.save();
     }
     post(std::move(loaded.m_oReading), std::move(mail));
 }
@@ -184,7 +189,7 @@ void CFeatureSource::readKept() try {
         return;
     }
     auto mail = std::make_unique<SMail>();
-    SLoaded loaded = m_oLoader.loadKept(m_oKept.path(), *m_pControl);
+    SLoaded loaded = m_oLoader.loadKept(*m_pControl);
     if (!loaded.m_bNew) {
         logEvent(svWarning, evTrouble, "feature list: the one taken last cannot be used either: %s",
                  loaded.m_sFailure.c_str());
@@ -267,6 +272,7 @@ void CFeatureSource::takeNotice(SNews news, SListReading& accepted) {
     m_oState.m_oLatest = std::move(news.m_oLatest);
     if (m_oState.m_oLatest.m_eResult == lrUnchanged) {
         accepted.m_bKept = false;
+        accepted.m_oSeal = m_oState.m_oLatest.m_oSeal;
     }
 }
 

@@ -5,12 +5,6 @@
 
 namespace {
 
-// Without a callback the library would ask for a passphrase at the terminal (pem_password_cb(3)), and a
-// script would hang. Certificates need it too, for PEM encryption can wrap any kind of object.
-int refusePassphrase(char*, int, int, void*) {
-    return -1;
-}
-
 SKeyInput failure(const char* text) {
     SKeyInput input;
     input.m_szFailure = text;
@@ -40,6 +34,12 @@ SKeyInput readFile(const char* file, const SKeyTexts& texts, FRead read) {
 }
 
 } // namespace
+
+// At a terminal (pem_password_cb(3)) a script would hang. Certificates need it too, for PEM encryption can wrap
+// any kind of object.
+int refusePassphrase(char*, int, int, void*) {
+    return -1;
+}
 
 SKeyInput readPrivateKey(const char* file, const SKeyTexts& texts) {
     return readFile(file, texts, [&](BIO* reader) {

@@ -20,6 +20,9 @@ struct SKeyInput {
     CCertificateHandle m_pCertificate; // the key's; null for a private key, or after a failure
 };
 
+// A callback for the library, which would ask for a passphrase at the terminal without one.
+int refusePassphrase(char*, int, int, void*);
+
 // Neither asks for a passphrase: a file that needs one fails with m_szNoPem. readCertificate() returns the
 // certificate's public key and checks neither its validity nor its signature.
 [[nodiscard]] SKeyInput readPrivateKey(const char* file, const SKeyTexts& texts);

@@ -1,5 +1,6 @@
 #include "tools/sign_module.h"
 
+#include "tools/list_signing.h"
 #include "tools/tool_modes.h"
 
 #include <cstring>
@@ -20,7 +21,8 @@ constexpr SMode aModes[] = {
 
 } // namespace
 
-// The one symbol that the module exports; libcrypto's and the tools' own are hidden by the link options.
+// These are the symbols that the module exports; libcrypto's and the tools' own are hidden by the link options.
+
 extern "C" __attribute__((visibility("default"))) int qelSignMain(int argc, char** argv) {
     for (const SMode& mode : aModes) {
         if (argc > 1 && std::strcmp(argv[1], mode.m_szWord) == 0) {
@@ -28,4 +30,14 @@ extern "C" __attribute__((visibility("default"))) int qelSignMain(int argc, char
         }
     }
     return 0;
+}
+
+extern "C" __attribute__((visibility("default"))) void qelVerifyList(const SListQuestion* question,
+                                                                     SListAnswer* answer) {
+    verifyList(*question, *answer);
+}
+
+extern "C" __attribute__((visibility("default"))) void qelSignList(const char* keyFile, const char* body,
+                                                                   size_t length, SSigned* result) {
+    signList(keyFile, body, length, *result);
 }

@@ -191,7 +191,10 @@ enum EListResult : uint32_t {
     lrUnreadable = 4 // it could not be read, or memory was short; it is read again soon
 };
 
-// Where m_nInForce is 0, so are the fields from there to m_nMuch. Digests are listDigest() of the file's
+inline constexpr size_t nKeyIdField = 16;
+inline constexpr size_t nSignerField = 128;
+
+// Where m_nInForce is 0, so are the fields from there to m_nMuch, and those behind m_nErrors. Digests are listDigest() of the file's
 // bytes (source/list/list_digest.h). The latest reading has another than the list in force where the file's
 // text has changed, but not what it says.
 struct CStatusList {
@@ -209,9 +212,13 @@ struct CStatusList {
     CBigEndian32 m_nResult;    // EListResult
     CBigEndian32 m_aReadDigest[2];
     CBigEndian32 m_nReadSize;
-    CBigEndian32 m_nErrors; // all; the texts have those that fit into some KiB
+    CBigEndian32 m_nErrors;    // all; the texts have those that fit into some KiB
+    CBigEndian32 m_nVerified;  // 1: the list in force was signed by a trusted key, which is named here
+    CBigEndian32 m_aSerial[2]; // of the list in force; 0: it has none
+    char m_szKeyId[nKeyIdField] = {};
+    char m_szSigner[nSignerField] = {}; // subject of the certificate, or its beginning
 };
-static_assert(sizeof(CStatusList) == 72);
+static_assert(sizeof(CStatusList) == 228);
 
 struct CStatusCounter {
     CStatusRecord m_oRecord;

@@ -361,6 +361,10 @@ void tellList(const SQuestion&, CPage& page) {
     setNumber(record.m_aReadDigest, latest.m_nDigest);
     record.m_nReadSize = latest.m_nSize;
     record.m_nErrors = latest.m_nErrors;
+    record.m_nVerified = inForce.m_oSeal.m_bVerified;
+    setNumber(record.m_aSerial, inForce.m_oSeal.m_nSerial);
+    setName(record.m_szKeyId, fieldText(inForce.m_oSeal.m_szKeyId));
+    setName(record.m_szSigner, fieldText(inForce.m_oSeal.m_szSigner));
     page.add(record, textsOf(list));
 }
 

@@ -25,3 +25,13 @@ std::string stateDirectory() {
 std::string keptListPath(const std::string& directory) {
     return directory + "/features.toml";
 }
+
+STrustPath trustPath() {
+    const char* directory = std::getenv("QEL_TRUST_DIR");
+    return isSet(directory) ? STrustPath{directory, true} : STrustPath{QEL_TRUST_DIR, false};
+}
+
+std::string appliancePath() {
+    const char* path = std::getenv("QEL_APPLIANCE");
+    return isSet(path) ? path : QEL_APPLIANCE_FILE;
+}

@@ -15,4 +15,15 @@ std::string stateDirectory();
 // The list taken last, in such a directory.
 std::string keptListPath(const std::string& directory);
 
+// Where the certificates are that lists must be signed with: QEL_TRUST_DIR in the environment, else the one
+// compiled in. No value of the variable means that lists need not be signed.
+struct STrustPath {
+    std::string m_sDirectory;
+    bool m_bNamed; // in the environment: then it must exist
+};
+STrustPath trustPath();
+
+// Of the appliance's name and its groups: QEL_APPLIANCE in the environment, else the one compiled in.
+std::string appliancePath();
+
 #endif
