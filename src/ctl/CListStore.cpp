@@ -83,6 +83,15 @@ std::string CListStore::put(std::string_view text, const std::string* before) {
     return trouble.empty() ? syncDirectory(m_sDirectory) : trouble;
 }
 
+std::string CListStore::replace(const std::string& path, std::string_view text) {
+    struct stat like {};
+    const bool isThere = ::stat(path.c_str(), &like) == 0;
+    CFileReplacement fresh(path);
+    std::string trouble = fresh.write(text, isThere ? &like : nullptr);
+    trouble = trouble.empty() ? fresh.publish() : trouble;
+    return trouble.empty() ? syncDirectory(directoryOf(path)) : trouble;
+}
+
 // Up to the first gap, beginning with the highest number; the oldest is lost where there is no gap.
 std::string CListStore::moveDown() {
     int last = 0;

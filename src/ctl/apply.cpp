@@ -3,12 +3,16 @@
 #include "ctl/apply_report.h"
 #include "ctl/commands.h"
 #include "ctl/list_errors.h"
+#include "ctl/list_signer.h"
 #include "ctl/terminal.h"
 #include "source/list/list_changes.h"
 #include "source/list/list_digest.h"
 #include "source/list/list_paths.h"
+#include "source/list/list_signature.h"
 #include "source/list/whole_file.h"
+#include "source/trust/sealed_list.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <fmt/format.h>
 #include <optional>
@@ -26,6 +30,10 @@ struct SListFile {
             m_bRead = false;
             m_oList.add({0, std::move(file.m_sError)});
         }
+    }
+    // As the daemon would judge it.
+    SSealedList judged(CListTrust& trust) const {
+        return judgeList({m_sText, "", false}, trust, CListTrust::now);
     }
     bool m_bRead = true;
     std::string m_sText;
@@ -50,9 +58,13 @@ private:
     bool isGood();
     bool readBefore();
     void readKept();
+    bool seal();
+    bool findFloor(SSerialFloor& floor);
+    bool sign(const SSerialFloor& floor);
     void compare();
     bool isMeant();
     EApplyResult carryOut();
+    std::string goBack();
     int wait();
     bool complainOf(std::string error);
     void tell(const std::string& text) const;
@@ -60,6 +72,7 @@ private:
     const SApplyOptions& m_oOptions;
     const bool m_bUndo;
     CListStore m_oStore;
+    CListTrust m_oTrust{trustPath()};
     std::optional<SListFile> m_oBefore; // nothing: there is no list in place
     std::optional<SListFile> m_oAfter;
     std::vector<SFeatureRecord> m_vInForce;
@@ -106,6 +119,9 @@ EApplyResult CListUpdate::attempt() {
     }
     if (!readBefore()) {
         return EApplyResult::failed;
+    }
+    if (!seal()) {
+        return EApplyResult::refused;
     }
     findUndeliverable(m_vInForce, m_oAfter->m_oList);
     if (!isGood()) {
@@ -176,6 +192,72 @@ void CListUpdate::readKept() {
     }
 }
 
+// With a key, the list goes signed, and with a serial that the daemon takes. Where the daemon takes no list but
+// a signed one, it is verified here as it will be there; a list of another place is none of the daemon's.
+bool CListUpdate::seal() {
+    SSerialFloor floor;
+    const bool isOn = m_oOptions.m_sList.empty() && m_oTrust.isOn();
+    if (isOn && m_bUndo && m_oOptions.m_sKey.empty()) {
+        return complainOf(
+            fmt::format("lists are taken with a higher serial only ({}): undo --key KEY signs {} anew, "
+                        "with one",
+                        m_oTrust.directory(), m_oReport.m_sFile));
+    }
+    if ((isOn || !m_oOptions.m_sKey.empty()) && !findFloor(floor)) {
+        return false;
+    }
+    if (!m_oOptions.m_sKey.empty() && !sign(floor)) {
+        return false;
+    }
+    if (isOn) {
+        SSealedList sealed = m_oAfter->judged(m_oTrust);
+        checkSerial(sealed, floor);
+        m_oAfter->m_oList = std::move(sealed.m_oList);
+    }
+    return true;
+}
+
+// Of the list that the daemon took last, or of the one in place, if that would be taken after it. Without trust the
+// one in place says enough.
+bool CListUpdate::findFloor(SSerialFloor& floor) {
+    const bool isOn = m_oOptions.m_sList.empty() && m_oTrust.isOn();
+    const std::string directory = isOn ? stateDirectory() : "";
+    if (!directory.empty()) {
+        const std::optional<SSerialFloor> kept = floorOf(keptListPath(directory), m_oTrust);
+        if (!kept) {
+            return complainOf(fmt::format("{} cannot be read or verified", keptListPath(directory)));
+        }
+        floor = *kept;
+    }
+    if (m_oBefore && !isOn) {
+        floor = {m_oBefore->m_oList.m_oHead.m_nSerial, 0};
+    } else if (m_oBefore) {
+        const SSerialFloor before = m_oBefore->judged(m_oTrust).m_oFloor;
+        floor = before.m_nSerial > floor.m_nSerial ? before : floor;
+    }
+    return true;
+}
+
+// What is in place already, but for its signature, is not signed anew; unless a newer list has been in force since.
+bool CListUpdate::sign(const SSerialFloor& floor) {
+    if (m_oBefore && m_oBefore->m_oList.m_oHead.m_nSerial >= std::max<uint64_t>(floor.m_nSerial, 1) &&
+        withoutSignature(m_oBefore->m_sText) == withoutSignature(m_oAfter->m_sText) &&
+        readSignature(m_oBefore->m_sText).m_sFault.empty()) {
+        m_oAfter->m_sText = m_oBefore->m_sText;
+        return true;
+    }
+    const bool isHigher = m_oAfter->m_oList.m_oHead.m_nSerial > floor.m_nSerial;
+    SSignedList list = signText(m_oAfter->m_sText, m_oOptions.m_sKey,
+                                isHigher ? std::nullopt : std::optional(floor.m_nSerial + 1));
+    if (!list.isSigned()) {
+        return complainOf(list.m_sError);
+    }
+    m_oAfter->m_sText = std::move(list.m_sText);
+    m_oAfter->m_oList = std::move(list.m_oList);
+    tell(fmt::format("signed with key {}, serial {}", list.m_sKeyId, m_oAfter->m_oList.m_oHead.m_nSerial));
+    return true;
+}
+
 void CListUpdate::compare() {
     const std::vector<SFeatureRecord>& after = m_oAfter->m_oList.m_vFeatures;
     m_oChange.emplace(m_vInForce, after);
@@ -213,9 +295,8 @@ EApplyResult CListUpdate::carryOut() {
         setProcessName("");
         m_oWait.emplace(m_oOptions.m_nSeconds, !m_oOptions.m_bQuiet && !m_oOptions.m_bJson);
     }
-    std::string trouble = m_bUndo
-                              ? m_oStore.goBack()
-                              : m_oStore.put(m_oAfter->m_sText, m_oBefore ? &m_oBefore->m_sText : nullptr);
+    std::string trouble =
+        m_bUndo ? goBack() : m_oStore.put(m_oAfter->m_sText, m_oBefore ? &m_oBefore->m_sText : nullptr);
     if (!trouble.empty()) {
         complainOf(std::move(trouble));
         return EApplyResult::failed;
@@ -223,6 +304,13 @@ EApplyResult CListUpdate::carryOut() {
     tell(m_bUndo ? fmt::format("{} is now what {} was", m_oStore.path(), m_oReport.m_sFile)
                  : fmt::format("{} is in place", m_oStore.path()));
     return EApplyResult::applied;
+}
+
+// What was signed anew takes the kept one's place first: the list in place is replaced in one step.
+std::string CListUpdate::goBack() {
+    const std::string trouble =
+        m_oOptions.m_sKey.empty() ? "" : CListStore::replace(m_oReport.m_sFile, m_oAfter->m_sText);
+    return trouble.empty() ? m_oStore.goBack() : trouble;
 }
 
 // False, for the caller to return.

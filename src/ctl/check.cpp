@@ -5,11 +5,13 @@
 #include "ctl/json.h"
 #include "ctl/list_errors.h"
 #include "ctl/terminal.h"
-#include "source/list/feature_list.h"
+#include "source/list/list_paths.h"
 #include "source/list/whole_file.h"
+#include "source/trust/sealed_list.h"
 
 #include <algorithm>
 #include <fmt/format.h>
+#include <optional>
 #include <set>
 
 namespace {
@@ -18,10 +20,11 @@ namespace {
 struct SChecked {
     std::string m_sPath;
     const char* m_szKind;
-    size_t m_nCount = 0;               // of what it holds, if it is good
-    std::vector<SListError> m_vErrors; // those that are told
-    size_t m_nErrors = 0;              // all
-    std::string m_sSummary;            // if it is good
+    size_t m_nCount = 0;                  // of what it holds, if it is good
+    std::vector<SListError> m_vErrors;    // those that are told
+    size_t m_nErrors = 0;                 // all
+    std::string m_sSummary;               // if it is good
+    std::optional<std::string> m_oSigner; // of a list, where it was verified
 
     bool isGood() const { return m_nErrors == 0; }
 };
@@ -37,15 +40,31 @@ std::string summarise(const std::vector<SFeatureRecord>& features) {
                        counted(components.size(), "component"));
 }
 
-// The daemon checks a list with the same function. So what is good here is good there, except for changes
-// that only the daemon can judge, since it knows the list before.
+// The daemon checks a list with the same functions. So what is good here is good there, except for changes
+// that only the daemon can judge, since it knows the list before. Of a list whose signature is none, it would
+// not read a line; here the other faults are told as well.
 SChecked checkList(const std::string& path, std::vector<SFeatureRecord>& features) {
-    SFeatureList list = readFeatureList(path);
-    SChecked checked{path, "list", 0, std::move(list.m_vErrors), list.m_nErrors, ""};
+    const SWholeFile file = readWholeFile(path, nMaxListFileSize);
+    CListTrust trust(trustPath());
+    SSealedList sealed = judgeList(file, trust, CListTrust::now);
+    if (const std::string directory = stateDirectory(); !directory.empty()) {
+        checkSerial(sealed, floorOf(keptListPath(directory), trust).value_or(SSerialFloor()));
+    }
+    SFeatureList list = std::move(sealed.m_oList);
+    if (!sealed.m_oProof.isGood()) {
+        list = parseFeatureList(file.m_sText);
+        list.add({0, sealed.m_oProof.m_sFault});
+    }
+    SChecked checked{path, "list", 0, std::move(list.m_vErrors), list.m_nErrors, "", {}};
     if (list.isGood()) {
         features = std::move(list.m_vFeatures);
         checked.m_nCount = features.size();
         checked.m_sSummary = summarise(features);
+    }
+    if (sealed.m_bVerified) {
+        checked.m_sSummary += fmt::format("; serial {}, signed by {} (key {})", list.m_oHead.m_nSerial,
+                                          printable(sealed.m_oProof.m_sSigner), sealed.m_oProof.m_sKeyId);
+        checked.m_oSigner = std::move(sealed.m_oProof.m_sSigner);
     }
     return checked;
 }
@@ -53,7 +72,7 @@ SChecked checkList(const std::string& path, std::vector<SFeatureRecord>& feature
 // Features without a name are told, but are no fault.
 SChecked checkNames(const std::string& path, const std::vector<SFeatureRecord>& features) {
     const SWholeFile file = readWholeFile(path, nMaxListFileSize);
-    SChecked checked{path, "descriptions", 0, {}, 0, ""};
+    SChecked checked{path, "descriptions", 0, {}, 0, "", {}};
     checked.m_vErrors =
         file.m_sError.empty() ? checkDescriptions(file.m_sText) : std::vector<SListError>{{0, file.m_sError}};
     checked.m_nErrors = checked.m_vErrors.size();
@@ -84,6 +103,7 @@ void printAsJson(const std::vector<SChecked>& all) {
                          {"kind", checked.m_szKind},
                          {"good", checked.isGood()},
                          {"count", checked.isGood() ? CJson(checked.m_nCount) : CJson()},
+                         {"signer", checked.m_oSigner ? CJson(*checked.m_oSigner) : CJson()},
                          {"error_count", checked.m_nErrors},
                          {"errors", toJson(checked.m_vErrors)}});
     }

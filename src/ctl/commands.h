@@ -102,8 +102,20 @@ struct SApplyOptions : SCommonOptions {
     std::string m_sList; // the list in place; empty: that of the environment, else the one compiled in
     bool m_bDryRun = false;
     bool m_bForce = false;
+    std::string m_sKey;     // private key to sign the list with; empty: it goes as it is
     bool m_bWait = true;    // until it is delivered
     double m_nSeconds = 60; // how long at most
+};
+
+struct SSignOptions : SCommonOptions {
+    std::string m_sFile;
+    std::string m_sKey;    // private key
+    std::string m_sSerial; // a number, or "next"; empty: the list's own
+};
+
+struct SVerifyOptions : SCommonOptions {
+    std::string m_sFile;
+    std::string m_sTrust; // directory; empty: the daemon's
 };
 
 struct SExplainOptions : SCommonOptions {
@@ -131,6 +143,8 @@ int runComponent(const SComponentOptions& options);
 int runDaemon(const SDaemonOptions& options);
 int runApply(const SApplyOptions& options);
 int runUndo(const SApplyOptions& options);
+int runSign(const SSignOptions& options);
+int runVerify(const SVerifyOptions& options);
 int runSchema();
 int runExplain(const SExplainOptions& options);
 int runMetrics(const SMetricsOptions& options);

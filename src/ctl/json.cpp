@@ -135,7 +135,11 @@ CJson toJson(const SListView& list) {
             {"read_digest", printListDigest(number(list.m_aReadDigest))},
             {"read_size", uint32_t{list.m_nReadSize}},
             {"error_count", uint32_t{list.m_nErrors}},
-            {"errors", toJson(list.errors())}};
+            {"errors", toJson(list.errors())},
+            {"verified", list.m_nVerified != 0},
+            {"serial", number(list.m_aSerial) != 0 ? CJson(number(list.m_aSerial)) : CJson()},
+            {"key_id", textOrNull(fieldText(list.m_szKeyId))},
+            {"signer", textOrNull(fieldText(list.m_szSigner))}};
 }
 
 // JSON is UTF-8 (RFC 8259), names and texts may be anything. What is not UTF-8 is replaced, not thrown.

@@ -3,6 +3,7 @@
 #include "ctl/list_errors.h"
 #include "ctl/pairs.h"
 #include "ctl/terminal.h"
+#include "source/list/list_digest.h"
 
 #include <charconv>
 #include <fmt/format.h>
@@ -41,6 +42,11 @@ std::string SListView::text(uint32_t now) const {
 void SListView::print(uint32_t now) const {
     const bool isGood = exitStatus() == exitOk && m_nKept == 0;
     fmt::print("{}\n", paint(text(now), isGood ? EColour::none : EColour::yellow, stdout));
+    if (m_nVerified != 0) {
+        fmt::print("-- serial {}, signed by {} (key {}); digest {}\n", number(m_aSerial),
+                   printable(fieldText(m_szSigner)), fieldText(m_szKeyId),
+                   printListDigest(number(m_aDigest)));
+    }
     if (m_nMuch != 0) {
         const std::string much = fmt::format("-- it withdrew {} of {} features, more than a fifth",
                                              uint32_t{m_nWithdrawn}, uint32_t{m_nBefore});

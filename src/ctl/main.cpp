@@ -45,6 +45,8 @@ struct SOptions {
     SCheckOptions m_oCheck;
     SApplyOptions m_oApply;
     SApplyOptions m_oUndo;
+    SSignOptions m_oSign;
+    SVerifyOptions m_oVerify;
     SComponentOptions m_oComponent;
     SExplainOptions m_oExplain;
     SDaemonOptions m_oDaemon;
@@ -203,6 +205,10 @@ void addChange(CLI::App& command, SApplyOptions& options) {
     addCommon(command, options);
     command.add_option("--list", options.m_sList, "The list in place, if not the daemon's own")
         ->option_text("PATH");
+    command
+        .add_option("--key", options.m_sKey,
+                    "Sign it on the way, with this private key, and raise its serial")
+        ->option_text("KEY");
     command.add_flag("--dry-run", options.m_bDryRun, "Show what would change, and change nothing");
     command.add_flag("!--no-wait", options.m_bWait, "Do not wait until it is delivered");
     addSeconds(command, "--timeout", options.m_nSeconds, "How long to wait at most");
@@ -218,6 +224,34 @@ void addApply(CLI::App& command, SOptions& all) {
 
 void addUndo(CLI::App& command, SOptions& all) {
     addChange(command, all.m_oUndo);
+}
+
+void addSign(CLI::App& command, SOptions& all) {
+    addCommon(command, all.m_oSign);
+    command.add_option("FILE", all.m_oSign.m_sFile, "The feature list")->required();
+    command.add_option("--key", all.m_oSign.m_sKey, "The private key, PEM")->required()->option_text("KEY");
+    command
+        .add_option("--serial", all.m_oSign.m_sSerial, "Write this serial, or the one after the list's own")
+        ->check([](const std::string& text) {
+            uint64_t number = 0;
+            const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+            const bool isNumber = error == std::errc() && end == text.data() + text.size() && number != 0;
+            return text == "next" || isNumber ? "" : "must be 'next' or a number from 1 on";
+        })
+        ->option_text("NUMBER|next");
+    command.footer(
+        "The signature becomes the last line of the file, in place of an older one. Without --serial "
+        "nothing else changes.");
+}
+
+void addVerify(CLI::App& command, SOptions& all) {
+    addCommon(command, all.m_oVerify);
+    command.add_option("FILE", all.m_oVerify.m_sFile, "The feature list")->required();
+    command
+        .add_option("--trust", all.m_oVerify.m_sTrust,
+                    "The directory of certificates, if not the daemon's own")
+        ->option_text("DIR");
+    command.footer("The daemon's is that of QEL_TRUST_DIR in the environment, else the one compiled in.");
 }
 
 void addExplain(CLI::App& command, SOptions& all) {
@@ -280,6 +314,10 @@ constexpr SCommand aCommands[] = {
      [](const SOptions& options) { return runApply(options.m_oApply); }},
     {"undo", "Go back to the list before the latest apply.", addUndo,
      [](const SOptions& options) { return runUndo(options.m_oUndo); }},
+    {"sign", "Sign a feature list, with a private key.", addSign,
+     [](const SOptions& options) { return runSign(options.m_oSign); }},
+    {"verify", "Tell who has signed a feature list, and whether that is to be trusted.", addVerify,
+     [](const SOptions& options) { return runVerify(options.m_oVerify); }},
     {"component", "Be a component: print every message, answer as told.", addComponent,
      [](const SOptions& options) { return runComponent(options.m_oComponent); }},
     {"explain", "Tell what an event of the log means, and what to do.", addExplain,

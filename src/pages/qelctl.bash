@@ -21,7 +21,7 @@ _qelctl_offer() {
 _qelctl_values() {
   local program=$1 kind=$2 word=$3
   case $kind in
-    FILE | PATH)
+    FILE | PATH | KEY | DIR)
       compopt -o filenames 2>/dev/null
       mapfile -t COMPREPLY < <(compgen -f -- "$word")
       ;;

@@ -42,6 +42,10 @@ SText listState(EListResult result, uint32_t isInForce, const SText& errors = ""
     words.m_tRead = 1020;
     words.m_nResult = result;
     words.m_nErrors = 3;
+    words.m_nVerified = isInForce;
+    setNumber(words.m_aSerial, 0x100000002);
+    SText("0123456789abcdef").copy(words.m_szKeyId, sizeof words.m_szKeyId);
+    SText("CN=\033").copy(words.m_szSigner, sizeof words.m_szSigner);
     return record(words, "a\033.toml" + errors);
 }
 
@@ -342,6 +346,7 @@ TEST_F(CLooking, AListThatIsNotInForceShowsAtOnceAndInTheStatus) {
         m_oTables[sqList] = {listState(example.m_eResult, example.m_nInForce, errors)};
         const SText inForce =
             "a?.toml: 4 features of the list kept from an earlier run, in force since 00:16:40\n"
+            "-- serial 4294967298, signed by CN=? (key 0123456789abcdef); digest 0000000000000000\n"
             "-- it withdrew 5 of 9 features, more than a fifth\n";
         EXPECT_EQ(run(runStatus, SStatusOptions{}),
                   (example.m_nInForce ? inForce : "a?.toml: no list is in force\n") + example.m_sTold);

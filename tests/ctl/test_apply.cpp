@@ -189,6 +189,53 @@ TEST_F(CApply, SeveralAtATimeDoNotMix) {
     EXPECT_EQ(contents(kept(5)), five(100));
 }
 
+// Where lists must be signed, each command takes and leaves what the daemon would take and leave.
+TEST_F(CApply, SignsOnTheWayAndGoesBackWithAHigherSerial) {
+    setenv("QEL_TRUST_DIR", m_oDirectory.file("trust").c_str(), 1);
+    const std::string made =
+        ::attempt("cd " + m_oDirectory.path() +
+                  " && mkdir trust && " QEL_OPENSSL " genpkey -algorithm ed25519 -out key && " QEL_OPENSSL
+                  " req -x509 -new -key key -days 9 -subj /CN=site -out trust/c.crt && " QEL_OPENSSL
+                  " genpkey -algorithm "
+                  "ed25519 -out other");
+    ASSERT_TRUE(made.ends_with("status 0\n")) << made;
+    const std::string key = " --key " + m_oDirectory.file("key"), file = m_oDirectory.file("new");
+    const auto expectSaid = [](const std::string& part, const std::string& told) {
+        EXPECT_PRED_FORMAT2(testing::IsSubstring, part, told);
+    };
+    expectSaid("new: is not signed", apply(five(1)));
+    put(file, "[[feature]]\ncode = -1");
+    expectSaid("new:2: 'code' must be", run("check " + file));
+    put(file, five(1));
+    expectSaid("has no 'serial'", run("sign " + file + key));
+    expectSaid(", serial 41", run("sign --serial 41 " + file + key));
+    expectSaid("good, signed by CN=site (key ", run("verify " + file));
+    expectSaid("; serial 41, signed by CN=site", run("check " + file));
+    EXPECT_EQ(run("apply -q --no-wait " + file), "");
+    EXPECT_EQ(contents(m_sList), contents(file));
+    put(file, "serial = 41\n" + five(2));
+    EXPECT_EQ(run("sign -q " + file + key), "");
+    expectSaid("serial 41 is that of another list", run("apply -q " + file));
+    EXPECT_EQ(run("sign -q --serial next " + file + " --key " + m_oDirectory.file("other")), "");
+    expectSaid("signed by another key", run("verify " + file));
+    expectSaid(", serial 42\n", apply(five(2), key));         // an older list's serial is raised
+    expectSaid("has no 'serial'", run("sign " + file + key)); // the file itself stays as it is
+    expectSaid("undo --key KEY signs list.1 anew", run("undo --no-wait"));
+    expectSaid(", serial 43\n", run("undo --no-wait" + key));
+    EXPECT_EQ(contents(m_sList).substr(0, 12), "serial = 43\n");
+    std::filesystem::create_directory(m_oDirectory.file("state"));
+    std::filesystem::copy(m_sList, m_oDirectory.file("state/features.toml"));
+    EXPECT_EQ(run("sign -q --serial 42 " + file + key), "");
+    expectSaid("its serial 42 is lower than 43", run("check " + file));
+    expectSaid("list is like that already", run("apply --no-wait " + m_sList + key));
+    expectSaid("good, signed by CN=site", run("verify " + m_sList));
+    put(m_sList, contents(m_sList).replace(0, 11, "serial = 44"));
+    expectSaid("was changed after key", run("verify " + m_sList));
+    expectSaid("none cannot be read: No such file",
+               run("verify --trust " + m_oDirectory.file("none") + " " + m_sList));
+    unsetenv("QEL_TRUST_DIR");
+}
+
 // In the daemon's own time: the next audit tells what has changed.
 TEST_F(CApply, WaitsUntilEverythingIsDeliveredOrRefused) {
     for (const char* name : {"QEL_RUNTIME_DIR", "QEL_LOG_FILE"}) {
