@@ -152,6 +152,17 @@ TEST_F(CTrustTest, WhatCannotBeVerifiedIsRefusedUntilItCan) {
     EXPECT_NE(lineWith("/trust/ours.crt was valid until 2"), "");
 }
 
+TEST_F(CTrustTest, TrustComesWithTheDirectoryAndDoesNotGoWithIt) {
+    const std::string directory = m_oDirectory.file("later");
+    CListTrust trust({directory, false}), named({directory, true}), unclear({m_sList + "/x/y", false});
+    put(m_sList, "no directory");
+    EXPECT_TRUE(!trust.isOn() && named.isOn() && unclear.isOn());
+    std::filesystem::create_directory(directory);
+    EXPECT_TRUE(trust.isOn());
+    std::filesystem::remove(directory);
+    EXPECT_TRUE(trust.isOn());
+}
+
 TEST_F(CTrustTest, AListThatDidNotFitIntoMemoryIsNotTaken) {
     put(m_sList, sign(body(5, 1)));
     ASSERT_TRUE(restart()); // and is kept: the next one is compared with it
