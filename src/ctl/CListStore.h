@@ -31,7 +31,8 @@ public:
     // Puts the list of the latest() number in place; those behind it move up by one.
     [[nodiscard]] std::string goBack();
 
-    // Writes over a file, with the owner and the mode that it has; the old text or the new one is there at any time.
+    // Writes over a file, with the owner and the mode that it has; the old text or the new one is there at
+    // any time.
     [[nodiscard]] static std::string replace(const std::string& path, std::string_view text);
 
     // The lowest number that is kept; nothing: none is.

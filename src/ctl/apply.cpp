@@ -192,8 +192,8 @@ void CListUpdate::readKept() {
     }
 }
 
-// With a key, the list goes signed, and with a serial that the daemon takes. Where the daemon takes no list but
-// a signed one, it is verified here as it will be there; a list of another place is none of the daemon's.
+// With a key, the list goes signed, and with a serial that the daemon takes. Where the daemon takes no list
+// but a signed one, it is verified here as it will be there; a list of another place is none of the daemon's.
 bool CListUpdate::seal() {
     SSerialFloor floor;
     const bool isOn = m_oOptions.m_sList.empty() && m_oTrust.isOn();
@@ -217,8 +217,8 @@ bool CListUpdate::seal() {
     return true;
 }
 
-// Of the list that the daemon took last, or of the one in place, if that would be taken after it. Without trust the
-// one in place says enough.
+// Of the list that the daemon took last, or of the one in place, if that would be taken after it. Without
+// trust the one in place says enough.
 bool CListUpdate::findFloor(SSerialFloor& floor) {
     const bool isOn = m_oOptions.m_sList.empty() && m_oTrust.isOn();
     const std::string directory = isOn ? stateDirectory() : "";
@@ -238,7 +238,8 @@ bool CListUpdate::findFloor(SSerialFloor& floor) {
     return true;
 }
 
-// What is in place already, but for its signature, is not signed anew; unless a newer list has been in force since.
+// What is in place already, but for its signature, is not signed anew; unless a newer list has been in force
+// since.
 bool CListUpdate::sign(const SSerialFloor& floor) {
     if (m_oBefore && m_oBefore->m_oList.m_oHead.m_nSerial >= std::max<uint64_t>(floor.m_nSerial, 1) &&
         withoutSignature(m_oBefore->m_sText) == withoutSignature(m_oAfter->m_sText) &&

@@ -29,8 +29,8 @@ std::optional<std::pair<size_t, size_t>> findKey(std::string_view text, std::str
     return std::nullopt;
 }
 
-// Above the first feature: over the line of that key, or before all others. A value over several lines comes out
-// wrong, which the check afterwards tells.
+// Above the first feature: over the line of that key, or before all others. A value over several lines comes
+// out wrong, which the check afterwards tells.
 void setValue(std::string& text, std::string_view key, const std::string& value) {
     constexpr std::string_view byteOrderMark = "\xEF\xBB\xBF";
     const std::optional<SListBlock> first = CListBlocks(text).next();

@@ -18,8 +18,8 @@ struct SSignedList {
     bool isSigned() const { return !m_sKeyId.empty(); }
 };
 
-// With a serial, that is written into the list, and `issued` with the time of now. A list with errors or without
-// a serial is not signed. The key is a file with a private key, PEM.
+// With a serial, that is written into the list, and `issued` with the time of now. A list with errors or
+// without a serial is not signed. The key is a file with a private key, PEM.
 SSignedList signText(std::string_view text, const std::string& keyFile, std::optional<uint64_t> serial);
 
 #endif

@@ -111,7 +111,8 @@ SLoaded CFeatureLoader::loadKept(CMediator& mediator) {
     return loaded;
 }
 
-// A certificate that cannot be used is told once, though all goes well: the next list may be signed with its key.
+// A certificate that cannot be used is told once, though all goes well: the next list may be signed with its
+// key.
 SSealedList CFeatureLoader::read(SLoaded& loaded) {
     SWholeFile file = readWholeFile(m_sPath, nMaxListFileSize);
     SSealedList sealed = judgeList(file, m_oTrust, CListTrust::now);
@@ -124,8 +125,8 @@ SSealedList CFeatureLoader::read(SLoaded& loaded) {
     return sealed;
 }
 
-// Before a list was verified in this run, the one kept from an earlier run says what was in force. Where it cannot
-// be read now, no list can be told from a lower one.
+// Before a list was verified in this run, the one kept from an earlier run says what was in force. Where it
+// cannot be read now, no list can be told from a lower one.
 void CFeatureLoader::judgeSerial(SSealedList& sealed) {
     if (!sealed.m_bVerified) {
         return;

@@ -35,8 +35,8 @@ SKeyInput readFile(const char* file, const SKeyTexts& texts, FRead read) {
 
 } // namespace
 
-// At a terminal (pem_password_cb(3)) a script would hang. Certificates need it too, for PEM encryption can wrap
-// any kind of object.
+// At a terminal (pem_password_cb(3)) a script would hang. Certificates need it too, for PEM encryption can
+// wrap any kind of object.
 int refusePassphrase(char*, int, int, void*) {
     return -1;
 }

@@ -57,14 +57,15 @@ void setText(char (&field)[N], std::string_view text) {
     field[length] = '\0';
 }
 
-// Without its configuration, which could replace what verifies; and without its clean-up, since any thread may
-// end the process while another is in here. Its errors of earlier calls are no business of this one.
+// Without its configuration, which could replace what verifies; and without its clean-up, since any thread
+// may end the process while another is in here. Its errors of earlier calls are no business of this one.
 void prepare() {
     OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT | OPENSSL_INIT_NO_LOAD_CONFIG, nullptr);
     ERR_clear_error();
 }
 
-// The library's errors, which are forgotten. Memory that ran out is no property of the list or of a certificate.
+// The library's errors, which are forgotten. Memory that ran out is no property of the list or of a
+// certificate.
 void throwIfNoMemory() {
     bool isMemory = false;
     while (const unsigned long error = ERR_get_error()) {

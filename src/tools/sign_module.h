@@ -3,10 +3,11 @@
 // The tools are a module of their own because they alone need libcrypto, which would otherwise take 1.4 MiB
 // of memory for as long as the daemon runs, and a millisecond of its start. A second program would save the
 // same, but then `qelserver` would not be the one command any more, and the tools would not run under an
-// emulator that starts a single program. A daemon that takes signed lists alone loads it with the first of them.
+// emulator that starts a single program. A daemon that takes signed lists alone loads it with the first of
+// them.
 //
-// Both sides have a C++ runtime of their own: nothing is thrown from one to the other, and each frees what it has
-// allocated.
+// Both sides have a C++ runtime of their own: nothing is thrown from one to the other, and each frees what it
+// has allocated.
 #ifndef QEL_TOOLS_SIGN_MODULE_H
 #define QEL_TOOLS_SIGN_MODULE_H
 

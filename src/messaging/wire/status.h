@@ -194,9 +194,9 @@ enum EListResult : uint32_t {
 inline constexpr size_t nKeyIdField = 16;
 inline constexpr size_t nSignerField = 128;
 
-// Where m_nInForce is 0, so are the fields from there to m_nMuch, and those behind m_nErrors. Digests are listDigest() of the file's
-// bytes (source/list/list_digest.h). The latest reading has another than the list in force where the file's
-// text has changed, but not what it says.
+// Where m_nInForce is 0, so are the fields from there to m_nMuch, and those behind m_nErrors. Digests are
+// listDigest() of the file's bytes (source/list/list_digest.h). The latest reading has another than the list
+// in force where the file's text has changed, but not what it says.
 struct CStatusList {
     CStatusRecord m_oRecord;
     CBigEndian32 m_nInForce; // 1: a list is in force

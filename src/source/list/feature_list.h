@@ -62,8 +62,8 @@ inline constexpr size_t nMaxApplianceName = 64; // characters; of a group's like
 // Checks what stands above the first feature, and that alone.
 [[nodiscard]] SFeatureList parseListHead(std::string_view text);
 
-// Whether an appliance or a group can be called so: letters, digits, and . _ - between or behind them, so that
-// a name can be a file's name or a part of a topic.
+// Whether an appliance or a group can be called so: letters, digits, and . _ - between or behind them, so
+// that a name can be a file's name or a part of a topic.
 bool isApplianceName(std::string_view name);
 
 // "PATH:LINE: text", or "PATH: text" for what concerns the file as a whole.

@@ -27,8 +27,8 @@ std::string encode(std::string_view bytes) {
     return text;
 }
 
-// Only what encode() makes of the same bytes: other ways to write them, such as bits set behind the last byte,
-// are none.
+// Only what encode() makes of the same bytes: other ways to write them, such as bits set behind the last
+// byte, are none.
 std::optional<std::string> decode(std::string_view text) {
     const size_t length = std::min(text.find('='), text.size());
     std::string bytes;

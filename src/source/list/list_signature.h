@@ -2,8 +2,8 @@
 //
 //     #qel-signature 1 KEYID BASE64
 //
-// It is over all bytes before it. KEYID only says which key to look for. Here is the line alone; what signs and
-// verifies is in the module of the signing tools (tools/sign_module.h).
+// It is over all bytes before it. KEYID only says which key to look for. Here is the line alone; what signs
+// and verifies is in the module of the signing tools (tools/sign_module.h).
 #ifndef QEL_SOURCE_LIST_SIGNATURE_H
 #define QEL_SOURCE_LIST_SIGNATURE_H
 

@@ -19,18 +19,18 @@ struct SListProof {
     std::string m_sWarning;  // a certificate that was left out; empty: none was
 };
 
-// Trust is on where the directory exists, where it cannot be told whether it does, where the environment names
-// one, and once it has been on in the life of the object. Then nothing but a good signature by a key of the
-// directory will do; whatever goes wrong refuses.
+// Trust is on where the directory exists, where it cannot be told whether it does, where the environment
+// names one, and once it has been on in the life of the object. Then nothing but a good signature by a key of
+// the directory will do; whatever goes wrong refuses.
 class CListTrust {
 public:
     explicit CListTrust(STrustPath path) : m_oPath(std::move(path)) {}
 
     bool isOn();
 
-    // Whether the bytes are signed by one of the trusted keys, now or, for a list that was in force before, ever.
-    // The first call loads the module of the signing tools, which stays. Throws std::bad_alloc; any thread, one
-    // at a time.
+    // Whether the bytes are signed by one of the trusted keys, now or, for a list that was in force before,
+    // ever. The first call loads the module of the signing tools, which stays. Throws std::bad_alloc; any
+    // thread, one at a time.
     enum EWhen { now, ever };
     [[nodiscard]] SListProof verify(std::string_view text, EWhen when) const;
 

@@ -5,9 +5,9 @@
 #include <string>
 #include <vector>
 
-// The file has a name in each line: first the appliance's own, then its groups, the one that counts most first.
-// Blank lines, and what follows a #, do not count. Where there is no file the appliance is called like the host,
-// without its domain, and has no group. Other programs of the appliance go by the same file.
+// The file has a name in each line: first the appliance's own, then its groups, the one that counts most
+// first. Blank lines, and what follows a #, do not count. Where there is no file the appliance is called like
+// the host, without its domain, and has no group. Other programs of the appliance go by the same file.
 struct SAppliance {
     std::string m_sName;
     std::vector<std::string> m_vGroups;

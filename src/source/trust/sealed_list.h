@@ -23,16 +23,16 @@ struct SSealedList {
     SSerialFloor m_oFloor;    // what this list sets, once it is in force; of a verified one
 };
 
-// Judges the bytes that were read. Where trust is on, no byte is parsed before the signature over it is verified.
-// Where it is off, the list is checked as ever. Throws std::bad_alloc.
+// Judges the bytes that were read. Where trust is on, no byte is parsed before the signature over it is
+// verified. Where it is off, the list is checked as ever. Throws std::bad_alloc.
 [[nodiscard]] SSealedList judgeList(const SWholeFile& file, CListTrust& trust, CListTrust::EWhen when);
 
 // Refuses a verified list that is below the floor.
 void checkSerial(SSealedList& sealed, const SSerialFloor& floor);
 
 // The floor that the list of an earlier run sets. None where trust is off, where there is no such list, or it
-// does not verify, which nobody but who may write there can bring about. Nothing where that cannot be told now: then
-// no other list may be taken. Throws std::bad_alloc.
+// does not verify, which nobody but who may write there can bring about. Nothing where that cannot be told
+// now: then no other list may be taken. Throws std::bad_alloc.
 [[nodiscard]] std::optional<SSerialFloor> floorOf(const std::string& path, CListTrust& trust);
 
 #endif

@@ -8,12 +8,12 @@ struct SModuleEntry {
         ""; // then: the dynamic linker's words, good until its next failure in this thread
 };
 
-// A function of the module by its name (sign_module.h), which is loaded if it is not there yet, and stays. Any
-// thread. Only an executable with QEL_MODULE_RUNPATH as its run path finds it.
+// A function of the module by its name (sign_module.h), which is loaded if it is not there yet, and stays.
+// Any thread. Only an executable with QEL_MODULE_RUNPATH as its run path finds it.
 [[nodiscard]] SModuleEntry moduleEntry(const char* name);
 
-// Gives the pages of the module and of libcrypto back that are as in their files: they are read again when they are
-// needed. For a process that goes on after it has used the module for once; any thread.
+// Gives the pages of the module and of libcrypto back that are as in their files: they are read again when
+// they are needed. For a process that goes on after it has used the module for once; any thread.
 void restModule();
 
 #endif
