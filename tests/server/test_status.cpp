@@ -492,13 +492,14 @@ TEST_F(CStatusTest, ANameTooLongForAPageDoesNotStopThePaging) {
 TEST_F(CStatusTest, APageAfterALostCursorIsEmpty) {
     feature(1, 10, EFStatus::fsActive, {});
     announce("Voice", 11, 0x21);
-    for (const EStatusQuestion what : {sqComponents, sqFeatures, sqDeliveries, sqTally}) {
+    for (const EStatusQuestion what : {sqComponents, sqFeatures, sqDeliveries, sqTally, sqHoldings, sqHeld}) {
         announce("Gateway", 12, 0x22);
-        auto question = about(what);
+        const CStatusQuestion begin = about(what, what < sqHoldings ? 0u : uint32_t{sfComponent}, 0, "Voice");
+        CStatusQuestion question = begin;
         const auto ends = {+[] { newList({}); },
                            +[] { shutDown(0x22); }}; // entries and records may have moved
         for (const auto end : ends) {
-            question.m_oCursor = ask(about(what)).m_oAnswer.m_oCursor;
+            question.m_oCursor = ask(begin).m_oAnswer.m_oCursor;
             shutDown(0x99); // a stranger's, which moves nothing
             EXPECT_EQ(ask(question).m_oAnswer.m_nResult, srOk) << what;
             end();

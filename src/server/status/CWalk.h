@@ -23,6 +23,9 @@ struct SIdentity {
     bool operator==(const SIdentity&) const = default;
 };
 
+class CFeatureEntry;
+SIdentity identityOf(const CFeatureEntry& entry);
+
 inline constexpr uint32_t nLeavingMark = 1U << 31;
 inline constexpr uint32_t nOrderShift = 24;
 inline constexpr uint32_t nPositions = (1U << nOrderShift) - 1; // far more than any table has

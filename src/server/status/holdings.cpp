@@ -5,18 +5,14 @@
 #include "features/CQelControl.h"
 #include "features/delivery.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <csignal>
-#include <cstring>
 
 namespace {
 
 // Entries that a page looks at. Where an entry has many names or records, each four of them count as one
 // more.
 constexpr size_t nMaxVisits = 16384;
-
-constexpr uint32_t nLeavingMark = 1U << 31; // of a cursor's first word: the entry there is a leaving one
 
 const CComponent* findComponent(const CQelControl& control, const CStatusQuestion& question) {
     char name[nNameFieldSize + 1] = {};
@@ -47,57 +43,28 @@ EHeld heldOf(const CCompStatus* record) {
 } // namespace
 
 CHoldingsWalk::CHoldingsWalk(const CStatusQuestion& question, const CQelControl& control)
-    : m_rQuestion(question), m_rControl(control), m_pComponent(findComponent(control, question)) {
+    : m_rQuestion(question), m_pComponent(findComponent(control, question)),
+      m_oWalk(control.features(), question.m_oCursor, identityOf), m_bDone(m_pComponent == nullptr) {
     if (m_pComponent != nullptr) {
         m_oSum.m_nHandle = m_pComponent->m_oHeader.m_nHandle;
         m_oSum.m_nProcessId = m_pComponent->m_nProcessId;
         m_oSum.m_nGone = isGone(*m_pComponent);
         m_oSum.m_nMonitors = m_pComponent->m_bMonitor;
     }
-    const uint32_t position = question.m_oCursor.m_aWords[0];
-    const SFeature pair{question.m_oCursor.m_aWords[1], question.m_oCursor.m_aWords[2]};
-    const auto& entries = control.features().m_vItems;
-    const auto isAt = [&](size_t at) {
-        const CFeatureEntry* entry = entries[at];
-        return entry != nullptr && entry->id() == pair &&
-               entry->isLeaving() == ((position & nLeavingMark) != 0);
-    };
-    m_nNext = std::min<size_t>(position & ~nLeavingMark, entries.size());
-    while (m_nNext > 0 && !isAt(m_nNext - 1)) {
-        --m_nNext;
-    }
-    m_bLost = m_nNext == 0 && position != 0;
 }
 
 bool CHoldingsWalk::next(CStatusHeld& held) {
-    const auto& entries = m_rControl.features().m_vItems;
-    while (m_pComponent != nullptr && m_nNext < entries.size() && m_nVisits < nMaxVisits) {
-        const CFeatureEntry* entry = entries[m_nNext++];
-        if (entry != nullptr && judge(*entry, held)) {
+    while (!m_bDone && m_nVisits < nMaxVisits) {
+        m_pEntry = m_oWalk.next();
+        m_bDone = m_pEntry == nullptr;
+        if (m_pEntry != nullptr && judge(*m_pEntry, held)) {
             return true;
+        }
+        if (m_pEntry != nullptr) {
+            told();
         }
     }
     return false;
-}
-
-// Only where a page is filled with pairs, whose sum nobody asks for.
-void CHoldingsWalk::untell() {
-    --m_nNext;
-}
-
-bool CHoldingsWalk::hasMore() const {
-    return m_pComponent != nullptr && m_nNext < m_rControl.features().m_vItems.size();
-}
-
-// Before any entry, or behind a null slot, the asker's own cursor would do as well; tables have no null slots
-// but within a merge.
-CStatusCursor CHoldingsWalk::cursor() const {
-    const CFeatureEntry* entry = m_nNext > 0 ? m_rControl.features().m_vItems[m_nNext - 1] : nullptr;
-    if (entry == nullptr) {
-        return m_rQuestion.m_oCursor;
-    }
-    const uint32_t mark = entry->isLeaving() ? nLeavingMark : 0;
-    return {{static_cast<uint32_t>(m_nNext) | mark, entry->m_nCode, entry->m_nData, 0}};
 }
 
 // True: the pair is in force for the component, and meant.

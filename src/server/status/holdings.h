@@ -3,6 +3,7 @@
 #define QEL_STATUS_HOLDINGS_H
 
 #include "messaging/wire/holdings.h"
+#include "server/status/CWalk.h"
 
 #include <cstddef>
 
@@ -10,10 +11,7 @@ class CComponent;
 class CFeatureEntry;
 class CQelControl;
 
-// A walk over the table from the question's cursor on, for one page. The table may change between two pages.
-// Entries in force keep their order, and new ones come at the end, so the entry at the cursor is found at its
-// place or before it; where it is gone, or has other data, the asker must begin anew. Those that leave move: of
-// them some may be counted twice as under way, after which the asker asks again anyway.
+// A walk over the table from the question's cursor on, for one page (CWalk.h).
 //
 // Looks at so much as takes a fraction of a turn. Logs nothing, takes no memory, does not throw. On the main
 // loop's thread, within one message.
@@ -21,27 +19,27 @@ class CHoldingsWalk {
 public:
     CHoldingsWalk(const CStatusQuestion& question, const CQelControl& control);
 
-    bool isLost() const { return m_bLost; }
+    bool isLost() const { return m_oWalk.isLost(); }
     // Moves on to the next pair in force that is meant and fills in what it comes to. False: the page or the
-    // table is at its end. untell() moves back by the one told last, which found no room.
+    // table is at its end. told() is called where there was room for it.
     bool next(CStatusHeld& held);
-    void untell();
+    void told() { m_oWalk.told(*m_pEntry, nWhole); }
     // What was counted in this page.
     const CStatusHoldings& sum() const { return m_oSum; }
 
-    bool hasMore() const;
-    CStatusCursor cursor() const;
+    bool hasMore() const { return !m_bDone; }
+    const CStatusCursor& cursor() const { return m_oWalk.cursor(); }
 
 private:
     bool judge(const CFeatureEntry& entry, CStatusHeld& held);
 
     const CStatusQuestion& m_rQuestion;
-    const CQelControl& m_rControl;
     const CComponent* m_pComponent;
+    CWalk<CFeatureEntry> m_oWalk;
     CStatusHoldings m_oSum;
-    size_t m_nNext = 0; // position in the table
+    const CFeatureEntry* m_pEntry = nullptr; // that next() has come to
     size_t m_nVisits = 0;
-    bool m_bLost = false;
+    bool m_bDone = false; // nothing is left of the table
 };
 
 // As a row of the table of questions wants it, with that table's page.
@@ -56,9 +54,9 @@ void tellHoldings(const Question& question, Page& page) {
     CStatusHeld held;
     while (walk.next(held)) {
         if (!isSum && !page.add(held)) {
-            walk.untell();
             break;
         }
+        walk.told();
     }
     if (isSum) {
         page.add(walk.sum());

@@ -115,10 +115,6 @@ EDeliveryWord wordOf(const CCompStatus& record) {
     return state < aDeliveryStates.size() ? aDeliveryStates[state].m_eWord : EDeliveryWord::queued;
 }
 
-SIdentity identityOf(const CFeatureEntry& entry) {
-    return {entry.id(), entry.isLeaving()};
-}
-
 SIdentity identityOfComponent(const CComponent& comp) {
     return {{comp.m_oHeader.m_nHandle, comp.m_nProcessId}, false};
 }
@@ -401,6 +397,10 @@ void endWork(std::chrono::steady_clock::time_point now) {
 }
 
 } // namespace
+
+SIdentity identityOf(const CFeatureEntry& entry) {
+    return {entry.id(), entry.isLeaving()};
+}
 
 // The answer goes to the sender that the framework names, so nobody can have it sent to another. A peer that
 // does not take it loses it; it asks again if it wants to.
