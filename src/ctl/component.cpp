@@ -93,7 +93,7 @@ private:
     int open();
     int bringUp();
     int bring(int (*step)(qel_client*, int));
-    void keepUp();
+    int keepUp();
     int timeLeft() const;
     void printLine(std::string_view arrow, const SMessageText& message, EColour colour);
     void printSummary() const;
@@ -130,7 +130,14 @@ int CPromptComponent::run() {
         rc = bringUp();
     }
     if (rc >= 0) {
-        keepUp();
+        rc = keepUp();
+    }
+    if (rc == QEL_EREPLACED) {
+        printLine("--", {"replaced", "another process has taken the name"}, EColour::red);
+        printSummary();
+        complain(fmt::format("another process has taken the name {} over; it is left alone",
+                             printable(m_oOptions.m_sName)));
+        return exitFailed;
     }
     // A daemon that has not answered the announcement does not know the component. One that did would keep
     // its record if it were not told.
@@ -195,15 +202,16 @@ int CPromptComponent::bring(int (*step)(qel_client*, int)) {
 }
 
 // Waits in slices, because the library reconnects to a restarted daemon without a word, while the operator
-// should see here that it was gone.
-void CPromptComponent::keepUp() {
+// should see here that it was gone. QEL_EREPLACED: the name is lost; QEL_OK: the run is over.
+int CPromptComponent::keepUp() {
     constexpr int nSlice = 500; // milliseconds between looks at the connection
     bool connected = true;
     while (timeLeft() != 0) {
         int left = timeLeft();
         // Stopped, or an error that the next call would return again: either way the run is over.
-        if (qel_wait(m_pClient, left < 0 ? nSlice : std::min(left, nSlice)) < 0) {
-            return;
+        const int rc = qel_wait(m_pClient, left < 0 ? nSlice : std::min(left, nSlice));
+        if (rc < 0) {
+            return rc == QEL_EREPLACED ? rc : QEL_OK;
         }
         bool now = qel_state(m_pClient) != QEL_STATE_SEEKING;
         if (now != connected) {
@@ -211,6 +219,7 @@ void CPromptComponent::keepUp() {
             connected = now;
         }
     }
+    return QEL_OK;
 }
 
 // Milliseconds until --for is over, QEL_FOREVER without it.

@@ -64,6 +64,15 @@ TEST_F(CRealDaemon, EveryDifferenceIsToldOnceByNotificationFetchOrRestart) {
 }
 
 // Where its poll loop would sleep for ever, or spin, this fails.
+TEST_F(CRealDaemon, WhoLosesItsNameAtThePromptIsToldSo) {
+    start({{1, 1}});
+    EXPECT_EQ(::attempt("{ " QEL_CTL
+                        " component Voice -q --monitor --wait --for 90 & } && loser=$! && " QEL_CTL
+                        " wait -q 1 Voice && { " QEL_CTL " component Voice -q --monitor --take-over & } && "
+                        "winner=$! && { wait $loser; echo lost $?; kill $winner; wait $winner; }"),
+              "qelctl: another process has taken the name Voice over; it is left alone\nlost 1\nstatus 0\n");
+}
+
 TEST_F(CRealDaemon, ALoopOfOnesOwnIsWokenForWhatComesAndForNothingElse) {
     open();
     rlimit before{}, after{};
