@@ -225,6 +225,7 @@ TEST_F(CMfwTest, WhatAHungPeerLeavesUnreadIsBoundedAndAReaderGetsAnySize) {
         }
         return echo(line);
     });
+    CChild asker = startPeer("asker", hang); // of what fits a packet, such as the pages of an answer
     CChild reader = startPeer("reader", echo);
     openEndpoint();
     const std::string large(1024 * 1024, 'l');
@@ -243,6 +244,14 @@ TEST_F(CMfwTest, WhatAHungPeerLeavesUnreadIsBoundedAndAReaderGetsAnySize) {
         usleep(1000);
     }
     EXPECT_TRUE(receiveText() == huge) << "it has caught up";
+    const std::string page(60 * 1024, 'p');
+    for (sent = 0; sent < 100 && sendText(asker.handle(), 1, page) == 0;) {
+        ++sent;
+    }
+    EXPECT_TRUE(sent >= 2 && sent <= 16) << sent;
+    EXPECT_EQ(sendText(asker.handle(), 1, page), EAGAIN);
+    EXPECT_EQ(sendText(reader.handle(), 1, page), 0);
+    EXPECT_TRUE(receiveText() == page) << "others do not matter";
 }
 
 void keepWithPlenty(uint16_t type, uint32_t userId, const sOvuMfwMessage* message, uint32_t length) {
