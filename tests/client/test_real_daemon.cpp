@@ -67,9 +67,10 @@ TEST_F(CRealDaemon, EveryDifferenceIsToldOnceByNotificationFetchOrRestart) {
 TEST_F(CRealDaemon, WhoLosesItsNameAtThePromptIsToldSo) {
     start({{1, 1}});
     EXPECT_EQ(::attempt("{ " QEL_CTL
-                        " component Voice -q --monitor --wait --for 90 & } && loser=$! && " QEL_CTL
-                        " wait -q 1 Voice && { " QEL_CTL " component Voice -q --monitor --take-over & } && "
-                        "winner=$! && { wait $loser; echo lost $?; kill $winner; wait $winner; }"),
+                        " component Voice -q --monitor --wait --for 90 & } && loser=$! && { until " QEL_CTL
+                        " wait -q 1 Voice 2>/dev/null; do sleep 0.1; done; } && { " QEL_CTL
+                        " component Voice -q --monitor --take-over & } && winner=$! && "
+                        "{ wait $loser; echo lost $?; kill $winner; wait $winner; }"),
               "qelctl: another process has taken the name Voice over; it is left alone\nlost 1\nstatus 0\n");
 }
 
