@@ -380,7 +380,8 @@ TEST_F(CStatusTest, WhatAComponentHoldsIsToldPairByPairAndInSum) {
             const bool isUnderWay = isMonitored ? isTold : isQuiet;
             underWay[isMonitored] += isUnderWay;
             if (data != 0) {
-                pairs[isMonitored].push_back(fmt::format("{} {} {:d} {:d}", code, data, kind, isUnderWay));
+                pairs[isMonitored].push_back(
+                    fmt::format("{} {} {:d} {:d}", code, data, uint32_t{kind}, isUnderWay));
             }
         }
     }
