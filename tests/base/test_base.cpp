@@ -1,10 +1,12 @@
 #include "base/CFile.h"
+#include "base/CFileDescriptor.h"
 #include "base/CFileReplacement.h"
 #include "base/CString.h"
 #include "support/files.h"
 
 #include <csignal>
 #include <cstring>
+#include <fcntl.h>
 #include <sys/resource.h>
 
 namespace {
@@ -161,6 +163,15 @@ TEST_F(CFileTest, AFileIsReplacedAsAWholeOrNotAtAllAndNothingElseStays) {
               "cannot rename a file to /none/file: No such file or directory");
     EXPECT_EQ(syncDirectory("/none"), "cannot write to the disk /none: No such file or directory");
     EXPECT_EQ(syncDirectory(m_oDirectory.path()), "");
+}
+
+TEST_F(CFileTest, ADescriptorIsClosedEvenIfItIsTheFirst) {
+    const int input = dup(STDIN_FILENO);
+    close(STDIN_FILENO);
+    EXPECT_EQ(CFileDescriptor(open("/dev/null", O_RDONLY | O_CLOEXEC)).get(), STDIN_FILENO);
+    EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1);
+    dup2(input, STDIN_FILENO);
+    close(input);
 }
 
 TEST(CStringTest, TokenizeDropsEmptyTokensAndReturnsTheRestAtDelimitersOnDemand) {

@@ -276,6 +276,9 @@ TEST_F(CStatusTest, AFailureIsToldWithItsReason) {
         for (uint32_t i = 0; i < nKeptReasons; ++i) {
             CFeatureEntry& other = feature(100 + i, *text == '\0' ? 2 : 1, EFStatus::fsActive, {"Voice"});
             EXPECT_EQ(deliver(dvRefuse, other, record(other, voice, 1)), ocTaken);
+            if (i == 253 && *text != '\0') {
+                EXPECT_EQ(deliveries(sfCode, 3), CTexts{"3 31 Voice 11 0 2 "}) << "one of 256 that are kept";
+            }
         }
         EXPECT_TRUE(deliveries(sfCode, 100).back().ends_with(fmt::format("Voice 3 0 1 {}", text)));
     }
@@ -455,6 +458,8 @@ TEST_F(CStatusTest, AWaitIsNoWork) {
     EXPECT_GE(summary().m_nBusiestTurn, 2000u);
     CQelServer server;
     server.init();
+    server.checkSignal();
+    EXPECT_EQ(oWorkBegan, decltype(oWorkBegan){}) << "what comes after the passes is a wait";
     std::map<uint32_t, uint32_t> untilPass; // at turns after one that lasted, of which 100 ms count
     uint32_t turn = 0;
     platform().m_fnReceiveEvent = [&] {
