@@ -147,6 +147,7 @@ TEST_F(CFileTest, AFileIsReplacedAsAWholeOrNotAtAllAndNothingElseStays) {
         EXPECT_EQ(status.st_mode & 07777, alike != nullptr ? 0700u : 0644u);
         put(partial, "");
     }
+    { const CFileReplacement idle(m_sPath); }
     EXPECT_TRUE(std::filesystem::exists(partial)) << "of the next one, who is writing";
     umask(mask);
     ++like.st_uid; // only the owner differs

@@ -204,6 +204,7 @@ TEST_F(CEventTest, AFeatureThatTakesOverAnotherKeepsAllButItsIdentityAndRecords)
 }
 
 TEST_F(CEventTest, AComponentBeginsWithNothingAndAWellKnownOneAsIfItHadAnnouncedItself) {
+    EXPECT_EQ(CFeatureEntry(nullptr).id(), (SFeature{0, 0}));
     const CComponent blank(&control());
     EXPECT_EQ(blank.m_nProcessId + blank.m_nReplyStatus + blank.m_nSecondCursor + blank.m_nKnownCount, 0u);
     EXPECT_EQ(blank.m_nNextFeature + blank.m_bMonitor, 0);
@@ -244,6 +245,7 @@ TEST_F(CEventTest, EmptySlotsHinderNothingAndResultsAreOneForDone) {
     request(nQelClientGetFeatureMsgType, 0x21);
     request(nQelClientGetFeatureMsgType, 0x21);
     EXPECT_EQ(told(), (CTexts{"33: 0 0 0 0", "33: 0 7 71 0", "33: 0 0 0 0"}));
+    EXPECT_EQ(seven.m_eStatus, fsActive);
     control().notifyComponents("text");
     const std::unique_ptr<CComponent> gone(&component("Other"));
     EXPECT_EQ(comp.delFeatureEntry(nullptr) + control().delComponent(gone.get()), 1);

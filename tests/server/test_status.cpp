@@ -241,6 +241,10 @@ TEST_F(CStatusTest, EachAnswerIsToldToTheByte) {
         }
         EXPECT_EQ(told, answer) << what;
     }
+    CBigEndian32 highFirst[2];
+    setNumber(highFirst, 0x0123456789ABCDEF);
+    EXPECT_EQ(highFirst[0], 0x01234567u);
+    EXPECT_EQ(number(highFirst), 0x0123456789ABCDEFu);
 }
 
 // Why a delivery failed is told with the words of this refusal, not of an earlier one.
@@ -271,12 +275,13 @@ TEST_F(CStatusTest, AFailureIsToldWithItsReason) {
     EXPECT_EQ(counters()["given-up"], givenUp + 2);
     EXPECT_EQ(steps(refused - 1).at(0), "Voice 3 30 1>3 refused: 1 ");
     CComponent& voice = *control().findCompByMFW(0x21);
-    for (const char* text : {"old", ""}) { // in each place that there is
-        voice.init(voice.m_oHeader, nullptr, 7, text);
+    for (const auto& text :
+         {std::string(nMaxReplyTextLength, 'o'), std::string()}) { // in each place there is
+        voice.init(voice.m_oHeader, nullptr, 7, text.c_str());
         for (uint32_t i = 0; i < nKeptReasons; ++i) {
-            CFeatureEntry& other = feature(100 + i, *text == '\0' ? 2 : 1, EFStatus::fsActive, {"Voice"});
+            CFeatureEntry& other = feature(100 + i, text.empty() ? 2 : 1, EFStatus::fsActive, {"Voice"});
             EXPECT_EQ(deliver(dvRefuse, other, record(other, voice, 1)), ocTaken);
-            if (i == 253 && *text != '\0') {
+            if (i == 253 && !text.empty()) {
                 EXPECT_EQ(deliveries(sfCode, 3), CTexts{"3 31 Voice 11 0 2 "}) << "one of 256 that are kept";
             }
         }
@@ -423,14 +428,6 @@ TEST_F(CStatusTest, HoldingsArePagedByRoomAndByLooks) {
     }
 }
 
-TEST_F(CStatusTest, NumbersOf64BitsAreTwoWordsTheHighOneFirst) {
-    CBigEndian32 words[2];
-    setNumber(words, 0x0123456789ABCDEF);
-    EXPECT_EQ(words[0], 0x01234567u);
-    EXPECT_EQ(words[1], 0x89ABCDEFu);
-    EXPECT_EQ(number(words), 0x0123456789ABCDEFu);
-}
-
 TEST_F(CStatusTest, AnAnswerThatCannotBeMadeOrSentIsNone) {
     const auto errors = counters()["sent.failed"];
     platform().fail("OvuMfwSendMessage", 11);
@@ -508,6 +505,7 @@ TEST_F(CStatusTest, APageAfterALostCursorIsEmpty) {
             question.m_oCursor = ask(begin).m_oAnswer.m_oCursor;
             shutDown(0x99); // a stranger's, which moves nothing
             EXPECT_EQ(ask(question).m_oAnswer.m_nResult, srOk) << what;
+            EXPECT_EQ(ask(question).m_vRecords.size(), what == sqTally ? 1u : 0u) << "all was told";
             end();
             EXPECT_EQ(ask(question).m_oAnswer.m_nResult, srChanged) << what;
         }
