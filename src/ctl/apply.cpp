@@ -1,10 +1,10 @@
 // qelctl apply, qelctl undo
-#include "ctl/CListStore.h"
 #include "ctl/apply_report.h"
 #include "ctl/commands.h"
 #include "ctl/list_errors.h"
 #include "ctl/list_signer.h"
 #include "ctl/terminal.h"
+#include "source/list/CListStore.h"
 #include "source/list/list_changes.h"
 #include "source/list/list_digest.h"
 #include "source/list/list_paths.h"

@@ -1,10 +1,10 @@
 // qelctl sign, qelctl verify
-#include "ctl/CListStore.h"
 #include "ctl/commands.h"
 #include "ctl/json.h"
 #include "ctl/list_errors.h"
 #include "ctl/list_signer.h"
 #include "ctl/terminal.h"
+#include "source/list/CListStore.h"
 #include "source/list/list_fields.h"
 #include "source/list/whole_file.h"
 #include "source/trust/CListTrust.h"

@@ -5,6 +5,7 @@
 #include "source/list/list_blocks.h"
 #include "source/list/list_fields.h"
 #include "source/list/list_text.h"
+#include "source/list/toml_parser.h"
 #include "source/list/whole_file.h"
 
 #include <fmt/format.h>
@@ -14,25 +15,6 @@
 #include <span>
 #include <type_traits>
 #include <unordered_map>
-
-// The parser's complaints come back as results, so that an exception is what it seems: no memory. Nor does it
-// read floats from a stream, which would swallow the exception.
-#define TOML_EXCEPTIONS 0
-#define TOML_ENABLE_FORMATTERS 0
-#define TOML_FLOAT_CHARCONV 1
-// Two of its assumptions (toml++ 3.3) do not hold for hostile text: "[." breaks an assertion, which Clang
-// takes for a promise, and asking whether an umlaut outside quotes is a blank reaches
-// __builtin_unreachable(). The assertion becomes nothing and the question is answered with no: the parser
-// then reports a syntax error. Look at both again with every new version.
-#define TOML_ASSERT(expr) static_assert(true)
-#undef NDEBUG
-#include <toml++/impl/forward_declarations.h>
-#pragma push_macro("TOML_UNREACHABLE")
-#undef TOML_UNREACHABLE
-#define TOML_UNREACHABLE return false
-#include <toml++/impl/unicode.h>
-#pragma pop_macro("TOML_UNREACHABLE")
-#include <toml++/toml.h>
 
 namespace {
 
@@ -91,32 +73,6 @@ std::string syntaxText(std::string_view complaint, bool isAtLineEnd) {
         what = "not closed in its line";
     }
     return fmt::format("not TOML: {} ({})", shown(what, nMaxWhat), place);
-}
-
-std::string_view typeOf(const toml::node& value) {
-    switch (value.type()) {
-    case toml::node_type::table:
-        return "table";
-    case toml::node_type::array:
-        return "array";
-    case toml::node_type::string:
-        return "string";
-    case toml::node_type::integer:
-        return "integer";
-    case toml::node_type::floating_point:
-        return "floating";
-    case toml::node_type::boolean:
-        return "boolean";
-    case toml::node_type::date:
-        return "local_date";
-    case toml::node_type::time:
-        return "local_time";
-    case toml::node_type::date_time:
-        return value.as_date_time()->get().offset ? "offset_datetime" : "local_datetime";
-    case toml::node_type::none:
-        break;
-    }
-    return "nothing";
 }
 
 // Checks one text and collects what is good and what is wrong.

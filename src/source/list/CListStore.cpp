@@ -1,4 +1,4 @@
-#include "ctl/CListStore.h"
+#include "source/list/CListStore.h"
 
 #include "base/CFileReplacement.h"
 #include "source/list/feature_list.h"

@@ -1,6 +1,6 @@
 // The list in place and the lists before it, PATH.1 (the latest) to PATH.5.
-#ifndef QEL_CTL_CLISTSTORE_H
-#define QEL_CTL_CLISTSTORE_H
+#ifndef QEL_SOURCE_CLISTSTORE_H
+#define QEL_SOURCE_CLISTSTORE_H
 
 #include "base/CFileDescriptor.h"
 
