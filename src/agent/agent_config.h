@@ -1,0 +1,42 @@
+// The agent's configuration, /etc/qel/agent.toml.
+#ifndef QEL_AGENT_AGENT_CONFIG_H
+#define QEL_AGENT_AGENT_CONFIG_H
+
+#include "source/list/feature_list.h"
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+// Paths are as they stand in the file; a relative one is relative to the working directory.
+struct SAgentConfig {
+    std::string m_sFleet;
+    std::string m_sAppliance;
+    std::vector<std::string> m_vGroups; // in the order in which the appliance takes its list from them
+    std::string m_sHost;                // of the broker
+    uint32_t m_nPort = 0;               // 1 to 65535
+    std::string m_sUser;                // empty: none
+    std::string m_sPasswordFile;        // empty: none
+    // With TLS all three are there; all empty: without it.
+    std::string m_sAuthority;   // certificates that the broker's must come from, PEM
+    std::string m_sCertificate; // the agent's own, PEM
+    std::string m_sKey;         // the agent's own, PEM
+
+    bool isEncrypted() const { return !m_sAuthority.empty(); }
+
+    // By line. The rest is meaningful only where there is none.
+    std::vector<SListError> m_vErrors;
+};
+
+inline constexpr size_t nMaxAgentConfigSize = 65536;
+
+// Reads the file whole and checks it: types, ranges, unknown keys, what is missing.
+[[nodiscard]] SAgentConfig readAgentConfig(const std::string& path);
+[[nodiscard]] SAgentConfig parseAgentConfig(std::string_view text);
+
+// Whether it may name a fleet, an appliance or a group: 1 to 64 letters, digits, '.', '-' and '_', the first a letter or
+// digit. So no name has a meaning in a topic ('/', '+', '#', '$') or in a path.
+bool isFleetName(std::string_view name);
+
+#endif
