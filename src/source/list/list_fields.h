@@ -42,7 +42,9 @@ inline constexpr SListField aHeadFields[] = {
     {"count", std::monostate(), EListUse::check, false, nMaxListNumber,
      "above the first feature: how many follow; guards against a file that was cut off"},
     {"serial", &SListHead::m_nSerial, EListUse::check, false, nMaxListSerial,
-     "above the first feature: the list's number, which rises; where lists must be signed, a lower one is refused", 1},
+     "above the first feature: the list's number, which rises; where lists must be signed, a lower one is "
+     "refused",
+     1},
     {"issued", &SListHead::m_sIssued, EListUse::note, false, 0,
      "above the first feature: when the list was made, for people"},
     {"scope", &SListHead::m_vScope, EListUse::check, false, nMaxApplianceName,
