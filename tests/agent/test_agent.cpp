@@ -45,7 +45,8 @@ TEST(AgentConfig, TellsEachFaultWithItsLine) {
         "6: 'key' is missing\n"
         "7: 'authority' must be a string, not integer\n"
         "8: 'certificate' is empty or has a control character\n");
-    EXPECT_EQ(errorsOf("fleet = "), "1: not TOML: Error while parsing key-value pair: encountered end-of-file\n");
+    EXPECT_EQ(errorsOf("fleet = "),
+              "1: not TOML: Error while parsing key-value pair: encountered end-of-file\n");
     EXPECT_EQ(errorsOf("fleet = 'f\xE4'"), "1: column 11: byte 0xE4 is no UTF-8\n");
     const std::string clear = "fleet='f'\nappliance='a'\n[broker]\nhost='10.0.0.1'\npassword_file='/p'\n";
     EXPECT_EQ(errorsOf(clear),
