@@ -49,7 +49,7 @@ public:
     CMessageLimit& operator=(const CMessageLimit&) = delete;
 
 private:
-    static constexpr rlim_t nForTheRest = 4 * 1024 * 1024; // the topic, what TLS holds, and slack
+    static constexpr rlim_t nForTheRest = rlim_t{4} * 1024 * 1024; // the topic, what TLS holds, and slack
 
     rlimit m_oBefore{};
     bool m_bSet = false;
@@ -184,6 +184,7 @@ void CBroker::lose(const std::string& why) {
 
 bool CBroker::subscribe(const std::vector<std::string>& topics) {
     std::vector<char*> names;
+    names.reserve(topics.size());
     for (const std::string& topic : topics) {
         names.push_back(const_cast<char*>(topic.c_str())); // the library's interface lacks the const
     }

@@ -338,7 +338,7 @@ TEST_F(CEventTest, OnlyAMessageThatIsLongerThanARecordTakesMemoryAndNoMessageAtA
         EXPECT_FALSE(CScarceMemory::hasFailed());
     }
     EXPECT_EQ(told(), CTexts{"33: 1 7 70 0"});
-    for (const size_t more : {0, 1}) {
+    for (const size_t more : {0u, 1u}) {
         const std::string body(sizeof sOvuMfwMessage::data + more, 'x');
         const CScarceMemory scarce(1);
         EXPECT_EQ(endpoint.sendBody(0x21, body), more != 0 ? CMFWServer::nErrorNoMemory : 0);
