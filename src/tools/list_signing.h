@@ -13,8 +13,8 @@
 
 #include "tools/sign_module.h"
 
-inline constexpr int nMaxTrusted = 64;                   // certificates of a directory
-inline constexpr size_t nMaxCertificateFile = 64 * 1024; // bytes
+inline constexpr int nMaxTrusted = 64;                           // certificates of a directory
+inline constexpr size_t nMaxCertificateFile = size_t{64} * 1024; // bytes
 
 // Nothing is kept between calls; any thread. Exhausted memory is a verdict, or a failure.
 void verifyList(const SListQuestion& question, SListAnswer& answer) noexcept;

@@ -24,6 +24,7 @@ int restObject(dl_phdr_info* object, size_t, void*) {
         const uintptr_t first = (start + page - 1) / page * page;
         const uintptr_t end = (start + segment.p_memsz) / page * page;
         if (segment.p_type == PT_LOAD && (segment.p_flags & PF_W) == 0 && first < end) {
+            // NOLINTNEXTLINE(performance-no-int-to-ptr): dl_iterate_phdr(3) tells addresses as numbers
             ::madvise(reinterpret_cast<void*>(first), end - first, MADV_DONTNEED);
         }
     }
