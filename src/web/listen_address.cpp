@@ -26,7 +26,7 @@ std::optional<uint16_t> readPort(std::string_view text) {
 }
 
 std::string failure(const SListenAddress& address, int error) {
-    const std::string what = fmt::format("cannot listen at {}: {}", address.text(), std::strerror(error));
+    std::string what = fmt::format("cannot listen at {}: {}", address.text(), std::strerror(error));
     switch (error) {
     case EADDRINUSE:
         return what + "; another qelweb may run: look there, or choose another port with --listen";
