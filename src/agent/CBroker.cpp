@@ -8,6 +8,7 @@
 #include <fmt/format.h>
 #include <fstream>
 #include <mqtt_protocol.h>
+#include <new>
 #include <poll.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -17,14 +18,16 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr int nKeepAlive = 60; // seconds; after half as many more the broker tells our will
+constexpr auto tShortestPause = 1s;
 constexpr auto tLongestPause = 5min;
 constexpr auto tSteady = 1min;
 constexpr auto tLastWord = 2s;
 constexpr int nAtLeastOnce = 1;
 constexpr size_t nMaxPassword = 65535; // the protocol's limit
 
-// While it lives, the process gets no more memory than a message with the longest list takes. The library allocates
-// whatever size a message announces, up to 256 MiB, and has no limit of its own for what comes from a broker.
+// While it lives, the process gets no more memory than a message with the longest list takes, as the library holds it and
+// as the user copies it. The library allocates whatever size a message announces, up to 256 MiB, and has no limit of its
+// own for what comes from a broker.
 class CMessageLimit {
 public:
     CMessageLimit() {
@@ -34,8 +37,8 @@ public:
             pages >> used;
         }
         if (pages && getrlimit(RLIMIT_DATA, &m_oBefore) == 0) {
-            const rlim_t most =
-                used * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + nMaxListFileSize + nForTheRest;
+            const rlim_t most = used * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) +
+                                3 * rlim_t{nMaxListFileSize} + nForTheRest;
             const rlimit limit{std::min(most, m_oBefore.rlim_max), m_oBefore.rlim_max};
             m_bSet = setrlimit(RLIMIT_DATA, &limit) == 0;
         }
@@ -124,14 +127,12 @@ std::string CBroker::setTls() {
 void CBroker::turn(std::chrono::milliseconds wait) {
     const CTime now = std::chrono::steady_clock::now();
     if (!m_bConnected && !m_bConnecting && now >= m_tDue) {
-        connect(now);
+        connect();
     }
     drive(wait);
 }
 
-void CBroker::connect(CTime now) {
-    m_tDue = now + m_tPause / 2 + m_tPause / 2 * static_cast<int>(m_oChance() % 1024) / 1024;
-    m_tPause = std::min<std::chrono::milliseconds>(2 * m_tPause, tLongestPause);
+void CBroker::connect() {
     m_bConnecting = true;
     const std::string will = m_oUser.will();
     mosquitto_will_set_v5(m_pClient, m_sWillTopic.c_str(), static_cast<int>(will.size()), will.data(),
@@ -165,6 +166,11 @@ void CBroker::drive(std::chrono::milliseconds wait) {
     if (result == MOSQ_ERR_SUCCESS) {
         result = mosquitto_loop_misc(m_pClient);
     }
+    if (m_bNoMemory) { // the broker sends it again
+        mosquitto_disconnect_v5(m_pClient, MQTT_RC_QUOTA_EXCEEDED, nullptr);
+        result = MOSQ_ERR_NOMEM;
+        m_bNoMemory = false;
+    }
     if (result != MOSQ_ERR_SUCCESS && (m_bConnected || m_bConnecting)) {
         lose(wordOf(result));
     }
@@ -173,9 +179,10 @@ void CBroker::drive(std::chrono::milliseconds wait) {
 void CBroker::lose(const std::string& why) {
     const CTime now = std::chrono::steady_clock::now();
     if (m_bConnected && now - m_tConnected >= tSteady) {
-        m_tPause = 1s;
+        m_tPause = tShortestPause;
     }
-    m_tDue = std::max(m_tDue, now + m_tPause / 2);
+    m_tDue = now + m_tPause / 2 + m_tPause / 2 * static_cast<int>(m_oChance() % 1024) / 1024;
+    m_tPause = std::min<std::chrono::milliseconds>(2 * m_tPause, tLongestPause);
     m_bConnected = false;
     m_bConnecting = false;
     m_nUnsent = 0;
@@ -243,11 +250,17 @@ void CBroker::onSubscribe(mosquitto*, void* object, int id, int, const int*, con
 }
 
 void CBroker::onPublish(mosquitto*, void* object, int, int, const mosquitto_property*) {
-    --self(object).m_nUnsent;
+    CBroker& broker = self(object);
+    broker.m_nUnsent = std::max(broker.m_nUnsent - 1, 0);
 }
 
 void CBroker::onMessage(mosquitto*, void* object, const mosquitto_message* message,
                         const mosquitto_property*) {
-    self(object).m_oUser.onMessage(message->topic, {static_cast<const char*>(message->payload),
-                                                    static_cast<size_t>(message->payloadlen)});
+    CBroker& broker = self(object);
+    try {
+        broker.m_oUser.onMessage(message->topic, {static_cast<const char*>(message->payload),
+                                                  static_cast<size_t>(message->payloadlen)});
+    } catch (const std::bad_alloc&) { // it must not pass through the library
+        broker.m_bNoMemory = true;
+    }
 }

@@ -25,8 +25,8 @@ protected:
     ~CBrokerUser() = default;
 };
 
-// Connects when it is due, and again after a loss: after a pause that doubles from one second to five minutes, and half
-// of which is drawn by chance, so that a fleet does not come back in one moment. A connection that held for a minute
+// Connects at once, and again after a loss: after a pause that doubles from one second to five minutes, and half of
+// which is drawn by chance, so that a fleet does not come back in one moment. A connection that held for a minute
 // makes the pause short again.
 //
 // The broker keeps no session: whatever it should know is retained, and is told again with each connection. A message
@@ -70,7 +70,7 @@ private:
 
     std::string setTls();
     std::string setPassword();
-    void connect(CTime now);
+    void connect();
     void lose(const std::string& why);
     void drive(std::chrono::milliseconds wait);
 
@@ -80,6 +80,7 @@ private:
     mosquitto* m_pClient = nullptr;
     bool m_bConnected = false;
     bool m_bConnecting = false; // the broker has not yet taken us in
+    bool m_bNoMemory = false;   // for a message that came
     int m_nSubscribing = -1;    // the request that is under way
     int m_nUnsent = 0;          // messages that the broker has not confirmed
     std::chrono::milliseconds m_tPause{1000};

@@ -15,6 +15,7 @@ CDesiredList::CDesiredList(const SAgentConfig& config) {
 void CDesiredList::forget() {
     m_vPresent.assign(m_vTopics.size(), false);
     m_nHeld = m_vTopics.size();
+    m_nWanted = m_vTopics.size();
     m_sText.clear();
     m_bSubscribed = false;
     m_bTold = false;
@@ -33,6 +34,7 @@ bool CDesiredList::take(const std::string& topic, std::string_view text, CTime n
     const auto rank = static_cast<size_t>(found - m_vTopics.begin());
     m_tLast = now;
     m_vPresent[rank] = !text.empty();
+    m_nWanted = rank == m_nWanted ? m_vTopics.size() : m_nWanted;
     if (rank > m_nHeld) {
         return true;
     }
@@ -60,9 +62,13 @@ std::string CDesiredList::topic() const {
     return m_nHeld == m_vTopics.size() ? "" : m_vTopics[m_nHeld];
 }
 
-std::optional<std::string> CDesiredList::wanted() const {
+std::optional<std::string> CDesiredList::wanted() {
     const size_t rank = best();
-    return rank == m_nHeld ? std::nullopt : std::optional(m_vTopics[rank]);
+    if (rank == m_nHeld || rank == m_nWanted) {
+        return std::nullopt;
+    }
+    m_nWanted = rank;
+    return m_vTopics[rank];
 }
 
 size_t CDesiredList::best() const {

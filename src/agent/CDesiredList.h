@@ -40,12 +40,13 @@ public:
     void again() { m_bTold = false; }
     // Of the choice; empty: there is no list for this appliance.
     std::string topic() const;
-    // A topic that has the best list, whose text is not at hand.
-    std::optional<std::string> wanted() const;
+    // A topic that has the best list, whose text is not at hand. Told once, until something else happens to it.
+    std::optional<std::string> wanted();
 
 private:
     std::vector<std::string> m_vTopics;
     std::vector<bool> m_vPresent; // for each topic, whether it has a list
+    size_t m_nWanted = 0;         // that wanted() told last; the number of topics: none
     size_t m_nHeld = 0;           // whose text is held; the number of topics: none
     std::string m_sText;
     bool m_bSubscribed = false;

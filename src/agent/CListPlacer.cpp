@@ -8,6 +8,8 @@
 #include "source/trust/sealed_list.h"
 
 #include <algorithm>
+#include <filesystem>
+#include <optional>
 #include <utility>
 
 namespace {
@@ -21,13 +23,19 @@ SPlacing refused(SPlacing placing, SFeatureList list) {
     return placing;
 }
 
-// No lower serial than those of the list that the daemon took last and of the one in place.
-SSerialFloor floorHere(const SWholeFile& inPlace, CListTrust& trust) {
+SPlacing failed(SPlacing placing, std::string why) {
+    placing.m_ePlaced = EPlaced::failed;
+    placing.m_sTrouble = std::move(why);
+    return placing;
+}
+
+// No lower serial than those of the list that the daemon took last and of the one in place. Nothing: that cannot be told
+// now.
+std::optional<SSerialFloor> floorHere(const SWholeFile& inPlace, CListTrust& trust) {
     const std::string directory = stateDirectory();
-    const SSerialFloor kept =
-        directory.empty() ? SSerialFloor() : floorOf(keptListPath(directory), trust).value_or(SSerialFloor());
+    const auto kept = directory.empty() ? SSerialFloor() : floorOf(keptListPath(directory), trust);
     const SSerialFloor before = judgeList(inPlace, trust, CListTrust::ever).m_oFloor;
-    return before.m_nSerial > kept.m_nSerial ? before : kept;
+    return kept && before.m_nSerial > kept->m_nSerial ? before : kept;
 }
 
 } // namespace
@@ -54,28 +62,31 @@ SPlacing placeList(const std::string& path, std::string_view text) {
     } else {
         sealed = judgeList({std::string(text), "", false}, trust, CListTrust::now);
     }
-    if (sealed.m_oProof.m_bPassing) {
-        placing.m_ePlaced = EPlaced::failed;
-        placing.m_sTrouble = sealed.m_oProof.m_sFault;
-        return placing;
+    if (sealed.m_oList.m_bPassing) {
+        return failed(std::move(placing), sealed.m_oList.m_vErrors[0].m_sText);
     }
     if (!sealed.m_oList.isGood()) {
         return refused(std::move(placing), std::move(sealed.m_oList));
     }
     CListStore store(path);
-    placing.m_sTrouble = store.lock();
-    if (placing.m_sTrouble.empty()) {
-        const SWholeFile before = readWholeFile(store.path(), nMaxListFileSize);
-        if (before.m_sError.empty() && before.m_sText == text) {
-            return placing;
-        }
-        findUndeliverable(parseFeatureList(before.m_sText).m_vFeatures, sealed.m_oList);
-        checkSerial(sealed, floorHere(before, trust));
-        if (!sealed.m_oList.isGood()) {
-            return refused(std::move(placing), std::move(sealed.m_oList));
-        }
-        placing.m_sTrouble = store.put(text, before.m_sError.empty() ? &before.m_sText : nullptr);
+    if (std::string trouble = store.lock(); !trouble.empty()) {
+        return failed(std::move(placing), std::move(trouble));
     }
-    placing.m_ePlaced = placing.m_sTrouble.empty() ? EPlaced::inPlace : EPlaced::failed;
-    return placing;
+    const bool isThere = std::filesystem::exists(store.path());
+    const SWholeFile before = readWholeFile(store.path(), nMaxListFileSize);
+    const std::optional<SSerialFloor> floor = floorHere(before, trust);
+    if ((isThere && !before.m_sError.empty()) || !floor) {
+        return failed(std::move(placing),
+                      "the list in place, or the one taken last, cannot be read: " + before.m_sError);
+    }
+    if (isThere && before.m_sText == text) {
+        return placing;
+    }
+    findUndeliverable(parseFeatureList(before.m_sText).m_vFeatures, sealed.m_oList);
+    checkSerial(sealed, *floor);
+    if (!sealed.m_oList.isGood()) {
+        return refused(std::move(placing), std::move(sealed.m_oList));
+    }
+    std::string trouble = store.put(text, isThere ? &before.m_sText : nullptr);
+    return trouble.empty() ? placing : failed(std::move(placing), std::move(trouble));
 }

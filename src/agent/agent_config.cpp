@@ -5,6 +5,7 @@
 #include "source/list/whole_file.h"
 
 #include <algorithm>
+#include <arpa/inet.h>
 #include <fmt/format.h>
 #include <variant>
 
@@ -43,7 +44,9 @@ constexpr SConfigField aFields[] = {
 };
 
 bool isThisHost(std::string_view host) {
-    return host == "localhost" || host == "::1" || host.starts_with("127.");
+    in_addr address{};
+    const bool isIpv4 = inet_pton(AF_INET, std::string(host).c_str(), &address) == 1;
+    return host == "localhost" || host == "::1" || (isIpv4 && ntohl(address.s_addr) >> 24 == 127);
 }
 
 class CConfigCheck {

@@ -60,6 +60,7 @@ private:
     void readKept();
     bool seal();
     bool findFloor(SSerialFloor& floor);
+    bool isSignedBy(const std::string& keyId);
     bool sign(const SSerialFloor& floor);
     void compare();
     bool isMeant();
@@ -238,20 +239,28 @@ bool CListUpdate::findFloor(SSerialFloor& floor) {
     return true;
 }
 
-// What is in place already, but for its signature, is not signed anew; unless a newer list has been in force
-// since.
+// The list in place, with a signature that holds, as far as that can be told here.
+bool CListUpdate::isSignedBy(const std::string& keyId) {
+    const SListSignature signature = readSignature(m_oBefore->m_sText);
+    return signature.m_sFault.empty() && signature.m_sKeyId == keyId &&
+           (!m_oTrust.isOn() || m_oBefore->judged(m_oTrust).m_bVerified);
+}
+
+// What is in place already, and signed by this key, stays as it is; where only the signature is another's, the serial
+// stays. Unless a newer list has been in force since.
 bool CListUpdate::sign(const SSerialFloor& floor) {
-    if (m_oBefore && m_oBefore->m_oList.m_oHead.m_nSerial >= std::max<uint64_t>(floor.m_nSerial, 1) &&
-        withoutSignature(m_oBefore->m_sText) == withoutSignature(m_oAfter->m_sText) &&
-        readSignature(m_oBefore->m_sText).m_sFault.empty()) {
-        m_oAfter->m_sText = m_oBefore->m_sText;
-        return true;
-    }
-    const bool isHigher = m_oAfter->m_oList.m_oHead.m_nSerial > floor.m_nSerial;
+    const bool isSame = m_oBefore &&
+                        m_oBefore->m_oList.m_oHead.m_nSerial >= std::max<uint64_t>(floor.m_nSerial, 1) &&
+                        withoutSignature(m_oBefore->m_sText) == withoutSignature(m_oAfter->m_sText);
+    const bool isHigher = isSame || m_oAfter->m_oList.m_oHead.m_nSerial > floor.m_nSerial;
     SSignedList list = signText(m_oAfter->m_sText, m_oOptions.m_sKey,
                                 isHigher ? std::nullopt : std::optional(floor.m_nSerial + 1));
     if (!list.isSigned()) {
         return complainOf(list.m_sError);
+    }
+    if (isSame && isSignedBy(list.m_sKeyId)) {
+        m_oAfter->m_sText = m_oBefore->m_sText;
+        return true;
     }
     m_oAfter->m_sText = std::move(list.m_sText);
     m_oAfter->m_oList = std::move(list.m_oList);

@@ -48,10 +48,12 @@ TEST(AgentConfig, TellsEachFaultWithItsLine) {
     EXPECT_EQ(errorsOf("fleet = "),
               "1: not TOML: Error while parsing key-value pair: encountered end-of-file\n");
     EXPECT_EQ(errorsOf("fleet = 'f\xE4'"), "1: column 11: byte 0xE4 is no UTF-8\n");
-    const std::string clear = "fleet='f'\nappliance='a'\n[broker]\nhost='10.0.0.1'\npassword_file='/p'\n";
-    EXPECT_EQ(errorsOf(clear),
-              "0: [tls] is missing: lists and passwords would travel to 10.0.0.1 in the clear, which is "
-              "for this host only\n3: 'password_file' without 'user'\n");
+    const std::string clear =
+        "fleet='f'\nappliance='a'\n[broker]\nhost='127.example.com'\npassword_file='/p'\n";
+    EXPECT_EQ(
+        errorsOf(clear),
+        "0: [tls] is missing: lists and passwords would travel to 127.example.com in the clear, which is "
+        "for this host only\n3: 'password_file' without 'user'\n");
 }
 
 struct Desired : testing::Test {
@@ -98,6 +100,7 @@ TEST_F(Desired, AListTakenAwayHasTheNextOneFetchedAnew) {
     EXPECT_FALSE(list->wanted());
     take("appliance/a", "");
     EXPECT_EQ(list->wanted(), "qel/1/f/desired/group/h");
+    EXPECT_FALSE(list->wanted()) << "asked for once";
     EXPECT_EQ(chosen(), "-");
     take("group/h", "3");
     EXPECT_FALSE(list->wanted());

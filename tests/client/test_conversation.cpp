@@ -265,7 +265,7 @@ TEST_F(CConversation, AFloodDoesNotOutlastTheTimeLimit) {
         for (int i = 0; i < 100; ++i, ++sent) {
             send("enable", {1, 1});
         }
-        if (std::chrono::steady_clock::now() - start > std::chrono::seconds(3)) {
+        if (std::chrono::steady_clock::now() - start > std::chrono::seconds(100)) {
             qel_stop(m_pClient);
         }
     };

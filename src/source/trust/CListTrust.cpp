@@ -61,7 +61,7 @@ bool isPassing(uint32_t verdict) {
 bool CListTrust::isOn() {
     struct stat status {};
     m_bSeen =
-        m_bSeen || m_oPath.m_bNamed || ::stat(m_oPath.m_sDirectory.c_str(), &status) == 0 || errno != ENOENT;
+        m_bSeen || m_oPath.m_bNamed || ::lstat(m_oPath.m_sDirectory.c_str(), &status) == 0 || errno != ENOENT;
     return m_bSeen;
 }
 
