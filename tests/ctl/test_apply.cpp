@@ -197,7 +197,8 @@ TEST_F(CApply, SignsOnTheWayAndGoesBackWithAHigherSerial) {
                   " && mkdir trust && " QEL_OPENSSL " genpkey -algorithm ed25519 -out key && " QEL_OPENSSL
                   " req -x509 -new -key key -days 9 -subj /CN=site -out trust/c.crt && " QEL_OPENSSL
                   " genpkey -algorithm "
-                  "ed25519 -out other");
+                  "ed25519 -out other && " QEL_OPENSSL
+                  " req -x509 -new -key other -days 9 -subj /CN=new -out later.crt");
     ASSERT_TRUE(made.ends_with("status 0\n")) << made;
     const std::string key = " --key " + m_oDirectory.file("key"), file = m_oDirectory.file("new");
     const auto expectSaid = [](const std::string& part, const std::string& told) {
@@ -229,6 +230,10 @@ TEST_F(CApply, SignsOnTheWayAndGoesBackWithAHigherSerial) {
     expectSaid("its serial 42 is lower than 43", run("check " + file));
     expectSaid("list is like that already", run("apply --no-wait " + m_sList + key));
     expectSaid("good, signed by CN=site", run("verify " + m_sList));
+    std::filesystem::rename(m_oDirectory.file("later.crt"), m_oDirectory.file("trust/later.crt"));
+    expectSaid(", serial 43\n", run("apply --no-wait " + m_sList + " --key " + m_oDirectory.file("other")));
+    expectSaid("good, signed by CN=new",
+               run("verify " + m_sList)); // a change of keys leaves nothing signed by the old
     put(m_sList, contents(m_sList).replace(0, 11, "serial = 44"));
     expectSaid("was changed after key", run("verify " + m_sList));
     expectSaid("none cannot be read: No such file",

@@ -161,6 +161,8 @@ TEST_F(CTrustTest, TrustComesWithTheDirectoryAndDoesNotGoWithIt) {
     EXPECT_TRUE(trust.isOn());
     std::filesystem::remove(directory);
     EXPECT_TRUE(trust.isOn());
+    std::filesystem::create_directory_symlink(directory, m_oDirectory.file("link"));
+    EXPECT_TRUE(CListTrust({m_oDirectory.file("link"), false}).isOn()) << "where it leads is not there yet";
 }
 
 TEST_F(CTrustTest, AListThatDidNotFitIntoMemoryIsNotTaken) {
