@@ -9,12 +9,12 @@ constexpr std::chrono::seconds tAnswer{5};
 } // namespace
 
 void CApplianceState::look() {
-    m_eAsked = ask();
-    if (m_eAsked != EAsked::answered) {
+    const EAsked asked = ask();
+    if (asked != EAsked::answered) {
         m_bRead = false;
     }
     // An endpoint that did not come up is tried anew.
-    if (m_eAsked == EAsked::noEndpoint) {
+    if (asked == EAsked::noEndpoint) {
         m_pQuery.reset();
     }
 }

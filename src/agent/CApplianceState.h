@@ -25,7 +25,6 @@ private:
     std::unique_ptr<CStatusQuery> m_pQuery;
     SSnapshot m_oSnapshot;
     bool m_bRead = false; // m_oSnapshot is the daemon's
-    EAsked m_eAsked = EAsked::noDaemon;
 };
 
 #endif

@@ -30,7 +30,8 @@ protected:
 // makes the pause short again.
 //
 // The broker keeps no session: whatever it should know is retained, and is told again with each connection. A message
-// that is longer than any list ends the connection, before memory is taken for it.
+// that announces more than three times the longest list ends the connection before memory is taken for it; one that is
+// shorter, and no list, the user refuses.
 //
 // Connecting may take as long as the host's name service and TCP do; a signal without SA_RESTART ends the wait.
 // Used by one thread.
