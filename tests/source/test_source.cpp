@@ -1,5 +1,6 @@
 #include "features/world.h"
 #include "source/CFeatureSource.h"
+#include "source/short_memory.h"
 #include "support/files.h"
 #include "support/scarce_memory.h"
 
@@ -86,23 +87,7 @@ TEST_F(CSourceTest, AMissingOrFaultyListIsToldOnceAndWaitsForAChange) {
 
 TEST_F(CSourceTest, AListThatDidNotFitIntoMemoryIsNeitherLostNorTakenTwice) {
     write(1);
-    CQelControl& owner = control();
-    bool hasFailed = true;
-    for (size_t nth = 1; hasFailed; ++nth) {
-        CFeatureLoader loader(m_sPath);
-        SLoaded loaded;
-        {
-            const CScarceMemory memory(nth);
-            try {
-                loaded = loader.load(owner);
-            } catch (const std::bad_alloc&) {
-            }
-            hasFailed = CScarceMemory::hasFailed();
-        }
-        EXPECT_EQ(loaded.m_bNew, !hasFailed) << nth;
-        EXPECT_EQ(loader.load(owner).m_bNew, hasFailed) << nth;
-    }
-    EXPECT_EQ(platform().logged(31170), CTexts()) << "no fault of the list";
+    expectTakenOnceThereIsMemory([&] { return CFeatureLoader(m_sPath); });
 }
 
 TEST_F(CSourceTest, AListStaysInTheMailboxUntilThereIsMemoryToHandItOver) {

@@ -3,8 +3,8 @@
 #include "features/world.h"
 #include "source/CFeatureSource.h"
 #include "source/list/list_signature.h"
+#include "source/short_memory.h"
 #include "support/files.h"
-#include "support/scarce_memory.h"
 #include "tools/module/load_module.h"
 #include "tools/sign_module.h"
 
@@ -169,23 +169,8 @@ TEST_F(CTrustTest, AListThatDidNotFitIntoMemoryIsNotTaken) {
     put(m_sList, sign(body(5, 1)));
     ASSERT_TRUE(restart()); // and is kept: the next one is compared with it
     put(m_sList, sign(body(6, 2, "scope = ['berlin']\n")));
-    CQelControl& owner = control();
-    bool hasFailed = true;
-    for (size_t nth = 1; hasFailed; ++nth) {
-        CFeatureLoader loader(m_sList, m_oDirectory.file("state/features.toml"));
-        SLoaded loaded;
-        {
-            const CScarceMemory memory(nth);
-            try {
-                loaded = loader.load(owner);
-            } catch (const std::bad_alloc&) {
-            }
-            hasFailed = CScarceMemory::hasFailed();
-        }
-        EXPECT_EQ(loaded.m_bNew, !hasFailed) << nth;
-        EXPECT_EQ(loader.load(owner).m_bNew, hasFailed) << nth;
-    }
-    EXPECT_EQ(platform().logged(31170), CTexts()) << "no fault of the list";
+    expectTakenOnceThereIsMemory(
+        [&] { return CFeatureLoader(m_sList, m_oDirectory.file("state/features.toml")); });
 }
 
 } // namespace
