@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <climits>
-#include <cxxabi.h>
 #include <unistd.h>
 #include <utility>
 
@@ -33,7 +32,7 @@ CClientClock::time_point deadlineAfter(int timeoutMs) {
 } // namespace
 
 CQelClient::CQelClient(const char* name, const qel_options& options)
-    : m_oOptions(options), m_oLink(name, options.trace, options.user),
+    : m_oLink(name, options.trace, options.user), m_oCallback(options, m_oTable),
       m_oPatience(patience(options), chance()), m_oAsking(name), m_oChance(chance()) {}
 
 int CQelClient::hold(const SFeature& feature) {
@@ -69,9 +68,9 @@ int CQelClient::monitor(int timeoutMs) {
 
 // A missing daemon is no error here: the loop keeps looking for it, which is all that a caller could do.
 int CQelClient::wait(int timeoutMs) {
-    m_nHandled = 0;
-    int rc = pump([this] { return m_nHandled != 0; }, timeoutMs);
-    return rc == QEL_OK || rc == QEL_ENODAEMON || rc == QEL_ETIMEDOUT ? m_nHandled : rc;
+    m_oCallback.countFromZero();
+    int rc = pump([this] { return m_oCallback.calls() != 0; }, timeoutMs);
+    return rc == QEL_OK || rc == QEL_ENODAEMON || rc == QEL_ETIMEDOUT ? m_oCallback.calls() : rc;
 }
 
 // No state ends this; the condition only notes that the component came up once. After that, a missing daemon
@@ -91,7 +90,7 @@ int CQelClient::run(int timeoutMs) {
 // A stop is looked for first, since who waits by itself was woken for it.
 int CQelClient::dispatch(int* nextMs) {
     m_bWanted = m_bListWanted = m_bMonitorWanted = true;
-    m_nHandled = 0;
+    m_oCallback.countFromZero();
     const int rc = pump([] { return false; }, 0);
     if (rc != QEL_ENODAEMON && rc != QEL_ETIMEDOUT) {
         return rc;
@@ -100,7 +99,7 @@ int CQelClient::dispatch(int* nextMs) {
         const auto wait = waitTime(CClientClock::time_point::max()).count();
         *nextMs = m_oLink.hasMore() ? 0 : static_cast<int>(std::clamp<int64_t>(wait, 0, INT_MAX));
     }
-    return m_nHandled;
+    return m_oCallback.calls();
 }
 
 // A daemon that has never answered does not know the handle, and would only log the message. The next
@@ -403,7 +402,7 @@ void CQelClient::takePage(const SFeature& feature) {
     });
     // Without a text, for the daemon awaits no reply to a page.
     if (m_oTable.see(feature)) {
-        offer({std::nullopt, feature}, true);
+        m_oCallback.offer({std::nullopt, feature}, true);
     }
 }
 
@@ -424,10 +423,10 @@ void CQelClient::endOfList() {
 // What is withdrawn is dropped whatever the component answers, for the daemon no longer knows it.
 void CQelClient::reportFetched() {
     for (const auto& change : m_oTable.takeChanges()) {
-        offer({change.m_oOld, change.m_oNew}, true);
+        m_oCallback.offer({change.m_oOld, change.m_oNew}, true);
     }
     for (const SFeature& feature : m_oTable.gone()) {
-        offer({feature, std::nullopt}, true);
+        m_oCallback.offer({feature, std::nullopt}, true);
         m_oTable.remove(feature);
     }
 }
@@ -435,8 +434,7 @@ void CQelClient::reportFetched() {
 void CQelClient::deliver(SNotification notification) {
     if (notification.m_nType == nQelServerTimeoutMsgType) {
         // Nothing to answer, and nothing changes: it only says that the daemon has stopped waiting.
-        const SFeature& feature = notification.m_oFeature;
-        call({sizeof(qel_notification), QEL_OVERDUE, feature.m_nCode, feature.m_nData, 0, 0}, nullptr);
+        m_oCallback.overdue(notification.m_oFeature);
         return;
     }
     std::string text;
@@ -448,7 +446,9 @@ void CQelClient::deliver(SNotification notification) {
         doubt(tSoon);
     }
     bool changes = difference.m_oOld != difference.m_oNew;
-    int result = changes ? offer(difference, false, &text) : repeat(notification, text);
+    int result = changes ? m_oCallback.offer(difference, false, &text)
+                         : m_oCallback.repeat(notification.m_nType == nQelServerDisableMsgType,
+                                              notification.target(), text);
     if (result == QEL_NO_REPLY) {
         return;
     }
@@ -465,7 +465,7 @@ void CQelClient::deliver(SNotification notification) {
 // What the message changes at this component, whatever its type: most changes of data come as a new enable,
 // and a withdrawal may name data older or newer than what is held. No old and no new pair: a withdrawal of
 // something that is not held. The same pair twice: it is held already.
-CQelClient::SDifference CQelClient::compare(const SNotification& notification) const {
+SDifference CQelClient::compare(const SNotification& notification) const {
     const SFeature& feature = notification.m_oFeature;
     auto old = m_oTable.findHeld(feature);
     if (notification.m_bAsked && old != feature) {
@@ -475,78 +475,9 @@ CQelClient::SDifference CQelClient::compare(const SNotification& notification) c
     if (notification.m_nType == nQelServerDisableMsgType) {
         return {old, std::nullopt};
     }
-    bool modifies = notification.m_nType == nQelServerModifyMsgType;
-    SFeature target{feature.m_nCode, modifies ? notification.m_nNewData : feature.m_nData};
+    const SFeature target = notification.target();
     if (m_oTable.holds(target)) {
         return {target, target};
     }
     return {old, target};
-}
-
-// Tells the component of a difference. The table follows only if the component accepts. A refusal is noted,
-// so that no comparison with the daemon offers it again. Who gives no answer to a notification is told again
-// by the daemon.
-int CQelClient::offer(const SDifference& difference, bool fetched, std::string* text) {
-    const auto& [before, after] = difference;
-    const SFeature& feature = before ? *before : *after;
-    int kind = !after ? QEL_DISABLE : before ? QEL_MODIFY : QEL_ENABLE;
-    uint32_t newData = kind == QEL_MODIFY ? after->m_nData : 0;
-    m_oTable.forgetRefusal(after ? *after : feature);
-    int result =
-        call({sizeof(qel_notification), kind, feature.m_nCode, feature.m_nData, newData, fetched}, text);
-    if (result == QEL_OK) {
-        if (before) {
-            m_oTable.remove(*before);
-        }
-        if (after) {
-            m_oTable.add(*after);
-        }
-    } else if (after && (fetched || result != QEL_NO_REPLY)) {
-        m_oTable.refuse(*after, before);
-    }
-    return result;
-}
-
-// The daemon says what is so already, as it does with every new list. The client answers by itself, unless
-// the component wants to hear of repetitions too.
-int CQelClient::repeat(const SNotification& notification, std::string& text) {
-    bool disables = notification.m_nType == nQelServerDisableMsgType;
-    bool modifies = notification.m_nType == nQelServerModifyMsgType;
-    SFeature feature = notification.m_oFeature;
-    feature.m_nData = modifies ? notification.m_nNewData : feature.m_nData;
-    if (disables) {
-        m_oTable.forgetRefusal(feature);
-    } else {
-        m_oTable.add(feature); // marks it as seen if a fetch is under way
-    }
-    if (!m_oOptions.notify_unchanged) {
-        return QEL_OK;
-    }
-    return call({sizeof(qel_notification), disables ? QEL_DISABLE : QEL_ENABLE, feature.m_nCode,
-                 feature.m_nData, 0, 0},
-                &text);
-}
-
-// A callback in C++ may throw, which must not leave by the C interface. Only the end of the thread
-// (pthread_cancel(3)) passes through, as it has to.
-int CQelClient::call(const qel_notification& notification, std::string* text) {
-    char buffer[QEL_TEXT_SIZE] = {};
-    // Sticks at the largest number: one qel_run() may go on for years.
-    m_nHandled += m_nHandled < INT_MAX;
-    if (!m_oOptions.notify) {
-        return QEL_OK;
-    }
-    int result = QEL_REFUSED;
-    try {
-        result = m_oOptions.notify(m_oOptions.user, &notification, buffer);
-    } catch (const abi::__forced_unwind&) {
-        throw;
-    } catch (...) {
-        buffer[0] = '\0';
-    }
-    if (text) {
-        // The component may have filled the buffer without leaving a NUL.
-        text->assign(buffer, strnlen(buffer, sizeof buffer - 1));
-    }
-    return result;
 }

@@ -3,6 +3,7 @@
 #define QEL_CLIENT_CQELCLIENT_H
 
 #include "client/CAsking.h"
+#include "client/CCallback.h"
 #include "client/CDaemonLink.h"
 #include "client/CFeatureTable.h"
 #include "client/CPatience.h"
@@ -90,12 +91,11 @@ private:
         bool m_bOverdue = false; // the daemon no longer awaits a reply
         bool m_bAsked = false;   // which values are in force: those, or none if there was no answer
         std::optional<std::set<SFeature>> m_oInForce = {};
-    };
 
-    // What the component holds differs from what the daemon says.
-    struct SDifference {
-        std::optional<SFeature> m_oOld; // held so far; none: a new feature
-        std::optional<SFeature> m_oNew; // to be held; none: a withdrawal
+        SFeature target() const { // the feature with its data afterwards
+            const bool modifies = m_nType == nQelServerModifyMsgType;
+            return {m_oFeature.m_nCode, modifies ? m_nNewData : m_oFeature.m_nData};
+        }
     };
 
     // Marks the notification as being delivered, however the delivery ends.
@@ -156,16 +156,13 @@ private:
     void compareDigests(const CStatusHoldings& sum);
     void reconcile();
 
-    // What the component is told.
+    // What the component is told (CCallback).
     void deliver(SNotification notification);
     SDifference compare(const SNotification& notification) const;
-    int offer(const SDifference& difference, bool fetched, std::string* text = nullptr);
-    int repeat(const SNotification& notification, std::string& text);
-    int call(const qel_notification& notification, std::string* text);
 
-    qel_options m_oOptions;
     CDaemonLink m_oLink;
     CFeatureTable m_oTable;
+    CCallback m_oCallback; // calls it, and changes the table
     std::atomic<bool> m_bStop{false};
 
     bool m_bWanted = false; // the component is to be announced
@@ -202,7 +199,6 @@ private:
     std::optional<std::pair<uint64_t, uint64_t>> m_oSettled; // the daemon's digest and ours
     std::minstd_rand m_oChance;
     bool m_bUnfinished = false; // act() has left notifications for the next time
-    int m_nHandled = 0;         // differences and notifications told, since wait() began
 };
 
 #endif

@@ -176,7 +176,7 @@ void CQelClient::reconcile() {
     for (const auto& pair : pairs) {
         inForce.insert(pair.m_oPair);
         if (m_oTable.see(pair.m_oPair)) {
-            offer({std::nullopt, pair.m_oPair}, true);
+            m_oCallback.offer({std::nullopt, pair.m_oPair}, true);
         }
     }
     reportFetched();
