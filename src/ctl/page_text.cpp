@@ -49,13 +49,14 @@ CJson featureRecord(const SFeatureView& feature, const CDaemonView& view) {
 
 size_t CPageStates::place(const SPair& pair) {
     const uint32_t state = pair.m_pDelivery == nullptr ? 0 : uint32_t{pair.m_pDelivery->m_nState};
-    const auto [found, isNew] = m_oPlaces.try_emplace({pair.state(), state}, m_oStates.size());
-    if (isNew) {
-        m_oStates.push_back({{"word", pair.state()},
-                             {"progress", jsonProgress(pair)},
-                             {"next", state < aDeliveryStates.size() ? aDeliveryStates[state].m_sNext : ""}});
+    const std::pair key(pair.state(), state);
+    if (const auto found = m_oPlaces.find(key); found != m_oPlaces.end()) {
+        return found->second;
     }
-    return found->second;
+    m_oStates.push_back({{"word", pair.state()}, // before its place, which must not lead nowhere
+                         {"progress", jsonProgress(pair)},
+                         {"next", state < aDeliveryStates.size() ? aDeliveryStates[state].m_sNext : ""}});
+    return m_oPlaces[key] = m_oStates.size() - 1;
 }
 
 CJson pageFeatures(const CDaemonView& view) {

@@ -15,7 +15,7 @@ using std::chrono::seconds;
 
 constexpr milliseconds tBetweenRounds{1000};
 constexpr milliseconds tInterest{5000}; // so long after a look the rounds go on
-constexpr milliseconds tFresh{2500};    // a copy of this age is served as it is
+constexpr milliseconds tFresh{2500};    // a copy up to this age is served as that of now
 constexpr milliseconds tPatience{2000}; // of whoever looks at the page
 constexpr milliseconds tScrape{8000};   // of a collector of metrics, which is told all or nothing
 constexpr milliseconds tAnswer{3000};   // for each answer of the daemon
@@ -36,8 +36,9 @@ std::string whyNotAnswered(EAsked asked) {
         return "The daemon's answer is damaged";
     case EAsked::unknown:
         return "The daemon is older than qelweb and does not know the question";
-    case EAsked::answered:
     case EAsked::changing:
+        return "The daemon has not answered yet";
+    case EAsked::answered:
     case EAsked::noAnswer:
         break;
     }
@@ -67,15 +68,15 @@ void CCollector::end() {
 
 void CCollector::run() {
     while (awaitLook()) {
-        EAsked asked = EAsked::noDaemon;
+        EAsked asked = EAsked::changing;
+        bool isShort = false;
         try {
             asked = round();
-        } catch (const std::exception&) { // memory has run out: what was read is given up
-            asked = EAsked::changing;
-            m_pReading.reset();
-            m_nDaemon = nNoHandle;
+        } catch (const std::exception&) { // nothing but memory that has run out throws there
+            isShort = true;
+            giveUp();
         }
-        conclude(asked);
+        conclude(asked, isShort);
     }
     m_pQuery.reset(); // on the thread that opened it
 }
@@ -85,7 +86,7 @@ bool CCollector::awaitLook() {
     std::unique_lock lock(m_oMutex);
     const bool isReading = !m_oView.isWhole() && m_pReading != nullptr && m_eAsked == EAsked::answered;
     const CClock::time_point next = m_tRound + (isReading ? milliseconds(0) : tBetweenRounds);
-    m_oLooked.wait_until(lock, next, [this] { return m_bEnding; });
+    m_oLooked.wait_until(lock, next, [this] { return m_bEnding.load(); });
     m_oLooked.wait(lock, [this] { return m_bEnding || CClock::now() - m_tLooked < tInterest; });
     m_tRound = CClock::now();
     m_bAwaited = true;
@@ -100,18 +101,21 @@ EAsked CCollector::round() {
     if (asked == EAsked::noDaemon && m_pQuery->handle() != nNoHandle) {
         asked = askSummary(); // another has come in its place
     }
-    if (asked == EAsked::answered) {
+    if (goesOn(asked)) {
         asked = askSteps();
     }
     if (asked == EAsked::answered) {
         const std::lock_guard lock(m_oMutex); // the rest may take a while
-        m_tLength = CClock::now() - m_tRound;
+        m_tFollowed = CClock::now();
+        m_tLength = m_tFollowed - m_tRound;
+        m_tSilent = 0;
         publish();
+        m_oRound.notify_all();
     }
-    if (asked == EAsked::answered) {
+    if (goesOn(asked)) {
         asked = askTurns();
     }
-    return asked == EAsked::answered ? payDebts() : asked;
+    return goesOn(asked) ? payDebts() : asked;
 }
 
 EAsked CCollector::askSummary() {
@@ -141,8 +145,7 @@ EAsked CCollector::askSteps() {
     if (number(m_oView.snapshot().m_oView.m_oSummary.m_aLastTransition) == known) {
         return EAsked::answered;
     }
-    for (int page = 0; page < nStepPages; ++page) {
-        const bool isFirst = m_oView.lastStep() == 0;
+    for (int page = 0; page < nStepPages && !m_bEnding; ++page) {
         if (const EAsked asked = m_oSteps.read(*m_pQuery); asked != EAsked::answered) {
             return asked;
         }
@@ -153,7 +156,11 @@ EAsked CCollector::askSteps() {
             m_nDaemon = nNoHandle;
             return EAsked::changing;
         }
-        m_oView.takeSteps(m_oSteps.page(), m_oSteps.lost(), isFirst);
+        m_oView.takeSteps(m_oSteps.page(), m_oSteps.lost());
+        if (m_oSteps.lost() != 0 && CClock::now() - m_tFollowed > tPause) {
+            m_oView.hide(); // what is held of deliveries is of before the pause
+            m_pReading.reset();
+        }
         if (!m_oSteps.hasMore()) {
             break;
         }
@@ -165,7 +172,7 @@ EAsked CCollector::askSteps() {
 EAsked CCollector::askTurns() {
     const auto oldest = std::min_element(m_aAsked.begin(), m_aAsked.end()) - m_aAsked.begin();
     EAsked asked = EAsked::answered;
-    for (int turn = 0; turn < nTurns && asked == EAsked::answered; ++turn) {
+    for (int turn = 0; turn < nTurns && goesOn(asked); ++turn) {
         const auto place = static_cast<size_t>(turn);
         if (turn == oldest || CClock::now() - m_aAsked[place] > tPause) {
             m_aAsked[place] = CClock::now();
@@ -217,17 +224,20 @@ EAsked CCollector::payDebts() {
         m_oView.oweAll();
     } else if (m_oView.isWhole()) {
         for (const std::string& name : debts.m_oComponents) {
+            if (m_bEnding) {
+                break;
+            }
             if (const EAsked asked = readComponent(name); asked != EAsked::answered) {
                 return asked;
             }
         }
     }
-    if (debts.m_bFeatures && !debts.m_bAll && !m_pReading && m_oView.isWhole()) {
+    if (debts.m_bFeatures && !m_bEnding && !debts.m_bAll && !m_pReading && m_oView.isWhole()) {
         if (const EAsked asked = readFeatures(); asked != EAsked::answered) {
             return asked;
         }
     }
-    if (!m_pReading && m_oView.isWhole() && now - m_tRead > tBetweenPatrols) {
+    if (!m_pReading && !m_bEnding && m_oView.isWhole() && now - m_tRead > tBetweenPatrols) {
         if (const EAsked asked = beginReading(false); asked != EAsked::answered) {
             return asked;
         }
@@ -297,7 +307,7 @@ EAsked CCollector::beginReading(bool isOwed) {
 
 EAsked CCollector::readOn() {
     CStatusQuestion question = makeQuestion(sqDeliveries);
-    for (int i = 0; i < (m_bOwed ? nOwedPages : nPatrolPages); ++i) {
+    for (int i = 0; i < (m_bOwed ? nOwedPages : nPatrolPages) && !m_bEnding; ++i) {
         question.m_oCursor = m_oReadCursor;
         SStatusPage page;
         if (const EAsked asked = m_pQuery->askPage(question, page); asked != EAsked::answered) {
@@ -326,15 +336,22 @@ EAsked CCollector::readOn() {
     return EAsked::answered;
 }
 
+// Whatever was being changed may be half changed. With nothing known, all is begun anew.
+void CCollector::giveUp() {
+    m_pReading.reset();
+    m_nDaemon = nNoHandle;
+    const std::lock_guard lock(m_oMutex);
+    m_oView.forget();
+}
+
 // What a round that failed had read counts all the same.
-void CCollector::conclude(EAsked asked) {
+void CCollector::conclude(EAsked asked, bool isShort) {
     {
         const std::lock_guard lock(m_oMutex);
         m_eAsked = asked;
-        ++m_nRounds;
-        m_nQuestions = m_pQuery->asked();
-        if (asked == EAsked::answered || asked == EAsked::changing) {
-            m_tCopied = CClock::now();
+        m_bShort = isShort;
+        m_nQuestions = m_pQuery ? m_pQuery->asked() : 0;
+        if (!isShort && (asked == EAsked::answered || asked == EAsked::changing)) {
             m_tSilent = 0;
         } else if (m_tSilent == 0) {
             m_tSilent = std::time(nullptr);
@@ -346,6 +363,11 @@ void CCollector::conclude(EAsked asked) {
 
 void CCollector::publish() {
     m_bAwaited = false;
+    m_tTold = CClock::now();
+    renew();
+}
+
+void CCollector::renew() {
     m_nVersion = m_oView.publish();
     m_oChanges.clear();
     m_pWhole.reset();
@@ -354,21 +376,16 @@ void CCollector::publish() {
 
 // --- Serving ---
 
-void CCollector::look(std::unique_lock<std::mutex>& lock, milliseconds patience, bool isWholeWanted) {
-    const auto now = CClock::now();
-    m_tLooked = now;
+void CCollector::look(std::unique_lock<std::mutex>& lock, milliseconds patience) {
+    m_tLooked = CClock::now();
     m_oLooked.notify_all();
-    if (m_bEnding) {
-        return;
+    m_oRound.wait_until(lock, m_tLooked + patience,
+                        [&] { return m_bEnding || (isOfNow() && (m_oView.isWhole() || m_tSilent != 0)); });
+    if (!isOfNow() && m_tSilent == 0) { // so it seems; the round will tell
+        m_eAsked = EAsked::changing;
+        m_tSilent = std::time(nullptr);
+        renew();
     }
-    const bool isFresh = now - m_tCopied < tFresh || (m_tSilent != 0 && now - m_tRound < tFresh);
-    if (isFresh && (!isWholeWanted || m_oView.isWhole() || m_tSilent != 0)) {
-        return;
-    }
-    const uint64_t before = m_nRounds;
-    m_oRound.wait_until(lock, now + patience, [&] {
-        return m_bEnding || (m_nRounds > before && (!isWholeWanted || m_oView.isWhole() || m_tSilent != 0));
-    });
 }
 
 // The steps of the next round are there about as long after its beginning as those of this one.
@@ -379,13 +396,19 @@ milliseconds CCollector::untilNext() const {
                       milliseconds(1500));
 }
 
+bool CCollector::isOfNow() const {
+    return CClock::now() - m_tTold < tFresh;
+}
+
 std::string CCollector::whyNot() const {
-    return m_tSilent != 0 ? whyNotAnswered(m_eAsked) : "Reading what the daemon tells";
+    return m_tSilent == 0 ? "Reading what the daemon tells"
+           : m_bShort     ? "qelweb is out of memory"
+                          : whyNotAnswered(m_eAsked);
 }
 
 SServed CCollector::status(const std::string& since) {
     std::unique_lock lock(m_oMutex);
-    look(lock, tPatience, false);
+    look(lock, tPatience);
     const milliseconds next = untilNext();
     if (!m_oView.isWhole()) {
         return {nullptr, whyNot(), next};
@@ -417,13 +440,13 @@ SServed CCollector::status(const std::string& since) {
 
 SServed CCollector::metrics() {
     std::unique_lock lock(m_oMutex);
-    look(lock, tScrape, true);
+    look(lock, tScrape);
+    const bool isUp = m_tSilent == 0;
+    const bool isDown = m_eAsked == EAsked::noDaemon || m_eAsked == EAsked::noAnswer;
+    if (!(isUp ? m_oView.isWhole() : isDown)) {
+        return {nullptr, whyNot(), untilNext()};
+    }
     if (!m_pMetrics) {
-        const bool isUp = m_tSilent == 0;
-        const bool isDown = m_eAsked == EAsked::noDaemon || m_eAsked == EAsked::noAnswer;
-        if (isUp ? !m_oView.isWhole() || CClock::now() - m_tCopied > tScrape : !isDown) {
-            return {nullptr, whyNot(), untilNext()};
-        }
         m_pMetrics = std::make_shared<std::string>(
             metricsText(isUp ? &m_oView.snapshot() : nullptr, EMetricsFormat::openMetrics));
     }

@@ -25,6 +25,7 @@
 #include "web/CLiveView.h"
 
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <map>
@@ -45,7 +46,7 @@ struct SServed {
 class CCollector {
 public:
     CCollector();
-    ~CCollector(); // ends the thread; waits for an answer that is under way, for seconds at most
+    ~CCollector(); // ends the thread; waits for the table that is being asked for
     CCollector(const CCollector&) = delete;
     CCollector& operator=(const CCollector&) = delete;
 
@@ -53,7 +54,7 @@ public:
     void end();
 
     // From any thread. Each counts as a look, and waits for a copy that is not older than some seconds; but not
-    // for longer than some seconds.
+    // for longer than some seconds: then the copy says so.
     //
     // The page's object; where `since` is a version that was told before, what has changed after it.
     SServed status(const std::string& since);
@@ -76,12 +77,17 @@ private:
     EAsked readFeatures();
     EAsked beginReading(bool isOwed);
     EAsked readOn();
-    void conclude(EAsked asked);
+    bool goesOn(EAsked asked) const { return asked == EAsked::answered && !m_bEnding; }
+    void giveUp();
+    void conclude(EAsked asked, bool isShort);
 
     // Under the mutex:
-    void look(std::unique_lock<std::mutex>& lock, std::chrono::milliseconds patience, bool isWholeWanted);
+    void look(std::unique_lock<std::mutex>& lock, std::chrono::milliseconds patience);
     void publish();
+    void renew();
     std::chrono::milliseconds untilNext() const;
+    // What is known was told just now; if only that the daemon does not answer.
+    bool isOfNow() const;
     std::string whyNot() const;
     CJson head() const;
     std::string wholeText();
@@ -99,19 +105,20 @@ private:
     CClock::duration m_tReadLength{}; // how long it took
     CClock::time_point m_tReadBegun;
     CClock::time_point m_tFeaturesRead; // when features were read by themselves
+    CClock::time_point m_tFollowed;     // when all steps were known last
 
     std::mutex m_oMutex;
-    std::condition_variable m_oLooked; // somebody looks, or it ends
-    std::condition_variable m_oRound;  // a round has ended
-    bool m_bEnding = false;
+    std::condition_variable m_oLooked;   // somebody looks, or it ends
+    std::condition_variable m_oRound;    // a round has ended
+    std::atomic<bool> m_bEnding = false; // changed under the mutex
     CClock::time_point m_tLooked;
-    CClock::time_point m_tRound;  // when the latest round began
-    bool m_bAwaited = false;      // it has published nothing yet
-    CClock::time_point m_tCopied; // and when one last ended well
-    CClock::duration m_tLength{}; // of the latest
-    uint64_t m_nRounds = 0;
+    CClock::time_point m_tRound;        // when the latest round began
+    bool m_bAwaited = false;            // it has published nothing yet
+    CClock::time_point m_tTold;         // and when one last published something
+    CClock::duration m_tLength{};       // of the latest
     uint32_t m_nQuestions = 0;          // to the daemon, so far
     EAsked m_eAsked = EAsked::answered; // how the latest ended
+    bool m_bShort = false;              // or memory ran out in it
     int64_t m_tSilent = 0;              // since when there is no answer, by the wall clock; 0: there is
     CLiveView m_oView;
     CCounterHour m_oHour;

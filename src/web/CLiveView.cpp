@@ -69,6 +69,12 @@ void CLiveView::takeSummary(SSummaryView summary) {
 
 void CLiveView::takeComponents(std::vector<SComponentView> components) {
     std::vector<SComponentView>& held = view().m_vComponents;
+    // Places stay, whatever order the daemon's table has now.
+    const auto place = [&](const SComponentView& each) {
+        return std::find_if(held.begin(), held.end(), [&](const auto& one) { return isSameName(one, each); });
+    };
+    std::sort(components.begin(), components.end(),
+              [&](const auto& one, const auto& other) { return place(one) < place(other); });
     if (!areSame(held, components, isSameName)) {
         for (const auto& [all, others] : {std::pair(&held, &components), std::pair(&components, &held)}) {
             for (const SComponentView& each : *all) {
@@ -123,13 +129,11 @@ void CLiveView::takeCounters(std::vector<SCounterView> counters) {
     mark(paCounters);
 }
 
-void CLiveView::takeSteps(std::vector<STransitionView> steps, uint64_t lost, bool isFirst) {
+void CLiveView::takeSteps(std::vector<STransitionView> steps, uint64_t lost) {
     if (lost != 0) {
         m_oHistory = {{}, false};
         m_vArrived.clear();
         m_nBase = m_nVersion;
-    }
-    if (lost != 0 && !isFirst) {
         oweAll();
     }
     for (const STransitionView& step : steps) {

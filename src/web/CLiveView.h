@@ -56,8 +56,8 @@ public:
     // --- What came from the daemon; it counts for the version to come ---
 
     void takeSummary(SSummaryView summary);
-    // `lost` as CTransitions tells it; `isFirst`: nothing was asked for before, so nothing is missing here.
-    void takeSteps(std::vector<STransitionView> steps, uint64_t lost, bool isFirst);
+    // `lost` as CTransitions tells it.
+    void takeSteps(std::vector<STransitionView> steps, uint64_t lost);
     void takeComponents(std::vector<SComponentView> components);
     void takeList(std::optional<SListView> list);
     void takeCounters(std::vector<SCounterView> counters);
@@ -66,8 +66,10 @@ public:
     // Who is no longer among the components has left.
     void takeComponent(const std::string& name, std::vector<SComponentView> components,
                        std::vector<SDeliveryView> deliveries);
-    // Another daemon answers: nothing of the one before holds.
+    // Another daemon answers: nothing of the one before holds. Needs no memory.
     void forget();
+    // What is held is too old to be shown until all has been read.
+    void hide() { m_bWhole = false; }
     // What is owed, to be read from now on; it is owed no longer.
     SDebts takeDebts() { return std::exchange(m_oDebts, {}); }
     void oweAll() { m_oDebts.m_bAll = true; }

@@ -66,12 +66,22 @@ void CViewer::finish() {
 // --- All ---
 
 CViewers::CViewers(Serve serve) : m_fnServe(std::move(serve)) {
-    for (size_t i = 0; i < nThreads; ++i) {
-        m_aThreads[i] = std::thread([this, i] { run(m_aServed[i]); });
+    m_vWaiting.reserve(nMaxWaiting + 1);
+    try {
+        for (size_t i = 0; i < nThreads; ++i) {
+            m_aThreads[i] = std::thread([this, i] { run(m_aServed[i]); });
+        }
+    } catch (...) {
+        end(); // those that run
+        throw;
     }
 }
 
 CViewers::~CViewers() {
+    end();
+}
+
+void CViewers::end() {
     {
         const std::lock_guard lock(m_oMutex);
         m_bEnding = true;
@@ -82,7 +92,9 @@ CViewers::~CViewers() {
     }
     m_oCome.notify_all();
     for (std::thread& thread : m_aThreads) {
-        thread.join();
+        if (thread.joinable()) {
+            thread.join();
+        }
     }
 }
 
@@ -92,7 +104,7 @@ void CViewers::add(CFileDescriptor connection) {
         const std::lock_guard lock(m_oMutex);
         m_vWaiting.push_back(std::move(connection));
         if (m_vWaiting.size() > nMaxWaiting) {
-            m_vWaiting.pop_front();
+            m_vWaiting.erase(m_vWaiting.begin());
         }
     }
     m_oCome.notify_one();
@@ -125,7 +137,7 @@ void CViewers::run(SServed& served) {
             return;
         }
         const CFileDescriptor connection = std::move(m_vWaiting.front());
-        m_vWaiting.pop_front();
+        m_vWaiting.erase(m_vWaiting.begin());
         served = {connection.get(), false, CClock::now()};
         lock.unlock();
         {

@@ -12,10 +12,10 @@
 #include <array>
 #include <chrono>
 #include <condition_variable>
-#include <deque>
 #include <functional>
 #include <mutex>
 #include <thread>
+#include <vector>
 
 // One connection, while it is served. Only the thread that serves it uses it.
 class CViewer {
@@ -46,8 +46,8 @@ class CViewers {
 public:
     // Called by several threads at once.
     using Serve = std::function<void(CViewer&)>;
-    explicit CViewers(Serve serve);
-    ~CViewers(); // cuts all off, and waits for the threads
+    explicit CViewers(Serve serve); // throws where threads or memory are not to be had
+    ~CViewers();                    // cuts all off, and waits for the threads
     CViewers(const CViewers&) = delete;
     CViewers& operator=(const CViewers&) = delete;
 
@@ -66,12 +66,13 @@ private:
         CClock::time_point m_tBegun{};
     };
     void run(SServed& served);
+    void end();
 
     Serve m_fnServe;
     std::mutex m_oMutex;
     std::condition_variable m_oCome;
     bool m_bEnding = false;
-    std::deque<CFileDescriptor> m_vWaiting;
+    std::vector<CFileDescriptor> m_vWaiting; // first come first; has its room from the beginning
     std::array<SServed, nThreads> m_aServed;
     std::array<std::thread, nThreads> m_aThreads; // last: they use all the others
 };
