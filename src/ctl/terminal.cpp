@@ -124,7 +124,8 @@ void setProgram(const char* name) {
 }
 
 void complain(std::string_view text) {
-    fmt::print(stderr, "{}: {}\n", szProgram, text);
+    const std::string line = fmt::format("{}: {}\n", szProgram, text);
+    std::fwrite(line.data(), 1, line.size(), stderr); // fmt::print would throw where that cannot be written
 }
 
 void setProcessName(const std::string& name) {

@@ -19,6 +19,16 @@ T as(const sockaddr_storage& storage) {
     return address;
 }
 
+bool isLoopbackNumber(const in_addr& address) {
+    return ntohl(address.s_addr) >> 24 == IN_LOOPBACKNET;
+}
+
+// ::ffff:127.0.0.1 is 127.0.0.1, written as IPv6.
+bool isLoopbackNumber(const in6_addr& address) {
+    return IN6_IS_ADDR_LOOPBACK(&address) != 0 ||
+           (IN6_IS_ADDR_V4MAPPED(&address) != 0 && address.s6_addr[12] == IN_LOOPBACKNET);
+}
+
 std::optional<uint16_t> readPort(std::string_view text) {
     uint16_t port = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), port);
@@ -43,10 +53,9 @@ std::string failure(const SListenAddress& address, int error) {
 
 bool SListenAddress::isLoopback() const {
     if (m_oAddress.ss_family == AF_INET) {
-        return ntohl(as<sockaddr_in>(m_oAddress).sin_addr.s_addr) >> 24 == IN_LOOPBACKNET;
+        return isLoopbackNumber(as<sockaddr_in>(m_oAddress).sin_addr);
     }
-    const auto address = as<sockaddr_in6>(m_oAddress);
-    return IN6_IS_ADDR_LOOPBACK(&address.sin6_addr) != 0;
+    return isLoopbackNumber(as<sockaddr_in6>(m_oAddress).sin6_addr);
 }
 
 std::string SListenAddress::text() const {
@@ -105,15 +114,22 @@ CFileDescriptor listenAt(SListenAddress& address, std::string& error) {
 }
 
 bool isLoopbackHost(std::string_view host) {
-    const size_t end = host.starts_with('[') ? host.find(']') : host.find(':');
-    std::string name(host.substr(0, end));
+    const bool isSix = host.starts_with('[');
+    const size_t end = std::min(isSix ? host.find(']') : host.find(':'), host.size());
+    std::string name(host.substr(isSix ? 1 : 0, isSix ? end - 1 : end));
+    std::string_view port = host.substr(isSix ? std::min(end + 1, host.size()) : end);
+    if ((isSix && end == host.size()) || (!port.empty() && port.front() != ':')) {
+        return false;
+    }
+    port.remove_prefix(port.empty() ? 0 : 1);
+    if (!port.empty() && !readPort(port)) {
+        return false;
+    }
     std::transform(name.begin(), name.end(), name.begin(),
                    [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
-    if (host.starts_with('[')) {
-        const std::string_view rest = end == std::string_view::npos ? "?" : host.substr(end + 1);
-        return name == "[::1" && (rest.empty() || rest.starts_with(':'));
-    }
-    in_addr address;
-    const bool isNumber = inet_pton(AF_INET, name.c_str(), &address) == 1;
-    return name == "localhost" || (isNumber && ntohl(address.s_addr) >> 24 == IN_LOOPBACKNET);
+    in_addr four;
+    in6_addr six;
+    return isSix ? inet_pton(AF_INET6, name.c_str(), &six) == 1 && isLoopbackNumber(six)
+                 : name == "localhost" ||
+                       (inet_pton(AF_INET, name.c_str(), &four) == 1 && isLoopbackNumber(four));
 }

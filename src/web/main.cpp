@@ -24,12 +24,12 @@ CFileDescriptor openSignals() {
     return CFileDescriptor(::signalfd(-1, &signals, SFD_CLOEXEC));
 }
 
-void greet(const SListenAddress& address) {
+bool greet(const SListenAddress& address) {
     fmt::print("qelweb: http://{}/ - Ctrl-C ends it\n", address.text());
-    std::fflush(stdout);
     if (!address.isLoopback()) {
         complain(fmt::format("whoever reaches {} may look: there is no authentication", address.text()));
     }
+    return flushOutput();
 }
 
 int serve(SListenAddress address) {
@@ -43,7 +43,9 @@ int serve(SListenAddress address) {
     }
     CCollector collector;
     CWebServer server(collector, std::move(listening), address.isLoopback());
-    greet(address);
+    if (!greet(address)) {
+        return exitFailed;
+    }
     server.run(signals.get());
     collector.end();
     return exitOk;
@@ -67,7 +69,7 @@ int run(int argc, char** argv) {
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? exitOk : exitUsage;
+        return app.exit(error) != 0 ? exitUsage : flushOutput() ? exitOk : exitFailed;
     }
     const auto address = parseListenAddress(listen);
     if (!address) {
