@@ -19,7 +19,7 @@ code = 203
 data = 1
 components = ["Voice", "Absent"]
 """
-NAMES = "161,<img src=x onerror=document.title=1>\n202,</script><script>document.title=2</script>\n203,& ]]> <!--\n"
+NAMES = "161,<img src=x onerror=document.title=1>\n202,</script><script>document.title=2</script>\n203,& ]]> <!--\u061c\u200b\n"
 
 
 class Stage:
