@@ -1,7 +1,5 @@
 #include "web/CCollector.h"
 
-#include "ctl/metrics.h"
-
 #include <algorithm>
 #include <charconv>
 #include <ctime>
@@ -371,7 +369,7 @@ void CCollector::renew() {
     m_nVersion = m_oView.publish();
     m_oChanges.clear();
     m_pWhole.reset();
-    m_pMetrics.reset();
+    m_aMetrics = {};
 }
 
 // --- Serving ---
@@ -438,7 +436,7 @@ SServed CCollector::status(const std::string& since) {
     return {text, "", next};
 }
 
-SServed CCollector::metrics() {
+SServed CCollector::metrics(EMetricsFormat format) {
     std::unique_lock lock(m_oMutex);
     look(lock, tScrape);
     const bool isUp = m_tSilent == 0;
@@ -446,11 +444,11 @@ SServed CCollector::metrics() {
     if (!(isUp ? m_oView.isWhole() : isDown)) {
         return {nullptr, whyNot(), untilNext()};
     }
-    if (!m_pMetrics) {
-        m_pMetrics = std::make_shared<std::string>(
-            metricsText(isUp ? &m_oView.snapshot() : nullptr, EMetricsFormat::openMetrics));
+    SharedText& text = m_aMetrics[static_cast<size_t>(format)];
+    if (!text) {
+        text = std::make_shared<std::string>(metricsText(isUp ? &m_oView.snapshot() : nullptr, format));
     }
-    return {m_pMetrics, "", untilNext()};
+    return {text, "", untilNext()};
 }
 
 // --- Texts ---

@@ -20,6 +20,7 @@
 #define QEL_WEB_CCOLLECTOR_H
 
 #include "ctl/CTransitions.h"
+#include "ctl/metrics.h"
 #include "ctl/page.h"
 #include "web/CCounterHour.h"
 #include "web/CLiveView.h"
@@ -58,7 +59,7 @@ public:
     //
     // The page's object; where `since` is a version that was told before, what has changed after it.
     SServed status(const std::string& since);
-    SServed metrics();
+    SServed metrics(EMetricsFormat format);
 
 private:
     using CClock = std::chrono::steady_clock;
@@ -129,7 +130,7 @@ private:
     // Texts of this version.
     std::map<uint64_t, SharedText> m_oChanges; // by what was seen before
     SharedText m_pWhole;
-    SharedText m_pMetrics;
+    std::array<SharedText, 2> m_aMetrics; // by format
 
     std::thread m_oThread; // last: it uses all the others
 };

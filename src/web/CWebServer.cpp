@@ -103,10 +103,15 @@ void giveStatus(CCollector& collector, const httplib::Request& request, httplib:
     }
 }
 
-void giveMetrics(CCollector& collector, const httplib::Request&, httplib::Response& response) {
-    const SServed served = collector.metrics();
+// The format before OpenMetrics, for whoever does not ask for that one.
+void giveMetrics(CCollector& collector, const httplib::Request& request, httplib::Response& response) {
+    const std::string accepted = request.get_header_value("Accept");
+    const bool isOpen = accepted.find("application/openmetrics-text") != std::string::npos;
+    const SServed served = collector.metrics(isOpen ? EMetricsFormat::openMetrics : EMetricsFormat::text);
     if (served.m_pText) {
-        give(response, served.m_pText, "application/openmetrics-text; version=1.0.0; charset=utf-8");
+        give(response, served.m_pText,
+             isOpen ? "application/openmetrics-text; version=1.0.0; charset=utf-8"
+                    : "text/plain; version=0.0.4; charset=utf-8");
     } else {
         refuse(response, 503, served.m_sWhyNot);
     }
