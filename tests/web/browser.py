@@ -7,6 +7,11 @@ import subprocess
 import tempfile
 
 PROGRAM = shutil.which("chromium")
+DRAWN = """window.drawn = new Promise(resolve => new MutationObserver((changes, observer) => {
+  if (!document.querySelector('#grid tr.row')) return;
+  observer.disconnect();
+  requestAnimationFrame(() => setTimeout(() => resolve(performance.now())));
+}).observe(document, {childList: true, subtree: true}))"""
 
 
 class Browser:
@@ -60,6 +65,13 @@ class Browser:
         self.ask("Page.navigate", url=address)
         while self.read().get("method") != "Page.loadEventFired":
             pass
+
+    def drawn(self, address):
+        """Milliseconds from the call of an address until the matrix is painted there."""
+        known = self.ask("Page.addScriptToEvaluateOnNewDocument", source=DRAWN)["identifier"]
+        self.show(address)
+        self.ask("Page.removeScriptToEvaluateOnNewDocument", identifier=known)
+        return self.run("window.drawn")
 
     def run(self, script):
         answer = self.ask("Runtime.evaluate", expression=script, returnByValue=True, awaitPromise=True)
