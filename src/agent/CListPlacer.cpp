@@ -69,7 +69,7 @@ SPlacing placeList(const std::string& path, std::string_view text) {
         return refused(std::move(placing), std::move(sealed.m_oList));
     }
     CListStore store(path);
-    if (std::string trouble = store.lock(); !trouble.empty()) {
+    if (std::string trouble = store.lock(std::chrono::milliseconds{0}); !trouble.empty()) {
         return failed(std::move(placing), std::move(trouble));
     }
     const bool isThere = std::filesystem::exists(store.path());

@@ -1,8 +1,11 @@
 // qelctl apply and undo, as an operator uses them.
+#include "base/CFileDescriptor.h"
 #include "support/files.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <set>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
@@ -187,6 +190,16 @@ TEST_F(CApply, SeveralAtATimeDoNotMix) {
     }
     EXPECT_EQ(lists.size(), 6u);
     EXPECT_EQ(contents(kept(5)), five(100));
+}
+
+// A lock that somebody else holds, as anybody may who can read the directory, ends the command and not the patience.
+TEST_F(CApply, DoesNotWaitForeverForALock) {
+    put(m_sList, five(1));
+    const CFileDescriptor directory(::open(m_oDirectory.path().c_str(), O_RDONLY | O_DIRECTORY));
+    ASSERT_EQ(::flock(directory.get(), LOCK_SH), 0);
+    EXPECT_EQ(apply(five(2), "-q"), "qelctl: another process holds the lock on " + m_oDirectory.path() +
+                                        " (lslocks tells which)\nstatus 1\n");
+    EXPECT_EQ(contents(m_sList), five(1));
 }
 
 // Where lists must be signed, each command takes and leaves what the daemon would take and leave.

@@ -10,9 +10,12 @@
 #include <filesystem>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <thread>
 #include <utility>
 
 namespace {
+
+constexpr std::chrono::milliseconds tLockPause{20};
 
 bool isThere(const std::string& path) {
     struct stat status {};
@@ -52,16 +55,23 @@ std::optional<int> CListStore::latest() const {
     return std::nullopt;
 }
 
-// On the directory itself, since a lock file would stay, and one on the list would be renamed away.
-std::string CListStore::lock() {
+// On the directory itself, since a lock file would stay, and one on the list would be renamed away. Whoever may read the
+// directory can lock it, and for as long as he likes: so there is an end to the wait.
+std::string CListStore::lock(std::chrono::milliseconds wait) {
     m_oLock = CFileDescriptor(::open(m_sDirectory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!m_oLock) {
         return failure("open", m_sDirectory);
     }
-    while (::flock(m_oLock.get(), LOCK_EX) != 0) {
-        if (errno != EINTR) {
+    const auto end = std::chrono::steady_clock::now() + wait;
+    while (::flock(m_oLock.get(), LOCK_EX | LOCK_NB) != 0) {
+        if (errno != EWOULDBLOCK && errno != EINTR) {
             return failure("lock", m_sDirectory);
         }
+        if (std::chrono::steady_clock::now() >= end) {
+            m_oLock.close();
+            return "another process holds the lock on " + m_sDirectory + " (lslocks tells which)";
+        }
+        std::this_thread::sleep_for(tLockPause);
     }
     return "";
 }

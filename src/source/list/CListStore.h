@@ -4,6 +4,7 @@
 
 #include "base/CFileDescriptor.h"
 
+#include <chrono>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -20,9 +21,11 @@ public:
 
     explicit CListStore(std::string path);
 
-    // Waits until no other process changes the lists of this directory. Until the object goes, which leaves
-    // nothing behind.
-    [[nodiscard]] std::string lock();
+    static constexpr std::chrono::seconds tLockWait{5};
+
+    // Waits until no other process changes the lists of this directory, but no longer than so. Held until the object
+    // goes, which leaves nothing behind.
+    [[nodiscard]] std::string lock(std::chrono::milliseconds wait = tLockWait);
     void unlock() { m_oLock.close(); }
 
     // Puts the text in place, with owner and mode of the list there. `before` is that one's text, kept as
