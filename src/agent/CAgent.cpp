@@ -2,7 +2,9 @@
 
 #include "agent/fleet_topics.h"
 #include "source/list/list_digest.h"
+#include "source/list/list_paths.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <ctime>
 #include <fmt/chrono.h>
@@ -14,7 +16,7 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr int nStateSchema = 1;
-constexpr auto tRetryPlacing = 30s;
+constexpr size_t nMaxDenied = 100; // that are told
 
 std::string timeNow() {
     return fmt::format("{:%Y-%m-%dT%H:%M:%SZ}", fmt::gmtime(std::time(nullptr)));
@@ -33,7 +35,8 @@ void tell(const std::string& text) {
 } // namespace
 
 CAgent::CAgent(const SAgentConfig& config, std::string list)
-    : m_oConfig(config), m_sList(std::move(list)), m_oBroker(config, *this), m_oDesired(config) {}
+    : m_oConfig(config), m_sList(std::move(list)), m_oBroker(config, *this), m_oDesired(config),
+      m_oSecondLook(trustPath().m_sDirectory, appliancePath()) {}
 
 std::string CAgent::prepare() {
     return m_oBroker.prepare(stateTopic(m_oConfig.m_sFleet, m_oConfig.m_sAppliance));
@@ -50,17 +53,25 @@ void CAgent::turn() {
 }
 
 void CAgent::place(CTime now) {
-    const bool isRetry = m_oPlacing && m_oPlacing->m_ePlaced == EPlaced::failed && now >= m_tRetry;
-    if (isRetry) {
+    if (m_oSecondLook.isDue(now)) {
         m_oDesired.again();
     }
     const auto text = m_oDesired.choose(now);
     if (!text) {
         return;
     }
+    m_oSecondLook.begin(now);
+    SPlacing placing = placeList(m_sList, *text);
+    m_oSecondLook.judged(placing.m_ePlaced, now);
+    const bool isNews = !m_oPlacing || *m_oPlacing != placing || m_sTopic != m_oDesired.topic();
     m_sTopic = m_oDesired.topic();
-    m_oPlacing = placeList(m_sList, *text);
-    m_tRetry = now + tRetryPlacing;
+    m_oPlacing = std::move(placing);
+    if (isNews) {
+        tellPlacing();
+    }
+}
+
+void CAgent::tellPlacing() const {
     tell(fmt::format("list {} of {}: {}{}{}", printListDigest(m_oPlacing->m_nDigest), m_sTopic,
                      wordOf(m_oPlacing->m_ePlaced), m_oPlacing->m_sTrouble.empty() ? "" : ": ",
                      m_oPlacing->m_sTrouble));
@@ -94,6 +105,9 @@ std::string CAgent::state() const {
                             {"trouble", m_oPlacing->m_sTrouble},
                             {"errors", toJson(m_oPlacing->m_vErrors)}};
     }
+    if (!m_vDenied.empty()) {
+        state["denied"] = m_vDenied;
+    }
     m_oState.put(state);
     return print(state);
 }
@@ -114,6 +128,7 @@ void CAgent::leave() {
 void CAgent::onConnected() {
     tell(fmt::format("connected with {} port {}", m_oConfig.m_sHost, m_oConfig.m_nPort));
     m_sTold.clear();
+    m_vDenied.clear();
     m_oDesired.forget();
     m_oBroker.subscribe(m_oDesired.topics());
 }
@@ -125,6 +140,14 @@ void CAgent::onSubscribed() {
 void CAgent::onMessage(const std::string& topic, std::string_view text) {
     if (!m_oDesired.take(topic, text, std::chrono::steady_clock::now())) {
         tell("ignored a message of another topic");
+    }
+}
+
+// Once in a connection: a state that may not be written is not tried any less often for that.
+void CAgent::onDenied(const std::string& why) {
+    if (m_vDenied.size() < nMaxDenied && std::ranges::find(m_vDenied, why) == m_vDenied.end()) {
+        tell("the broker says that " + why);
+        m_vDenied.push_back(why);
     }
 }
 

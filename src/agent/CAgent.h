@@ -6,10 +6,12 @@
 #include "agent/CBroker.h"
 #include "agent/CDesiredList.h"
 #include "agent/CListPlacer.h"
+#include "agent/CSecondLook.h"
 
 #include <chrono>
 #include <optional>
 #include <string>
+#include <vector>
 
 // Takes the list that the fleet wants here, puts it in place, and tells what became of it. Without a broker nothing
 // happens: the list in place stays, and the daemon works on.
@@ -36,8 +38,10 @@ private:
     void onSubscribed() override;
     void onMessage(const std::string& topic, std::string_view text) override;
     void onLost(const std::string& why) override;
+    void onDenied(const std::string& why) override;
 
     void place(CTime now);
+    void tellPlacing() const;
     void tellState(CTime now);
     CJson head(bool isOnline) const;
     std::string state() const;
@@ -48,7 +52,8 @@ private:
     CDesiredList m_oDesired;
     std::string m_sTopic; // of the list that was placed last
     std::optional<SPlacing> m_oPlacing;
-    CTime m_tRetry{};
+    CSecondLook m_oSecondLook;
+    std::vector<std::string> m_vDenied; // by the broker, since the connection was made
     CApplianceState m_oState;
     std::string m_sTold; // the state that the broker has
     CTime m_tTold{};

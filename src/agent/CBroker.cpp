@@ -1,5 +1,6 @@
 #include "agent/CBroker.h"
 
+#include "agent/tls_files.h"
 #include "source/list/whole_file.h"
 
 #include <algorithm>
@@ -58,11 +59,6 @@ private:
     bool m_bSet = false;
 };
 
-// The word for what the library returned.
-std::string wordOf(int result) {
-    return result == MOSQ_ERR_ERRNO ? std::strerror(errno) : mosquitto_strerror(result);
-}
-
 } // namespace
 
 CBroker::CBroker(const SAgentConfig& config, CBrokerUser& user)
@@ -73,6 +69,20 @@ CBroker::CBroker(const SAgentConfig& config, CBrokerUser& user)
 CBroker::~CBroker() {
     mosquitto_destroy(m_pClient);
     mosquitto_lib_cleanup();
+}
+
+// The word for what the library returned, or gave as the reason: an error of its own, of the system or of the protocol.
+std::string CBroker::wordOf(int result) {
+    if (result >= MQTT_RC_UNSPECIFIED) {
+        return mosquitto_reason_string(result);
+    }
+    if (result == MOSQ_ERR_ERRNO && errno != 0) {
+        return std::strerror(errno);
+    }
+    const bool isBroken = result == MOSQ_ERR_ERRNO || result == MOSQ_ERR_CONN_LOST;
+    return isBroken                     ? "the connection broke"
+           : result == MOSQ_ERR_SUCCESS ? "the broker ended the connection"
+                                        : mosquitto_strerror(result);
 }
 
 std::string CBroker::prepare(std::string willTopic) {
@@ -88,6 +98,7 @@ std::string CBroker::prepare(std::string willTopic) {
     mosquitto_subscribe_v5_callback_set(m_pClient, onSubscribe);
     mosquitto_publish_v5_callback_set(m_pClient, onPublish);
     mosquitto_message_v5_callback_set(m_pClient, onMessage);
+    mosquitto_log_callback_set(m_pClient, onLog);
     std::string trouble = setPassword();
     return trouble.empty() ? setTls() : trouble;
 }
@@ -108,16 +119,13 @@ std::string CBroker::setPassword() {
     return result == MOSQ_ERR_SUCCESS ? "" : wordOf(result);
 }
 
-// The library reads the files with the first connection, and says no more than that TLS failed: so each is looked at
-// here.
+// The library reads the files with each connection, and says no more than that TLS failed: so they are looked at here.
 std::string CBroker::setTls() {
     if (!m_oConfig.isEncrypted()) {
         return "";
     }
-    for (const std::string& path : {m_oConfig.m_sAuthority, m_oConfig.m_sCertificate, m_oConfig.m_sKey}) {
-        if (access(path.c_str(), R_OK) != 0) {
-            return fmt::format("{}: {}", path, std::strerror(errno));
-        }
+    if (std::string trouble = checkTlsFiles(m_oConfig); !trouble.empty()) {
+        return trouble;
     }
     const int result = mosquitto_tls_set(m_pClient, m_oConfig.m_sAuthority.c_str(), nullptr,
                                          m_oConfig.m_sCertificate.c_str(), m_oConfig.m_sKey.c_str(), nullptr);
@@ -134,6 +142,7 @@ void CBroker::turn(std::chrono::milliseconds wait) {
 
 void CBroker::connect() {
     m_bConnecting = true;
+    m_sDetail.clear();
     const std::string will = m_oUser.will();
     mosquitto_will_set_v5(m_pClient, m_sWillTopic.c_str(), static_cast<int>(will.size()), will.data(),
                           nAtLeastOnce, true, nullptr);
@@ -176,7 +185,7 @@ void CBroker::drive(std::chrono::milliseconds wait) {
     }
 }
 
-void CBroker::lose(const std::string& why) {
+void CBroker::lose(std::string why) {
     const CTime now = std::chrono::steady_clock::now();
     if (m_bConnected && now - m_tConnected >= tSteady) {
         m_tPause = tShortestPause;
@@ -185,7 +194,10 @@ void CBroker::lose(const std::string& why) {
     m_tPause = std::min<std::chrono::milliseconds>(2 * m_tPause, tLongestPause);
     m_bConnected = false;
     m_bConnecting = false;
-    m_nUnsent = 0;
+    m_vUnsent.clear();
+    if (!m_sDetail.empty()) {
+        why += " (" + m_sDetail + ")";
+    }
     m_oUser.onLost(why);
 }
 
@@ -195,18 +207,19 @@ bool CBroker::subscribe(const std::vector<std::string>& topics) {
     for (const std::string& topic : topics) {
         names.push_back(const_cast<char*>(topic.c_str())); // the library's interface lacks the const
     }
+    m_vSubscribing = topics;
     return m_bConnected &&
            mosquitto_subscribe_multiple(m_pClient, &m_nSubscribing, static_cast<int>(names.size()),
                                         names.data(), nAtLeastOnce, 0, nullptr) == MOSQ_ERR_SUCCESS;
 }
 
 bool CBroker::publish(const std::string& topic, std::string_view text) {
-    if (!m_bConnected ||
-        mosquitto_publish_v5(m_pClient, nullptr, topic.c_str(), static_cast<int>(text.size()), text.data(),
-                             nAtLeastOnce, true, nullptr) != MOSQ_ERR_SUCCESS) {
+    int id = 0;
+    if (!m_bConnected || mosquitto_publish_v5(m_pClient, &id, topic.c_str(), static_cast<int>(text.size()),
+                                              text.data(), nAtLeastOnce, true, nullptr) != MOSQ_ERR_SUCCESS) {
         return false;
     }
-    ++m_nUnsent;
+    m_vUnsent.emplace_back(id, topic);
     return true;
 }
 
@@ -215,7 +228,7 @@ void CBroker::leave(const std::string& topic, std::string_view text) {
         return;
     }
     const CTime end = std::chrono::steady_clock::now() + tLastWord;
-    while (m_bConnected && m_nUnsent > 0 && std::chrono::steady_clock::now() < end) {
+    while (m_bConnected && !m_vUnsent.empty() && std::chrono::steady_clock::now() < end) {
         drive(100ms);
     }
     m_bConnected = false; // no loss
@@ -242,16 +255,39 @@ void CBroker::onDisconnect(mosquitto*, void* object, int reason, const mosquitto
     }
 }
 
-void CBroker::onSubscribe(mosquitto*, void* object, int id, int, const int*, const mosquitto_property*) {
+void CBroker::onSubscribe(mosquitto*, void* object, int id, int count, const int* granted,
+                          const mosquitto_property*) {
     CBroker& broker = self(object);
-    if (id == broker.m_nSubscribing) {
-        broker.m_oUser.onSubscribed();
+    if (id != broker.m_nSubscribing) {
+        return;
     }
+    for (size_t i = 0; i < std::min(static_cast<size_t>(count), broker.m_vSubscribing.size()); ++i) {
+        if (granted[i] >= MQTT_RC_UNSPECIFIED) {
+            broker.m_oUser.onDenied(fmt::format("{} may not be read: {}", broker.m_vSubscribing[i],
+                                                mosquitto_reason_string(granted[i])));
+        }
+    }
+    broker.m_oUser.onSubscribed();
 }
 
-void CBroker::onPublish(mosquitto*, void* object, int, int, const mosquitto_property*) {
-    CBroker& broker = self(object);
-    broker.m_nUnsent = std::max(broker.m_nUnsent - 1, 0);
+void CBroker::onPublish(mosquitto*, void* object, int id, int reason, const mosquitto_property*) {
+    std::vector<std::pair<int, std::string>>& unsent = self(object).m_vUnsent;
+    const auto told = std::ranges::find(unsent, id, &std::pair<int, std::string>::first);
+    if (told == unsent.end()) {
+        return;
+    }
+    if (reason >= MQTT_RC_UNSPECIFIED) {
+        self(object).m_oUser.onDenied(
+            fmt::format("{} may not be written: {}", told->second, mosquitto_reason_string(reason)));
+    }
+    unsent.erase(told);
+}
+
+// The reasons of TLS are told nowhere else; the first says most.
+void CBroker::onLog(mosquitto*, void* object, int level, const char* text) {
+    if (level == MOSQ_LOG_ERR && self(object).m_sDetail.empty()) {
+        self(object).m_sDetail = text;
+    }
 }
 
 void CBroker::onMessage(mosquitto*, void* object, const mosquitto_message* message,

@@ -9,6 +9,7 @@
 #include <random>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 // Whom the broker's connection tells of what comes. Called from CBroker::turn() alone.
@@ -20,6 +21,8 @@ public:
     virtual void onSubscribed() = 0; // everything that was asked for
     virtual void onMessage(const std::string& topic, std::string_view text) = 0;
     virtual void onLost(const std::string& why) = 0; // the connection, or an attempt to get one
+    virtual void onDenied(const std::string& /*why*/) {
+    } // a subscription or a message, by the broker; names its topic
 
 protected:
     ~CBrokerUser() = default;
@@ -68,11 +71,13 @@ private:
     static void onPublish(mosquitto*, void* object, int id, int reason, const mosquitto_property*);
     static void onMessage(mosquitto*, void* object, const mosquitto_message* message,
                           const mosquitto_property*);
+    static void onLog(mosquitto*, void* object, int level, const char* text);
 
+    static std::string wordOf(int result);
     std::string setTls();
     std::string setPassword();
     void connect();
-    void lose(const std::string& why);
+    void lose(std::string why);
     void drive(std::chrono::milliseconds wait);
 
     const SAgentConfig& m_oConfig;
@@ -80,10 +85,13 @@ private:
     std::string m_sWillTopic;
     mosquitto* m_pClient = nullptr;
     bool m_bConnected = false;
-    bool m_bConnecting = false; // the broker has not yet taken us in
-    bool m_bNoMemory = false;   // for a message that came
-    int m_nSubscribing = -1;    // the request that is under way
-    int m_nUnsent = 0;          // messages that the broker has not confirmed
+    bool m_bConnecting = false;              // the broker has not yet taken us in
+    bool m_bNoMemory = false;                // for a message that came
+    int m_nSubscribing = -1;                 // the request that is under way
+    std::vector<std::string> m_vSubscribing; // what it asks for
+    std::vector<std::pair<int, std::string>>
+        m_vUnsent;         // messages that the broker has not confirmed, and their topics
+    std::string m_sDetail; // what the library said of this connection's trouble
     std::chrono::milliseconds m_tPause{1000};
     CTime m_tDue{};
     CTime m_tConnected{};

@@ -21,6 +21,8 @@ struct SPlacing {
     uint64_t m_nDigest = 0;            // of the list
     std::vector<SListError> m_vErrors; // why it was refused, the first of them
     std::string m_sTrouble;            // why it failed
+
+    bool operator==(const SPlacing& other) const = default;
 };
 
 // Checks it as the daemon will, against the list in place too; then replaces that in one step, and keeps it as the latest

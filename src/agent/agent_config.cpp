@@ -1,5 +1,6 @@
 #include "agent/agent_config.h"
 
+#include "source/list/list_paths.h"
 #include "source/list/list_text.h"
 #include "source/list/toml_parser.h"
 #include "source/list/whole_file.h"
@@ -11,15 +12,12 @@
 
 namespace {
 
-constexpr size_t nMaxGroups = 64;
-constexpr size_t nMaxFleetName = 64;
 constexpr uint32_t nPortPlain = 1883; // registered with IANA: mqtt
 constexpr uint32_t nPortTls = 8883;   // secure-mqtt
 
 enum class EValue { name, text, port };
 
-using CConfigMember = std::variant<std::string SAgentConfig::*, uint32_t SAgentConfig::*,
-                                   std::vector<std::string> SAgentConfig::*>;
+using CConfigMember = std::variant<std::string SAgentConfig::*, uint32_t SAgentConfig::*>;
 
 // A key of the file. Its table is empty at the top.
 struct SConfigField {
@@ -32,8 +30,6 @@ struct SConfigField {
 
 constexpr SConfigField aFields[] = {
     {"", "fleet", &SAgentConfig::m_sFleet, EValue::name, true},
-    {"", "appliance", &SAgentConfig::m_sAppliance, EValue::name, true},
-    {"", "groups", &SAgentConfig::m_vGroups, EValue::name, false},
     {"broker", "host", &SAgentConfig::m_sHost, EValue::text, true},
     {"broker", "port", &SAgentConfig::m_nPort, EValue::port, false},
     {"broker", "user", &SAgentConfig::m_sUser, EValue::text, false},
@@ -104,13 +100,24 @@ private:
                 error(line, fmt::format("'{}' is missing", field.m_sKey));
             }
         }
-        if (name.empty()) {
-            known.insert(known.end(), {"broker", "tls"});
+        if (name.empty()) { // the tables, and what has a line of its own
+            known.insert(known.end(), {"broker", "tls", "appliance", "groups"});
+            refuseElsewhere(table);
         }
         for (const auto& [key, value] : table) {
             if (std::find(known.begin(), known.end(), key.str()) == known.end()) {
                 error(lineOf(value),
                       fmt::format("unknown key '{}'{}", shown(key.str()), suggestion(key.str(), known)));
+            }
+        }
+    }
+
+    // What the daemon goes by as well stands in one place for both.
+    void refuseElsewhere(const toml::table& table) {
+        for (const std::string_view key : {"appliance", "groups"}) {
+            if (const toml::node* value = table.get(key)) {
+                error(lineOf(*value), fmt::format("'{}' stands in {}, for the daemon too: remove it here",
+                                                  key, appliancePath()));
             }
         }
     }
@@ -128,26 +135,6 @@ private:
         }
     }
 
-    void take(const toml::node& value, const SConfigField& field, std::vector<std::string>& names) {
-        const toml::array* array = value.as_array();
-        if (array == nullptr) {
-            return refuse(value, field, "an array of strings");
-        }
-        if (array->size() > nMaxGroups) {
-            return error(lineOf(value), fmt::format("'{}' has more than {} names", field.m_sKey, nMaxGroups));
-        }
-        for (const toml::node& element : *array) {
-            const toml::value<std::string>* name = element.as_string();
-            if (name == nullptr) {
-                refuse(element, field, "strings");
-            } else if (std::find(names.begin(), names.end(), name->get()) != names.end()) {
-                error(lineOf(element), fmt::format("'{}' is named twice", shown(name->get())));
-            } else if (isGoodText(*name, field)) {
-                names.push_back(name->get());
-            }
-        }
-    }
-
     void take(const toml::node& value, const SConfigField& field, uint32_t& number) {
         const toml::value<int64_t>* integer = value.as_integer();
         if (integer == nullptr) {
@@ -161,11 +148,11 @@ private:
 
     bool isGoodText(const toml::value<std::string>& value, const SConfigField& field) {
         const std::string& text = value.get();
-        if (field.m_eValue == EValue::name && !isFleetName(text)) {
+        if (field.m_eValue == EValue::name && !isApplianceName(text)) {
             error(lineOf(value),
                   fmt::format("'{}': '{}' is no name: 1 to {} letters, digits, '.', '-', '_', the first "
                               "a letter or digit",
-                              field.m_sKey, shown(text), nMaxFleetName));
+                              field.m_sKey, shown(text), nMaxApplianceName));
             return false;
         }
         if (text.empty() || std::any_of(text.begin(), text.end(), isControl)) {
@@ -209,13 +196,4 @@ SAgentConfig readAgentConfig(const std::string& path) {
 
 SAgentConfig parseAgentConfig(std::string_view text) {
     return CConfigCheck().run(text);
-}
-
-bool isFleetName(std::string_view name) {
-    const auto isAlphanumeric = [](char c) {
-        return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
-    };
-    return !name.empty() && name.size() <= nMaxFleetName && isAlphanumeric(name[0]) &&
-           std::all_of(name.begin(), name.end(),
-                       [&](char c) { return isAlphanumeric(c) || c == '.' || c == '-' || c == '_'; });
 }

@@ -12,6 +12,8 @@
 // Paths are as they stand in the file; a relative one is relative to the working directory.
 struct SAgentConfig {
     std::string m_sFleet;
+    // Of /etc/qel/appliance, and not of this file: whoever reads it fills them in. A name of an appliance has no meaning
+    // in a topic ('/', '+', '#', '$') or in a path; nor has the fleet's, which is made alike.
     std::string m_sAppliance;
     std::vector<std::string> m_vGroups; // in the order in which the appliance takes its list from them
     std::string m_sHost;                // of the broker
@@ -34,9 +36,5 @@ inline constexpr size_t nMaxAgentConfigSize = 65536;
 // Reads the file whole and checks it: types, ranges, unknown keys, what is missing.
 [[nodiscard]] SAgentConfig readAgentConfig(const std::string& path);
 [[nodiscard]] SAgentConfig parseAgentConfig(std::string_view text);
-
-// Whether it may name a fleet, an appliance or a group: 1 to 64 letters, digits, '.', '-' and '_', the first a letter or
-// digit. So no name has a meaning in a topic ('/', '+', '#', '$') or in a path.
-bool isFleetName(std::string_view name);
 
 #endif

@@ -1,11 +1,16 @@
 // qelagent: the appliance's link to its fleet.
 #include "agent/CAgent.h"
+#include "source/SFingerprint.h"
 #include "source/list/list_paths.h"
+#include "source/trust/appliance.h"
 
 #include <CLI/CLI.hpp>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <exception>
+#include <fmt/core.h>
+#include <utility>
 
 namespace {
 
@@ -27,28 +32,76 @@ int fail(const std::string& text) {
     return 1;
 }
 
+// Which appliance this is. While the agent runs, a change is followed, unless the file is wrong; that is looked for every
+// ten seconds.
+class CSelf {
+public:
+    explicit CSelf(std::string path) : m_sPath(std::move(path)) { read(); }
+
+    // With an error where it has no name for a topic, as a host's may be none.
+    const SAppliance& appliance() const { return m_oAppliance; }
+
+    bool isChanged() {
+        const auto now = std::chrono::steady_clock::now();
+        if (now < m_tLook || m_oRead == SFingerprint::of(m_sPath.c_str())) {
+            return false;
+        }
+        const SAppliance before = m_oAppliance;
+        read();
+        if (!m_oAppliance.m_sError.empty()) {
+            fail(m_oAppliance.m_sError + ": going on as " + before.text());
+            m_oAppliance = before;
+        }
+        return m_oAppliance.text() != before.text();
+    }
+
+private:
+    void read() {
+        m_tLook = std::chrono::steady_clock::now() + std::chrono::seconds{10};
+        m_oRead = SFingerprint::of(m_sPath.c_str());
+        m_oAppliance = readAppliance(m_sPath);
+        if (m_oAppliance.m_sError.empty() && !isApplianceName(m_oAppliance.m_sName)) {
+            m_oAppliance.m_sError =
+                fmt::format("the host's name is no name of an appliance: write one to {}", m_sPath);
+        }
+    }
+
+    std::string m_sPath;
+    SAppliance m_oAppliance;
+    SFingerprint m_oRead;
+    std::chrono::steady_clock::time_point m_tLook;
+};
+
 int run(const std::string& path, bool isCheck) {
-    const SAgentConfig config = readAgentConfig(path);
+    SAgentConfig config = readAgentConfig(path);
     for (size_t i = 0; i < std::min(config.m_vErrors.size(), nMaxShownErrors); ++i) {
         std::fprintf(stderr, "%s\n", printListError(path, config.m_vErrors[i]).c_str());
     }
     if (!config.m_vErrors.empty()) {
         return 1;
     }
-    CAgent agent(config, featureListPath());
-    if (const std::string trouble = agent.prepare(); !trouble.empty()) {
-        return fail(trouble);
-    }
-    if (isCheck) {
-        std::printf("%s: good: appliance %s of fleet %s\n", path.c_str(), config.m_sAppliance.c_str(),
-                    config.m_sFleet.c_str());
-        return 0;
-    }
     endOnSignals();
-    while (bEnd == 0) {
-        agent.turn();
-    }
-    agent.leave();
+    CSelf self(appliancePath());
+    do {
+        config.m_sAppliance = self.appliance().m_sName;
+        config.m_vGroups = self.appliance().m_vGroups;
+        if (const std::string& trouble = self.appliance().m_sError; !trouble.empty()) {
+            return fail(trouble);
+        }
+        CAgent agent(config, featureListPath());
+        if (const std::string trouble = agent.prepare(); !trouble.empty()) {
+            return fail(trouble);
+        }
+        if (isCheck) {
+            std::printf("%s: good: appliance %s of fleet %s\n", path.c_str(), self.appliance().text().c_str(),
+                        config.m_sFleet.c_str());
+            return 0;
+        }
+        while (bEnd == 0 && !self.isChanged()) {
+            agent.turn();
+        }
+        agent.leave();
+    } while (bEnd == 0);
     return 0;
 }
 

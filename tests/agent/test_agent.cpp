@@ -1,8 +1,12 @@
 #include "agent/CDesiredList.h"
+#include "agent/CSecondLook.h"
 #include "agent/agent_config.h"
+#include "base/clock.h"
+#include "support/files.h"
 
 #include <gtest/gtest.h>
 #include <sstream>
+#include <thread>
 
 namespace {
 
@@ -19,27 +23,23 @@ std::string errorsOf(const std::string& text) {
 
 TEST(AgentConfig, TakesWhatIsComplete) {
     const SAgentConfig config =
-        parseAgentConfig("fleet = 'north'\nappliance = 'berlin-07'\ngroups = ['b', 'a']\n"
+        parseAgentConfig("fleet = 'north'\n"
                          "[broker]\nhost = 'broker.example'\nuser = 'u'\npassword_file = '/p'\n"
                          "[tls]\nauthority = '/a'\ncertificate = '/c'\nkey = '/k'\n");
     EXPECT_TRUE(config.m_vErrors.empty());
-    EXPECT_EQ(config.m_vGroups, (std::vector<std::string>{"b", "a"}));
     EXPECT_EQ(config.m_nPort, 8883U);
     EXPECT_TRUE(config.isEncrypted());
-    EXPECT_EQ(parseAgentConfig("fleet='f'\nappliance='a'\n[broker]\nhost='127.0.0.1'\n").m_nPort, 1883U);
+    EXPECT_EQ(parseAgentConfig("fleet='f'\n[broker]\nhost='127.0.0.1'\n").m_nPort, 1883U);
 }
 
 TEST(AgentConfig, TellsEachFaultWithItsLine) {
     EXPECT_EQ(
-        errorsOf("fleet = 'no/rth'\naplliance = 'x'\ngroups = ['a', 'a', 'b+', 7]\n"
+        errorsOf("fleet = 'no/rth'\nfleeet = 'x'\ngroups = ['a']\n"
                  "[broker]\nport = 65536\n[tls]\nauthority = 3\ncertificate = ''\n"),
-        "0: 'appliance' is missing\n"
         "1: 'fleet': 'no/rth' is no name: 1 to 64 letters, digits, '.', '-', '_', the first a letter or "
         "digit\n"
-        "2: unknown key 'aplliance': did you mean 'appliance'?\n"
-        "3: 'a' is named twice\n"
-        "3: 'groups': 'b+' is no name: 1 to 64 letters, digits, '.', '-', '_', the first a letter or digit\n"
-        "3: 'groups' must be strings, not integer\n"
+        "2: unknown key 'fleeet': did you mean 'fleet'?\n"
+        "3: 'groups' stands in /etc/qel/appliance, for the daemon too: remove it here\n"
         "4: 'host' is missing\n"
         "5: 'port' must be from 1 to 65535\n"
         "6: 'key' is missing\n"
@@ -48,8 +48,7 @@ TEST(AgentConfig, TellsEachFaultWithItsLine) {
     EXPECT_EQ(errorsOf("fleet = "),
               "1: not TOML: Error while parsing key-value pair: encountered end-of-file\n");
     EXPECT_EQ(errorsOf("fleet = 'f\xE4'"), "1: column 11: byte 0xE4 is no UTF-8\n");
-    const std::string clear =
-        "fleet='f'\nappliance='a'\n[broker]\nhost='127.example.com'\npassword_file='/p'\n";
+    const std::string clear = "fleet='f'\n\n[broker]\nhost='127.example.com'\npassword_file='/p'\n";
     EXPECT_EQ(
         errorsOf(clear),
         "0: [tls] is missing: lists and passwords would travel to 127.example.com in the clear, which is "
@@ -109,6 +108,43 @@ TEST_F(Desired, AListTakenAwayHasTheNextOneFetchedAnew) {
     take("group/h", "");
     EXPECT_EQ(chosen(), "-") << "without any list, what is in place stays";
     EXPECT_EQ(list->topic(), "");
+}
+
+timeval tTold{};
+
+TEST(SecondLook, ComesWhenSomethingElseWouldBeSaid) {
+    const SClock clock{nullptr, [] { return tTold; }};
+    useClock(clock);
+    const CTestDirectory trust;
+    CSecondLook look(trust.path(), trust.path() + "-none");
+    CSecondLook::CTime now{};
+    const auto after = [&](std::chrono::milliseconds time) {
+        now += time;
+        tTold.tv_sec = std::chrono::duration_cast<std::chrono::seconds>(now.time_since_epoch()).count();
+        return look.isDue(now);
+    };
+    const auto judge = [&](EPlaced placed) {
+        look.begin(now);
+        look.judged(placed, now);
+    };
+    EXPECT_FALSE(after(1h)) << "nothing was judged";
+    for (const auto pause : {500ms, 1000ms, 2000ms}) {
+        judge(EPlaced::failed);
+        EXPECT_FALSE(after(pause - 1ms));
+        EXPECT_TRUE(after(1ms));
+    }
+    judge(EPlaced::refused);
+    EXPECT_FALSE(after(1h));
+    std::this_thread::sleep_for(20ms); // a directory's times go by the kernel's ticks
+    put(trust.file("new.crt"), "");
+    EXPECT_TRUE(after(10s)) << "a certificate came";
+    judge(EPlaced::refused);
+    EXPECT_FALSE(after(10s));
+    tTold.tv_sec += 3600;
+    EXPECT_TRUE(look.isDue(now += 10s)) << "the clock was set";
+    judge(EPlaced::inPlace);
+    EXPECT_FALSE(after(1h));
+    useClock(oSystemClock);
 }
 
 } // namespace

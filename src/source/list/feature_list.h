@@ -28,6 +28,8 @@ struct SListHead {
 struct SListError {
     uint32_t m_nLine = 0; // counted from 1; 0: the file as a whole
     std::string m_sText;  // one line, without control characters
+
+    bool operator==(const SListError& other) const = default;
 };
 
 // What a file holds. The features are meaningful only where there is no error.
