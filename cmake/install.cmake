@@ -39,6 +39,16 @@ if(TARGET qelweb)
   install_filled(packaging/qelweb.service.in qelweb.service ${QEL_UNIT_DIR} qelweb)
 endif()
 
+# The link to a fleet.
+if(TARGET qelagent)
+  install(TARGETS qelagent RUNTIME COMPONENT qelagent)
+  install_filled(packaging/qelagent.service.in qelagent.service ${QEL_UNIT_DIR} qelagent)
+  install(FILES packaging/qelagent.sysusers DESTINATION ${QEL_SYSUSERS_DIR} RENAME qelagent.conf COMPONENT qelagent)
+  install(FILES packaging/qelagent.tmpfiles DESTINATION ${QEL_TMPFILES_DIR} RENAME qelagent.conf COMPONENT qelagent)
+  install(FILES examples/agent.toml examples/broker.conf examples/broker.acl DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples
+          COMPONENT qelagent)
+endif()
+
 # The library. The static one is a file to us: its target differs with the platform and the sanitizers.
 set(archive qelclient_static)
 if(TARGET qelclient_archive)

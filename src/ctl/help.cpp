@@ -65,7 +65,8 @@ CJson describeEnvironment() {
                              {"otherwise", variable.m_sOtherwise},
                              {"daemon", variable.m_bDaemon},
                              {"qelctl", variable.m_bCtl},
-                             {"qelweb", variable.m_bWeb}});
+                             {"qelweb", variable.m_bWeb},
+                             {"qelagent", variable.m_bAgent}});
     }
     return variables;
 }

@@ -202,6 +202,20 @@ TEST_F(CApply, DoesNotWaitForeverForALock) {
     EXPECT_EQ(contents(m_sList), five(1));
 }
 
+// Root changes nothing for whoever can put a link in the list's place.
+TEST_F(CApply, FollowsNoLinkOfAnotherUser) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "only root can make one";
+    }
+    put(m_oDirectory.file("precious"), five(1));
+    std::filesystem::create_symlink("precious", m_oDirectory.file("theirs"));
+    ASSERT_EQ(lchown(m_oDirectory.file("theirs").c_str(), 1, 1), 0);
+    std::filesystem::create_symlink("theirs", m_sList);
+    EXPECT_EQ(apply(five(2), "-q"),
+              "qelctl: theirs is a link that another user has made, and is not followed\nstatus 1\n");
+    EXPECT_EQ(contents(m_oDirectory.file("precious")), five(1));
+}
+
 // Where lists must be signed, each command takes and leaves what the daemon would take and leave.
 TEST_F(CApply, SignsOnTheWayAndGoesBackWithAHigherSerial) {
     setenv("QEL_TRUST_DIR", m_oDirectory.file("trust").c_str(), 1);

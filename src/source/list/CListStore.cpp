@@ -11,6 +11,7 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <thread>
+#include <unistd.h>
 #include <utility>
 
 namespace {
@@ -29,6 +30,21 @@ std::string followLinks(const std::string& path) {
     return error ? path : real.string();
 }
 
+// The first link on the way from the path that somebody else has made. Who may write where the list is, as the agent may,
+// could have root change any file with it. Empty: there is none.
+std::string findForeignLink(std::filesystem::path path) {
+    struct stat status {};
+    for (int links = 0; links < 40 && ::lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
+         ++links) {
+        if (status.st_uid != 0 && status.st_uid != ::geteuid()) {
+            return path.string();
+        }
+        std::error_code error;
+        path = path.parent_path() / std::filesystem::read_symlink(path, error);
+    }
+    return "";
+}
+
 std::string directoryOf(const std::string& path) {
     const auto directory = std::filesystem::path(path).parent_path();
     return directory.empty() ? "." : directory.string();
@@ -40,7 +56,8 @@ std::string move(const std::string& from, const std::string& to) {
 
 } // namespace
 
-CListStore::CListStore(std::string path) : m_sPath(followLinks(path)), m_sDirectory(directoryOf(m_sPath)) {}
+CListStore::CListStore(std::string path)
+    : m_sPath(followLinks(path)), m_sDirectory(directoryOf(m_sPath)), m_sForeignLink(findForeignLink(path)) {}
 
 std::string CListStore::kept(int number) const {
     return m_sPath + "." + std::to_string(number);
@@ -58,6 +75,9 @@ std::optional<int> CListStore::latest() const {
 // On the directory itself, since a lock file would stay, and one on the list would be renamed away. Whoever may read the
 // directory can lock it, and for as long as he likes: so there is an end to the wait.
 std::string CListStore::lock(std::chrono::milliseconds wait) {
+    if (!m_sForeignLink.empty()) {
+        return m_sForeignLink + " is a link that another user has made, and is not followed";
+    }
     m_oLock = CFileDescriptor(::open(m_sDirectory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!m_oLock) {
         return failure("open", m_sDirectory);

@@ -12,7 +12,8 @@
 // The steps come in such an order that one that fails, or a power failure, leaves the list in place as it
 // was, and loses no list before it but the oldest. It can leave a gap in the numbers, which does no harm.
 //
-// Where the path is a symbolic link, all this is about the file that it leads to, and beside it.
+// Where the path is a symbolic link, all this is about the file that it leads to, and beside it. Links are followed
+// that root or the process's own user has made; of others, lock() tells.
 //
 // The results say which step failed and why, in one line for people; empty: it is done.
 class CListStore {
@@ -48,6 +49,7 @@ private:
 
     std::string m_sPath;      // no link
     std::string m_sDirectory; // that it is in
+    std::string m_sForeignLink;
     CFileDescriptor m_oLock;
 };
 
