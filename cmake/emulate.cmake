@@ -4,7 +4,7 @@ set(QEL_RUN_DIRECTORY ${CMAKE_RUNTIME_OUTPUT_DIRECTORY})
 if(CMAKE_CROSSCOMPILING)
   set(QEL_RUN_DIRECTORY ${CMAKE_BINARY_DIR}/emulated)
   file(MAKE_DIRECTORY ${QEL_RUN_DIRECTORY})
-  foreach(program qelserver qelctl example-component voice-c voice-cpp test_server test_features)
+  foreach(program qelserver qelctl qelagent example-component voice-c voice-cpp test_server test_features)
     file(CREATE_LINK ${CMAKE_CROSSCOMPILING_EMULATOR} ${QEL_RUN_DIRECTORY}/${program} SYMBOLIC)
   endforeach()
 

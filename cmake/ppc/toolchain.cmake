@@ -11,7 +11,7 @@ set(CMAKE_CXX_FLAGS_INIT "${CMAKE_C_FLAGS_INIT}")
 set(QEL_CROSS_ROOT /usr/powerpc-linux-gnu)
 get_filename_component(CMAKE_CROSSCOMPILING_EMULATOR ${CMAKE_CURRENT_LIST_DIR}/emulate ABSOLUTE)
 
-# What `./dev ppc` has prepared: libcrypto.
+# What `./dev ppc` has prepared: libcrypto, libssl and libmosquitto.
 get_filename_component(QEL_CROSS_DEPENDENCIES ${CMAKE_CURRENT_LIST_DIR}/../../build/deps/ppc ABSOLUTE)
 set(CMAKE_FIND_ROOT_PATH ${QEL_CROSS_ROOT} ${QEL_CROSS_DEPENDENCIES})
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
