@@ -26,9 +26,9 @@ constexpr auto tLastWord = 2s;
 constexpr int nAtLeastOnce = 1;
 constexpr size_t nMaxPassword = 65535; // the protocol's limit
 
-// While it lives, the process gets no more memory than a message with the longest list takes, as the library holds it and
-// as the user copies it. The library allocates whatever size a message announces, up to 256 MiB, and has no limit of its
-// own for what comes from a broker.
+// While it lives, the process gets no more memory than a message with the longest list takes, as the library
+// holds it and as the user copies it. The library allocates whatever size a message announces, up to 256 MiB,
+// and has no limit of its own for what comes from a broker.
 class CMessageLimit {
 public:
     CMessageLimit() {
@@ -71,7 +71,8 @@ CBroker::~CBroker() {
     mosquitto_lib_cleanup();
 }
 
-// The word for what the library returned, or gave as the reason: an error of its own, of the system or of the protocol.
+// The word for what the library returned, or gave as the reason: an error of its own, of the system or of the
+// protocol.
 std::string CBroker::wordOf(int result) {
     if (result >= MQTT_RC_UNSPECIFIED) {
         return mosquitto_reason_string(result);
@@ -119,7 +120,8 @@ std::string CBroker::setPassword() {
     return result == MOSQ_ERR_SUCCESS ? "" : wordOf(result);
 }
 
-// The library reads the files with each connection, and says no more than that TLS failed: so they are looked at here.
+// The library reads the files with each connection, and says no more than that TLS failed: so they are looked
+// at here.
 std::string CBroker::setTls() {
     if (!m_oConfig.isEncrypted()) {
         return "";

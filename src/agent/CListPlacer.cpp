@@ -29,8 +29,8 @@ SPlacing failed(SPlacing placing, std::string why) {
     return placing;
 }
 
-// No lower serial than those of the list that the daemon took last and of the one in place. Nothing: that cannot be told
-// now.
+// No lower serial than those of the list that the daemon took last and of the one in place. Nothing: that
+// cannot be told now.
 std::optional<SSerialFloor> floorHere(const SWholeFile& inPlace, CListTrust& trust) {
     const std::string directory = stateDirectory();
     const auto kept = directory.empty() ? SSerialFloor() : floorOf(keptListPath(directory), trust);

@@ -25,9 +25,9 @@ struct SPlacing {
     bool operator==(const SPlacing& other) const = default;
 };
 
-// Checks it as the daemon will, against the list in place too; then replaces that in one step, and keeps it as the latest
-// of those before. Does nothing where the list in place has the same bytes. Fails where another process changes the lists
-// just now. Throws std::bad_alloc.
+// Checks it as the daemon will, against the list in place too; then replaces that in one step, and keeps it
+// as the latest of those before. Does nothing where the list in place has the same bytes. Fails where another
+// process changes the lists just now. Throws std::bad_alloc.
 SPlacing placeList(const std::string& path, std::string_view text);
 
 #endif

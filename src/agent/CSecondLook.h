@@ -10,9 +10,9 @@
 #include <cstdint>
 #include <string>
 
-// One that failed, as a full disk or a lock has it: after half a second, then less and less often, every half minute at
-// last. One that was refused: when the trust directory or the file with the appliance's name has changed since, or the
-// clock was set; looked for every ten seconds.
+// One that failed, as a full disk or a lock has it: after half a second, then less and less often, every half
+// minute at last. One that was refused: when the trust directory or the file with the appliance's name has
+// changed since, or the clock was set; looked for every ten seconds.
 class CSecondLook {
 public:
     using CTime = std::chrono::steady_clock::time_point;

@@ -12,8 +12,8 @@
 // Paths are as they stand in the file; a relative one is relative to the working directory.
 struct SAgentConfig {
     std::string m_sFleet;
-    // Of /etc/qel/appliance, and not of this file: whoever reads it fills them in. A name of an appliance has no meaning
-    // in a topic ('/', '+', '#', '$') or in a path; nor has the fleet's, which is made alike.
+    // Of /etc/qel/appliance, and not of this file: whoever reads it fills them in. A name of an appliance has
+    // no meaning in a topic ('/', '+', '#', '$') or in a path; nor has the fleet's, which is made alike.
     std::string m_sAppliance;
     std::vector<std::string> m_vGroups; // in the order in which the appliance takes its list from them
     std::string m_sHost;                // of the broker

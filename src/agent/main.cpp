@@ -32,8 +32,8 @@ int fail(const std::string& text) {
     return 1;
 }
 
-// Which appliance this is. While the agent runs, a change is followed, unless the file is wrong; that is looked for every
-// ten seconds.
+// Which appliance this is. While the agent runs, a change is followed, unless the file is wrong; that is
+// looked for every ten seconds.
 class CSelf {
 public:
     explicit CSelf(std::string path) : m_sPath(std::move(path)) { read(); }

@@ -6,8 +6,9 @@
 
 #include <string>
 
-// What is wrong with them, with the file's path; empty: certificates and key can be read, and belong together. Whether
-// the broker takes them, and whether their time has come, is seen when connecting, since the clock may yet be set.
+// What is wrong with them, with the file's path; empty: certificates and key can be read, and belong
+// together. Whether the broker takes them, and whether their time has come, is seen when connecting, since
+// the clock may yet be set.
 [[nodiscard]] std::string checkTlsFiles(const SAgentConfig& config);
 
 #endif

@@ -192,7 +192,8 @@ TEST_F(CApply, SeveralAtATimeDoNotMix) {
     EXPECT_EQ(contents(kept(5)), five(100));
 }
 
-// A lock that somebody else holds, as anybody may who can read the directory, ends the command and not the patience.
+// A lock that somebody else holds, as anybody may who can read the directory, ends the command and not the
+// patience.
 TEST_F(CApply, DoesNotWaitForeverForALock) {
     put(m_sList, five(1));
     const CFileDescriptor directory(::open(m_oDirectory.path().c_str(), O_RDONLY | O_DIRECTORY));

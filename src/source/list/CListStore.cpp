@@ -30,8 +30,8 @@ std::string followLinks(const std::string& path) {
     return error ? path : real.string();
 }
 
-// The first link on the way from the path that somebody else has made. Who may write where the list is, as the agent may,
-// could have root change any file with it. Empty: there is none.
+// The first link on the way from the path that somebody else has made. Who may write where the list is, as
+// the agent may, could have root change any file with it. Empty: there is none.
 std::string findForeignLink(std::filesystem::path path) {
     struct stat status {};
     for (int links = 0; links < 40 && ::lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
@@ -72,8 +72,8 @@ std::optional<int> CListStore::latest() const {
     return std::nullopt;
 }
 
-// On the directory itself, since a lock file would stay, and one on the list would be renamed away. Whoever may read the
-// directory can lock it, and for as long as he likes: so there is an end to the wait.
+// On the directory itself, since a lock file would stay, and one on the list would be renamed away. Whoever
+// may read the directory can lock it, and for as long as he likes: so there is an end to the wait.
 std::string CListStore::lock(std::chrono::milliseconds wait) {
     if (!m_sForeignLink.empty()) {
         return m_sForeignLink + " is a link that another user has made, and is not followed";

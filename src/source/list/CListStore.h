@@ -12,8 +12,8 @@
 // The steps come in such an order that one that fails, or a power failure, leaves the list in place as it
 // was, and loses no list before it but the oldest. It can leave a gap in the numbers, which does no harm.
 //
-// Where the path is a symbolic link, all this is about the file that it leads to, and beside it. Links are followed
-// that root or the process's own user has made; of others, lock() tells.
+// Where the path is a symbolic link, all this is about the file that it leads to, and beside it. Links are
+// followed that root or the process's own user has made; of others, lock() tells.
 //
 // The results say which step failed and why, in one line for people; empty: it is done.
 class CListStore {
@@ -24,8 +24,8 @@ public:
 
     static constexpr std::chrono::seconds tLockWait{5};
 
-    // Waits until no other process changes the lists of this directory, but no longer than so. Held until the object
-    // goes, which leaves nothing behind.
+    // Waits until no other process changes the lists of this directory, but no longer than so. Held until the
+    // object goes, which leaves nothing behind.
     [[nodiscard]] std::string lock(std::chrono::milliseconds wait = tLockWait);
     void unlock() { m_oLock.close(); }
 
