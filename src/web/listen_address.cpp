@@ -10,8 +10,9 @@
 
 namespace {
 
-constexpr int nBacklog = 64;
+constexpr int nBacklog = 64; // connections that wait while sixteen are served
 
+// Copied, since a sockaddr_storage may not be read through a pointer to another type.
 template <typename T>
 T as(const sockaddr_storage& storage) {
     T address;
@@ -35,6 +36,7 @@ std::optional<uint16_t> readPort(std::string_view text) {
     return error == std::errc() && end == text.data() + text.size() ? std::optional(port) : std::nullopt;
 }
 
+// What listen failed with, and what to do about it.
 std::string failure(const SListenAddress& address, int error) {
     std::string what = fmt::format("cannot listen at {}: {}", address.text(), std::strerror(error));
     switch (error) {
@@ -70,6 +72,8 @@ std::string SListenAddress::text() const {
     return fmt::format("[{}]:{}", text, ntohs(address.sin6_port));
 }
 
+// Numbers alone: a name would leave it to the resolver who may look. IPv6 stands in brackets, as in an address of
+// the web (RFC 3986, 3.2.2), since its colons would hide the port's.
 std::optional<SListenAddress> parseListenAddress(const std::string& text) {
     const size_t colon = text.rfind(':');
     const auto port = readPort(colon == std::string::npos ? "" : std::string_view(text).substr(colon + 1));
