@@ -71,8 +71,8 @@ CBroker::~CBroker() {
     mosquitto_lib_cleanup();
 }
 
-// The word for what the library returned, or gave as the reason: an error of its own, of the system or of the
-// protocol.
+// The word for what the library returned, or gave as the reason: an error of its own, of the
+// system or of the protocol.
 std::string CBroker::wordOf(int result) {
     if (result >= MQTT_RC_UNSPECIFIED) {
         return mosquitto_reason_string(result);

@@ -48,8 +48,8 @@ public:
     CBroker(const CBroker&) = delete;
     CBroker& operator=(const CBroker&) = delete;
 
-    // Reads certificates, key and password. The result says what is wrong with them; empty: nothing. The will is told on
-    // `willTopic`.
+    // Reads certificates, key and password. The result says what is wrong with them; empty: nothing. The
+    // will is told on `willTopic`.
     [[nodiscard]] std::string prepare(std::string willTopic);
 
     // Connects if that is due; then handles what comes, and waits for it at most so long.

@@ -12,8 +12,8 @@
 template <typename T>
 class CArray {
 public:
-    // Appends the item. False where memory is exhausted; the array is then unchanged, as push_back()
-    // guarantees.
+    // Appends the item. False where memory is exhausted; the array is
+    // then unchanged, as push_back() guarantees.
     [[nodiscard]] bool add(T item) try {
         m_vItems.push_back(item);
         return true;

@@ -1,5 +1,5 @@
-// The time of day, to the second and to the microsecond, behind one point where a test can set a clock of its
-// own.
+// The time of day, to the second and to the microsecond, behind one point where a test can set
+// a clock of its own.
 #ifndef QEL_BASE_CLOCK_H
 #define QEL_BASE_CLOCK_H
 

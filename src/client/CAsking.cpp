@@ -43,8 +43,8 @@ CAsking::EProgress CAsking::take(std::span<const uint8_t> answer) {
     return head.m_nMore != 0 ? more : complete;
 }
 
-// False: the answer is damaged. Handle and flags are those of the last page, counts and digest the sum of
-// all.
+// False: the answer is damaged. Handle and flags are those of the last page, counts and
+// digest the sum of all.
 bool CAsking::takeRecord(const SStatusRecord& record) {
     if (m_eWhat == holdings) {
         auto page = readRecord<CStatusHoldings>(record);

@@ -15,8 +15,8 @@ struct SDifference {
 };
 
 // Calls the component's callback, and keeps the table in step with what it answers: the table follows only
-// where the component accepts. Without a callback everything is accepted. Borrows the table. One thread at a
-// time.
+// where the component accepts. Without a callback everything is accepted. Borrows the table.
+// One thread at a time.
 class CCallback {
 public:
     CCallback(const qel_options& options, CFeatureTable& table) : m_oOptions(options), m_rTable(table) {}

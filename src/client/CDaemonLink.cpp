@@ -205,8 +205,8 @@ uint32_t CDaemonLink::sendReply(uint32_t subType, uint32_t status, std::string_v
 }
 
 // Any error of the framework ends this like an empty queue. It cannot make the caller spin: where there are
-// events they are waited for, and where there are none the framework reports errors only after the time is
-// up.
+// events they are waited for, and where there are none the framework reports errors only
+// after the time is up.
 void CDaemonLink::receive(std::chrono::milliseconds wait, CClientClock::time_point until) {
     const auto limit = static_cast<int>(std::clamp<int64_t>(m_bMore ? 0 : wait.count(), 0, INT_MAX));
     auto timeout = static_cast<uint32_t>(limit);

@@ -66,8 +66,8 @@ struct Options {
     // Called for every change; `text` is empty, and what is in it afterwards goes to the daemon's log, cut at
     // QEL_TEXT_SIZE - 1 bytes, and at its first NUL. What it throws counts as refused.
     std::function<Answer(const Notification& change, std::string& text)> notify;
-    // Sees every message as it is sent (true) or received. `body` is valid during the call. What it throws is
-    // lost.
+    // Sees every message as it is sent (true) or received. `body` is valid during the call.
+    // What it throws is lost.
     std::function<void(bool sent, const std::uint8_t* body, std::size_t length)> trace;
     Time answer_timeout{0}; // 0: the default. Up to 49 days
     bool notify_unchanged = false;

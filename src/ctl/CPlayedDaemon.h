@@ -50,8 +50,8 @@ std::string describe(const SDeed& deed);
 
 // One component at a time converses: the one that announced itself last. Messages from other handles are not
 // answered, as the daemon does not answer who is unknown to it. Replies are credited in the order in which
-// the notifications were sent. What an announcement says is held keeps nothing back: a script sends what it
-// says.
+// the notifications were sent. What an announcement says is held keeps nothing back: a
+// script sends what it says.
 class CPlayedDaemon {
 public:
     // Puts another list in force. Tells nobody, and leaves the component's page where it was.

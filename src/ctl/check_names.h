@@ -7,8 +7,8 @@
 #include <string_view>
 #include <vector>
 
-// By line. No fault here keeps a feature from being delivered: each costs a name, or gives it to another
-// feature.
+// By line. No fault here keeps a feature from being delivered: each costs a name, or
+// gives it to another feature.
 std::vector<SListError> checkDescriptions(std::string_view text);
 
 #endif

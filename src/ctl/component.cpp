@@ -24,8 +24,8 @@ using CClock = std::chrono::steady_clock;
 
 std::atomic<qel_client*> pSignalled{nullptr}; // the client that a signal stops; null: none
 
-// qel_stop() is the one call of the library that a signal handler may make. The library notices within half a
-// second.
+// qel_stop() is the one call of the library that a signal handler may make. The library
+// notices within half a second.
 void cbSignal(int) {
     qel_stop(pSignalled);
 }

@@ -221,8 +221,8 @@ SResult CPlay::giveUp(const SStep& step) {
     return {};
 }
 
-// Requests may be passed over; a reply or a shutdown is the component's decision, so that it must be
-// expected.
+// Requests may be passed over; a reply or a shutdown is the component's decision, so
+// that it must be expected.
 bool CPlay::find(const SExpectation& expected) {
     while (!m_oDeeds.empty() && !expected.fits(m_oDeeds.front()) && m_oDeeds.front().isRequest()) {
         m_sPassed += (m_sPassed.empty() ? "" : ", ") + describe(m_oDeeds.front());

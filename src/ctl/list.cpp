@@ -57,8 +57,8 @@ void printAsJson(const std::vector<SActiveFeature>& features, const CFeatureName
     printJson(document);
 }
 
-// "3 features: 2 active, 1 deleted; 6 sourced features are not shown", on stderr, so that a pipe gets the table
-// alone.
+// "3 features: 2 active, 1 deleted; 6 sourced features are not shown", on stderr, so that a
+// pipe gets the table alone.
 void printSummary(const std::vector<SActiveFeature>& features, std::optional<size_t> sourced) {
     std::map<std::string_view, size_t> counts;
     for (const auto& feature : features) {

@@ -84,6 +84,7 @@ std::vector<SRow> CStatusReport::rows() const {
     }
     std::stable_sort(rows.begin(), rows.end(),
                      [](const SRow& a, const SRow& b) { return a.m_nRank < b.m_nRank; });
+    // Stable, so that features of one rank stay in the list's order.
     if (!m_oOptions.m_bAll) {
         std::erase_if(rows, [](const SRow& row) { return row.m_nRank >= nFirstSettledRank; });
     }
@@ -329,6 +330,7 @@ int runStatus(const SStatusOptions& options) {
     CStatusQuery query(answerTime(options));
     CDaemonView view;
     SSelection selection;
+    // First what is cheap: of a large table much of which is under way, all pairs would be many pages.
     const bool isWhole = options.m_bAll || (options.m_bJson && !options.m_bQuiet);
     if (options.m_sArgument.empty() && !isWhole) {
         std::optional<SPairCounts> counts;

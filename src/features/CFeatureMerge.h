@@ -47,8 +47,8 @@ public:
     CFeatureMerge(CArray<CFeatureEntry*>& table, CArray<CFeatureEntry*>& list);
     EResult run();
 
-    // Whether the addition or modification of this feature takes effect with the next restart of the
-    // appliance.
+    // Whether the addition or modification of this feature takes effect with the
+    // next restart of the appliance.
     static bool needsRestart(uint32_t code);
 
 private:

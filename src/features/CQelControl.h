@@ -47,8 +47,8 @@ public:
     int notifyFeatures(void* list, void* component) override;
 
     // Bytes of the packed list for OAM, and the list itself: 1, or 0 if `buffer` is null. The buffer must
-    // have room for getPackSize() bytes; the size holds until a feature comes or goes, or its m_bSourced
-    // changes.
+    // have room for getPackSize() bytes; the size holds until a feature comes or
+    // goes, or its m_bSourced changes.
     virtual int getPackSize();
     virtual int packFeatures(char* buffer);
 

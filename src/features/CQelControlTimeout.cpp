@@ -143,8 +143,8 @@ void CQelControl::removeNow(CFeatureEntry* entry) {
 }
 
 // The slot behind a removed entry is not settled in this pass, only looked at for overdue replies; its turn
-// comes with the next pass. That holds for both ways of removal, so a shortage of memory does not change the
-// result.
+// comes with the next pass. That holds for both ways of removal, so a shortage of memory
+// does not change the result.
 void CQelControl::timeout() {
     CRemovals removals(m_aFeatures, m_aComponents);
     bool hasMovedUp = false;

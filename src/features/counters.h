@@ -1,5 +1,5 @@
-// What has happened since the daemon's start, in numbers. Counted where it happens, read by whoever asks
-// (server/status).
+// What has happened since the daemon's start, in numbers. Counted where it happens,
+// read by whoever asks (server/status).
 #ifndef QEL_FEATURES_COUNTERS_H
 #define QEL_FEATURES_COUNTERS_H
 

@@ -86,8 +86,8 @@ struct SRow {
 // --- The table ---
 
 // The first row of an event that fits is taken, so the order of rows matters: a row for any state stands last
-// and catches what is left. The states that a row starts from are written as numbers, as in the log and in
-// docs/architecture.md.
+// and catches what is left. The states that a row starts from are written as numbers, as in
+// the log and in docs/architecture.md.
 
 // clang-format off
 
@@ -158,8 +158,8 @@ constexpr SRow aAudit[] = {
 };
 
 // As above, with two differences: a component that owes the answer to a modification, or to what came before
-// it, is told again as often as its sends allow; and withdrawn features have no row, since auditComp() skips
-// them.
+// it, is told again as often as its sends allow; and withdrawn features have no
+// row, since auditComp() skips them.
 constexpr SRow aAuditOne[] = {
 {in(fsNewAdd),    in(0),              ifAlways,     csEnabling,        wrStamp,      ocNotify,     {31108, "notifying feature (%d, %d) at comp %s", "cdn"}},
 {in(fsModify),    in(6, 7),           ifAlways,     csModifying,       wrStamp,      ocNotifyNew,  {31108, "notifying feature (%d, %d) at comp %s", "cpn"}},

@@ -52,8 +52,8 @@ bool CFeatureEntry::hasDescriptionFile() {
 }
 
 // Nothing is kept from one entry to the next. Called while a list is built, on the source's thread during
-// operation, so it does not hold up the loop. The loop goes on after a match, since the last line of a code
-// counts.
+// operation, so it does not hold up the loop. The loop goes on after a match, since the last
+// line of a code counts.
 int CFeatureEntry::setupName() {
     CFile file;
     if (!openText(file, descriptionPath())) {

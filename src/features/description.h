@@ -1,5 +1,5 @@
-// Where the feature description file is. It has a name for each feature code; base/CDescriptions.h has its
-// format.
+// Where the feature description file is. It has a name for each feature
+// code; base/CDescriptions.h has its format.
 #ifndef QEL_FEATURES_DESCRIPTION_H
 #define QEL_FEATURES_DESCRIPTION_H
 

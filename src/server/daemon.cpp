@@ -61,8 +61,8 @@ void cbOVUService(uint32_t event) {
 }
 
 // The answer "not running" also claims the name for this process, so of two daemons started at the same
-// moment one gives way. If the platform cannot tell, the daemon starts all the same, and without that
-// protection.
+// moment one gives way. If the platform cannot tell, the daemon starts all the
+// same, and without that protection.
 bool isOtherInstanceRunning() {
     int state = OS_PROCESS_NOT_RUNNING;
     if (const int error = osGetProcessState(sQelLockFileName, &state)) {
@@ -120,8 +120,8 @@ int serve(CFeatureSupply& (*supply)()) {
 // and the first thread. And the service manager comes before the list's thread, because it blocks the signals
 // that it waits for, and threads inherit that.
 //
-// With -debug it is left out: SIGTERM and SIGINT keep their usual effect, so Ctrl-C ends the daemon in the
-// terminal.
+// With -debug it is left out: SIGTERM and SIGINT keep their usual effect, so Ctrl-C ends
+// the daemon in the terminal.
 int runDaemon(bool isDebugging, CFeatureSupply& (*supply)()) {
     ignoreSignals();
     if (!isDebugging) {

@@ -111,8 +111,8 @@ SLoaded CFeatureLoader::loadKept(CMediator& mediator) {
     return loaded;
 }
 
-// A certificate that cannot be used is told once, though all goes well: the next list may be signed with its
-// key.
+// A certificate that cannot be used is told once, though all goes well: the next list may
+// be signed with its key.
 SSealedList CFeatureLoader::read(SLoaded& loaded) {
     SWholeFile file = readWholeFile(m_sPath, nMaxListFileSize);
     SSealedList sealed = judgeList(file, m_oTrust, CListTrust::now);

@@ -20,8 +20,8 @@ struct SLoaded {
     std::string m_sText;     // of the file
     std::string m_sFailure;  // not empty: the file could not be read, but may be with the next attempt
     SListReading m_oReading; // all this for whoever looks
-    // The text is to be kept before the list comes into force: no lower serial may do so after a restart
-    // either.
+    // The text is to be kept before the list comes into force: no lower serial may do
+    // so after a restart either.
     bool m_bKeptFirst = false;
 };
 

@@ -276,8 +276,8 @@ void CFeatureSource::takeNotice(SNews news, SListReading& accepted) {
     }
 }
 
-// A list that could not be handed over goes back, unless a newer one has come meanwhile: only the newest
-// counts.
+// A list that could not be handed over goes back, unless a newer one has come
+// meanwhile: only the newest counts.
 void CFeatureSource::deliver(CMail mail) {
     if (!handOver(*mail)) {
         const std::lock_guard lock(m_oMailMutex);

@@ -12,8 +12,8 @@
 
 namespace {
 
-// Entries that the merge adopted or deleted have become null; what is left in the list is unchanged and not
-// needed.
+// Entries that the merge adopted or deleted have become null; what is left in the list
+// is unchanged and not needed.
 int runMerge(CQelControl& control, CArray<CFeatureEntry*>& merged) {
     const int result = control.addFeatureList(merged);
     for (CFeatureEntry* unchanged : merged.m_vItems) {

@@ -94,8 +94,8 @@ void CHandOverPlan::decide(SFreshFeature& fresh) {
 
 // The entry that the merge will pick: the one with the same pair, else the first with the code. The latter
 // only if the list has the code once. With several, the merge would turn one pair into another that the list
-// has as well. Nor may the entry come to stand for a pair that some of its components are still being told to
-// disable.
+// has as well. Nor may the entry come to stand for a pair that some of its components are
+// still being told to disable.
 CFeatureEntry* CHandOverPlan::entryFor(const CFeatureEntry& wanted, bool isSingle) const {
     if (const auto same = m_oByPair.find(wanted.id()); same != m_oByPair.end()) {
         return same->second;

@@ -63,8 +63,8 @@ void CListWatch::arm() {
 }
 
 // A watch goes by inode. When the path means another file now, the old file's watch must go, or its events
-// would still arrive. If that file was deleted, the kernel has removed the watch itself, and the call fails
-// harmlessly.
+// would still arrive. If that file was deleted, the kernel has removed the watch itself,
+// and the call fails harmlessly.
 void CListWatch::watch(int& known, const std::string& path, uint32_t events) const {
     const int now = inotify_add_watch(m_oEvents.get(), path.c_str(), events);
     if (known >= 0 && now != known) {

@@ -39,8 +39,8 @@ public:
     bool isAtRest() const { return m_nDirectory >= 0 && !isChanging(); }
 
 private:
-    // By rank: of several events the highest counts. Written: a writer is done, so the file can be read at
-    // once.
+    // By rank: of several events the highest counts. Written: a writer is done, so the file
+    // can be read at once.
     enum class ENews { None, Changed, Written };
 
     SFingerprint look() const { return SFingerprint::of(m_sPath.c_str()); }

@@ -162,8 +162,8 @@ int writeFiles(const std::string& path, EVP_PKEY* key, X509* certificate) {
 using CBlock = std::vector<unsigned char>;
 
 // The raw RSA operation (RFC 8017, section 5) with either half of a key, without padding. `init` and `apply`
-// choose the half: EVP_PKEY_sign for the private one, EVP_PKEY_verify_recover for the public one. Empty on
-// failure.
+// choose the half: EVP_PKEY_sign for the private one, EVP_PKEY_verify_recover for the
+// public one. Empty on failure.
 CBlock transform(EVP_PKEY* key, const CBlock& input, decltype(&EVP_PKEY_sign_init) init,
                  decltype(&EVP_PKEY_sign) apply) {
     const CKeyContextHandle context(EVP_PKEY_CTX_new_from_pkey(nullptr, key, nullptr));

@@ -114,8 +114,8 @@ int writeStream(std::string_view signature, const char* path) {
     return written == signature.size() && isClosed ? 1 : fail("Cannot write to signature file", path);
 }
 
-// Data that cannot be read is told apart from a wrong signature: the one is a typing mistake, the other an
-// alarm.
+// Data that cannot be read is told apart from a wrong signature: the one is a typing
+// mistake, the other an alarm.
 enum EVerdict { vdUnreadable, vdWrong, vdRight };
 
 EVerdict verify(EVP_PKEY* key, FILE* data, const CSignature& signature) {

@@ -81,8 +81,8 @@ bool COutputFile::isAcceptable(const struct stat& old) const {
 
 // The temporary file stands beside the one that it replaces, because rename(2) does not cross file systems.
 // mkostemp(3) creates it exclusively: where others can write to the directory (/tmp), a link that somebody
-// has planted is not followed. Its mode is widened only afterwards, so a private key is never readable by
-// others.
+// has planted is not followed. Its mode is widened only afterwards, so a private key
+// is never readable by others.
 bool COutputFile::openTemporary() {
     const std::string directory = directoryOf(m_sPath);
     const size_t room = NAME_MAX + 1 - sizeof szTemporarySuffix;

@@ -1,4 +1,4 @@
-// Keeps all signals that can be kept from the calling thread waiting, for the length of its life.
+// Blocks, in the calling thread and for as long as it lives, all signals that can be blocked.
 #ifndef QEL_TOOLS_CSIGNALBLOCK_H
 #define QEL_TOOLS_CSIGNALBLOCK_H
 

@@ -18,8 +18,8 @@ bool isWellFormed(const ASN1_TIME* time) {
 } // namespace
 
 // A year that does not have four digits changes the length, so the buffer's size is the check of the range.
-// The library picks the form by itself: UTCTime for 1950 to 2049, GeneralizedTime otherwise
-// (ASN1_TIME_set(3)).
+// The library picks the form by itself: UTCTime for 1950
+// to 2049, GeneralizedTime otherwise (ASN1_TIME_set(3)).
 CTimeHandle certificateTime(int64_t seconds) {
     const auto moment = static_cast<time_t>(seconds);
     std::tm parts{};

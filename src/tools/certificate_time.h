@@ -1,8 +1,8 @@
 // Moments as certificates write them.
 //
 // libcrypto's own conversions take a time_t. On a 32-bit host libcrypto may have been built with a 32-bit
-// time_t and the daemon with a 64-bit one, so none of them is used: moments are passed to the library as
-// text.
+// time_t and the daemon with a 64-bit one, so none of them is used: moments are passed
+// to the library as text.
 #ifndef QEL_TOOLS_CERTIFICATE_TIME_H
 #define QEL_TOOLS_CERTIFICATE_TIME_H
 

@@ -64,8 +64,8 @@ void prepare() {
     ERR_clear_error();
 }
 
-// The library's errors, which are forgotten. Memory that ran out is no property of the list or of a
-// certificate.
+// The library's errors, which are forgotten. Memory that ran out is no property of the
+// list or of a certificate.
 void throwIfNoMemory() {
     bool isMemory = false;
     while (const unsigned long error = ERR_get_error()) {

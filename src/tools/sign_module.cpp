@@ -21,8 +21,8 @@ constexpr SMode aModes[] = {
 
 } // namespace
 
-// These are the symbols that the module exports; libcrypto's and the tools' own are hidden by the link
-// options.
+// These are the symbols that the module exports; libcrypto's and the tools' own are
+// hidden by the link options.
 
 extern "C" __attribute__((visibility("default"))) int qelSignMain(int argc, char** argv) {
     for (const SMode& mode : aModes) {

@@ -75,6 +75,8 @@ TEST(Explain, EachLineIsFoundAmongAllWithItsValues) {
     const auto found = findEvents("feature (7): got reply failed from comp (a: b) 3");
     ASSERT_EQ(found.size(), 1u);
     EXPECT_EQ(found[0].m_vValues, (std::vector<std::string_view>{"7", "a: b", "3"}));
-    EXPECT_TRUE(findEvents("hello").empty() && findNearEvents("hello").empty() && findNearEvents(5).empty());
+    EXPECT_TRUE(findEvents("hello").empty());
+    EXPECT_TRUE(findNearEvents("hello").empty());
+    EXPECT_TRUE(findNearEvents(5).empty());
     EXPECT_EQ(findNearEvents("reply failed").at(0).m_pEvent->m_nNumber, 31130u);
 }

@@ -96,7 +96,9 @@ TEST_F(CApply, KeepsFiveListsAndGoesBackOneByOne) {
     for (uint32_t data : {7U, 6U, 4U, 3U}) {
         struct stat now {};
         ASSERT_EQ(stat(m_sList.c_str(), &now), 0);
-        EXPECT_TRUE(now.st_mode == mine.st_mode && now.st_uid == mine.st_uid && now.st_gid == mine.st_gid);
+        EXPECT_EQ(now.st_mode, mine.st_mode);
+        EXPECT_EQ(now.st_uid, mine.st_uid);
+        EXPECT_EQ(now.st_gid, mine.st_gid);
         EXPECT_EQ(run("undo -q --no-wait"), "");
         EXPECT_EQ(contents(m_sList), five(data));
     }
@@ -107,7 +109,8 @@ TEST_F(CApply, KeepsFiveListsAndGoesBackOneByOne) {
 TEST_F(CApply, WhatIsBadOrNotMeantIsToldAndChangesNothing) {
     put(m_sList, five(1));
     const std::string told = apply("[[feature]]\ncode = -1\ndata = 1\ncomponents = []\nname = 5\n");
-    EXPECT_TRUE(told.starts_with("new:2: ") && told.ends_with("status 1\n"));
+    EXPECT_TRUE(told.starts_with("new:2: ")) << told;
+    EXPECT_TRUE(told.ends_with("status 1\n")) << told;
     EXPECT_EQ(told, run("check " + m_oDirectory.file("new")));
     EXPECT_PRED_FORMAT2(testing::IsSubstring,
                         "other: cannot be read: ", run("apply " + m_oDirectory.file("other")));

@@ -286,8 +286,8 @@ TEST_F(CEventTest, WhatCannotBeSentIsToldWithTheErrorAndGivenBack) {
     EXPECT_EQ(comp.sendMessage(1, 7, 70), 11);
     const CTexts three = takeLines();
     ASSERT_EQ(three.size(), 3u);
-    EXPECT_TRUE(three[0].starts_with("4 31153 enter MFW server sendMessage (0x21, 6, 0x") &&
-                three[0].ends_with(" 36)"));
+    EXPECT_TRUE(three[0].starts_with("4 31153 enter MFW server sendMessage (0x21, 6, 0x")) << three[0];
+    EXPECT_TRUE(three[0].ends_with(" 36)")) << three[0];
     EXPECT_EQ(CTexts(three.begin() + 1, three.end()), (CTexts{failed, lost}));
     receive(header(nQelOAMActiveFeatureMsgType, 0, 0x44));
     const CTexts toOam = lines();

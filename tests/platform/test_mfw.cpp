@@ -233,7 +233,8 @@ TEST_F(CMfwTest, WhatAHungPeerLeavesUnreadIsBoundedAndAReaderGetsAnySize) {
     while (sent < 100 && sendText(hung.handle(), 1, large) == 0) {
         ++sent;
     }
-    EXPECT_TRUE(sent >= 2 && sent <= 8) << sent;
+    EXPECT_GE(sent, 2);
+    EXPECT_LE(sent, 8);
     EXPECT_EQ(sendText(hung.handle(), 1, large), EAGAIN);
     const std::string huge(20 * 1024 * 1024, 'h');
     EXPECT_EQ(sendText(reader.handle(), 1, huge), 0) << "it has read all, and others do not matter";
@@ -248,7 +249,8 @@ TEST_F(CMfwTest, WhatAHungPeerLeavesUnreadIsBoundedAndAReaderGetsAnySize) {
     for (sent = 0; sent < 100 && sendText(asker.handle(), 1, page) == 0;) {
         ++sent;
     }
-    EXPECT_TRUE(sent >= 2 && sent <= 16) << sent;
+    EXPECT_GE(sent, 2);
+    EXPECT_LE(sent, 16);
     EXPECT_EQ(sendText(asker.handle(), 1, page), EAGAIN);
     EXPECT_EQ(sendText(reader.handle(), 1, page), 0);
     EXPECT_TRUE(receiveText() == page) << "others do not matter";

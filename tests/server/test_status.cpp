@@ -180,7 +180,8 @@ TEST_F(CStatusTest, AConversationIsToldStepByStep) {
 
 TEST_F(CStatusTest, EachAnswerIsToldToTheByte) {
     nTableMoves = 0;
-    EXPECT_TRUE(control().addFeature(nullptr) && control().addComponent(nullptr)); // empty slots
+    EXPECT_TRUE(control().addFeature(nullptr)); // empty slots
+    EXPECT_TRUE(control().addComponent(nullptr));
     CFeatureEntry& entry = feature(1, 10, EFStatus::fsModify, {"Voice", "X"});
     entry.m_sName = CString("One");
     entry.m_nNewData = 11;

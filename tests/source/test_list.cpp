@@ -103,7 +103,8 @@ TEST(FeatureList, TellsAllFaultsInOneGo) {
         "F:10: not TOML: ends too early (string)\nF:12: not TOML: not closed in its line (literal string)\n");
     const std::vector<std::string> many(2 * nMaxListErrors, "[[feature]]\nx");
     const SFeatureList list = parseFeatureList(fmt::format("count = 1\n{}", fmt::join(many, "\n")));
-    EXPECT_TRUE(list.m_nErrors == many.size() + 1 && list.m_vErrors.size() == nMaxListErrors);
+    EXPECT_EQ(list.m_nErrors, many.size() + 1);
+    ASSERT_EQ(list.m_vErrors.size(), nMaxListErrors);
     EXPECT_EQ(list.m_vErrors[0].m_nLine, 1u) << "found last, told first";
 }
 
@@ -124,7 +125,8 @@ TEST(FeatureList, AnythingIsGoodOrHasAnErrorInOneLine) {
         const CScarceMemory memory(round % 2 == 0 ? 1 + random() % 999 : 2000 + 2 * text.size());
         try {
             for (const SListError& error : parseFeatureList(text).m_vErrors) {
-                ASSERT_TRUE(error.m_sText.size() < 300 && error.m_sText.find('\n') == text.npos);
+                ASSERT_LT(error.m_sText.size(), 300u);
+                ASSERT_EQ(error.m_sText.find('\n'), text.npos);
             }
             ASSERT_FALSE(CScarceMemory::hasFailed());
         } catch (const std::bad_alloc&) {

@@ -156,7 +156,9 @@ TEST_F(CTrustTest, TrustComesWithTheDirectoryAndDoesNotGoWithIt) {
     const std::string directory = m_oDirectory.file("later");
     CListTrust trust({directory, false}), named({directory, true}), unclear({m_sList + "/x/y", false});
     put(m_sList, "no directory");
-    EXPECT_TRUE(!trust.isOn() && named.isOn() && unclear.isOn());
+    EXPECT_FALSE(trust.isOn());
+    EXPECT_TRUE(named.isOn());
+    EXPECT_TRUE(unclear.isOn());
     std::filesystem::create_directory(directory);
     EXPECT_TRUE(trust.isOn());
     std::filesystem::remove(directory);

@@ -131,7 +131,8 @@ TEST_F(CListsTest, WhatIsNotTrustedIsToldApart) {
     run("$openssl pkey -in rsa -aes128 -passout pass:x -out locked");
     for (const char* key : {"small", "locked", "none", "/"}) {
         signList(key, "x", 1, result);
-        EXPECT_TRUE(result.m_nSignature == 0 && *result.m_szFailure != '\0') << key;
+        EXPECT_EQ(result.m_nSignature, 0u) << key;
+        EXPECT_STRNE(result.m_szFailure, "") << key;
     }
 }
 

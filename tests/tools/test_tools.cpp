@@ -188,7 +188,8 @@ TEST_F(CToolsTest, AllOrNoneOfTheNewFilesAppear) {
         COutputFile files[] = {
             {"d/a", COutputFile::acUmask}, {"d/b", COutputFile::acUmask}, {"d/c", COutputFile::acUmask}};
         for (COutputFile& file : files) {
-            EXPECT_TRUE(file.open() && file.fill("new\n"));
+            EXPECT_TRUE(file.open());
+            EXPECT_TRUE(file.fill("new\n"));
         }
         run(meanwhile);
         const COutputFile* failed = COutputFile::publishAll(files);

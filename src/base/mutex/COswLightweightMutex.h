@@ -5,8 +5,8 @@
 #include "platform/os.h"
 
 // All three operations return 1 for success and 0 for failure, while the platform's functions return 0 for
-// success. Not recursive: a thread that locks it twice waits for ever. Only the thread that locked it unlocks
-// it.
+// success. Not recursive: a thread that locks it twice waits for ever. Only the thread
+// that locked it unlocks it.
 class COswLightweightMutex {
 public:
     COswLightweightMutex();

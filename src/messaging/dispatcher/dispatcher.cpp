@@ -59,8 +59,8 @@ struct SRequest {
 };
 
 // What is done with one message. dispatch() does the common steps in this order: log what came, find the
-// component, run the handler. A handler runs only if the component was found, unless the row asks for no
-// look-up.
+// component, run the handler. A handler runs only if the component was found, unless the
+// row asks for no look-up.
 struct SRow {
     uint32_t m_nSubType;
     void (*m_fnLog)(const SRequest& request);
@@ -318,8 +318,8 @@ void answerOAM(CQelControl& control, const CQelMessageHeader& request) {
 // daemon this is how components find out that they must announce themselves again.
 //
 // The component takes in the header before its handler runs, since an answer goes to the handle, and carries
-// the tag, of the latest message. A request may rename the component; a reply brings a status and a text
-// instead.
+// the tag, of the latest message. A request may rename the component; a reply brings a
+// status and a text instead.
 bool findComponent(SRequest& request, const SRow& row) {
     request.m_pComponent = request.m_oControl.findCompByMFW(request.handle());
     if (request.m_pComponent == nullptr) {

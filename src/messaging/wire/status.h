@@ -4,7 +4,7 @@
 //
 // Who asks sends a CStatusQuestion. The answer goes to the process that the framework names as its sender: a
 // CStatusAnswer and records behind it. One answer is a page of at most nMaxStatusAnswer bytes. Where
-// m_nMore is 1, the next page is had by the same question with the answer's cursor in it.
+// m_nMore is 1, the same question with the answer's cursor in it gets the next page.
 //
 // It can grow. A record tells its own size, so a newer daemon may append fields that an older reader skips,
 // and what an older daemon does not send reads as zero (readRecord()). Numbers in use keep their meaning.
@@ -285,8 +285,8 @@ struct SStatusRecord {
     std::string_view m_sText;
 };
 
-// The record at the start of `rest`, which is cut off it. Nothing if the bytes are no record: the answer is
-// damaged.
+// The record at the start of `rest`, which is cut off it. Nothing if the bytes are no
+// record: the answer is damaged.
 inline std::optional<SStatusRecord> takeRecord(std::span<const uint8_t>& rest) {
     const auto head = readBody<CStatusRecord>(rest.data(), rest.size());
     if (head.m_nSize < sizeof head || rest.size() < head.m_nSize ||

@@ -6,8 +6,8 @@
 // So a body is read with readBody() and sent as the bytes of the struct, on any host. All fields are zero
 // unless set.
 //
-// Components in the field speak these layouts. A number or an offset that is in use cannot change its
-// meaning.
+// Components in the field speak these layouts. A number or an offset that is in
+// use cannot change its meaning.
 #ifndef QEL_MESSAGING_WIRE_H
 #define QEL_MESSAGING_WIRE_H
 

@@ -46,8 +46,8 @@ int CMfwConnection::connect(const CRuntimeDirectory& directory, const CMfwHandle
     if (!m_oSocket) {
         return lastError();
     }
-    // A Unix socket connects at once or not at all: where others return EINPROGRESS, this is EAGAIN
-    // (connect(2)).
+    // A Unix socket connects at once or not at all: where others return
+    // EINPROGRESS, this is EAGAIN (connect(2)).
     const sockaddr_un address = directory.socketAddress(mfwSocketName(peer));
     if (::connect(fd(), generic(address), sizeof address) != 0) {
         return lastError();

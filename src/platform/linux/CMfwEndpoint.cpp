@@ -171,8 +171,8 @@ int CMfwEndpoint::sendToPeer(uint32_t handle, const CMfwOutgoingFrame& frame) {
     return isMissing && follow() ? sendConnected(handle, frame) : error;
 }
 
-// A peer that closed its endpoint and opened it anew is noticed here, by the first message that does not get
-// through.
+// A peer that closed its endpoint and opened it anew is noticed here, by the first message
+// that does not get through.
 int CMfwEndpoint::sendConnected(uint32_t handle, const CMfwOutgoingFrame& frame) {
     int error = ENOTCONN;
     for (int attempt = 0; attempt < 2 && isGone(error); ++attempt) {

@@ -49,8 +49,8 @@ SLocation runtimeLocation() {
     return {"/tmp/qel-" + std::to_string(geteuid()), true};
 }
 
-// Asked of the descriptor and not of the path, which somebody could exchange between the question and the
-// use.
+// Asked of the descriptor and not of the path, which somebody could exchange between
+// the question and the use.
 bool isOurs(int fd) {
     struct stat status {};
     return fstat(fd, &status) == 0 && status.st_uid == geteuid() && (status.st_mode & S_IWOTH) == 0;
@@ -169,8 +169,8 @@ std::vector<std::string> CRuntimeDirectory::list(std::string_view prefix) const 
     return names;
 }
 
-// Sockets have short names ("mfw." and a handle), so the address always fits. The NUL at the end is the
-// initialisation's.
+// Sockets have short names ("mfw." and a handle), so the address always fits. The NUL at
+// the end is the initialisation's.
 sockaddr_un CRuntimeDirectory::socketAddress(const std::string& name) const {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;

@@ -16,8 +16,8 @@ constexpr uint32_t nPauseMs = 10;
 
 constexpr int nMaxDraws = 8; // of a handle; even a second one is hardly ever needed
 
-// Never destroyed, since another thread may end the process while this one waits for a message or delivers
-// it.
+// Never destroyed, since another thread may end the process while this one waits for
+// a message or delivers it.
 struct SFramework {
     std::mutex m_oMutex; // not held while the endpoint sends or receives, nor while a callback runs
     std::shared_ptr<CMfwEndpoint> m_pEndpoint;
@@ -38,8 +38,8 @@ struct SFramework {
     return framework().m_pEndpoint;
 }
 
-// Looked up for each message, for a callback may register and deregister. Type 0 catches what has no
-// callback.
+// Looked up for each message, for a callback may register and deregister. Type 0
+// catches what has no callback.
 OvuMfwCallback callbackFor(uint16_t type) {
     const std::lock_guard<std::mutex> guard(framework().m_oMutex);
     const auto& callbacks = framework().m_oCallbacks;
@@ -188,8 +188,8 @@ int OvuMfwSendMessage(uint32_t handle, uint16_t type, uint32_t userDefinedId, co
 }
 
 // The callback runs without any lock, so it may call every function of the framework, a clean-up included.
-// Message and record are on this stack, hence the contract's rule that a record is valid during the call
-// only.
+// Message and record are on this stack, hence the contract's rule that a record is
+// valid during the call only.
 [[gnu::hot]] int OvuMfwProcessNextMessage(uint32_t timeoutMs) {
     SMfwMessage message;
     CMfwRecord record;

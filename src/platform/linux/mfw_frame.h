@@ -34,8 +34,8 @@ static_assert(sizeof(SMfwFrameHeader) == 20);
 // Room for one record: with what it holds, as far as that is a usual message; a larger one takes memory.
 class CMfwRecord {
 public:
-    // Room for a body of that many bytes, with anything in it. Throws std::bad_alloc where memory is
-    // exhausted.
+    // Room for a body of that many bytes, with anything in it. Throws
+    // std::bad_alloc where memory is exhausted.
     void makeRoom(size_t bodySize) {
         if (bodySize > m_nRoom) {
             m_pLarge.reset(new uint8_t[OVU_MFW_DATA_OFFSET + bodySize]);
@@ -112,8 +112,8 @@ struct SMfwFiles {
 class CMfwFrameReader {
 public:
     // Takes the next frame from a non-blocking socket. If the result is Message, all of `message` but
-    // the sender is set; otherwise it is of no use. Where it throws std::bad_alloc, the frame is still in the
-    // socket.
+    // the sender is set; otherwise it is of no use. Where it throws std::bad_alloc, the frame
+    // is still in the socket.
     [[nodiscard]] EMfwReceived receive(int socket, SMfwMessage& message);
 
 private:

@@ -30,8 +30,8 @@ public:
     // From here on the process is found under `name`, so its socket must be listening already.
     [[nodiscard]] int publish(const std::string& name) const;
 
-    // Whether the file is still found at the directory's path. False also if there is no claim. One system
-    // call.
+    // Whether the file is still found at the directory's path. False also if there is
+    // no claim. One system call.
     [[nodiscard]] bool isInPlace() const;
 
     // Removes file and socket, and frees the lock. Harmless if there is no claim.

@@ -31,8 +31,8 @@ uint32_t notice(int signal) {
 }
 
 // Never returns. The callback may return, and is then called for the next signal as well; one that arrives
-// while it runs stays pending. "STOPPING=1" goes out first, since notice() may take half a second to ask
-// systemd.
+// while it runs stays pending. "STOPPING=1" goes out first, since notice() may take half
+// a second to ask systemd.
 void watch(OvuServiceCallback callback) {
     const sigset_t signals = serviceSignals();
     for (;;) {

@@ -4,8 +4,8 @@
 #define QEL_PLATFORM_LINUX_SYSTEMD_H
 
 // Sends `state`, one "NAME=value" on a line, to the service manager that started this process, in the
-// protocol of sd_notify(3). Does not wait and reports no failure. Does nothing where no manager asked for it
-// ($NOTIFY_SOCKET).
+// protocol of sd_notify(3). Does not wait and reports no failure. Does nothing where no
+// manager asked for it ($NOTIFY_SOCKET).
 void tellSystemd(const char* state);
 
 // Tells the manager that the caller's loop turns, if it watches over this process (sd_watchdog_enabled(3)).

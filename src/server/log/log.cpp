@@ -125,8 +125,8 @@ private:
     size_t m_nSize = 0;
 };
 
-// The environment is asked for each line; nothing in the daemon changes it, so getenv(3) is safe in any
-// thread.
+// The environment is asked for each line; nothing in the daemon changes it, so getenv(3)
+// is safe in any thread.
 const char* textLogPath() {
     const char* path = std::getenv("QEL_LOG_FILE");
     return path != nullptr && *path != '\0' ? path : sQelServerLogFileName;

@@ -29,8 +29,8 @@ public:
     CQelServer(const CQelServer&) = delete;
     CQelServer& operator=(const CQelServer&) = delete;
 
-    // Names the supplier of the feature list. Not owned: it must live as long as the process. Call it before
-    // init().
+    // Names the supplier of the feature list. Not owned: it must live as long as the
+    // process. Call it before init().
     static void setSupply(CFeatureSupply& supply);
 
     // Takes in the first feature list and opens everything that the loop needs. 1, or 0 with the reason in
@@ -41,16 +41,16 @@ public:
     // Releases the stop event and the endpoint. May be called any number of times, from any thread.
     void clear();
     // The main loop. Returns when the stop event has come; without an event it runs until the service
-    // manager's notice ends the process. The result is that of the last line of the log and has no other
-    // meaning.
+    // manager's notice ends the process. The result is that of the last line of the log
+    // and has no other meaning.
     int run();
 
     // The steps of the loop. 1 for success, 0 for a failure, which is logged and does not end the loop.
     int processMessages(); // receives one message at most, waiting up to nReceiveTimeout
     int checkSignal();     // the periodic passes: audit, then timeout
 
-    // Sends the stop event to this daemon itself. All ones where it holds no event, else the platform's
-    // result.
+    // Sends the stop event to this daemon itself. All ones where it holds no
+    // event, else the platform's result.
     uint32_t stop();
 
     // How long the loop waits for the stop event after a turn that took `elapsed`: 5 to 35. In milliseconds.

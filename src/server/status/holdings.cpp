@@ -10,8 +10,8 @@
 
 namespace {
 
-// Entries that a page looks at. Where an entry has many names or records, each four of them count as one
-// more.
+// Entries that a page looks at. Where an entry has many names or records, each four of
+// them count as one more.
 constexpr size_t nMaxVisits = 16384;
 
 const CComponent* findComponent(const CQelControl& control, const CStatusQuestion& question) {

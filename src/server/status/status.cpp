@@ -449,8 +449,8 @@ void startAnswering(CMFWServer& endpoint, const CFeatureSupply* supply) {
     oLoop.m_oUntilPass = std::min(length, nLongestTurn) * turnsLeft;
 }
 
-// A process id says nothing where the component announced none. To ask costs a system call each, once in an
-// audit.
+// A process id says nothing where the component announced none. To ask costs a system call
+// each, once in an audit.
 void notePass() {
     const CQelControl* control = CQelControl::instance();
     if (control == nullptr) {

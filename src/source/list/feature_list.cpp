@@ -115,8 +115,8 @@ private:
         m_nFeatures += block.m_bFeature ? 1 : 0;
     }
 
-    // Without its last blank lines, so that what was left open shows where the block ends, not where the next
-    // begins.
+    // Without its last blank lines, so that what was left open shows where the block ends,
+    // not where the next begins.
     bool parse(std::string_view text) {
         text = text.substr(0, text.find_last_not_of(" \t\r\n") + 1);
         const toml::parse_result result = toml::parse(text);
@@ -348,8 +348,8 @@ private:
         }
     }
 
-    // An empty file is most likely one that an editor is about to fill; taking it for a list would withdraw
-    // everything.
+    // An empty file is most likely one that an editor is about to fill; taking it for
+    // a list would withdraw everything.
     void checkCount() {
         if (m_oCount && *m_oCount != m_nFeatures) {
             error(m_nCountLine,

@@ -1,5 +1,5 @@
-// Reads and checks the operator's feature list file. Knows nothing of the daemon: qelctl checks files with it
-// too.
+// Reads and checks the operator's feature list file. Knows nothing of the daemon: qelctl
+// checks files with it too.
 #ifndef QEL_SOURCE_FEATURE_LIST_H
 #define QEL_SOURCE_FEATURE_LIST_H
 

@@ -25,8 +25,8 @@ struct SListSignature {
 };
 
 // There is one way to write a signature, and any other is a fault: no blank and no padding more or less, the
-// line feed at its end included. A second line of that kind is one, too, wherever it stands. Throws
-// std::bad_alloc.
+// line feed at its end included. A second line of that kind is one, too,
+// wherever it stands. Throws std::bad_alloc.
 [[nodiscard]] SListSignature readSignature(std::string_view text);
 
 // The line, with its line feed. The key's id and the bytes as in SListSignature.

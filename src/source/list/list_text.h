@@ -20,8 +20,8 @@ std::optional<SBadByte> findBadByte(std::string_view text);
 
 bool isControl(char c);
 
-// What the operator or the parser wrote comes back in errors: as it is, but on one line and of bearable
-// length.
+// What the operator or the parser wrote comes back in errors: as it is, but on one
+// line and of bearable length.
 std::string shown(std::string_view text, size_t limit = 40);
 
 // ": did you mean 'count'?" where one of the known words is near; else empty.

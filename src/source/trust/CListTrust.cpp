@@ -15,7 +15,7 @@ namespace {
 static_assert(sizeof SSigned::m_szKeyId == nListKeyId + 1);
 static_assert(sizeof SSigned::m_aSignature == nMaxListSignature);
 
-constexpr size_t nMaxWhy = 300;
+constexpr size_t nMaxWhy = 300; // bytes of a file's text in a line of the log
 
 SListProof fault(std::string text, bool isPassing) {
     SListProof proof;
@@ -52,12 +52,16 @@ std::string faultOf(const SListAnswer& answer, const SListSignature& signature, 
     return "cannot be verified: out of memory";
 }
 
+// What may be over at the next reading without a change of the list, so that it pays to try again: the clock is
+// set, memory and the directory come back. An expired certificate does not.
 bool isPassing(uint32_t verdict) {
     return verdict == lvNotYetValid || verdict == lvNoTrust || verdict == lvNoMemory;
 }
 
 } // namespace
 
+// A directory that was once seen is missed if it goes: removing it must not switch the check off. Any failure but
+// ENOENT counts as seen, for the same reason.
 bool CListTrust::isOn() {
     struct stat status {};
     m_bSeen =
@@ -74,6 +78,8 @@ SListProof CListTrust::verify(std::string_view text, EWhen when) const {
     if (entry.m_pFunction == nullptr) {
         return fault(fmt::format("cannot be verified: {}", shown(entry.m_szReason, nMaxWhy)), true);
     }
+    // A list that is only looked up again, such as the one kept, was in its time when it came into force: no
+    // clock is asked for it, so a wrong one cannot take it away.
     const SListQuestion question{m_oPath.m_sDirectory.c_str(),
                                  signature.m_sBody.data(),
                                  signature.m_sBody.size(),
@@ -83,10 +89,11 @@ SListProof CListTrust::verify(std::string_view text, EWhen when) const {
                                  when == now ? int64_t{nowTimeOfDay().tv_sec} : -1};
     SListAnswer answer;
     reinterpret_cast<decltype(&qelVerifyList)>(entry.m_pFunction)(&question, &answer);
-    restModule();
+    restModule(); // a list comes once in days; the module's pages are of no use meanwhile
     SListProof proof = fault(faultOf(answer, signature, m_oPath.m_sDirectory), isPassing(answer.m_nVerdict));
     proof.m_sKeyId = signature.m_sKeyId;
     proof.m_sSigner = shown(answer.m_szSigner, nMaxWhy);
+    // Where no certificate could be read, that is the fault itself and needs no warning beside it.
     proof.m_sWarning = answer.m_nVerdict == lvNoTrust ? "" : shown(answer.m_szLeftOut, nMaxWhy);
     return proof;
 }

@@ -44,7 +44,7 @@ SSealedList judgeList(const SWholeFile& file, CListTrust& trust, CListTrust::EWh
         return sealed;
     }
     const bool isOn = trust.isOn();
-    if (isOn) {
+    if (isOn) { // before the parser: it sees only bytes that somebody answers for
         sealed.m_oProof = trust.verify(file.m_sText, when);
         if (!sealed.m_oProof.isGood()) {
             list.add({0, sealed.m_oProof.m_sFault});
@@ -53,6 +53,7 @@ SSealedList judgeList(const SWholeFile& file, CListTrust& trust, CListTrust::EWh
         }
     }
     list = parseFeatureList(file.m_sText);
+    // Serial and scope mean something only under a signature: without one anybody could have written them.
     if (!isOn || !list.isGood()) {
         return sealed;
     }
@@ -65,6 +66,8 @@ SSealedList judgeList(const SWholeFile& file, CListTrust& trust, CListTrust::EWh
     return sealed;
 }
 
+// The same serial with the same body is the list in force read again, which is good; with another body it is a
+// second list under a number that was given away.
 void checkSerial(SSealedList& sealed, const SSerialFloor& floor) {
     const uint64_t serial = sealed.m_oFloor.m_nSerial;
     if (!sealed.m_bVerified || serial > floor.m_nSerial ||
@@ -86,6 +89,7 @@ std::optional<SSerialFloor> floorOf(const std::string& path, CListTrust& trust) 
     const SWholeFile file = readWholeFile(path, nMaxListFileSize);
     const SListProof proof =
         file.m_sError.empty() ? trust.verify(file.m_sText, CListTrust::ever) : SListProof{};
+    // It cannot be told for now. No floor at all would let an old list in.
     if (file.m_bPassing || proof.m_bPassing) {
         return std::nullopt;
     }
