@@ -33,7 +33,7 @@ struct CStatusHoldings {
     CBigEndian32 m_nMonitors;  // 1: is told of changes
     CBigEndian32 m_nInForce;   // pairs
     CBigEndian32 m_nUnderWay;  // deliveries
-    CBigEndian32 m_aDigest[2]; // sum of digestOf() over what it holds and what it has refused
+    CBigEndian32 m_aDigest[2]; // sum of digestOf() over the pairs in force
 };
 static_assert(sizeof(CStatusHoldings) == 40);
 
@@ -46,12 +46,10 @@ struct CStatusHeld {
 };
 static_assert(sizeof(CStatusHeld) == 24);
 
-// One pair's part of the digest, which does not depend on their order; 0 for neither. Code and data as one
-// number, code first, are mixed with the kind; each step is a bijection of 64 bits.
+// One pair's part of the digest, which does not depend on their order. Code and data as one number, code first,
+// are mixed with the kind; each step is a bijection of 64 bits. A pair that is neither held nor refused has its
+// part, too: otherwise a difference would look the same before and after the pair was withdrawn.
 inline uint64_t digestOf(const SFeature& pair, EHeld held) {
-    if (held == heNeither) {
-        return 0;
-    }
     uint64_t mixed = (uint64_t{pair.m_nCode} << 32 | pair.m_nData) + held * 0x9E3779B97F4A7C15;
     mixed = (mixed ^ (mixed >> 30)) * 0xBF58476D1CE4E5B9;
     mixed = (mixed ^ (mixed >> 27)) * 0x94D049BB133111EB;
