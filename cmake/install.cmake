@@ -49,6 +49,11 @@ if(TARGET qelagent)
           COMPONENT qelagent)
 endif()
 
+# What qelctl fleet starts, in the directory of the module: nobody starts it by hand.
+if(TARGET qelctl-fleet)
+  install(TARGETS qelctl-fleet RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}/../lib/qel COMPONENT qelfleet)
+endif()
+
 # The library. The static one is a file to us: its target differs with the platform and the sanitizers.
 set(archive qelclient_static)
 if(TARGET qelclient_archive)

@@ -93,7 +93,10 @@ void CAgent::tellState(CTime now) {
 }
 
 CJson CAgent::head(bool isOnline) const {
-    return {{"schema", nStateSchema}, {"appliance", m_oConfig.m_sAppliance}, {"online", isOnline}};
+    return {{"schema", nStateSchema},
+            {"appliance", m_oConfig.m_sAppliance},
+            {"groups", m_oConfig.m_vGroups},
+            {"online", isOnline}};
 }
 
 std::string CAgent::state() const {

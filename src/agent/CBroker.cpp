@@ -145,9 +145,11 @@ void CBroker::turn(std::chrono::milliseconds wait) {
 void CBroker::connect() {
     m_bConnecting = true;
     m_sDetail.clear();
-    const std::string will = m_oUser.will();
-    mosquitto_will_set_v5(m_pClient, m_sWillTopic.c_str(), static_cast<int>(will.size()), will.data(),
-                          nAtLeastOnce, true, nullptr);
+    if (!m_sWillTopic.empty()) {
+        const std::string will = m_oUser.will();
+        mosquitto_will_set_v5(m_pClient, m_sWillTopic.c_str(), static_cast<int>(will.size()), will.data(),
+                              nAtLeastOnce, true, nullptr);
+    }
     const int result =
         mosquitto_connect_bind_v5(m_pClient, m_oConfig.m_sHost.c_str(), static_cast<int>(m_oConfig.m_nPort),
                                   nKeepAlive, nullptr, nullptr);

@@ -49,7 +49,7 @@ public:
     CBroker& operator=(const CBroker&) = delete;
 
     // Reads certificates, key and password. The result says what is wrong with them; empty: nothing. The
-    // will is told on `willTopic`.
+    // will is told on `willTopic`; empty: there is none.
     [[nodiscard]] std::string prepare(std::string willTopic);
 
     // Connects if that is due; then handles what comes, and waits for it at most so long.
@@ -59,6 +59,7 @@ public:
     // False: there is no connection; it is not kept for the next.
     bool subscribe(const std::vector<std::string>& topics);
     bool publish(const std::string& topic, std::string_view text); // retained, told at least once
+    size_t unsent() const { return m_vUnsent.size(); } // messages that the broker has not confirmed
     // Tells the last word, and ends the connection; takes two seconds at most.
     void leave(const std::string& topic, std::string_view text);
 

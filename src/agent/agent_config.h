@@ -1,4 +1,5 @@
-// The agent's configuration, /etc/qel/agent.toml.
+// The agent's configuration, /etc/qel/agent.toml; and that of an operator's machine, /etc/qel/fleet.toml, which
+// is the same without appliance and groups.
 #ifndef QEL_AGENT_AGENT_CONFIG_H
 #define QEL_AGENT_AGENT_CONFIG_H
 

@@ -27,8 +27,10 @@ struct SExitText {
 inline constexpr SExitText aExitTexts[] = {
     {exitOk, "yes: done, delivered, good"},
     {exitFailed, "bad input, or the output cannot be written"},
-    {exitNoDaemon, "no daemon answers, or it has no list"},
-    {exitRefused, "a component has refused or was given up, or the daemon has refused its list"},
+    {exitNoDaemon, "no daemon answers, or it has no list; of fleet: no broker"},
+    {exitRefused,
+     "a component has refused or was given up, or the daemon has refused its list; or a rollout has "
+     "stopped"},
     {exitNotYet, "not yet: something is under way"},
     {exitUsage, "the command line is wrong"},
 };
@@ -149,5 +151,6 @@ int runSchema();
 int runExplain(const SExplainOptions& options);
 int runMetrics(const SMetricsOptions& options);
 int runPage(const SPageOptions& options);
+int runFleet(char** arguments);
 
 #endif

@@ -29,6 +29,8 @@ inline constexpr SEnvironmentText aEnvironmentTexts[] = {
      "compiled in; the host's name if it does not exist"},
     {"QEL_DESCRIPTION", true, true, false, false, "the feature description file, for daemon and qelctl",
      "compiled in"},
+    {"QEL_FLEET_CONFIG", false, true, false, false, "the configuration of qelctl fleet",
+     "/etc/qel/fleet.toml"},
     {"NO_COLOR", false, true, false, false, "if it is not empty, qelctl prints no colours", "-"},
     {"TERM", false, true, false, false, "if it is dumb, qelctl prints no colours", "-"},
     {"COLUMNS", false, true, false, false, "the width of qelctl's tables",

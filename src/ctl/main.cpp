@@ -285,6 +285,12 @@ void addSchema(CLI::App& command, SOptions&) {
     command.footer("Editors that know it check a list while it is written.");
 }
 
+void addFleet(CLI::App& command, SOptions&) {
+    command.footer(
+        "status, watch, apply, undo, rollout: qelctl fleet --help tells more.\n"
+        "The configuration is that of QEL_FLEET_CONFIG in the environment, else /etc/qel/fleet.toml.");
+}
+
 void addHelp(CLI::App& command, SOptions& all) {
     command.add_option("COMMAND", all.m_sHelp, "Which command");
     command.add_flag("--json", all.m_bHelpJson, "Print JSON, of all commands");
@@ -294,7 +300,7 @@ struct SCommand {
     const char* m_szName;
     const char* m_szSummary;
     void (*m_fnAdd)(CLI::App& command, SOptions& options);
-    int (*m_fnRun)(const SOptions& options); // null: help, which run() prints
+    int (*m_fnRun)(const SOptions& options); // null: help and fleet, which run() sees to
 };
 
 constexpr SCommand aCommands[] = {
@@ -330,6 +336,7 @@ constexpr SCommand aCommands[] = {
      [](const SOptions&) { return runSchema(); }},
     {"daemon", "Play the daemon by a script, to test a component.", addDaemon,
      [](const SOptions& options) { return runDaemon(options.m_oDaemon); }},
+    {"fleet", "Many appliances: their state, and one signed list for all, step by step.", addFleet, nullptr},
     {"help", "Print this, or the help of a command.", addHelp, nullptr},
 };
 
@@ -380,6 +387,9 @@ int printHelp(const CLI::App& app, const SOptions& options, const std::string& a
 int run(int argc, char** argv) {
     if (argc > 1 && argv[1][0] != '-' && findCommand(argv[1]) == nullptr) {
         return refuseCommand(argv[1]);
+    }
+    if (argc > 1 && std::string_view(argv[1]) == "fleet") {
+        return runFleet(argv + 1);
     }
     SOptions options;
     CLI::App app("Ask the feature daemon, check its list, or act as one of its components.", "qelctl");
