@@ -98,9 +98,9 @@ std::string CRolloutDriver::claim() {
     if (mine == m_oView.rollouts().end() || mine->second.m_sId != m_oRollout.m_sId) {
         return "another operator has begun a rollout to the same group at the same moment";
     }
-    const std::string overlap = overlapOf(m_oRollout, m_oView);
     for (const auto& [group, other] : m_oView.rollouts()) {
-        if (!overlap.empty() && other.isAlive() && other.m_sId < m_oRollout.m_sId) {
+        if (other.isAlive() && other.m_sId < m_oRollout.m_sId && !inCommon(m_oRollout, other).empty()) {
+            const std::string overlap = overlapOf(m_oRollout, m_oView);
             return end(ERolloutState::aborted, overlap) ? overlap : "the broker is gone";
         }
     }

@@ -4,6 +4,7 @@
 #include "ctl/json.h"
 
 #include <algorithm>
+#include <limits>
 
 namespace {
 
@@ -22,11 +23,19 @@ bool isRising(const std::vector<double>& steps) {
            std::adjacent_find(steps.begin(), steps.end(), std::greater_equal<>()) == steps.end();
 }
 
+// Above what a time may be, it is the longest that there is: no difference of two overflows. Throws where it is no
+// whole number, or a negative one.
+int64_t secondsAt(const CJson& json, const char* key) {
+    constexpr uint64_t nLongest = std::numeric_limits<int64_t>::max();
+    return static_cast<int64_t>(
+        std::min<uint64_t>(json.at(key).get_ref<const CJson::number_unsigned_t&>(), nLongest));
+}
+
 SRollout parse(const CJson& json) {
     SRollout rollout;
     json.at("id").get_to(rollout.m_sId);
     json.at("group").get_to(rollout.m_sGroup);
-    json.at("serial").get_to(rollout.m_nSerial);
+    rollout.m_nSerial = json.at("serial").get_ref<const CJson::number_unsigned_t&>();
     json.at("digest").get_to(rollout.m_sDigest);
     json.at("replaces").get_to(rollout.m_sReplaces);
     json.at("appliances").get_to(rollout.m_vAppliances);
@@ -36,15 +45,15 @@ SRollout parse(const CJson& json) {
     json.at("steps").get_to(rollout.m_vSteps);
     json.at("success").get_to(rollout.m_nSuccess);
     json.at("stop_at").get_to(rollout.m_nStopAt);
-    json.at("at_least").get_to(rollout.m_nAtLeast);
-    json.at("patience").get_to(rollout.m_nPatience);
+    rollout.m_nAtLeast = json.at("at_least").get_ref<const CJson::number_unsigned_t&>();
+    rollout.m_nPatience = secondsAt(json, "patience");
     json.at("by_group").get_to(rollout.m_bByGroup);
-    json.at("step").get_to(rollout.m_nStep);
-    json.at("begun").get_to(rollout.m_tBegun);
-    json.at("step_since").get_to(rollout.m_tStep);
+    rollout.m_nStep = static_cast<size_t>(json.at("step").get_ref<const CJson::number_unsigned_t&>());
+    rollout.m_tBegun = secondsAt(json, "begun");
+    rollout.m_tStep = secondsAt(json, "step_since");
     json.at("away").get_to(rollout.m_vAway);
     json.at("driver").get_to(rollout.m_sDriver);
-    json.at("heartbeat").get_to(rollout.m_tBeat);
+    rollout.m_tBeat = secondsAt(json, "heartbeat");
     json.at("reason").get_to(rollout.m_sReason);
     const auto* state =
         std::find(std::begin(aRolloutStates), std::end(aRolloutStates), json.at("state").get<std::string>());

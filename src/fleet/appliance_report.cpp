@@ -1,6 +1,7 @@
 #include "fleet/appliance_report.h"
 
 #include "ctl/json.h"
+#include "ctl/pairs.h"
 #include "ctl/terminal.h"
 
 #include <algorithm>
@@ -80,18 +81,12 @@ void readDaemon(SApplianceReport& report, const CJson& state) {
     }
 }
 
-std::string age(int64_t seconds) {
-    struct SUnit {
-        int64_t m_nSeconds;
-        const char* m_szName;
+// Times in a state may be any; one that is yet to come is now.
+std::string ageOf(int64_t since, int64_t now) {
+    const auto seconds = [](int64_t time) {
+        return static_cast<uint32_t>(std::clamp<int64_t>(time, 0, UINT32_MAX));
     };
-    static constexpr SUnit aUnits[] = {{86400, "d"}, {3600, "h"}, {60, "min"}};
-    for (const SUnit& unit : aUnits) {
-        if (seconds >= 2 * unit.m_nSeconds) {
-            return fmt::format("{} {}", seconds / unit.m_nSeconds, unit.m_szName);
-        }
-    }
-    return fmt::format("{} s", std::max<int64_t>(seconds, 0));
+    return age(seconds(since), seconds(now));
 }
 
 } // namespace
@@ -191,7 +186,7 @@ std::string seenOf(const SApplianceReport& report, int64_t now) {
         return "now";
     }
     if (report.m_tLeft != 0) {
-        return age(now - report.m_tLeft);
+        return ageOf(report.m_tLeft, now);
     }
-    return report.m_tConnected != 0 ? "<" + age(now - report.m_tConnected) : "";
+    return report.m_tConnected != 0 ? "<" + ageOf(report.m_tConnected, now) : "";
 }

@@ -371,7 +371,7 @@ int CFleetRollout::put(SRollout rollout, ERolloutState state) {
 
 int CFleetRollout::resume(const SRollout& rollout) {
     if (rollout.m_eState == ERolloutState::running && !isDriverless(rollout, std::time(nullptr))) {
-        return fail(fmt::format("{} drives it, and was heard {} s ago", rollout.m_sDriver,
+        return fail(fmt::format("{} drives it, and was heard {} s ago", printable(rollout.m_sDriver),
                                 std::time(nullptr) - rollout.m_tBeat));
     }
     if (const std::string overlap = overlapOf(rollout, m_oSession.m_oView); !overlap.empty()) {

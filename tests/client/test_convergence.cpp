@@ -18,7 +18,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-// The library draws its chance from the process, too. Here that is always the same, so that a round can be repeated.
+// The library draws its chance from the process, too. Here that is always the same, so that a round can be
+// repeated.
 extern "C" pid_t getpid() noexcept {
     return 4711;
 }

@@ -135,8 +135,8 @@ TEST(Rollout, WhoWasAwayDoesNotCountUntilHeIsBack) {
 }
 
 // Thousands of appliances, each of which answers at a random moment; a share of them badly. Whatever the dice
-// say: no step begins before the share of the one before was there, the rollout ends, and it ends well only if few
-// were bad.
+// say: no step begins before the share of the one before was there, the rollout ends, and it ends well only
+// if few were bad.
 TEST(Rollout, NeverGoesOnWithoutItsShare) {
     for (uint32_t seed = 0; seed < 20; ++seed) {
         SCOPED_TRACE(seed);
@@ -204,12 +204,21 @@ TEST(Rollout, ReadsWhatItWroteAndNothingElse) {
         EXPECT_FALSE(readRollout(text.substr(0, i)));
         (void)readReport(state('R').substr(0, i));
     }
+    const auto withBeat = [&](const std::string& beat) {
+        std::string other = text;
+        const std::string key = "\"heartbeat\":";
+        return readRollout(other.replace(other.find(key), key.size() + 1, key + beat));
+    };
+    EXPECT_FALSE(withBeat("-9223372036854775808")) << "no difference to it would be a number";
+    EXPECT_FALSE(withBeat("1e300"));
+    EXPECT_EQ(withBeat("18446744073709551615").value().m_tBeat, INT64_MAX);
     CFleetView view("f");
     view.take("qel/1/f/state/../x", state('D'));
     view.take("qel/1/f/state/a\x1b[2J", state('D'));
     view.take("qel/1/other/state/a", state('D'));
     view.take("qel/1/f/rollout/other", text);
-    EXPECT_TRUE(view.reports().empty() && view.rollouts().empty());
+    EXPECT_TRUE(view.reports().empty());
+    EXPECT_TRUE(view.rollouts().empty());
     EXPECT_EQ(view.unreadable().size(), 1U);
 }
 

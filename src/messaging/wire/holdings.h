@@ -46,9 +46,9 @@ struct CStatusHeld {
 };
 static_assert(sizeof(CStatusHeld) == 24);
 
-// One pair's part of the digest, which does not depend on their order. Code and data as one number, code first,
-// are mixed with the kind; each step is a bijection of 64 bits. A pair that is neither held nor refused has its
-// part, too: otherwise a difference would look the same before and after the pair was withdrawn.
+// One pair's part of the digest, which does not depend on their order. Code and data as one number, code
+// first, are mixed with the kind; each step is a bijection of 64 bits. A pair that is neither held nor refused
+// has its part, too: otherwise a difference would look the same before and after the pair was withdrawn.
 inline uint64_t digestOf(const SFeature& pair, EHeld held) {
     uint64_t mixed = (uint64_t{pair.m_nCode} << 32 | pair.m_nData) + held * 0x9E3779B97F4A7C15;
     mixed = (mixed ^ (mixed >> 30)) * 0xBF58476D1CE4E5B9;
